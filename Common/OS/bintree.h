@@ -1,0 +1,52 @@
+// Height-balanced (AVL) search tree from unsigned 32-bit keys to object pointers.
+// Owner:   the tree owns its leaves and its handle, never the objects.
+// Locking: none; the user of a tree locks it.
+#pragma once
+
+#include "Common/types.h"
+
+// Handle of a tree: the address of its BinaryTreeT. 0: the tree could not be created.
+using tBTreeHandle = UInt32;
+
+enum eFactorT : Int32 {
+    RIGHT_HEAVY = -1, // the right subtree is one level taller
+    BALANCED = 0,
+    LEFT_HEAVY = 1, // the left subtree is one level taller
+};
+
+struct BinaryLeafT {
+    BinaryLeafT *left;  // smaller keys
+    UInt32 leftcount;   // set to 0, never maintained
+    BinaryLeafT *right; // larger keys
+    UInt32 rightcount;  // set to 0, never maintained
+    eFactorT factor;
+    UInt32 key;
+    void *pObject;
+};
+
+struct BinaryTreeT {
+    UInt32 leafCount; // always 0: never counted up, do not rely on it
+    BinaryLeafT *pBaseLeaf;
+};
+
+// One entry of the array that BuildTree takes.
+struct BTreeLeavesT {
+    UInt32 key;
+    void *pObject;
+};
+
+// Returns an empty tree, or 0 when memory runs out.
+tBTreeHandle CreateTree();
+
+// Stores an object under a key that must not be there yet (a duplicate stops the program).
+// Always returns kNoError, also when memory ran out and the object was silently not stored.
+eErrorT InsertItem(tBTreeHandle handle, UInt32 key, void *pObject);
+
+// Returns the object stored under the key, or null. A null handle stops the program.
+void *SearchTree(tBTreeHandle handle, UInt32 key);
+
+// Frees every leaf. The handle stays valid, and empty. A null handle stops the program.
+void DestroyTree(tBTreeHandle handle);
+
+// Empties the tree, then inserts the entries in array order. Returns kNoError.
+eErrorT BuildTree(tBTreeHandle handle, const BTreeLeavesT *pLeaves, UInt32 count);

@@ -1,0 +1,23 @@
+// Memory that a 32-bit identifier can designate. Tasks, timers, semaphores, trees and devices are
+// known by the 32-bit address of their record. On a 32-bit machine that is a plain cast; on a
+// 64-bit host such records come from one region below 4 GiB.
+// Locking: safe from any thread; no call here is a cancellation point.
+#pragma once
+
+#include "Common/types.h"
+
+// Returns size zeroed bytes, aligned for any type, or null when there is no memory left (64-bit
+// hosts: when the region of 16 MiB is used up). The caller owns the block and gives it to low_free.
+void *low_calloc(UInt32 size);
+
+// Gives a block back; null is ignored.
+void low_free(void *block);
+
+// The identifier of a record. An address that does not fit in 32 bits stops the program.
+UInt32 low_id(const void *record);
+
+// The record that an identifier designates. Identifiers are not checked.
+template <class Record> Record *low_pointer(UInt32 id)
+{
+    return reinterpret_cast<Record *>(static_cast<std::uintptr_t>(id));
+}

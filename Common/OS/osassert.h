@@ -1,0 +1,12 @@
+// Assertions that stop the program on a programming error. They are part of the contract, so they
+// stay on in every build.
+#pragma once
+
+// Flushes standard output, prints "<text>, file <file>, line <line>, function <function>" to
+// standard error, and aborts.
+[[noreturn]] void os_assert_failed(const char *text, const char *file, int line, const char *function);
+
+// The condition is always evaluated, once. The text is what each assertion is documented to print;
+// it is not always what the compiler would make of the condition.
+#define os_assert(condition, text)                                                                                     \
+    ((condition) ? static_cast<void>(0) : os_assert_failed(text, __FILE__, __LINE__, __func__))

@@ -1,0 +1,42 @@
+// The system log writer: a ring of completed lines and the task "logw" that prints them.
+//
+// Before InitSyslogInterface, and in a process that never calls it, every line is dropped.
+// Locking: any task may add lines; log_Semaphore serialises them. The writer task alone moves the
+//          head and reads the ring without the semaphore.
+#pragma once
+
+#include "Common/types.h"
+
+// Queues one completed line (six characters of level, seven of processor tag, text, newline), or
+// drops it: it is empty, its level is above the threshold, there is no writer, or the ring is full
+// (announced on standard error and, if there is room, in the ring). msglen is not used.
+void syslogAdd(const char *msg, Int32 msglen);
+
+// Level of a line by its first character: "E" 3, "C" 2, "I" 6, "W" 4, anything else 7.
+Int32 mapLogLevel(char levelChar);
+
+// Lines above this level are dropped. 7 at start: all pass.
+void syslogSetLogLevel(Int32 level);
+
+// Empties the ring and starts the writer; to be called once. A failure is reported through logcrit
+// and leaves lines queued and never printed.
+void InitSyslogInterface();
+
+// Body of the writer task; prints everything queued. Only the writer task may call it.
+void logWriterThread(UInt32, UInt32, UInt32, UInt32);
+void syslogDrainQueue();
+
+// Logs with a level and no component.
+__attribute__((format(printf, 2, 3))) void cm_syslog(Int32 pri, const char *fmt, ...);
+
+// The classic call set. The settings are kept and nothing consults them.
+void openlog(const char *ident, Int32 logstat, Int32 logfac);
+void closelog();
+Int32 setlogmask(Int32 pmask);      // returns the old mask; 0 changes nothing
+Int32 setloglocalmask(Int32 pmask); // the same for the local mask
+Int32 getlogmask();
+Int32 getloglocalmask();
+void setlogfacility(Int32 facility);
+Int32 getlogfacility();
+Int32 setlogaddr(const char *hostname); // always -1
+const char *getlogaddr();
