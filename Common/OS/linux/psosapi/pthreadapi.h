@@ -57,8 +57,7 @@ struct TCB {
     Int32 tid;              // kernel thread id; only when gLibPThreadNPTL is 1
     Int32 systime, usrtime; // clock ticks seen by the last usage report
     TCB *next;
-    Int32 claimed; // somebody is deleting the task and will free the block
-    Int32 asleep;  // the task is inside its condition wait, so it owns event_mutex when cancelled
+    Int32 claimed; // somebody is deleting the task, and is the only one to free the block
 };
 
 // The task list in creation order, the tree from thread to TCB, and the lock of both.
@@ -145,6 +144,7 @@ void TreeStub();
 // The TCB of a thread, or null.
 TCB *FindTcbThread(pthread_t thread);
 
-// Print the task table, and each task's processor usage since the last report, on standard output.
+// Print the task table, and each task's processor time since the last report in clock ticks of the
+// system, on standard output.
 void osTaskDump();
 void osTaskUsage();
