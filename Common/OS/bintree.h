@@ -8,32 +8,36 @@
 // Handle of a tree: the address of its BinaryTreeT. 0: the tree could not be created.
 using tBTreeHandle = UInt32;
 
-enum eFactorT : Int32 {
+enum eFactorS : Int32 {
     RIGHT_HEAVY = -1, // the right subtree is one level taller
     BALANCED = 0,
     LEFT_HEAVY = 1, // the left subtree is one level taller
 };
+using eFactorT = eFactorS;
 
-struct BinaryLeafT {
-    BinaryLeafT *left;  // smaller keys
+struct BinaryLeafS {
+    BinaryLeafS *left;  // smaller keys
     UInt32 leftcount;   // set to 0, never maintained
-    BinaryLeafT *right; // larger keys
+    BinaryLeafS *right; // larger keys
     UInt32 rightcount;  // set to 0, never maintained
     eFactorT factor;
     UInt32 key;
     void *pObject;
 };
+using BinaryLeafT = BinaryLeafS;
 
-struct BinaryTreeT {
+struct BinaryTreeS {
     UInt32 leafCount; // always 0: never counted up, do not rely on it
     BinaryLeafT *pBaseLeaf;
 };
+using BinaryTreeT = BinaryTreeS;
 
 // One entry of the array that BuildTree takes.
-struct BTreeLeavesT {
+struct BTreeLeavesS {
     UInt32 key;
     void *pObject;
 };
+using BTreeLeavesT = BTreeLeavesS;
 
 // Returns an empty tree, or 0 when memory runs out.
 tBTreeHandle CreateTree();

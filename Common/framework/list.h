@@ -9,10 +9,11 @@
 #include "Common/types.h"
 
 // Not listed: both links null (fresh, ListInit) or both pointing at the element (taken off a list).
-struct ListT {
-    ListT *next;
-    ListT *prev;
+struct ListS {
+    ListS *next;
+    ListS *prev;
 };
+using ListT = ListS;
 
 // Nonzero accepts the element.
 using ListCompareT = Int32 (*)(ListT *pElem, void *pUserDefined1, void *pUserDefined2);

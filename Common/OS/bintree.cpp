@@ -1,0 +1,178 @@
+#include "Common/OS/bintree.h"
+
+#include "Common/OS/linux/lowmem.h"
+#include "Common/OS/osassert.h"
+
+#include <cstdlib>
+
+namespace
+{
+
+// Null when memory runs out.
+BinaryLeafT *BuildLeaf(UInt32 key, void *pObject)
+{
+    auto *pLeaf = static_cast<BinaryLeafT *>(std::malloc(sizeof(BinaryLeafT)));
+    if (pLeaf != nullptr)
+        *pLeaf = {.left = nullptr,
+                  .leftcount = 0,
+                  .right = nullptr,
+                  .rightcount = 0,
+                  .factor = BALANCED,
+                  .key = key,
+                  .pObject = pObject};
+    return pLeaf;
+}
+
+void DestroyLeaf(BinaryLeafT *pLeaf)
+{
+    if (pLeaf == nullptr)
+        return;
+    DestroyLeaf(pLeaf->left);
+    DestroyLeaf(pLeaf->right);
+    std::free(pLeaf);
+}
+
+BinaryLeafT *SearchLeaf(BinaryLeafT *pLeaf, UInt32 key)
+{
+    while (pLeaf != nullptr && pLeaf->key != key)
+        pLeaf = key > pLeaf->key ? pLeaf->right : pLeaf->left;
+    return pLeaf;
+}
+
+// ---- Rebalancing. Each takes a subtree whose named side has become two levels taller and returns
+// its new root; the height is then what it was before the insertion.
+
+// After a double rotation: the new root's old factor tells which of its children got the shorter of
+// its former subtrees.
+void BalanceDoubleRotation(BinaryLeafT *pRoot)
+{
+    pRoot->left->factor = pRoot->factor == RIGHT_HEAVY ? LEFT_HEAVY : BALANCED;
+    pRoot->right->factor = pRoot->factor == LEFT_HEAVY ? RIGHT_HEAVY : BALANCED;
+    pRoot->factor = BALANCED;
+}
+
+BinaryLeafT *RotateLeftLeft(BinaryLeafT *pLeaf)
+{
+    BinaryLeafT *pChild = pLeaf->left;
+    pLeaf->left = pChild->right;
+    pChild->right = pLeaf;
+    pLeaf->factor = BALANCED;
+    pChild->factor = BALANCED;
+    return pChild;
+}
+
+BinaryLeafT *RotateLeftRight(BinaryLeafT *pLeaf)
+{
+    BinaryLeafT *pChild = pLeaf->left;
+    BinaryLeafT *pGrandchild = pChild->right;
+    pChild->right = pGrandchild->left;
+    pLeaf->left = pGrandchild->right;
+    pGrandchild->left = pChild;
+    pGrandchild->right = pLeaf;
+    BalanceDoubleRotation(pGrandchild);
+    return pGrandchild;
+}
+
+BinaryLeafT *RotateLeft(BinaryLeafT *pLeaf)
+{
+    return pLeaf->left->factor == LEFT_HEAVY ? RotateLeftLeft(pLeaf) : RotateLeftRight(pLeaf);
+}
+
+BinaryLeafT *RotateRightRight(BinaryLeafT *pLeaf)
+{
+    BinaryLeafT *pChild = pLeaf->right;
+    pLeaf->right = pChild->left;
+    pChild->left = pLeaf;
+    pLeaf->factor = BALANCED;
+    pChild->factor = BALANCED;
+    return pChild;
+}
+
+BinaryLeafT *RotateRightLeft(BinaryLeafT *pLeaf)
+{
+    BinaryLeafT *pChild = pLeaf->right;
+    BinaryLeafT *pGrandchild = pChild->left;
+    pChild->left = pGrandchild->right;
+    pLeaf->right = pGrandchild->left;
+    pGrandchild->right = pChild;
+    pGrandchild->left = pLeaf;
+    BalanceDoubleRotation(pGrandchild);
+    return pGrandchild;
+}
+
+BinaryLeafT *RotateRight(BinaryLeafT *pLeaf)
+{
+    return pLeaf->right->factor == RIGHT_HEAVY ? RotateRightRight(pLeaf) : RotateRightLeft(pLeaf);
+}
+
+// ---- Insertion
+
+// One side of the subtree has grown a level. Returns the subtree's new root; *pDone tells whether
+// the subtree as a whole kept its height.
+BinaryLeafT *SideGrew(BinaryLeafT *pLeaf, eFactorT side, bool *pDone)
+{
+    *pDone = pLeaf->factor != BALANCED;
+    if (pLeaf->factor == side)
+        return side == LEFT_HEAVY ? RotateLeft(pLeaf) : RotateRight(pLeaf);
+    pLeaf->factor = *pDone ? BALANCED : side;
+    return pLeaf;
+}
+
+// Returns the new root of the subtree; *pDone tells whether its height is unchanged.
+BinaryLeafT *AddLeaf(BinaryLeafT *pLeaf, UInt32 key, void *pObject, bool *pDone)
+{
+    if (pLeaf == nullptr) {
+        BinaryLeafT *pNew = BuildLeaf(key, pObject);
+        *pDone = pNew == nullptr; // without memory nothing has grown: the factors above must stay true
+        return pNew;
+    }
+    os_assert(pLeaf->key != key, "pLeaf->key != key");
+    const bool goesLeft = key < pLeaf->key;
+    BinaryLeafT *&rSide = goesLeft ? pLeaf->left : pLeaf->right;
+    rSide = AddLeaf(rSide, key, pObject, pDone);
+    return *pDone ? pLeaf : SideGrew(pLeaf, goesLeft ? LEFT_HEAVY : RIGHT_HEAVY, pDone);
+}
+
+// A null handle stops the program.
+BinaryTreeT *FindTree(tBTreeHandle handle)
+{
+    auto *pTree = low_pointer<BinaryTreeT>(handle);
+    os_assert(pTree, "pTree");
+    return pTree;
+}
+
+} // namespace
+
+tBTreeHandle CreateTree()
+{
+    return low_id(low_calloc(sizeof(BinaryTreeT)));
+}
+
+eErrorT InsertItem(tBTreeHandle handle, UInt32 key, void *pObject)
+{
+    BinaryTreeT *pTree = FindTree(handle);
+    bool done = false;
+    pTree->pBaseLeaf = AddLeaf(pTree->pBaseLeaf, key, pObject, &done);
+    return kNoError;
+}
+
+void *SearchTree(tBTreeHandle handle, UInt32 key)
+{
+    const BinaryLeafT *pLeaf = SearchLeaf(FindTree(handle)->pBaseLeaf, key);
+    return pLeaf != nullptr ? pLeaf->pObject : nullptr;
+}
+
+void DestroyTree(tBTreeHandle handle)
+{
+    BinaryTreeT *pTree = FindTree(handle);
+    DestroyLeaf(pTree->pBaseLeaf);
+    *pTree = {.leafCount = 0, .pBaseLeaf = nullptr};
+}
+
+eErrorT BuildTree(tBTreeHandle handle, const BTreeLeavesT *pLeaves, UInt32 count)
+{
+    DestroyTree(handle);
+    for (UInt32 i = 0; i < count; i++)
+        InsertItem(handle, pLeaves[i].key, pLeaves[i].pObject);
+    return kNoError;
+}

@@ -1,0 +1,379 @@
+#include "Common/OS/linux/oslinux.h"
+
+#include "Common/OS/linux/mutexhold.h"
+#include "Common/OS/linux/psosapi/pthreadapi.h"
+#include "Common/OS/linux/psosapi/ptimer.h"
+#include "Common/OS/linux/psosapi/semaphore.h"
+#include "Common/OS/logmsg.h"
+#include "Common/OS/osassert.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <charconv>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <memory>
+#include <pthread.h>
+#include <unistd.h>
+
+Int32 ProcessorCnt;
+
+namespace
+{
+
+pthread_mutex_t intsoffmutex = PTHREAD_MUTEX_INITIALIZER;
+pthread_t intsoffthread; // the holder, 0 when free
+UInt32 intsoffcount;
+
+hwTypeT sHwType = kUninitialized;
+
+constexpr char kRelayPath[] = "/tmp/plaunch";
+constexpr std::size_t kRelayLine = 127;
+
+// ---- Descriptors and streams that outlive neither their scope nor a cancelled task
+
+// Closing is a cancellation point, and a cancellation that acts in a destructor ends the program.
+class CancelOffHold
+{
+public:
+    CancelOffHold() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
+    ~CancelOffHold() { pthread_setcancelstate(before_, nullptr); }
+    CancelOffHold(const CancelOffHold &) = delete;
+    CancelOffHold &operator=(const CancelOffHold &) = delete;
+
+private:
+    int before_ = 0;
+};
+
+class OpenFile
+{
+public:
+    OpenFile(const char *path, int flags) : fd_(open(path, flags | O_CLOEXEC)) {}
+    ~OpenFile()
+    {
+        CancelOffHold hold;
+        if (fd_ >= 0)
+            close(fd_);
+    }
+    OpenFile(const OpenFile &) = delete;
+    OpenFile &operator=(const OpenFile &) = delete;
+    int fd() const { return fd_; }
+
+private:
+    int fd_;
+};
+
+struct StreamCloser {
+    void operator()(FILE *stream) const
+    {
+        CancelOffHold hold;
+        pclose(stream);
+    }
+    void operator()(DIR *directory) const
+    {
+        CancelOffHold hold;
+        closedir(directory);
+    }
+};
+using CommandOutput = std::unique_ptr<FILE, StreamCloser>;
+using Directory = std::unique_ptr<DIR, StreamCloser>;
+
+// Reads until a line feed, size characters or the end, and terminates what came, without the line
+// feed; text has room for size + 1. A FIFO may deliver a line in pieces.
+void ReadLine(int fd, char *text, std::size_t size)
+{
+    std::size_t length = 0;
+    ssize_t got = 1;
+    while (got > 0 && length < size && std::memchr(text, '\n', length) == nullptr) {
+        got = read(fd, text + length, size - length);
+        if (got > 0)
+            length += static_cast<std::size_t>(got);
+    }
+    text[length] = '\0';
+    text[std::strcspn(text, "\n")] = '\0';
+}
+
+// ---- Command relay
+
+// 0 when there is no memory for it.
+UInt32 RelaySemaphore()
+{
+    static pthread_mutex_t scallmutex = PTHREAD_MUTEX_INITIALIZER;
+    static UInt32 scall;
+    MutexHold hold(&scallmutex);
+    if (scall == 0)
+        sm_create("scall", 1, 0, &scall);
+    return scall;
+}
+
+bool SendCommand(const char *command)
+{
+    const OpenFile relay(kRelayPath, O_WRONLY);
+    return relay.fd() >= 0 && dprintf(relay.fd(), "%s\n", command) >= 0;
+}
+
+// The C library's long may be wider than the result, which then stops at its own limits.
+Int32 DecimalValue(const char *line)
+{
+    return static_cast<Int32>(std::clamp<long>(std::strtol(line, nullptr, 10), INT32_MIN, INT32_MAX));
+}
+
+bool ReceiveResult(Int32 *result)
+{
+    const OpenFile relay(kRelayPath, O_RDONLY);
+    if (relay.fd() < 0)
+        return false;
+    char line[kRelayLine + 1];
+    ReadLine(relay.fd(), line, kRelayLine);
+    *result = line[0] != '\0' ? DecimalValue(line) : -1;
+    return true;
+}
+
+// ---- Start-up
+
+void RecreateMutex(pthread_mutex_t *mutex, int type)
+{
+    pthread_mutex_destroy(mutex);
+    InitPriorityMutex(mutex, type);
+}
+
+// ---- Strings
+
+void MapCharacters(char *text, int (*map)(int))
+{
+    for (; *text != '\0'; text++)
+        *text = static_cast<char>(map(static_cast<UInt8>(*text)));
+}
+
+bool IsSpace(char character)
+{
+    return std::isspace(static_cast<UInt8>(character)) != 0;
+}
+
+} // namespace
+
+// ---- Interrupt lock
+
+UInt32 interruptsOff()
+{
+    const int rv = pthread_mutex_lock(&intsoffmutex);
+    os_assert(rv == 0, "rv == 0");
+    if (intsoffcount != 0)
+        os_assert(intsoffthread == pthread_self(), "intsoffthread == pthread_self()");
+    else
+        intsoffthread = pthread_self();
+    return ++intsoffcount;
+}
+
+int interruptsRestore(UInt32 depth)
+{
+    os_assert(intsoffcount != 0, "0");
+    os_assert(intsoffthread == pthread_self(), "intsoffthread == pthread_self()");
+    os_assert(intsoffcount == depth, "intsoffcount == oldie");
+    if (--intsoffcount == 0)
+        intsoffthread = 0;
+    return pthread_mutex_unlock(&intsoffmutex);
+}
+
+void os_init()
+{
+    RecreateMutex(&intsoffmutex, PTHREAD_MUTEX_RECURSIVE);
+    RecreateMutex(&tmcblistmutex, PTHREAD_MUTEX_DEFAULT);
+    RecreateMutex(&tcblistmutex, PTHREAD_MUTEX_DEFAULT);
+}
+
+// ---- Processor and hardware
+
+void SetSystemHardwareType(hwTypeT hwType)
+{
+    sHwType = hwType;
+}
+
+hwTypeT GetSystemHardwareType()
+{
+    return sHwType;
+}
+
+UInt32 GetProcessorNum()
+{
+    return 0;
+}
+
+Int32 GetNumProcessors()
+{
+    return ProcessorCnt;
+}
+
+Int32 ExecutionLevel()
+{
+    return 0;
+}
+
+UInt32 GetCyclesPerTick()
+{
+    return 666666;
+}
+
+Int32 GetNumTIProcessors()
+{
+    return 0;
+}
+
+Int32 GetNumTMProcessors()
+{
+    return 0;
+}
+
+Int32 GetNumDavinciHDProcessors()
+{
+    return 0;
+}
+
+void sstackBackTrace(UInt32 /*taskID*/)
+{
+    std::puts("sstackBackTrace(UInt32 taskID) not implemented.");
+}
+
+// ---- Commands
+
+Int32 system_pthread(const char *command)
+{
+    const SemaphoreHold hold(RelaySemaphore());
+    Int32 result = -1;
+    if (hold.result() == 0 && SendCommand(command) && ReceiveResult(&result)) {
+        loginfo("system_pthread", "%s [%d]\n", command, result);
+        return result;
+    }
+    const int error = errno;
+    logerr("system_pthread", "%s [%d %s]\n", command, error, std::strerror(error));
+    return -1;
+}
+
+Int32 read_command(const char *command, char *out, UInt32 size)
+{
+    if (size == 0)
+        return -1;
+    out[0] = '\0';
+    const CommandOutput output(popen(command, "re"));
+    if (output == nullptr || std::fgets(out, static_cast<int>(size), output.get()) == nullptr)
+        return -1;
+    trim_str(out);
+    return 0;
+}
+
+Boolean is_NFS()
+{
+    static pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+    static bool asked;
+    static Boolean answer;
+    MutexHold hold(&mutex);
+    if (!asked) {
+        char line[128];
+        answer = read_command("mount | grep 'on / type nfs'", line, sizeof(line)) == 0 && line[0] != '\0' ? 1 : 0;
+        asked = true;
+    }
+    return answer;
+}
+
+Int32 find_pid(const char *name)
+{
+    constexpr std::size_t kNameLength = 15; // the kernel keeps no more of a command's name
+    const Directory processes(opendir("/proc"));
+    if (processes == nullptr)
+        return -1;
+    while (const dirent *entry = readdir(processes.get())) {
+        const Int32 pid = DecimalValue(entry->d_name); // 0 for what is no process
+        char path[sizeof("/proc//comm") + 10];
+        std::snprintf(path, sizeof(path), "/proc/%d/comm", pid);
+        const OpenFile comm(path, O_RDONLY);
+        if (comm.fd() < 0)
+            continue;
+        char line[kNameLength + 1];
+        ReadLine(comm.fd(), line, kNameLength);
+        if (std::strncmp(line, name, kNameLength) == 0)
+            return pid;
+    }
+    return -1;
+}
+
+Int32 read_env(const char *name, char *out, UInt32 size)
+{
+    const char *value = std::getenv(name);
+    if (size > 0)
+        std::snprintf(out, size, "%s", value != nullptr ? value : "");
+    return value != nullptr ? 0 : -1;
+}
+
+// ---- Strings
+
+char *strlwr(char *text)
+{
+    MapCharacters(text, std::tolower);
+    return text;
+}
+
+char *strupr(char *text)
+{
+    MapCharacters(text, std::toupper);
+    return text;
+}
+
+int stricmp(const char *left, const char *right)
+{
+    constexpr std::size_t kCompared = 255;
+    char upperLeft[kCompared + 1] = {};
+    char upperRight[kCompared + 1] = {};
+    std::strncpy(upperLeft, left, kCompared);
+    std::strncpy(upperRight, right, kCompared);
+    return std::strcmp(strupr(upperLeft), strupr(upperRight));
+}
+
+char *itoa(Int32 value, char *out, Int32 radix)
+{
+    constexpr int kDigits = 33;
+    char *end = out;
+    if (radix == 10)
+        end = std::to_chars(out, out + kDigits, value).ptr;
+    else if (radix >= 2 && radix <= 36)
+        end = std::to_chars(out, out + kDigits, static_cast<UInt32>(value), radix).ptr;
+    *end = '\0';
+    return out;
+}
+
+char *trim_leading(char *text)
+{
+    const char *start = text;
+    while (IsSpace(*start))
+        start++;
+    std::memmove(text, start, std::strlen(start) + 1);
+    return text;
+}
+
+char *trim_trailing(char *text)
+{
+    std::size_t length = std::strlen(text);
+    while (length > 0 && IsSpace(text[length - 1]))
+        length--;
+    text[length] = '\0';
+    return text;
+}
+
+char *trim_str(char *text)
+{
+    return trim_leading(trim_trailing(text));
+}
+
+Int32 sp_printf(char *out, UInt32 size, const char *format, ...)
+{
+    const std::size_t length = strnlen(out, size);
+    va_list arguments;
+    va_start(arguments, format);
+    std::vsnprintf(out + length, size - length, format, arguments);
+    va_end(arguments);
+    return static_cast<Int32>(strnlen(out, size));
+}

@@ -1,0 +1,241 @@
+#include "Common/framework/list.h"
+
+#include "Common/OS/linux/oslinux.h"
+#include "Common/OS/osassert.h"
+
+#include <cstdio>
+
+namespace
+{
+
+// An only element cannot be told from one that is on no list.
+bool IsUnlisted(const ListT *pElem)
+{
+    return (pElem->next == nullptr || pElem->next == pElem) && (pElem->prev == nullptr || pElem->prev == pElem);
+}
+
+UInt32 LowWord(const void *pointer)
+{
+    return static_cast<UInt32>(reinterpret_cast<std::uintptr_t>(pointer));
+}
+
+void LinkBehind(ListT *pAfter, ListT *pElem)
+{
+    pElem->prev = pAfter;
+    pElem->next = pAfter->next;
+    pAfter->next = pElem;
+    pElem->next->prev = pElem;
+}
+
+void LinkAlone(ListT **ppList, ListT *pElem)
+{
+    pElem->next = pElem;
+    pElem->prev = pElem;
+    *ppList = pElem;
+}
+
+Int32 IsSameElement(ListT *pElem, void *pWanted, void * /*unused*/)
+{
+    return pElem == pWanted ? 1 : 0;
+}
+
+// pElem if it is on the list, else null.
+ListT *list_find_elem(ListT *pList, ListT *pElem)
+{
+    return ListSearch(pList, IsSameElement, pElem, nullptr);
+}
+
+} // namespace
+
+void ListInit(ListT *pElem)
+{
+    *pElem = {.next = nullptr, .prev = nullptr};
+}
+
+void ListEnqueueUnprot(ListT **ppList, ListT *pElem)
+{
+    os_assert(ppList, "ppList");
+    ListInsertAfterUnprot(ppList, ListLastElement(*ppList), pElem);
+}
+
+void ListEnqueue(ListT **ppList, ListT *pElem)
+{
+    os_assert(ppList, "ppList");
+    InterruptsOffHold hold;
+    ListEnqueueUnprot(ppList, pElem);
+}
+
+ListT *ListDequeueUnprot(ListT **ppList)
+{
+    os_assert(ppList, "ppList");
+    ListT *pHead = *ppList;
+    ListExtractUnprot(ppList, pHead);
+    return pHead;
+}
+
+ListT *ListDequeue(ListT **ppList)
+{
+    InterruptsOffHold hold;
+    return ListDequeueUnprot(ppList);
+}
+
+ListT *ListExtractUnprot(ListT **ppList, ListT *pElem)
+{
+    if (pElem == nullptr)
+        return nullptr;
+    ListT *pNext = pElem->next;
+    pElem->prev->next = pNext;
+    pNext->prev = pElem->prev;
+    pElem->next = pElem;
+    pElem->prev = pElem;
+    if (pNext == pElem) {
+        *ppList = nullptr;
+        return nullptr;
+    }
+    if (*ppList == pElem)
+        *ppList = pNext;
+    return pNext;
+}
+
+ListT *ListExtract(ListT **ppList, ListT *pElem)
+{
+    InterruptsOffHold hold;
+    return ListExtractUnprot(ppList, pElem);
+}
+
+void ListInsertAfterUnprot(ListT **ppList, ListT *pAfter, ListT *pElem)
+{
+    if (pElem == nullptr)
+        return;
+    if (!IsUnlisted(pElem)) {
+        std::printf("LIST: InsertAfter: element 0x%x already on another list! (next 0x%x prev 0x%x)\n", LowWord(pElem),
+                    LowWord(pElem->next), LowWord(pElem->prev));
+        os_assert(false, "0");
+    }
+    if (*ppList == nullptr)
+        LinkAlone(ppList, pElem);
+    else if (pAfter != nullptr) // deliberately without a message otherwise
+        LinkBehind(pAfter, pElem);
+}
+
+void ListInsertAfter(ListT **ppList, ListT *pAfter, ListT *pElem)
+{
+    InterruptsOffHold hold;
+    ListInsertAfterUnprot(ppList, pAfter, pElem);
+}
+
+void ListInsertBeforeUnprot(ListT **ppList, ListT *pBefore, ListT *pElem)
+{
+    if (pElem == nullptr)
+        return;
+    if (!IsUnlisted(pElem)) {
+        std::puts("LIST: InsertBefore: element already on another list!");
+        os_assert(false, "0");
+    }
+    if (*ppList == nullptr) {
+        LinkAlone(ppList, pElem);
+    } else if (pBefore != nullptr) {
+        LinkBehind(pBefore->prev, pElem);
+        if (*ppList == pBefore)
+            *ppList = pElem;
+    }
+}
+
+void ListInsertBefore(ListT **ppList, ListT *pBefore, ListT *pElem)
+{
+    InterruptsOffHold hold;
+    ListInsertBeforeUnprot(ppList, pBefore, pElem);
+}
+
+void ListPushUnprot(ListT **ppList, ListT *pElem)
+{
+    ListInsertBeforeUnprot(ppList, *ppList, pElem);
+}
+
+void ListPush(ListT **ppList, ListT *pElem)
+{
+    InterruptsOffHold hold;
+    ListPushUnprot(ppList, pElem);
+}
+
+void ListExtractIfPresentUnprot(ListT **ppList, ListT *pElem)
+{
+    ListExtractUnprot(ppList, list_find_elem(*ppList, pElem));
+}
+
+void ListExtractIfPresent(ListT **ppList, ListT *pElem)
+{
+    InterruptsOffHold hold;
+    ListExtractIfPresentUnprot(ppList, pElem);
+}
+
+void ListEnqueueIfAbsentUnprot(ListT **ppList, ListT *pElem)
+{
+    if (list_find_elem(*ppList, pElem) == nullptr)
+        ListEnqueueUnprot(ppList, pElem);
+}
+
+void ListEnqueueIfAbsent(ListT **ppList, ListT *pElem)
+{
+    InterruptsOffHold hold;
+    ListEnqueueIfAbsentUnprot(ppList, pElem);
+}
+
+ListT *ListSearch(ListT *pList, ListCompareT pCompare, void *pUserDefined1, void *pUserDefined2)
+{
+    if (pList == nullptr)
+        return nullptr;
+    os_assert(pCompare, "pCompare");
+    ListT *pElem = pList;
+    do {
+        if (pCompare(pElem, pUserDefined1, pUserDefined2) != 0)
+            return pElem;
+        pElem = pElem->next;
+    } while (pElem != pList);
+    return nullptr;
+}
+
+Int32 ListLenUnprot(ListT **ppList)
+{
+    Int32 count = 0;
+    for (ListT *pElem = *ppList; pElem != nullptr; pElem = ListNextElement(*ppList, pElem))
+        count++;
+    return count;
+}
+
+Int32 ListLen(ListT **ppList)
+{
+    InterruptsOffHold hold;
+    return ListLenUnprot(ppList);
+}
+
+Boolean ListIsEmptyUnprot(ListT **ppList)
+{
+    return *ppList == nullptr ? 1 : 0;
+}
+
+Boolean ListIsEmpty(ListT **ppList)
+{
+    InterruptsOffHold hold;
+    return ListIsEmptyUnprot(ppList);
+}
+
+ListT *ListFirstElement(ListT *pHead)
+{
+    return pHead;
+}
+
+ListT *ListLastElement(ListT *pHead)
+{
+    return pHead != nullptr ? pHead->prev : nullptr;
+}
+
+ListT *ListNextElement(ListT *pHead, ListT *pElem)
+{
+    return pElem->next == pHead ? nullptr : pElem->next;
+}
+
+ListT *ListPrevElement(ListT *pHead, ListT *pElem)
+{
+    return pElem == pHead ? nullptr : pElem->prev;
+}
