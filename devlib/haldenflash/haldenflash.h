@@ -1,5 +1,4 @@
-// What the parts of the updater share: the flags that the command line and the comparison of
-// versions set. All 0 at start.
+// What main shares with the update procedures. The flags are all 0 at start.
 #pragma once
 
 #include "Common/types.h"
@@ -11,3 +10,6 @@ extern Boolean gbUpdateRequired; // set when a version differs
 
 // Prints the usage line.
 void print_usage();
+
+// Prints the arguments, one line each.
+void PrintArguments(int argc, char *const argv[]);
