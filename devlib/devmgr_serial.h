@@ -2,13 +2,17 @@
 // programmable logic (FPGA serial), registered in the device layer as "Ser", instances 1 to 8.
 //
 // Owner:   the eight port records live for the whole process.
-// Locking: none. Callbacks run in the port's asynchronous task while the application may read and
-//          write in its own; whoever receives by callback does not read as well.
+// Locking: callbacks run in the port's asynchronous task while the application may read and write
+//          in its own; whoever receives by callback does not read as well. The two share the enables
+//          (atomics) and the callbacks (copied under the interrupt lock). Opening, closing and
+//          control requests of one port are for one task at a time.
 // Units:   time-outs in microseconds, 0: wait without limit.
 #pragma once
 
 #include "Common/OS/dev.h"
 #include "Common/types.h"
+
+#include <atomic>
 
 constexpr UInt32 kNumSerialPorts = 8;
 
@@ -90,7 +94,7 @@ struct DevMgrSerial_CB_t {
     SerialPortType_t portType; // left at 0: the entry points carry the family
     DevmgrSerial_CBInfo_t cbInfo;
     UInt32 asyncThread_running; // 1 while the asynchronous task exists
-    Int8 tx_enabled, rx_enabled;
+    std::atomic<Int8> tx_enabled, rx_enabled;
     UInt32 threadID; // the asynchronous task
     UInt32 portnum;
 };
@@ -134,8 +138,8 @@ struct fpgaserial_config_t {
 constexpr unsigned long kFpgaSerialSetConfig = 0x80260001; // argument: fpgaserial_config_t pointer
 constexpr unsigned long kFpgaSerialDisableRx = 0x80260002; // argument: 0 enables, 1 disables reception
 
-// Initialises the Serial API, then fills and registers the eight ports. Returns the result of the
-// last registration, 0.
+// Initialises the Serial API, then fills and registers the eight ports. A second call changes
+// nothing. Returns the result of the last registration, 0.
 UInt32 DevMgrSerial_Init();
 
 // Entry points, called by the device layer only. open and close return a DevMgrSerial_error_t; the

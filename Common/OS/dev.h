@@ -17,6 +17,8 @@ constexpr UInt32 kDevNotFound = 9;  // dev_open: no device with that name and in
 constexpr UInt32 kIorbNoMemory = 8; // iorb_list_alloc
 constexpr UInt32 kDevNotOpen = 48;  // IORB err: the device is not open
 
+constexpr UInt32 kDevStateOpen = 1; // DEVCB state; anything else: closed
+
 struct DEVCB;
 struct IORB;
 
@@ -58,7 +60,7 @@ struct DEVCB {
     DevRequestT read, write;   // each may be null
     DevRequestT ioctl;
     UInt32 instance;
-    UInt32 state; // 1: open
+    UInt32 state; // kDevStateOpen or closed
     IORBList readIORBs, writeIORBs, ioctlIORBs;
     UInt32 numBytesWritten, numBytesRead;
     UInt32 numOpens, numCloses; // kept by the drivers
@@ -106,7 +108,8 @@ UInt32 iorb_init(IORB *pIORB, char *pBuffer, char *pDstBuffer, UInt32 reqLen, Us
 // Appends a block, which may be on no other queue (otherwise the program stops). Returns 0.
 UInt32 iorb_list_enqueue(IORBList *pIORBList, IORB *pIORB);
 
-// Takes the head, or the given block, out of the queue. dequeue returns null when it is empty.
+// Takes the head, or the given block, out of the queue. dequeue returns null when it is empty;
+// extract leaves a block alone that is not there (any more).
 IORB *iorb_list_dequeue(IORBList *pIORBList);
 void iorb_list_extract(IORBList *pIORBList, IORB *pIORB);
 
@@ -118,8 +121,10 @@ Int32 iorb_list_avail(IORBList *pIORBList); // blocks in the queue
 
 // ---- Completion task: serves the queued reads of flagged devices
 
-// Flags the device and, once, starts the completion task "devc", which serves the devices that are
-// flagged and open by the time it runs.
+// Flags an open device (opening it clears the flag) and, once, starts the completion task "devc",
+// which serves the devices that are flagged by the time it first runs: it runs a queued read in its
+// own context when data is there, then calls the block's completion function with the block. Data
+// without a queued read is logged and waits.
 void add_dev_to_comp_task(DEVCB *pDev);
 void io_comp_task(UInt32, UInt32, UInt32, UInt32);
 
