@@ -150,10 +150,10 @@ void SizeWork()
     gProgressCtrl.bDoUpdate = 0;
 }
 
-// An argument for printing: a missing one prints as the C library prints a null string.
+// An argument for printing; a missing one prints as the C library prints a null string.
 const char *Argument(int argc, char *const argv[], int index)
 {
-    return index < argc ? argv[index] : nullptr;
+    return index < argc ? argv[index] : "(null)";
 }
 
 int PrintResult(int argc, char *const argv[], int result)
