@@ -14,6 +14,17 @@
 
 #include <cstdarg>
 
+enum LogLevelT : Int32 {
+    kLogEmerg = 0,
+    kLogAlert = 1,
+    kLogCrit = 2,
+    kLogError = 3,
+    kLogWarning = 4,
+    kLogNotice = 5,
+    kLogInfo = 6,
+    kLogDebug = 7,
+};
+
 // Bits of the log format: what the writer prints in front of a line.
 constexpr Int32 kLogFormatDate = 1;
 constexpr Int32 kLogFormatTime = 2;

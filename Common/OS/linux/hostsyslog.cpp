@@ -1,0 +1,8 @@
+#include "Common/OS/linux/hostsyslog.h"
+
+#include <syslog.h>
+
+void host_syslog(Int32 priority, const char *text)
+{
+    syslog(priority, "%s", text);
+}

@@ -1,0 +1,550 @@
+#include "Common/OS/logmsg.h"
+
+#include "Common/OS/linux/oslinux.h"
+#include "Common/OS/syslog.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <cstring>
+#include <strings.h>
+
+namespace
+{
+
+constexpr std::size_t kBufferSize = 1024;
+constexpr std::size_t kLineSize = 512;
+constexpr std::size_t kSummarySize = 64;
+constexpr std::size_t kWordsSize = 24;
+constexpr std::size_t kSettingSize = 371; // what reading a setting may fill
+constexpr std::size_t kFilterSize = 370;
+constexpr Int32 kFilterSlots = 10;
+
+constexpr std::size_t kLevelSize = 6;
+constexpr char gLogMsgLevelStr[][kLevelSize + 1] = {"CRIT  ", "CRIT  ", "CRIT  ", "ERROR ",
+                                                    "WARN  ", "INFO  ", "INFO  ", "DEBUG "};
+
+struct LineT {
+    char text[kLineSize];
+    std::size_t length;
+};
+
+// Under the interrupt lock.
+LineT gCurLine;  // the line being assembled
+LineT gLastLine; // the last completed one
+Int32 gSpewCount;
+
+std::atomic<Int32> gSpewFilter;
+std::atomic<Int32> gLastLineWasFiltered;
+std::atomic<Int32> gConfigLoaded;
+std::atomic<Int32> gLogFormat{kLogFormatProc};
+std::atomic<Int32> gEchoToSyslog;
+
+using FilterSlotT = char[kFilterSize];
+FilterSlotT gShowFilters[kFilterSlots];
+FilterSlotT gCullFilters[kFilterSlots];
+std::atomic<Int32> gNumShowFilters;
+std::atomic<Int32> gNumCullFilters;
+
+struct FilterTableT {
+    const char *key;
+    const char *heading;
+    const char *fullText;
+    const char *notFoundText;
+    FilterSlotT (&slots)[kFilterSlots];
+    std::atomic<Int32> &count;
+};
+constexpr FilterTableT kShowTable = {
+    "showfilter", "show filters:\n", "\"%s\" show filter not added, table full\n", "\"%s\" show filter not found\n",
+    gShowFilters, gNumShowFilters};
+constexpr FilterTableT kCullTable = {
+    "cullfilter", "cull filters:\n", "\"%s\" cull filter not added, table full\n", "\"%s\" cull filter not found\n",
+    gCullFilters, gNumCullFilters};
+
+struct FormatWordT {
+    Int32 bit;
+    const char *word;
+};
+constexpr FormatWordT kFormatWords[] = {
+    {kLogFormatDate, "date"},
+    {kLogFormatTime, "time"},
+    {kLogFormatLevel, "level"},
+    {kLogFormatProc, "proc"},
+};
+
+// ---- Settings: the only place where they are read and written. ConfigRead, ConfigWrite and
+// ConfigWriteBool come in here with the configuration database; without one, reading reports
+// kNotInitialized with an empty value, every setting keeps its default, and writing does nothing.
+
+eErrorT ReadSetting(const char * /*key*/, Int32 /*instance*/, char (&value)[kSettingSize])
+{
+    value[0] = '\0';
+    return kNotInitialized;
+}
+
+void WriteSetting(const char * /*key*/, Int32 /*instance*/, const char * /*value*/) {}
+
+void WriteBoolSetting(const char * /*key*/, Int32 /*instance*/, Boolean /*value*/) {}
+
+bool KeepsSettings()
+{
+    return GetProcessorNum() == 0;
+}
+
+// ---- Filter tables. The first character of a slot publishes its text, so that the tasks that log
+// while the settings are being read see a filter whole or not at all.
+
+bool IsOccupied(FilterSlotT &slot)
+{
+    return std::atomic_ref(slot[0]).load(std::memory_order_acquire) != '\0';
+}
+
+void SetFirstCharacter(FilterSlotT &slot, char first)
+{
+    std::atomic_ref(slot[0]).store(first, std::memory_order_release);
+}
+
+Int32 AddFilter(const FilterTableT &table, const char *text)
+{
+    for (FilterSlotT &slot : table.slots) {
+        if (IsOccupied(slot))
+            continue;
+        const std::size_t length = strnlen(text, kFilterSize - 1);
+        if (length > 1)
+            std::memcpy(slot + 1, text + 1, length - 1);
+        slot[std::max<std::size_t>(length, 1)] = '\0';
+        SetFirstCharacter(slot, text[0]);
+        table.count++;
+        return 0;
+    }
+    std::printf(table.fullText, text);
+    return -1;
+}
+
+// Ignores case, though matching of lines does not: deliberate.
+Int32 DeleteFilter(const FilterTableT &table, const char *text)
+{
+    if (std::strcmp(text, "*") == 0) {
+        for (FilterSlotT &slot : table.slots)
+            SetFirstCharacter(slot, '\0');
+        table.count = 0;
+        return 0;
+    }
+    for (FilterSlotT &slot : table.slots) {
+        if (IsOccupied(slot) && strcasecmp(slot, text) == 0) {
+            SetFirstCharacter(slot, '\0');
+            table.count--;
+            return 0;
+        }
+    }
+    std::printf(table.notFoundText, text);
+    return 0;
+}
+
+Int32 LoadFilters(const FilterTableT &table)
+{
+    if (!KeepsSettings())
+        return 0;
+    Int32 found = 0;
+    char value[kSettingSize];
+    for (Int32 instance = 0; instance < kFilterSlots; instance++) {
+        ReadSetting(table.key, instance, value); // one that is missing reads as empty
+        if (value[0] != '\0') {
+            AddFilter(table, value);
+            found++;
+        }
+    }
+    return found;
+}
+
+Int32 SaveFilters(const FilterTableT &table)
+{
+    if (!KeepsSettings())
+        return 0;
+    for (Int32 instance = 0; instance < kFilterSlots; instance++)
+        WriteSetting(table.key, instance, table.slots[instance]);
+    return 0;
+}
+
+Int32 DumpFilters(const FilterTableT &table)
+{
+    std::fputs(table.heading, stdout);
+    for (FilterSlotT &slot : table.slots) {
+        if (IsOccupied(slot))
+            std::printf("  \"%s\"\n", slot);
+    }
+    return 0;
+}
+
+void LoadAndShowFilters(const FilterTableT &table)
+{
+    if (LoadFilters(table) > 0)
+        DumpFilters(table);
+}
+
+bool AnyFilterMatches(const FilterTableT &table, const char *line)
+{
+    return std::any_of(std::begin(table.slots), std::end(table.slots),
+                       [line](FilterSlotT &slot) { return IsOccupied(slot) && std::strstr(line, slot) != nullptr; });
+}
+
+bool IsFilteredOut(const char *line)
+{
+    if (gNumShowFilters > 0) {
+        const bool hidden = !AnyFilterMatches(kShowTable, line);
+        gLastLineWasFiltered = hidden ? 1 : 0;
+        if (hidden)
+            return true;
+    }
+    if (gNumCullFilters > 0 && AnyFilterMatches(kCullTable, line)) {
+        gLastLineWasFiltered = 1;
+        return true;
+    }
+    return false;
+}
+
+// logmsg_print without the settings, which cannot be read while the interrupt lock is held.
+Int32 FilterAndAdd(const char *msg, Int32 len)
+{
+    if (IsFilteredOut(msg))
+        return 0;
+    syslogAdd(msg, len);
+    return len;
+}
+
+// ---- Format
+
+// Takes the value apart.
+Int32 FormatBits(char *value)
+{
+    Int32 bits = 0;
+    char *rest = nullptr;
+    for (const char *word = strtok_r(value, " ", &rest); word != nullptr; word = strtok_r(nullptr, " ", &rest)) {
+        for (const FormatWordT &row : kFormatWords) {
+            if (std::strcmp(word, row.word) == 0)
+                bits |= row.bit;
+        }
+    }
+    return bits;
+}
+
+// ---- Lines
+
+// Writes at most room - 1 characters of "<component>: " and returns how many.
+std::size_t AddComponent(const char *component, char *text, std::size_t room)
+{
+    constexpr std::size_t kSeparatorSize = 2;
+    const std::size_t length = strnlen(component, room - 1 - kSeparatorSize);
+    std::memcpy(text, component, length);
+    std::memcpy(text + length, ": ", kSeparatorSize);
+    return length + kSeparatorSize;
+}
+
+// Writes level word, processor tag and component, and returns their length, which leaves room for
+// at least the terminator of the message.
+std::size_t AddHeader(Int32 level, const char *component, char (&buffer)[kBufferSize])
+{
+    auto length = static_cast<std::size_t>(addLevel(level, buffer));
+    length += static_cast<std::size_t>(addProcID(buffer + length));
+    if (component != nullptr)
+        length += AddComponent(component, buffer + length, kBufferSize - length);
+    return length;
+}
+
+// Appends what fits and cuts the rest.
+void Append(LineT &line, const char *text, std::size_t length)
+{
+    const std::size_t taken = std::min(length, kLineSize - 1 - line.length);
+    std::memcpy(line.text + line.length, text, taken);
+    line.length += taken;
+    line.text[line.length] = '\0';
+}
+
+void CopyLine(LineT &to, const LineT &from)
+{
+    std::memcpy(to.text, from.text, from.length + 1);
+    to.length = from.length;
+}
+
+bool IsRepeated()
+{
+    return gLastLine.length == gCurLine.length && std::memcmp(gLastLine.text, gCurLine.text, gCurLine.length) == 0;
+}
+
+// The count includes the first occurrence, the one that was printed.
+void PrintRepeatSummary()
+{
+    char summary[kSummarySize];
+    Int32 length = addLevel(kLogDebug, summary);
+    length += addProcID(summary + length);
+    length += std::snprintf(summary + length, sizeof(summary) - static_cast<std::size_t>(length),
+                            "...last line repeated %d times\n", gSpewCount + 1);
+    FilterAndAdd(summary, length);
+}
+
+// Repeat filter, under the interrupt lock: true when the completed line is only to be counted.
+bool SuppressRepeat()
+{
+    if (gSpewFilter == 0)
+        return false;
+    if (IsRepeated()) {
+        gSpewCount++;
+        return true;
+    }
+    if (gSpewCount > 0) {
+        PrintRepeatSummary();
+        gSpewCount = 0;
+    }
+    return false;
+}
+
+// Adds a piece to the open line. buffer holds header and text, length characters in all. When that
+// completes a line to be printed, leaves it in buffer and returns its length, otherwise 0.
+std::size_t Assemble(char (&buffer)[kBufferSize], std::size_t headerLength, std::size_t length)
+{
+    const InterruptsOffHold hold;
+    const std::size_t skipped = gCurLine.length > 0 ? headerLength : 0;
+    Append(gCurLine, buffer + skipped, length - skipped);
+    if (std::memchr(buffer, '\n', length) == nullptr)
+        return 0;
+    std::size_t completed = 0;
+    if (!SuppressRepeat()) {
+        completed = gCurLine.length;
+        std::memcpy(buffer, gCurLine.text, completed + 1);
+        CopyLine(gLastLine, gCurLine);
+    }
+    gCurLine.text[0] = '\0';
+    gCurLine.length = 0;
+    return completed;
+}
+
+} // namespace
+
+Int32 addLevel(Int32 level, char *text)
+{
+    std::memcpy(text, gLogMsgLevelStr[std::clamp<Int32>(level, kLogEmerg, kLogDebug)], kLevelSize + 1);
+    return kLevelSize;
+}
+
+Int32 addProcID(char *text)
+{
+    const UInt32 processor = GetProcessorNum();
+    if (processor != 0)
+        return std::sprintf(text, "pc[%x]: ", processor);
+    constexpr char kHostTag[] = "pc[0]: "; // every line has it: formatting would cost more than the rest of the header
+    std::memcpy(text, kHostTag, sizeof(kHostTag));
+    return sizeof(kHostTag) - 1;
+}
+
+Int32 va_logmsg(va_list ap, Int32 level, const char *component, const char *fmt)
+{
+    if (fmt == nullptr)
+        return 0;
+    const bool known = level >= kLogEmerg && level <= kLogDebug;
+    char buffer[kBufferSize];
+    const std::size_t headerLength = AddHeader(known ? level : kLogDebug, component, buffer);
+    buffer[headerLength] = '\0';
+    const int formatted = std::vsnprintf(buffer + headerLength, kBufferSize - headerLength, fmt, ap);
+    const std::size_t length = headerLength + std::strlen(buffer + headerLength);
+    const std::size_t completed = Assemble(buffer, headerLength, length);
+    if (completed > 0)
+        logmsg_print(buffer, static_cast<Int32>(completed));
+    return static_cast<Int32>(headerLength) + formatted;
+}
+
+Int32 logmsg(Int32 level, const char *component, const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    const Int32 length = va_logmsg(ap, level, component, fmt);
+    va_end(ap);
+    return length;
+}
+
+Int32 logcrit(const char *component, const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    const Int32 length = va_logmsg(ap, kLogEmerg, component, fmt);
+    va_end(ap);
+    return length;
+}
+
+Int32 logerr(const char *component, const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    const Int32 length = va_logmsg(ap, kLogError, component, fmt);
+    va_end(ap);
+    return length;
+}
+
+Int32 logwarn(const char *component, const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    const Int32 length = va_logmsg(ap, kLogWarning, component, fmt);
+    va_end(ap);
+    return length;
+}
+
+Int32 loginfo(const char *component, const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    const Int32 length = va_logmsg(ap, kLogInfo, component, fmt);
+    va_end(ap);
+    return length;
+}
+
+Int32 logdebug(const char *component, const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    const Int32 length = va_logmsg(ap, kLogDebug, component, fmt);
+    va_end(ap);
+    return length;
+}
+
+Int32 logmsg_print(const char *msg, Int32 len)
+{
+    if (msg[0] == '\0')
+        return 0;
+    // Set before the settings are read: reading them logs.
+    if (gConfigLoaded == 0 && gConfigLoaded.exchange(1) == 0) {
+        LoadAndShowFilters(kShowTable);
+        LoadAndShowFilters(kCullTable);
+        logmsg_format_load();
+    }
+    return FilterAndAdd(msg, len);
+}
+
+Int32 logmsg_showfilter_add(const char *text)
+{
+    return AddFilter(kShowTable, text);
+}
+
+Int32 logmsg_showfilter_delete(const char *text)
+{
+    return DeleteFilter(kShowTable, text);
+}
+
+Int32 logmsg_showfilter_load()
+{
+    return LoadFilters(kShowTable);
+}
+
+Int32 logmsg_showfilter_save()
+{
+    return SaveFilters(kShowTable);
+}
+
+Int32 logmsg_showfilter_dump()
+{
+    return DumpFilters(kShowTable);
+}
+
+Int32 logmsg_cullfilter_add(const char *text)
+{
+    return AddFilter(kCullTable, text);
+}
+
+Int32 logmsg_cullfilter_delete(const char *text)
+{
+    return DeleteFilter(kCullTable, text);
+}
+
+Int32 logmsg_cullfilter_load()
+{
+    return LoadFilters(kCullTable);
+}
+
+Int32 logmsg_cullfilter_save()
+{
+    return SaveFilters(kCullTable);
+}
+
+Int32 logmsg_cullfilter_dump()
+{
+    return DumpFilters(kCullTable);
+}
+
+Int32 logmsg_set_format(Int32 bits)
+{
+    gLogFormat = bits;
+    return 0;
+}
+
+Int32 logmsg_get_format()
+{
+    return gLogFormat;
+}
+
+// A value that is there replaces the default even when it holds no word.
+Int32 logmsg_format_load()
+{
+    char value[kSettingSize];
+    if (!KeepsSettings() || ReadSetting("logformat", 0, value) == kNotInitialized)
+        return 0;
+    return logmsg_set_format(FormatBits(value));
+}
+
+Int32 logmsg_format_save()
+{
+    if (!KeepsSettings())
+        return 0;
+    char words[kWordsSize];
+    logmsg_format_string(gLogFormat, words);
+    WriteSetting("logformat", 0, words);
+    return 0;
+}
+
+Int32 logmsg_format_dump()
+{
+    if (!KeepsSettings())
+        return 0;
+    char words[kWordsSize];
+    logmsg_format_string(gLogFormat, words);
+    std::printf("%s\n", words);
+    return 0;
+}
+
+void logmsg_format_string(Int32 bits, char *out)
+{
+    *out = '\0';
+    for (const FormatWordT &row : kFormatWords) {
+        if ((bits & row.bit) != 0)
+            out = stpcpy(stpcpy(out, row.word), " ");
+    }
+}
+
+Int32 logmsg_spewfilter_load()
+{
+    char value[kSettingSize];
+    if (KeepsSettings() && ReadSetting("spewfilter", 0, value) == kNoError)
+        gSpewFilter = strcasecmp(value, "True") == 0 ? 1 : 0;
+    return 0;
+}
+
+Int32 logmsg_set_spewfilter(Int32 on)
+{
+    gSpewFilter = on;
+    WriteBoolSetting("spewfilter", 0, on != 0 ? 1 : 0);
+    return 0;
+}
+
+Int32 logmsg_get_spewfilter()
+{
+    return gSpewFilter;
+}
+
+Int32 logmsg_set_syslog_echo(Int32 on)
+{
+    gEchoToSyslog = on;
+    return 0;
+}
+
+Int32 logmsg_get_syslog_echo()
+{
+    return gEchoToSyslog;
+}

@@ -1,0 +1,306 @@
+#include "Common/OS/syslog.h"
+
+#include "Common/OS/linux/hostsyslog.h"
+#include "Common/OS/linux/psosapi/pthreadapi.h"
+#include "Common/OS/linux/psosapi/ptimer.h"
+#include "Common/OS/linux/psosapi/semaphore.h"
+#include "Common/OS/logmsg.h"
+#include "Common/OS/osassert.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <sys/time.h>
+
+namespace
+{
+
+// ---- The ring: lines back to back, each with its NUL. A line is never split: behind the last one
+// that fits there is filling of at least two NULs.
+constexpr Int32 kRingSize = 0x80000;
+constexpr Int32 kRingLimit = kRingSize - 2; // no line ends behind it
+
+char buf[kRingSize + 10];
+std::atomic<Int32> log_buffer_tail; // moved under log_Semaphore, once the line is complete
+std::atomic<Int32> log_buffer_head; // moved by the writer, once the line is copied out
+
+std::atomic<Int32> syslogLevel{kLogDebug};
+std::atomic<UInt32> log_Semaphore;
+std::atomic<UInt32> logTaskID;
+
+constexpr UInt32 kLineEvent = 1;
+constexpr UInt32 kAllEvents = 0xFFFF;
+
+// Three blanks, where a line has two: deliberate, those who watch for it compare the text.
+constexpr char OVERFLOW_MSG[] = "WARN   pc[0]: SYSLOG QUEUE OVERFLOW\n";
+constexpr Int32 kOverflowSize = sizeof(OVERFLOW_MSG);
+
+// ---- Settings of the classic call set, which nothing consults.
+const char *LogTag;
+Int32 LogStat;
+Int32 LogFacility = 8;
+Int32 LogMask = 0x1F;
+Int32 LogLocalMask = 0xFF;
+Int32 LogFile = -1;
+Int32 connected;
+char syslogHostname[256];
+
+struct CodeT {
+    const char *c_name;
+    Int32 c_val;
+};
+[[maybe_unused]] constexpr CodeT prioritynames[] = {
+    {"alert", 1}, {"crit", 2},   {"debug", 7},   {"emerg", 0},  {"err", 3},
+    {"info", 6},  {"notice", 5}, {"warning", 4}, {nullptr, -1},
+};
+[[maybe_unused]] constexpr CodeT facilitynames[] = {
+    {"auth", 4 << 3},     {"authpriv", 10 << 3}, {"cron", 9 << 3},    {"daemon", 3 << 3},  {"ftp", 11 << 3},
+    {"kern", 0 << 3},     {"lpr", 6 << 3},       {"mail", 2 << 3},    {"mark", 24 << 3},   {"news", 7 << 3},
+    {"security", 4 << 3}, {"syslog", 5 << 3},    {"user", 1 << 3},    {"uucp", 8 << 3},    {"local0", 16 << 3},
+    {"local1", 17 << 3},  {"local2", 18 << 3},   {"local3", 19 << 3}, {"local4", 20 << 3}, {"local5", 21 << 3},
+    {"local6", 22 << 3},  {"local7", 23 << 3},   {nullptr, -1},
+};
+
+// ---- Adding
+
+void Store(Int32 at, const char *line, Int32 size)
+{
+    std::memcpy(buf + at, line, static_cast<std::size_t>(size - 1));
+    buf[at + size - 1] = '\0';
+    log_buffer_tail = at + size;
+}
+
+// size counts the NUL.
+void StoreLine(const char *line, Int32 size)
+{
+    const Int32 tail = log_buffer_tail;
+    const Int32 head = log_buffer_head;
+    if (tail + size > kRingLimit) {
+        // The head is not looked at: a writer that is almost a whole ring behind loses what is overwritten.
+        std::memset(buf + tail, 0, static_cast<std::size_t>(kRingSize - tail));
+        Store(0, line, size);
+    } else if (head > tail && head <= tail + size) {
+        std::fputs(OVERFLOW_MSG, stderr);
+        if (tail + kOverflowSize < head)
+            Store(tail, OVERFLOW_MSG, kOverflowSize);
+    } else {
+        Store(tail, line, size);
+    }
+}
+
+// ---- Printing, in the writer task only
+
+// The writer's copy of the line that it prints: once the head has passed a line, new ones may
+// overwrite it. Only the pages that the longest line needs are ever touched.
+char printedLine[kRingSize];
+
+// Copies the next line to printedLine. False when there is none.
+bool TakeLine()
+{
+    const Int32 tail = log_buffer_tail;
+    Int32 head = log_buffer_head;
+    if (head == tail)
+        return false;
+    if (buf[head] == '\0') {
+        if (tail > head) {
+            std::printf("syslog: empty string @ 0x%x\n",
+                        static_cast<UInt32>(reinterpret_cast<std::uintptr_t>(buf + head)));
+            os_assert(false, "0");
+        }
+        head = 0;
+    }
+    const std::size_t size = std::strlen(buf + head) + 1;
+    std::memcpy(printedLine, buf + head, size);
+    log_buffer_head = head + static_cast<Int32>(size);
+    return true;
+}
+
+// Fills stamp with what the format puts in front of a line, nothing for no date and no time.
+void MakeStamp(char (&stamp)[64], Int32 format)
+{
+    constexpr std::size_t kPartSize = 28;
+    timeval now = {};
+    gettimeofday(&now, nullptr);
+    tm utc = {};
+    gmtime_r(&now.tv_sec, &utc);
+    char *end = stamp;
+    if ((format & kLogFormatDate) != 0)
+        end += std::strftime(end, kPartSize, "%F", &utc);
+    if ((format & kLogFormatTime) != 0) {
+        end += std::strftime(end, kPartSize, " %H:%M:%S", &utc);
+        end += std::sprintf(end, ".%.3u", static_cast<UInt32>(now.tv_usec / 1000)); // ".%0.3u"
+    }
+    if (end != stamp)
+        *end++ = ' ';
+    *end = '\0';
+}
+
+// One print of three pieces: nothing that another task prints comes between them.
+void PrintLine(const char *line)
+{
+    constexpr std::size_t kLevelEnd = 6, kTagEnd = 13;
+    const Int32 format = logmsg_get_format();
+    char stamp[64];
+    MakeStamp(stamp, format);
+    const std::size_t length = std::strlen(line);
+    const char *tag = line + std::min(length, kLevelEnd);
+    const char *text = line + std::min(length, kTagEnd);
+    const char *level = (format & kLogFormatLevel) != 0 ? line : "";
+    std::printf("%s%.6s%.7s%s", stamp, level, tag, text);
+    if (logmsg_get_syslog_echo() != 0) {
+        constexpr Int32 kUucp = 64; // deliberate: the host's log is routed by this facility
+        host_syslog(mapLogLevel(line[0]) | kUucp, tag);
+    }
+}
+
+} // namespace
+
+void syslogAdd(const char *msg, Int32 /*msglen*/)
+{
+    const UInt32 semaphore = log_Semaphore;
+    if (semaphore == 0 || msg[0] == '\0' || mapLogLevel(msg[0]) > syslogLevel)
+        return;
+    // A line that the whole ring could not hold is cut.
+    const auto length = static_cast<Int32>(strnlen(msg, kRingLimit - 1));
+    {
+        const SemaphoreHold hold(semaphore);
+        StoreLine(msg, length + 1);
+    }
+    if (const UInt32 writer = logTaskID; writer != 0)
+        ev_send(writer, kLineEvent);
+}
+
+Int32 mapLogLevel(char levelChar)
+{
+    switch (levelChar) {
+    case 'C':
+        return kLogCrit;
+    case 'E':
+        return kLogError;
+    case 'W':
+        return kLogWarning;
+    case 'I':
+        return kLogInfo;
+    default:
+        return kLogDebug;
+    }
+}
+
+void syslogSetLogLevel(Int32 level)
+{
+    syslogLevel = level;
+}
+
+void InitSyslogInterface()
+{
+    buf[0] = '\0';
+    log_buffer_head = 0;
+    log_buffer_tail = 0;
+    UInt32 semaphore = 0;
+    sm_create("logw", 1, 2, &semaphore);
+    log_Semaphore = semaphore;
+    UInt32 task = 0;
+    if (t_create("logw", 0, 2048, 0, 0, &task) != 0) {
+        logcrit("log", "can't create log writer task\n");
+        return;
+    }
+    logTaskID = task;
+    if (t_start(task, 0, logWriterThread, nullptr) != 0)
+        logcrit("log", "can't start log writer task\n");
+}
+
+void logWriterThread(UInt32, UInt32, UInt32, UInt32)
+{
+    for (;;) {
+        syslogDrainQueue(); // first for the lines that came before there was a task to send the event to
+        UInt32 events = 0;
+        const UInt32 result = ev_receive(kAllEvents, kEvAny, 0, &events);
+        if (result != 0 && result != kEvTimedOut)
+            tm_wkafter(1); // the task does not find itself any more: no events, but no spinning
+    }
+}
+
+void syslogDrainQueue()
+{
+    bool any = false;
+    while (TakeLine()) {
+        PrintLine(printedLine);
+        any = true;
+    }
+    if (any)
+        std::fflush(stdout);
+}
+
+void cm_syslog(Int32 pri, const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    va_logmsg(ap, pri, nullptr, fmt);
+    va_end(ap);
+}
+
+void openlog(const char *ident, Int32 logstat, Int32 logfac)
+{
+    constexpr Int32 kFacilityMask = 0x3F8;
+    if (ident != nullptr)
+        LogTag = ident;
+    LogStat = logstat;
+    if (logfac != 0 && (logfac & ~kFacilityMask) == 0)
+        LogFacility = logfac;
+}
+
+void closelog()
+{
+    if (connected != 0) {
+        LogFile = -1;
+        connected = 0;
+    }
+}
+
+Int32 setlogmask(Int32 pmask)
+{
+    const Int32 old = LogMask;
+    if (pmask != 0)
+        LogMask = pmask;
+    return old;
+}
+
+Int32 setloglocalmask(Int32 pmask)
+{
+    const Int32 old = LogLocalMask;
+    if (pmask != 0)
+        LogLocalMask = pmask;
+    return old;
+}
+
+Int32 getlogmask()
+{
+    return LogMask;
+}
+
+Int32 getloglocalmask()
+{
+    return LogLocalMask;
+}
+
+void setlogfacility(Int32 facility)
+{
+    LogFacility = facility;
+}
+
+Int32 getlogfacility()
+{
+    return LogFacility;
+}
+
+Int32 setlogaddr(const char * /*hostname*/)
+{
+    return -1;
+}
+
+const char *getlogaddr()
+{
+    return syslogHostname;
+}
