@@ -3,9 +3,13 @@
 #include "Common/OS/linux/mutexhold.h"
 #include "Common/OS/osassert.h"
 
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <sys/mman.h>
+#ifdef __SANITIZE_ADDRESS__
+#include <sanitizer/lsan_interface.h>
+#endif
 
 UInt32 low_id(const void *record)
 {
@@ -71,6 +75,9 @@ void ReserveRegion()
     for (std::uintptr_t hint = 0x10000000; regionNext == nullptr && hint < 0xF0000000; hint += 0x10000000)
         regionNext = MapAt(hint);
     regionEnd = regionNext + (regionNext != nullptr ? kRegionSize : 0);
+#ifdef __SANITIZE_ADDRESS__
+    __lsan_register_root_region(regionNext, kRegionSize); // what is only known from here is no leak
+#endif
 }
 
 BlockHeader *TakeBlock(UInt32 sizeClass)

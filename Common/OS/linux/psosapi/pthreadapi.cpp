@@ -25,6 +25,7 @@ constexpr Int32 kMaxPriority = 99;
 
 std::atomic<Int32> sched_policy; // SCHED_OTHER
 std::atomic<pthread_t> tcblistholder;
+std::atomic<UInt32> treeGeneration; // one more with every rebuilding of the tree
 
 // Holds tcblistmutex and knows who does.
 class TcbListHold
@@ -57,9 +58,23 @@ UInt32 ThreadKey(pthread_t thread)
     return static_cast<UInt32>(thread >> kShift);
 }
 
+// The calling task, or null. A thread's place in the tree changes only when the tree is rebuilt, so
+// each thread remembers what it found until then.
+TCB *FindCaller()
+{
+    thread_local TCB *found = nullptr;
+    thread_local UInt32 foundIn = 0;
+    const UInt32 generation = treeGeneration;
+    if (found == nullptr || foundIn != generation) {
+        found = FindTcbThread(pthread_self());
+        foundIn = generation;
+    }
+    return found;
+}
+
 TCB *ResolveTask(UInt32 tid)
 {
-    return tid != 0 ? low_pointer<TCB>(tid) : FindTcbThread(pthread_self());
+    return tid != 0 ? low_pointer<TCB>(tid) : FindCaller();
 }
 
 // ---- The list and the tree. Names ending in Locked: the caller holds tcblistmutex.
@@ -89,6 +104,7 @@ void RebuildTreeLocked()
 {
     if (gTCBTree == 0)
         return;
+    treeGeneration++;
     DestroyTree(gTCBTree);
     for (TCB *tcb = tcblist; tcb != nullptr; tcb = tcb->next)
         if (tcb->tid != 0)
@@ -114,6 +130,8 @@ void t_free_tcb(void *task)
     if (tcb == nullptr)
         return;
     RemoveTcb(tcb);
+    while (tcb->posting != 0)
+        sched_yield();
     pthread_mutex_destroy(&tcb->event_mutex);
     pthread_cond_destroy(&tcb->event_cond);
     low_free(tcb);
@@ -257,6 +275,20 @@ void UnlockEvents(TCB *tcb)
 {
     os_assert(pthread_mutex_unlock(&tcb->event_mutex) == 0, "pthread_mutex_unlock(&tcb->event_mutex) == 0");
 }
+
+// Keeps a block alive until its condition was signalled: the task may have taken the events, ended
+// and been freed before that.
+class PostingHold
+{
+public:
+    explicit PostingHold(TCB *tcb) : tcb_(tcb) { tcb_->posting++; }
+    ~PostingHold() { tcb_->posting--; }
+    PostingHold(const PostingHold &) = delete;
+    PostingHold &operator=(const PostingHold &) = delete;
+
+private:
+    TCB *tcb_;
+};
 
 void SignalEvents(TCB *tcb)
 {
@@ -419,7 +451,7 @@ UInt32 t_start(UInt32 tid, UInt32 mode, TaskStartT start, const UInt32 *args)
 
 UInt32 t_delete(UInt32 tid)
 {
-    const TCB *caller = FindTcbThread(pthread_self());
+    const TCB *caller = FindCaller();
     const TCB *target = tid != 0 ? low_pointer<TCB>(tid) : caller;
     const DeletionT deletion = ClaimTask(target);
     pthread_cleanup_push(t_free_tcb, deletion.tcb);
@@ -441,7 +473,7 @@ UInt32 t_ident(const char *name, UInt32, UInt32 *tid_out)
 {
     const TCB *found = nullptr;
     if (name == nullptr) {
-        found = FindTcbThread(pthread_self());
+        found = FindCaller();
     } else {
         TcbListHold hold;
         for (found = tcblist; found != nullptr; found = found->next)
@@ -535,6 +567,7 @@ UInt32 events_matched(UInt32 captured, UInt32 wanted, UInt32 flags)
 UInt32 ev_send(UInt32 tid, UInt32 events)
 {
     TCB *tcb = low_pointer<TCB>(tid);
+    PostingHold posting(tcb);
     tcb->events_captured.fetch_or(events);
     pthread_cleanup_push(ReleaseTcbList, nullptr);
     pthread_mutex_lock(&tcb->event_mutex);
@@ -548,7 +581,7 @@ UInt32 ev_send(UInt32 tid, UInt32 events)
 
 UInt32 ev_receive(UInt32 events, UInt32 flags, UInt32 timeout, UInt32 *events_out)
 {
-    TCB *tcb = FindTcbThread(pthread_self());
+    TCB *tcb = FindCaller();
     if (tcb == nullptr)
         return kNoCallerTask;
     UInt32 result = 0;
@@ -568,6 +601,7 @@ UInt32 ev_receive(UInt32 events, UInt32 flags, UInt32 timeout, UInt32 *events_ou
 int ev_receive_timeout(void *task)
 {
     TCB *tcb = static_cast<TCB *>(task);
+    PostingHold posting(tcb);
     pthread_cleanup_push(ReleaseTcbList, nullptr);
     LockEvents(tcb);
     const bool expired = tcb->timedwait != 0;

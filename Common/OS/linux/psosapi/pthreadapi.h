@@ -57,7 +57,8 @@ struct TCB {
     Int32 tid;              // kernel thread id; only when gLibPThreadNPTL is 1
     Int32 systime, usrtime; // clock ticks seen by the last usage report
     TCB *next;
-    Int32 claimed; // somebody is deleting the task, and is the only one to free the block
+    Int32 claimed;              // somebody is deleting the task, and is the only one to free the block
+    std::atomic<Int32> posting; // calls that are about to signal event_cond: the block outlives them
 };
 
 // The task list in creation order, the tree from thread to TCB, and the lock of both.

@@ -1,0 +1,319 @@
+#include "tests/tasks.h"
+
+#include "Common/OS/linux/psosapi/ptimer.h"
+
+#include <unistd.h>
+#include <vector>
+
+namespace
+{
+
+// Runs body as a task, to its end.
+void RunTask(std::function<void()> body)
+{
+    std::atomic<bool> done = false;
+    StartTask("test", [&] {
+        body();
+        done = true;
+    });
+    ASSERT_TRUE(Eventually([&] { return done.load(); }));
+}
+
+UInt32 Self()
+{
+    UInt32 tid = 0;
+    t_ident(nullptr, 0, &tid);
+    return tid;
+}
+
+TEST(Events, AreMatchedAndTakenOneByOne)
+{
+    RunTask([] {
+        const UInt32 self = Self();
+        UInt32 events = 0xAAAA;
+        EXPECT_EQ(ev_receive(0x3, kEvNoWait | kEvAny, 0, &events), kEvNotPending);
+        ev_send(self, 0x1);
+        EXPECT_EQ(ev_receive(0x3, kEvNoWait, 0, &events), kEvNotPending);
+        EXPECT_EQ(events, 0xAAAAu) << "a failed receive stores nothing";
+        EXPECT_EQ(ev_receive(0, 0, 0, &events), 0u);
+        EXPECT_EQ(events, 0x1u) << "events 0 reports and takes nothing";
+        ev_send(self, 0x80000006);
+        EXPECT_EQ(ev_receive(0x3, 0, 0, &events), 0u);
+        EXPECT_EQ(events, 0x3u) << "all of them, and only those";
+        EXPECT_EQ(ev_receive(0xFFFFFFFF, kEvAny, 0, &events), 0u);
+        EXPECT_EQ(events, 0x80000004u);
+        EXPECT_EQ(ev_receive(0, 0, 0, &events), 0u);
+        EXPECT_EQ(events, 0u);
+    });
+}
+
+TEST(Events, WakeAWaitingTaskOnlyWhenAllAreThere)
+{
+    std::atomic<UInt32> received = 0;
+    const UInt32 tid = StartTask("wait", [&] {
+        UInt32 events = 0;
+        ev_receive(0x3, 0, 0, &events);
+        received = events;
+        tm_wkafter(1000);
+    });
+    EXPECT_TRUE(Eventually([&] {
+        MutexHold hold(&low_pointer<TCB>(tid)->event_mutex);
+        return low_pointer<TCB>(tid)->taskWaiting != 0;
+    }));
+    ev_send(tid, 0x1);
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    EXPECT_EQ(received, 0u);
+    ev_send(tid, 0x2);
+    EXPECT_TRUE(Eventually([&] { return received == 0x3; }));
+    EXPECT_EQ(t_delete(tid), 0u);
+}
+
+TEST(Events, TimedWaits)
+{
+    RunTask([] {
+        UInt32 events = 0xAAAA;
+        UInt32 result = 0;
+        const auto waited = MillisecondsOf([&] { result = ev_receive(0x1, 0, 5, &events); });
+        EXPECT_EQ(result, kEvTimedOut);
+        EXPECT_EQ(events, 0xAAAAu);
+        EXPECT_GE(waited, 40) << "5 ticks, the first of which may be under way";
+        ev_send(Self(), 0x1);
+        EXPECT_EQ(ev_receive(0x1, 0, 500, &events), 0u) << "events come before the time-out";
+        EXPECT_EQ(ev_receive(0x1, 0, 3, &events), kEvTimedOut) << "the cancelled timer does not count";
+    });
+}
+
+TEST(Events, ATimeoutOfATaskThatNeverWaitedIsReported)
+{
+    UInt32 tid = 0;
+    t_create("lazy", 1, 0, 0, 0, &tid);
+    low_pointer<TCB>(tid)->timedwait = 1;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(ev_receive_timeout(low_pointer<TCB>(tid)), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "ev timed out without task waiting lazy\n");
+    EXPECT_EQ(low_pointer<TCB>(tid)->timedout, 1);
+    t_delete(tid);
+}
+
+TEST(Events, NeedATask)
+{
+    UInt32 value = 7;
+    EXPECT_EQ(ev_receive(0x1, 0, 0, &value), kNoCallerTask);
+    EXPECT_EQ(t_ident(nullptr, 0, &value), kTaskNotFound);
+    EXPECT_EQ(value, 0u);
+    EXPECT_EQ(t_name(0), 0u);
+    EXPECT_EQ(t_setRefCon(0, 1), kTaskNotFound);
+}
+
+TEST(Tasks, AreFoundByTheirFourNameBytes)
+{
+    const char shortName[4] = {'a', 'b', 0, 0};
+    const char sameStart[4] = {'a', 'b', 0, 'x'};
+    UInt32 first = 0, second = 0, nameless = 0, found = 0;
+    t_create(shortName, 1, 0, 0, 0, &first);
+    t_create(shortName, 2, 0, 0, 0, &second);
+    t_create(nullptr, 3, 0, 0, 0, &nameless);
+    EXPECT_EQ(t_ident(shortName, 0, &found), 0u);
+    EXPECT_EQ(found, first) << "the first in creation order";
+    EXPECT_EQ(t_ident(sameStart, 0, &found), kTaskNotFound);
+    EXPECT_EQ(found, 0u);
+    EXPECT_STREQ(task_name(first), "ab");
+    EXPECT_EQ(t_name(second), second);
+    t_delete(first);
+    EXPECT_EQ(t_ident(shortName, 0, &found), 0u);
+    EXPECT_EQ(found, second);
+    t_delete(second);
+    t_delete(nameless);
+    EXPECT_EQ(NumTasks(), 0) << "tasks that were never started are freed";
+}
+
+TEST(Tasks, GetTheirArgumentsAndEndThemselves)
+{
+    static std::atomic<UInt32> sum = 0;
+    UInt32 tid = 0;
+    t_create("args", 0, 1, 2, 3, &tid);
+    UInt32 args[4] = {1, 20, 300, 4000};
+    EXPECT_EQ(t_start(
+                  tid, 9, [](UInt32 a, UInt32 b, UInt32 c, UInt32 d) { sum = a + b + c + d; }, args),
+              0u);
+    args[0] = 0; // was copied
+    EXPECT_TRUE(Eventually([] { return NumTasks() == 0; }));
+    EXPECT_EQ(sum, 4321u);
+    std::atomic<bool> returned = false;
+    StartTask("self", [&] {
+        t_delete(0);
+        returned = true;
+    });
+    EXPECT_TRUE(Eventually([] { return NumTasks() == 0; }));
+    EXPECT_FALSE(returned);
+}
+
+// With the value of gLibPThreadNPTL: whether a task still finds itself after another was deleted.
+class Deletion : public testing::TestWithParam<Int32>
+{
+};
+
+TEST_P(Deletion, DecidesWhoFindsItself)
+{
+    gLibPThreadNPTL = GetParam();
+    std::atomic<UInt32> found = 77, received = 77;
+    std::atomic<bool> ready = false, go = false;
+    StartTask("stay", [&] {
+        ready = true;
+        while (!go)
+            tm_wkafter(1);
+        UInt32 value = 0;
+        received = ev_receive(0x1, kEvNoWait, 0, &value);
+        found = t_ident(nullptr, 0, &value);
+    });
+    const UInt32 gone = StartTask("gone", [] { tm_wkafter(100000); });
+    ASSERT_TRUE(Eventually([&] { return ready.load(); }));
+    EXPECT_EQ(t_delete(gone), 0u);
+    EXPECT_EQ(t_delete(gone), 0u) << "already gone: nothing is touched";
+    go = true;
+    EXPECT_TRUE(Eventually([] { return NumTasks() == 0; }));
+    EXPECT_EQ(received, GetParam() == 1 ? kEvNotPending : kNoCallerTask);
+    EXPECT_EQ(found, GetParam() == 1 ? 0u : kTaskNotFound);
+}
+
+// Tasks that wait with and without time-outs are deleted in the middle of it, over and over, while
+// their ring of neighbours goes on posting: no event is lost and nothing is left behind.
+TEST_P(Deletion, InTheMiddleOfWaitsLeavesNothingBehind)
+{
+    gLibPThreadNPTL = GetParam();
+    for (int round = 0; round < 20; round++) {
+        std::vector<UInt32> tids;
+        for (UInt32 i = 0; i < 6; i++)
+            tids.push_back(StartTask("loop", [i] {
+                UInt32 events = 0;
+                while (ev_receive(0x1, kEvAny, i % 3, &events) != kNoCallerTask) {
+                }
+            }));
+        for (const UInt32 tid : tids)
+            ev_send(tid, 0x1);
+        std::this_thread::sleep_for(std::chrono::milliseconds(round % 5));
+        for (const UInt32 tid : tids)
+            t_delete(tid);
+    }
+    EXPECT_TRUE(Eventually([] { return NumTasks() == 1; })) << "the timer task is left";
+}
+
+TEST_P(Deletion, OfOneTaskByTwoHappensOnce)
+{
+    gLibPThreadNPTL = GetParam();
+    for (int round = 0; round < 50; round++) {
+        const UInt32 victim = StartTask("both", [round] { tm_wkafter(round % 2 == 0 ? 0 : 100000); });
+        std::thread rival([victim] { t_delete(victim); });
+        t_delete(victim);
+        rival.join();
+        ASSERT_TRUE(Eventually([] { return NumTasks() == 0; }));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(ThreadLibrary, Deletion, testing::Values(0, 1));
+
+TEST(Events, NoneIsLostBetweenTasks)
+{
+    gLibPThreadNPTL = 1;
+    constexpr UInt32 kRounds = 2000;
+    std::atomic<UInt32> pongs = 0;
+    UInt32 ping = 0;
+    t_create("ping", 1, 0, 0, 0, &ping);
+    const UInt32 pong = StartTask("pong", [&] {
+        UInt32 events = 0;
+        for (; pongs < kRounds; pongs++) {
+            ev_receive(0x1, 0, 0, &events);
+            ev_send(ping, 0x2);
+        }
+    });
+    std::atomic<UInt32> pings = 0, failures = 0;
+    StartBody(ping, [&] {
+        UInt32 events = 0;
+        for (; pings < kRounds; pings++) {
+            ev_send(pong, 0x1);
+            failures += ev_receive(0x2, kEvAny, 500, &events) != 0;
+        }
+    });
+    EXPECT_TRUE(Eventually([&] { return pings == kRounds && pongs == kRounds; }));
+    EXPECT_EQ(failures, 0u);
+}
+
+TEST(Tasks, ReportThemselves)
+{
+    UInt32 tid = 0;
+    t_create("dump", 42, 0, 0, 0, &tid);
+    low_pointer<TCB>(tid)->pid = 4711;
+    char row[64];
+    std::snprintf(row, sizeof row, "T[0]    %08x  dump     42    4711\n", tid);
+    testing::internal::CaptureStdout();
+    osTaskDump();
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), std::string("T[0] Task:  ID    Name  Priority PID\n") + row);
+    low_pointer<TCB>(tid)->pid = getpid();
+    testing::internal::CaptureStdout();
+    osTaskUsage();
+    EXPECT_EQ(testing::internal::GetCapturedStdout().find("TaskID     Name  Pri Usage\n--------------------------\n"),
+              0u);
+    EXPECT_GT(low_pointer<TCB>(tid)->usrtime + low_pointer<TCB>(tid)->systime + 1, 0);
+    char name[5] = "";
+    UInt32 priority = 0;
+    EXPECT_EQ(t_name_and_pri_from_pid(getpid(), name, &priority), 0u);
+    EXPECT_STREQ(name, "dump");
+    EXPECT_EQ(priority, 42u);
+    EXPECT_EQ(t_name_from_pid(4711, name), kTaskNotFound);
+    UInt32 previous = 0, refcon = 0;
+    EXPECT_EQ(t_setpri(tid, 43, &previous), 0u);
+    EXPECT_EQ(previous, 42u);
+    EXPECT_EQ(low_pointer<TCB>(tid)->prv_pri.sched_priority, 43);
+    EXPECT_EQ(t_setRefCon(tid, 99), 0u);
+    EXPECT_EQ(t_getRefCon(tid, &refcon), 0u);
+    EXPECT_EQ(refcon, 99u);
+    t_delete(tid);
+}
+
+TEST(Tasks, AnAttachedThreadIsATask)
+{
+    std::thread([] {
+        EXPECT_EQ(t_attach("main", 5), 0u);
+        EXPECT_STREQ(task_name(Self()), "main");
+        UInt32 events = 0;
+        ev_send(Self(), 0x4);
+        EXPECT_EQ(ev_receive(0x4, 0, 0, &events), 0u);
+        t_delete(0);
+    }).detach();
+    EXPECT_TRUE(Eventually([] { return NumTasks() == 0; }));
+}
+
+TEST(Tasks, WithoutMemoryNothingChanges)
+{
+    if (sizeof(void *) == 4)
+        GTEST_SKIP() << "the whole address space is the region";
+    std::vector<void *> blocks;
+    while (void *block = low_calloc(sizeof(TCB)))
+        blocks.push_back(block);
+    UInt32 tid = 7;
+    EXPECT_EQ(t_create("none", 1, 0, 0, 0, &tid), kTaskNoMemory);
+    EXPECT_EQ(tid, 7u);
+    EXPECT_EQ(NumTasks(), 0);
+    for (void *block : blocks)
+        low_free(block);
+    EXPECT_EQ(t_create("some", 1, 0, 0, 0, &tid), 0u);
+}
+
+TEST(TasksDeathTest, RefuseImpossiblePriorities)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    UInt32 tid = 0;
+    t_create("prio", 100, 0, 0, 0, &tid);
+    EXPECT_DEATH(t_setpri(tid, 101, nullptr), "Assertion failed: tcb->prv_pri.__sched_priority <= 99, file Common/OS/");
+    EXPECT_DEATH(t_attach("prio", 0), "\\(\\(int\\) tcb->prv_pri.__sched_priority > 0\\)");
+    EXPECT_DEATH(
+        {
+            dup2(STDERR_FILENO, STDOUT_FILENO);
+            set_sched_policy(SCHED_FIFO);
+            t_start(tid, 0, nullptr, nullptr);
+        },
+        "tpri 100 prio\n.*\\(\\(int\\) tcb->prv_pri.__sched_priority >= 0\\) && "
+        "tcb->prv_pri.__sched_priority <= 99");
+}
+
+} // namespace

@@ -1,0 +1,60 @@
+// Runs pieces of a test as tasks.
+#pragma once
+
+#include "Common/OS/linux/mutexhold.h"
+#include "Common/OS/linux/psosapi/pthreadapi.h"
+
+#include <atomic>
+#include <chrono>
+#include <deque>
+#include <functional>
+#include <gtest/gtest.h>
+#include <thread>
+
+// Starts a created task that runs body; to be called from the test's own thread.
+inline void StartBody(UInt32 tid, std::function<void()> body)
+{
+    // Tasks may outlive the test, so their bodies are never freed. Two words carry the address.
+    static auto *bodies = new std::deque<std::function<void()>>;
+    bodies->push_back(std::move(body));
+    const UInt64 address = reinterpret_cast<std::uintptr_t>(&bodies->back());
+    const UInt32 args[4] = {static_cast<UInt32>(address >> 32), static_cast<UInt32>(address), 0, 0};
+    const auto run = [](UInt32 high, UInt32 low, UInt32, UInt32) {
+        (*reinterpret_cast<std::function<void()> *>(static_cast<std::uintptr_t>(UInt64{high} << 32 | low)))();
+    };
+    EXPECT_EQ(t_start(tid, 0, run, args), 0u);
+}
+
+// Creates and starts a task that runs body.
+inline UInt32 StartTask(const char *name, std::function<void()> body)
+{
+    UInt32 tid = 0;
+    EXPECT_EQ(t_create(name, 10, 0, 0, 0, &tid), 0u);
+    StartBody(tid, std::move(body));
+    return tid;
+}
+
+// Waits until a condition holds, ten seconds at most.
+inline bool Eventually(const std::function<bool()> &condition)
+{
+    for (int i = 0; i < 10000 && !condition(); i++)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    return condition();
+}
+
+inline int NumTasks()
+{
+    pthread_mutex_lock(&tcblistmutex);
+    int count = 0;
+    for (const TCB *tcb = tcblist; tcb != nullptr; tcb = tcb->next)
+        count++;
+    pthread_mutex_unlock(&tcblistmutex);
+    return count;
+}
+
+inline std::chrono::milliseconds::rep MillisecondsOf(const std::function<void()> &work)
+{
+    const auto start = std::chrono::steady_clock::now();
+    work();
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
+}
