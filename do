@@ -77,7 +77,7 @@ lint() {
         build "$preset"
     done
     sources | xargs clang-format --dry-run -Werror
-    cppcheck --quiet --error-exitcode=1 --std=c++20 --language=c++ --inline-suppr --suppressions-list=.cppcheck -I . \
+    cppcheck --quiet --error-exitcode=1 --std=c++20 --language=c++ --library=googletest --inline-suppr -I . \
         --enable=warning,performance,portability $(sources)
     sources | grep '\.cpp$' | xargs -P "$jobs" -n 4 clang-tidy --quiet -p build/clang
     for page in docs/*.1; do

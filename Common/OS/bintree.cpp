@@ -65,6 +65,7 @@ BinaryLeafT *RotateLeftRight(BinaryLeafT *pLeaf)
 {
     BinaryLeafT *pChild = pLeaf->left;
     BinaryLeafT *pGrandchild = pChild->right;
+    os_assert(pGrandchild, "pGrandchild"); // that side of the child is the taller one
     pChild->right = pGrandchild->left;
     pLeaf->left = pGrandchild->right;
     pGrandchild->left = pChild;
@@ -92,6 +93,7 @@ BinaryLeafT *RotateRightLeft(BinaryLeafT *pLeaf)
 {
     BinaryLeafT *pChild = pLeaf->right;
     BinaryLeafT *pGrandchild = pChild->left;
+    os_assert(pGrandchild, "pGrandchild"); // that side of the child is the taller one
     pChild->left = pGrandchild->right;
     pLeaf->right = pGrandchild->left;
     pGrandchild->right = pChild;
