@@ -96,24 +96,31 @@ void StoreLine(const char *line, Int32 size)
 // overwrite it. Only the pages that the longest line needs are ever touched.
 char printedLine[kRingSize];
 
-// Copies the next line to printedLine. False when there is none.
+// There is filling at next, and nothing but filling ever comes after the tail.
+void StopIfCorrupt(Int32 next, Int32 tail)
+{
+    if (tail <= next)
+        return;
+    std::printf("syslog: empty string @ 0x%x\n", static_cast<UInt32>(reinterpret_cast<std::uintptr_t>(buf + next)));
+    os_assert(false, "0");
+}
+
+// Copies the next line to printedLine; an empty one where a pass begins on the filling. False when
+// there is none.
 bool TakeLine()
 {
     const Int32 tail = log_buffer_tail;
-    Int32 head = log_buffer_head;
+    const Int32 head = log_buffer_head;
     if (head == tail)
         return false;
-    if (buf[head] == '\0') {
-        if (tail > head) {
-            std::printf("syslog: empty string @ 0x%x\n",
-                        static_cast<UInt32>(reinterpret_cast<std::uintptr_t>(buf + head)));
-            os_assert(false, "0");
-        }
-        head = 0;
-    }
     const std::size_t size = std::strlen(buf + head) + 1;
     std::memcpy(printedLine, buf + head, size);
-    log_buffer_head = head + static_cast<Int32>(size);
+    Int32 next = head + static_cast<Int32>(size);
+    if (next != tail && buf[next] == '\0') {
+        StopIfCorrupt(next, tail);
+        next = 0;
+    }
+    log_buffer_head = next;
     return true;
 }
 
@@ -226,7 +233,8 @@ void syslogDrainQueue()
 {
     bool any = false;
     while (TakeLine()) {
-        PrintLine(printedLine);
+        if (printedLine[0] != '\0')
+            PrintLine(printedLine);
         any = true;
     }
     if (any)
