@@ -14,8 +14,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <strings.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 Boolean gbDoMicro;
 Boolean gbDoFarsight;
@@ -52,6 +54,15 @@ constexpr TargetRow kTargets[] = {
 };
 
 constexpr int kPipeWords = 3; // behind "-p": path, lower bound, upper bound
+
+// A standard descriptor that is closed would be handed out again, as a serial port, and the trace
+// would go onto the line.
+void OccupyStandardDescriptors()
+{
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; fd++)
+        if (fcntl(fd, F_GETFD) < 0)
+            open("/dev/null", O_RDWR); // takes the lowest free descriptor: this one
+}
 
 // Records the hardware type of the board that the environment names. A name that is not known
 // leaves the type as it is.
@@ -202,6 +213,7 @@ void PrintArguments(int argc, char *const argv[])
 
 int main(int argc, char *argv[])
 {
+    OccupyStandardDescriptors();
     // A supervisor that goes away must not stop a transfer half-way, and whoever follows the trace
     // sees it line by line.
     std::signal(SIGPIPE, SIG_IGN);
