@@ -1,0 +1,43 @@
+// Script of the faults that a device plays, as plain data. A fresh one has none.
+#pragma once
+
+#include "bench/text.h"
+
+#include <map>
+
+namespace bench
+{
+
+// What happens to a reply on its way.
+struct ReplyFault {
+    int keep = -1;  // bytes that still go out; -1: all of them, 0: silence
+    int lateMs = 0; // milliseconds it is held back
+};
+
+struct BlockFault {
+    int verdict = -1; // the second byte of the reply; -1: what the device finds
+    ReplyFault reply;
+};
+
+struct Faults {
+    Bytes noise;                           // ahead of the version reply
+    ReplyFault version;                    // the version reply
+    ReplyFault flashMode;                  // the camera's reply to the flash mode message
+    std::map<unsigned, BlockFault> blocks; // by the count of blocks received in this run, from 0, retries included
+    int cutBlock = -1;                     // that block is lost to a power cut; -1: none
+    bool cutMiddle = false;                // already when half of it is in
+};
+
+// Reads the text form below. Throws std::invalid_argument with a text that names the bad item.
+Faults ParseFaults(const std::string &text);
+
+// The text form, for --help.
+inline constexpr char kFaultsHelp[] = "TEXT is a list of faults with commas between them:\n"
+                                      "  noise=HEX     bytes ahead of the version reply, such as noise=12FF13\n"
+                                      "  version=HOW   the version reply, HOW one of: none, first:BYTES, late:MS\n"
+                                      "  mode=HOW      the camera's flash mode reply\n"
+                                      "  block5=HOW    the verdict on the block received when five have been (from 0,\n"
+                                      "                retries count); also: ack, nack, verdict:HEX\n"
+                                      "  cut=5         power cut when block 5 is in; cut=5:middle when half of it is\n";
+
+} // namespace bench

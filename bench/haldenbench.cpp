@@ -1,0 +1,287 @@
+// The command haldenbench: rehearses an update with the binary that ships and two peripherals in
+// software.
+#include "bench/images.h"
+#include "bench/run.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <getopt.h>
+#include <iostream>
+#include <stdexcept>
+
+namespace
+{
+
+namespace fs = std::filesystem;
+using namespace bench;
+
+constexpr int kGood = 0;
+constexpr int kBad = 1;
+constexpr int kUsage = 2;
+constexpr int kCameraPort = 0;
+constexpr int kMicroPort = 1;
+constexpr unsigned kFastDivisor = 100;
+
+constexpr char kHelp[] =
+    "Usage: haldenbench [options] -- haldenflash all ...\n"
+    "Runs the command against a microcontroller and a camera in software, then says what they hold.\n"
+    "A command without a slash is looked for beside haldenbench.\n"
+    "  --dir DIR             images and working directory of the command (default: this one)\n"
+    "  --micro-version XX    what the microcontroller runs    (default: one less than its image)\n"
+    "  --camera-version XXXX what the camera runs             (default: one less than the version file)\n"
+    "  --system-version XXXX what the camera's system runs    (default: one less than the version file)\n"
+    "  --fast                shorten the command's pauses to a hundredth\n"
+    "  --baud N              carry bytes no faster than the line would (default: as fast as they come)\n"
+    "  --faults DEVICE:TEXT  faults that DEVICE, micro or camera, plays\n"
+    "  --bar                 progress bar; of the command's output only the result line\n"
+    "  --trace FILE          the command's output goes to FILE\n"
+    "  --transcript FILE     writes what passed between the command and the devices\n"
+    "  --make-images DIR     writes sample images and stops\n"
+    "Exit status: 0 the command succeeded and all is as it should be, 1 not so, 2 usage.\n";
+
+using UsageError = std::invalid_argument;
+
+struct Settings {
+    std::string directory = ".";
+    std::optional<unsigned long> microVersion, cameraVersion, systemVersion;
+    bool fast = false;
+    unsigned baud = 0;
+    Faults microFaults, cameraFaults;
+    bool bar = false;
+    std::string trace, transcript, makeImages;
+    std::vector<std::string> command;
+};
+
+unsigned long Number(const char *option, const std::string &text, int base, unsigned long limit)
+{
+    char *end = nullptr;
+    const unsigned long number = std::strtoul(text.c_str(), &end, base);
+    if (text.empty() || std::isxdigit(static_cast<unsigned char>(text[0])) == 0 || *end != '\0' || number > limit)
+        throw UsageError("--" + std::string(option) + ": \"" + text + "\" is no fitting number");
+    return number;
+}
+
+void SetFaults(Settings &settings, const std::string &text)
+{
+    const std::size_t colon = text.find(':');
+    const std::string device = text.substr(0, colon);
+    if (colon == std::string::npos || (device != "micro" && device != "camera"))
+        throw UsageError("--faults: micro:TEXT or camera:TEXT expected");
+    (device == "micro" ? settings.microFaults : settings.cameraFaults) = ParseFaults(text.substr(colon + 1));
+}
+
+// One row an option: its name, and what its value, if it takes one, does.
+struct OptionRow {
+    const char *name;
+    bool takesValue;
+    void (*apply)(Settings &settings, const char *name, const std::string &value);
+};
+constexpr OptionRow kOptions[] = {
+    {"dir", true, [](Settings &s, const char *, const std::string &value) { s.directory = value; }},
+    {"micro-version", true,
+     [](Settings &s, const char *n, const std::string &value) { s.microVersion = Number(n, value, 16, 0xFF); }},
+    {"camera-version", true,
+     [](Settings &s, const char *n, const std::string &value) { s.cameraVersion = Number(n, value, 16, 0xFFFF); }},
+    {"system-version", true,
+     [](Settings &s, const char *n, const std::string &value) { s.systemVersion = Number(n, value, 16, 0xFFFF); }},
+    {"fast", false, [](Settings &s, const char *, const std::string &) { s.fast = true; }},
+    {"baud", true,
+     [](Settings &s, const char *n, const std::string &value) {
+         s.baud = static_cast<unsigned>(Number(n, value, 10, 10000000));
+     }},
+    {"faults", true, [](Settings &s, const char *, const std::string &value) { SetFaults(s, value); }},
+    {"bar", false, [](Settings &s, const char *, const std::string &) { s.bar = true; }},
+    {"trace", true, [](Settings &s, const char *, const std::string &value) { s.trace = value; }},
+    {"transcript", true, [](Settings &s, const char *, const std::string &value) { s.transcript = value; }},
+    {"make-images", true, [](Settings &s, const char *, const std::string &value) { s.makeImages = value; }},
+    {"help", false,
+     [](Settings &, const char *, const std::string &) {
+         std::cout << kHelp << kFaultsHelp;
+         std::exit(kGood);
+     }},
+};
+
+Settings ParseArguments(int argc, char *argv[])
+{
+    std::vector<option> options;
+    for (const OptionRow &row : kOptions)
+        options.push_back({row.name, row.takesValue ? required_argument : no_argument, nullptr, 0});
+    options.push_back({});
+    Settings settings;
+    int index = 0;
+    for (int result = 0; (result = getopt_long(argc, argv, "+", options.data(), &index)) != -1;) {
+        if (result != 0)
+            throw UsageError("see haldenbench --help");
+        kOptions[index].apply(settings, kOptions[index].name, optarg == nullptr ? "" : optarg);
+    }
+    settings.command.assign(argv + optind, argv + argc);
+    if (settings.command.empty() && settings.makeImages.empty())
+        throw UsageError("no command; see haldenbench --help");
+    if (!fs::is_directory(settings.directory))
+        throw UsageError("--dir: there is no directory " + settings.directory);
+    return settings;
+}
+
+fs::path Beside(const std::string &name)
+{
+    return fs::read_symlink("/proc/self/exe").parent_path() / name;
+}
+
+std::string Executable(const std::string &word)
+{
+    const fs::path path = word.find('/') == std::string::npos ? Beside(word) : fs::path(word);
+    if (!fs::exists(path))
+        throw UsageError("there is no " + path.string());
+    return path;
+}
+
+Micro MakeMicro(const Settings &settings)
+{
+    const std::optional<Bytes> image = ReadFile(settings.directory + "/" + kMicroImage);
+    const unsigned long older = image && !image->empty() ? image->front() - 1UL : 0;
+    return Micro(static_cast<std::uint8_t>(settings.microVersion.value_or(older)));
+}
+
+Camera::Image MakeImage(const std::string &versionFile, const std::optional<unsigned long> &version)
+{
+    const std::string newVersion = ReadVersion(versionFile).value_or("0001");
+    const unsigned long older = std::strtoul(newVersion.c_str(), nullptr, 16) - 1;
+    return {Format("%04lX", version.value_or(older) & 0xFFFF), newVersion};
+}
+
+std::map<std::string, std::string> OwnEnvironment()
+{
+    std::map<std::string, std::string> environment;
+    for (char **word = environ; *word != nullptr; ++word) {
+        const std::string text = *word;
+        const std::size_t equals = text.find('=');
+        environment[text.substr(0, equals)] = equals == std::string::npos ? "" : text.substr(equals + 1);
+    }
+    environment.emplace("TALVORA_BOARDID", "KORA"); // the board that has these ports
+    return environment;
+}
+
+void DrawBar(const std::string &position)
+{
+    constexpr int kWidth = 50;
+    const int filled = std::min(std::atoi(position.c_str()) * kWidth / 100, kWidth);
+    std::fprintf(stderr, "\r[%s%s] %s %%", std::string(static_cast<std::size_t>(filled), '#').c_str(),
+                 std::string(static_cast<std::size_t>(kWidth - filled), ' ').c_str(), position.c_str());
+}
+
+// Adds the bar: a progress FIFO of the run's own, and the words that lead the command to it.
+void AddBar(RunOptions &options)
+{
+    options.fifo = fs::temp_directory_path() / ("haldenbench." + std::to_string(getpid()));
+    options.progress.seen = DrawBar;
+    options.arguments.insert(options.arguments.end(), {"-p", options.fifo, "0", "100"});
+}
+
+RunOptions MakeOptions(const Settings &settings, Line &camera, Line &micro)
+{
+    RunOptions options;
+    options.executable = Executable(settings.command.front());
+    options.arguments = settings.command;
+    options.directory = settings.directory;
+    options.environment = OwnEnvironment();
+    options.preload = Beside("haldenbench-preload.so");
+    options.ports[kCameraPort].line = &camera;
+    options.ports[kMicroPort].line = &micro;
+    options.waitDivisor = settings.fast ? kFastDivisor : 1;
+    options.output = settings.bar || !settings.trace.empty() ? Output::kCapture : Output::kInherit;
+    options.limit = std::chrono::hours(1); // a big image on a slow line takes its time
+    if (settings.bar)
+        AddBar(options);
+    return options;
+}
+
+std::string LastLine(std::string text)
+{
+    text.erase(text.find_last_not_of("\r\n") + 1);
+    return text.substr(text.find_last_of("\r\n") + 1);
+}
+
+// Shows or stores what the command printed, as far as it did not do so itself.
+void ShowOutput(const Settings &settings, const RunResult &result)
+{
+    std::cerr << (settings.bar ? "\n" : "") << result.errors;
+    if (!settings.trace.empty())
+        WriteFile(settings.trace, Bytes(result.output.begin(), result.output.end()));
+    if (settings.bar)
+        std::cout << LastLine(result.output) << "\n";
+    if (result.killed)
+        std::cout << "the command had to be stopped\n";
+    else if (result.signal != 0)
+        std::cout << "the command was ended by signal " << result.signal << "\n";
+    else
+        std::cout << "the command ended with status " << result.status << "\n";
+}
+
+void WriteTranscript(const std::string &path, const Micro &micro, const Camera &camera)
+{
+    std::string text;
+    const std::pair<const char *, const Device *> devices[] = {{"micro\n", &micro}, {"camera\n", &camera}};
+    for (const auto &[name, device] : devices) {
+        text += name;
+        for (const std::string &line : device->transcript())
+            text += line + "\n";
+    }
+    WriteFile(path, Bytes(text.begin(), text.end()));
+}
+
+// Prints a line for each image and one for each finding.
+bool Report(const std::string &directory, const Micro &micro, const Camera &camera)
+{
+    bool good = true;
+    for (const Verdict &verdict :
+         {Judge(micro, directory), JudgeCamera(camera, directory), JudgeSystem(camera, directory)}) {
+        std::cout << verdict.text << "\n";
+        good = good && verdict.good;
+    }
+    for (const Device *device : {static_cast<const Device *>(&micro), static_cast<const Device *>(&camera)}) {
+        for (const std::string &finding : device->findings())
+            std::cout << "! " << finding << "\n";
+    }
+    return good;
+}
+
+int Rehearse(const Settings &settings)
+{
+    Micro micro = MakeMicro(settings);
+    Camera camera(MakeImage(settings.directory + "/" + kCameraVersion, settings.cameraVersion),
+                  MakeImage(settings.directory + "/" + kSystemVersion, settings.systemVersion));
+    micro.faults = settings.microFaults;
+    camera.faults = settings.cameraFaults;
+    Line microLine(micro, settings.baud), cameraLine(camera, settings.baud);
+    const RunResult result = Run(MakeOptions(settings, cameraLine, microLine));
+    ShowOutput(settings, result);
+    if (!settings.transcript.empty())
+        WriteTranscript(settings.transcript, micro, camera);
+    return Report(settings.directory, micro, camera) && result.status == 0 ? kGood : kBad;
+}
+
+int Work(int argc, char *argv[])
+{
+    const Settings settings = ParseArguments(argc, argv);
+    if (settings.makeImages.empty())
+        return Rehearse(settings);
+    fs::create_directories(settings.makeImages);
+    WriteSamples(settings.makeImages, {});
+    return kGood;
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    try {
+        return Work(argc, argv);
+    } catch (const UsageError &error) {
+        std::cerr << "haldenbench: " << error.what() << "\n";
+        return kUsage;
+    } catch (const std::exception &error) {
+        std::cerr << "haldenbench: " << error.what() << "\n";
+        return kBad;
+    }
+}

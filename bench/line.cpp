@@ -1,0 +1,153 @@
+#include "bench/line.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <termios.h>
+
+namespace bench
+{
+
+namespace
+{
+
+constexpr std::size_t kChunk = 4096;
+// Bytes of a paced line are taken in portions that last so long.
+constexpr std::chrono::milliseconds kPortion{5};
+
+std::chrono::nanoseconds LineTime(std::uint64_t bytes, unsigned baud)
+{
+    if (baud == 0)
+        return {};
+    return std::chrono::nanoseconds(
+        static_cast<std::int64_t>(static_cast<double>(bytes) * Line::kBitsPerByte * 1e9 / baud));
+}
+
+std::size_t PortionSize(unsigned baud)
+{
+    const std::chrono::nanoseconds byteTime = LineTime(1, baud);
+    if (byteTime.count() == 0)
+        return kChunk;
+    return std::clamp<std::size_t>(static_cast<std::size_t>(kPortion / byteTime), 1, kChunk);
+}
+
+} // namespace
+
+double Line::Use::Efficiency(unsigned baud) const
+{
+    const std::chrono::duration<double> ideal = LineTime(bytes, baud), taken = end - begin;
+    return taken.count() > 0 ? ideal / taken : 0;
+}
+
+Line::Line(Device &device, unsigned baud)
+    : device_(device), baud_(baud), master_(Checked(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC | O_NONBLOCK), "pty")),
+      wake_(Checked(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd"))
+{
+    char path[64];
+    Checked(grantpt(master_.get()), "grantpt");
+    Checked(unlockpt(master_.get()), "unlockpt");
+    Checked(-ptsname_r(master_.get(), path, sizeof path), "ptsname");
+    path_ = path;
+    slave_ = Descriptor(Checked(open(path, O_RDWR | O_NOCTTY | O_CLOEXEC), path));
+    termios settings = {};
+    Checked(tcgetattr(slave_.get(), &settings), path);
+    cfmakeraw(&settings);
+    Checked(tcsetattr(slave_.get(), TCSANOW, &settings), path);
+}
+
+void Line::Start()
+{
+    Checked(tcflush(slave_.get(), TCIOFLUSH), "flush");
+    Checked(tcflush(master_.get(), TCIOFLUSH), "flush");
+    eventfd_t wakes = 0;
+    eventfd_read(wake_.get(), &wakes);
+    due_.clear();
+    carried_ = 0;
+    use_ = Use();
+    device_.PowerOn();
+    thread_ = std::thread(&Line::Work, this);
+}
+
+void Line::Stop()
+{
+    if (!thread_.joinable())
+        return;
+    eventfd_write(wake_.get(), 1);
+    thread_.join();
+    device_.PowerOff();
+}
+
+void Line::Work()
+{
+    pollfd polls[] = {{master_.get(), POLLIN, 0}, {wake_.get(), POLLIN, 0}};
+    while (polls[1].revents == 0) {
+        SendDue();
+        const bool busy = CarrySome(baud_);
+        poll(polls, 2, busy ? 0 : MillisecondsToDue());
+        if (!busy)
+            clear_ = Clock::now();
+    }
+    while (CarrySome(0)) // nobody waits for the rest any more
+        ;
+}
+
+// Takes a portion of bytes off the line and gives it to the device when its time on the line is
+// over. Returns false when there was none.
+bool Line::CarrySome(unsigned baud)
+{
+    std::uint8_t portion[kChunk];
+    const ssize_t count = read(master_.get(), portion, PortionSize(baud));
+    if (count <= 0)
+        return false;
+    const Clock::time_point begin = clear_;
+    clear_ += LineTime(static_cast<std::uint64_t>(count), baud);
+    std::this_thread::sleep_until(clear_);
+    const unsigned begun = device_.blocksBegun(), ended = device_.blocksEnded();
+    const std::vector<Reply> replies = device_.Receive({portion, static_cast<std::size_t>(count)});
+    if (begun == 0 && device_.blocksBegun() > 0) {
+        use_.begin = begin;
+        carriedBefore_ = carried_;
+    }
+    carried_ += static_cast<std::uint64_t>(count);
+    if (device_.blocksEnded() > ended) {
+        use_.end = Clock::now();
+        use_.bytes = carried_ - carriedBefore_;
+    }
+    if (!replies.empty()) {
+        clear_ = Clock::now(); // the host waited for this, and the line was idle meanwhile
+        Queue(replies);
+    }
+    return true;
+}
+
+void Line::Queue(const std::vector<Reply> &replies)
+{
+    for (const Reply &reply : replies) {
+        const Clock::time_point when = Clock::now() + std::chrono::milliseconds(reply.delayMs);
+        due_.push_back({due_.empty() ? when : std::max(when, due_.back().when), reply.bytes});
+    }
+    SendDue();
+}
+
+void Line::SendDue()
+{
+    for (; !due_.empty() && due_.front().when <= Clock::now(); due_.pop_front()) {
+        // A few bytes into an empty buffer: nothing is left over unless nobody reads, and then
+        // nobody misses it.
+        [[maybe_unused]] const ssize_t sent =
+            write(master_.get(), due_.front().bytes.data(), due_.front().bytes.size());
+    }
+}
+
+// For poll; -1 when no reply is due.
+int Line::MillisecondsToDue() const
+{
+    if (due_.empty())
+        return -1;
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(due_.front().when - Clock::now());
+    return static_cast<int>(std::max<std::chrono::milliseconds::rep>(left.count(), 0));
+}
+
+} // namespace bench

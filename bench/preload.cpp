@@ -1,0 +1,306 @@
+// Leads a program that opens "/dev/fpgaserial<N>" to other files and plays the FPGA serial driver
+// on them. Needs nothing but the C library, allocates nothing, and holds no lock and no descriptor
+// between calls. <sys/ioctl.h> stays out on purpose: it declares ioctl as one that never throws,
+// and such a function would need the C++ library and could not be unwound by a cancellation.
+#include "bench/preload.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/select.h>
+#include <unistd.h>
+
+extern "C" int ioctl(int fd, unsigned long request, ...);
+
+namespace
+{
+
+constexpr int kPorts = 10;
+constexpr int kDescriptors = 1024;
+constexpr std::uint32_t kSetConfig = 0x80260001;
+constexpr std::uint32_t kDisableRx = 0x80260002;
+
+// What the environment says; written once, before main.
+struct Orders {
+    bool on;
+    char log[64];
+    std::int64_t waitDivisor;
+    struct {
+        char path[64];
+        long refusedOpens, refusedRequest, cutWrite;
+        long cutTo; // bytes; -1: the write is refused
+        long baud;  // 0: writes return as soon as they can
+    } ports[kPorts];
+};
+Orders gOrders;
+
+struct Counts {
+    std::atomic<long> opens, requests, writes;
+};
+Counts gCounts[kPorts];
+
+// Port of a redirected descriptor plus one; 0 for any other descriptor.
+std::atomic<unsigned char> gPortOf[kDescriptors];
+
+// A function that this library stands in front of.
+template <class Function> class Real
+{
+public:
+    constexpr explicit Real(const char *name) : name_(name) {}
+    template <class... Arguments> auto operator()(Arguments... arguments)
+    {
+        Function *function = function_.load(std::memory_order_relaxed);
+        if (function == nullptr) {
+            function = reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name_));
+            function_.store(function, std::memory_order_relaxed);
+        }
+        return function(arguments...);
+    }
+
+private:
+    const char *name_;
+    std::atomic<Function *> function_{nullptr};
+};
+constinit Real<int(const char *, int, ...)> gRealOpen("open"), gRealOpen64("open64");
+constinit Real<int(int)> gRealClose("close");
+constinit Real<ssize_t(int, const void *, std::size_t)> gRealWrite("write");
+constinit Real<int(int, unsigned long, ...)> gRealIoctl("ioctl");
+constinit Real<int(int, fd_set *, fd_set *, fd_set *, timeval *)> gRealSelect("select");
+
+// Leaves errno alone, and does not become a cancellation point.
+[[gnu::format(printf, 1, 2)]] void Log(const char *format, ...)
+{
+    const int error = errno;
+    int cancelling = 0;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelling);
+    char line[160];
+    va_list arguments;
+    va_start(arguments, format);
+    const int size = vsnprintf(line, sizeof line, format, arguments);
+    va_end(arguments);
+    const int log = gRealOpen(gOrders.log, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, mode_t{0600});
+    if (log >= 0) {
+        [[maybe_unused]] const ssize_t written = gRealWrite(log, line, static_cast<std::size_t>(size));
+        gRealClose(log);
+    }
+    pthread_setcancelstate(cancelling, nullptr);
+    errno = error;
+}
+
+// Variable of a port, or null.
+const char *PortVariable(const char *name, int port)
+{
+    char numbered[40];
+    snprintf(numbered, sizeof numbered, "%s%d", name, port);
+    return getenv(numbered);
+}
+
+long PortNumber(const char *name, int port)
+{
+    const char *text = PortVariable(name, port);
+    return text == nullptr ? 0 : strtol(text, nullptr, 10);
+}
+
+void Copy(char (&to)[64], const char *from)
+{
+    if (from != nullptr)
+        snprintf(to, sizeof to, "%s", from);
+}
+
+[[gnu::constructor]] void ReadOrders()
+{
+    const char *log = getenv(bench::kPreloadLog);
+    if (log == nullptr)
+        return;
+    Copy(gOrders.log, log);
+    const char *divisor = getenv(bench::kPreloadWaitDivisor);
+    gOrders.waitDivisor = divisor == nullptr ? 1 : strtol(divisor, nullptr, 10);
+    if (gOrders.waitDivisor < 1)
+        gOrders.waitDivisor = 1;
+    for (int port = 0; port < kPorts; ++port) {
+        auto &orders = gOrders.ports[port];
+        Copy(orders.path, PortVariable(bench::kPreloadPort, port));
+        orders.refusedOpens = PortNumber(bench::kPreloadOpens, port);
+        orders.refusedRequest = PortNumber(bench::kPreloadRequest, port);
+        orders.cutWrite = PortNumber(bench::kPreloadWrite, port);
+        orders.baud = PortNumber(bench::kPreloadBaud, port);
+        const char *write = PortVariable(bench::kPreloadWrite, port);
+        const char *bytes = write == nullptr ? nullptr : strchr(write, ':');
+        orders.cutTo = bytes == nullptr ? -1 : strtol(bytes + 1, nullptr, 10);
+    }
+    gOrders.on = true;
+}
+
+// Port that a path designates, -1 if none.
+int PortOfPath(const char *path)
+{
+    constexpr char kPrefix[] = "/dev/fpgaserial";
+    constexpr std::size_t kLength = sizeof kPrefix - 1;
+    if (!gOrders.on || strncmp(path, kPrefix, kLength) != 0)
+        return -1;
+    const char digit = path[kLength];
+    return digit >= '0' && digit <= '9' && path[kLength + 1] == '\0' ? digit - '0' : -1;
+}
+
+// Port that a descriptor was redirected to, -1 if none.
+int PortOfDescriptor(int fd)
+{
+    return fd >= 0 && fd < kDescriptors ? gPortOf[fd] - 1 : -1;
+}
+
+int OpenPort(int port, int flags)
+{
+    const auto &orders = gOrders.ports[port];
+    int fd = -1;
+    if (++gCounts[port].opens <= orders.refusedOpens)
+        errno = EBUSY;
+    else if (orders.path[0] == '\0')
+        errno = ENOENT;
+    else
+        fd = gRealOpen(orders.path, flags | O_NOCTTY, mode_t{0});
+    Log(fd < 0 ? "open %d refused\n" : "open %d\n", port);
+    if (fd >= 0 && fd < kDescriptors)
+        gPortOf[fd] = static_cast<unsigned char>(port + 1);
+    return fd;
+}
+
+// The driver's own requests; the record is six 32-bit fields.
+int RequestPort(int port, std::uint32_t request, const void *argument)
+{
+    const bool refused = ++gCounts[port].requests == gOrders.ports[port].refusedRequest;
+    const char *ending = refused ? " refused" : "";
+    if (request == kSetConfig) {
+        std::uint32_t field[6];
+        memcpy(field, argument, sizeof field);
+        Log("config %d: mask %u baud %u parity %u stop %u flow %u data %u%s\n", port, field[0], field[1], field[2],
+            field[3], field[4], field[5], ending);
+    } else {
+        // Callers pass a plain integer; what is above its bits is not theirs.
+        const bool disable = static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(argument)) != 0;
+        Log("rx %d %s%s\n", port, disable ? "disabled" : "enabled", ending);
+    }
+    if (refused)
+        errno = EIO;
+    return refused ? -1 : 0;
+}
+
+std::int64_t Microseconds(const timeval &time)
+{
+    return std::int64_t{time.tv_sec} * 1000000 + time.tv_usec;
+}
+
+timeval TimeOf(std::int64_t microseconds)
+{
+    timeval time;
+    time.tv_sec = static_cast<decltype(time.tv_sec)>(microseconds / 1000000);
+    time.tv_usec = static_cast<decltype(time.tv_usec)>(microseconds % 1000000);
+    return time;
+}
+
+// Writes, and returns when a line of that speed has carried it all.
+ssize_t WriteLine(int fd, const void *data, std::size_t size, long baud)
+{
+    timespec until = {};
+    clock_gettime(CLOCK_MONOTONIC, &until);
+    const ssize_t written = gRealWrite(fd, data, size);
+    if (baud <= 0 || written <= 0)
+        return written;
+    const std::int64_t nanoseconds = until.tv_nsec + std::int64_t{written} * 11 * 1000000000 / baud;
+    until.tv_sec += static_cast<time_t>(nanoseconds / 1000000000);
+    until.tv_nsec = static_cast<decltype(until.tv_nsec)>(nanoseconds % 1000000000);
+    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr) == EINTR)
+        ;
+    return written;
+}
+
+// The mode is there only if the flags ask for it.
+int Open(Real<int(const char *, int, ...)> &real, const char *path, int flags, va_list &arguments)
+{
+    const int port = PortOfPath(path);
+    if (port >= 0)
+        return OpenPort(port, flags);
+    const bool creates = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
+    return real(path, flags, creates ? va_arg(arguments, mode_t) : mode_t{0});
+}
+
+} // namespace
+
+extern "C" int open(const char *path, int flags, ...)
+{
+    va_list arguments;
+    va_start(arguments, flags);
+    const int fd = Open(gRealOpen, path, flags, arguments);
+    va_end(arguments);
+    return fd;
+}
+
+extern "C" int open64(const char *path, int flags, ...)
+{
+    va_list arguments;
+    va_start(arguments, flags);
+    const int fd = Open(gRealOpen64, path, flags, arguments);
+    va_end(arguments);
+    return fd;
+}
+
+extern "C" int close(int fd)
+{
+    const int port = PortOfDescriptor(fd);
+    if (port >= 0) {
+        gPortOf[fd] = 0;
+        Log("close %d\n", port);
+    }
+    return gRealClose(fd);
+}
+
+extern "C" ssize_t write(int fd, const void *data, std::size_t size)
+{
+    const int port = PortOfDescriptor(fd);
+    if (port < 0)
+        return gRealWrite(fd, data, size);
+    const auto &orders = gOrders.ports[port];
+    if (++gCounts[port].writes != orders.cutWrite)
+        return WriteLine(fd, data, size, orders.baud);
+    if (orders.cutTo < 0) {
+        Log("write %d refused\n", port);
+        errno = EIO;
+        return -1;
+    }
+    const std::size_t kept =
+        size < static_cast<std::size_t>(orders.cutTo) ? size : static_cast<std::size_t>(orders.cutTo);
+    Log("write %d: %zu of %zu bytes\n", port, kept, size);
+    return WriteLine(fd, data, kept, orders.baud);
+}
+
+extern "C" int ioctl(int fd, unsigned long request, ...)
+{
+    va_list arguments;
+    va_start(arguments, request);
+    void *argument = va_arg(arguments, void *);
+    va_end(arguments);
+    const int port = PortOfDescriptor(fd);
+    const auto code = static_cast<std::uint32_t>(request); // may come with its sign extended
+    if (port >= 0 && (code == kSetConfig || code == kDisableRx))
+        return RequestPort(port, code, argument);
+    return gRealIoctl(fd, request, argument);
+}
+
+extern "C" int select(int count, fd_set *reading, fd_set *writing, fd_set *exceptional, timeval *timeout)
+{
+    if (!gOrders.on || timeout == nullptr || reading != nullptr || writing != nullptr || exceptional != nullptr)
+        return gRealSelect(count, reading, writing, exceptional, timeout);
+    const std::int64_t asked = Microseconds(*timeout);
+    Log("wait %lld\n", static_cast<long long>(asked));
+    timeval left = TimeOf(asked / gOrders.waitDivisor);
+    const int result = gRealSelect(count, reading, writing, exceptional, &left);
+    *timeout = TimeOf(Microseconds(left) * gOrders.waitDivisor);
+    return result;
+}

@@ -1,0 +1,32 @@
+// How the preload library is told what to do: environment variables, read once when the library is
+// loaded. Without HALDENBENCH_LOG it changes nothing. <N> is the number in "/dev/fpgaserial<N>",
+// 0 to 9; ordinals count from 1, per port and over the whole process.
+//
+//   HALDENBENCH_LOG           file to which one line per event is appended:
+//                               open <N> | open <N> refused | close <N>
+//                               config <N>: mask <n> baud <n> parity <n> stop <n> flow <n> data <n>
+//                               rx <N> enabled | rx <N> disabled     (either with " refused" behind it)
+//                               write <N>: <n> of <n> bytes | write <N> refused
+//                               wait <microseconds asked for>
+//   HALDENBENCH_PORT<N>       file that "/dev/fpgaserial<N>" leads to; a port without one is ENOENT
+//   HALDENBENCH_OPENS<N>      so many opens are refused (EBUSY) before the first succeeds
+//   HALDENBENCH_REQUEST<N>    the driver request of this ordinal is refused (EIO)
+//   HALDENBENCH_WRITE<N>      the write of this ordinal is refused (EIO); with ":<bytes>" behind the
+//                             ordinal it writes no more than that instead
+//   HALDENBENCH_BAUD<N>       a write returns when a line of that speed has carried it (11 bits a byte),
+//                             although a pseudo-terminal would take some 12 KiB at once
+//   HALDENBENCH_WAIT_DIVISOR  waits without descriptors last only this part of the time asked for
+#pragma once
+
+namespace bench
+{
+
+constexpr char kPreloadLog[] = "HALDENBENCH_LOG";
+constexpr char kPreloadPort[] = "HALDENBENCH_PORT";
+constexpr char kPreloadOpens[] = "HALDENBENCH_OPENS";
+constexpr char kPreloadRequest[] = "HALDENBENCH_REQUEST";
+constexpr char kPreloadWrite[] = "HALDENBENCH_WRITE";
+constexpr char kPreloadBaud[] = "HALDENBENCH_BAUD";
+constexpr char kPreloadWaitDivisor[] = "HALDENBENCH_WAIT_DIVISOR";
+
+} // namespace bench

@@ -1,0 +1,67 @@
+#include "bench/text.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+
+namespace bench
+{
+
+namespace
+{
+
+constexpr std::size_t kShortMessage = 16;
+
+// The CRC-32 of Ethernet and zip files.
+std::uint32_t Crc32(const Bytes &bytes)
+{
+    std::uint32_t crc = ~std::uint32_t{0};
+    for (const std::uint8_t byte : bytes) {
+        crc ^= byte;
+        for (int bit = 0; bit < 8; ++bit)
+            crc = (crc >> 1) ^ ((crc & 1) != 0 ? 0xEDB88320U : 0U);
+    }
+    return ~crc;
+}
+
+} // namespace
+
+std::string Format(const char *format, ...)
+{
+    char text[512];
+    va_list arguments;
+    va_start(arguments, format);
+    std::vsnprintf(text, sizeof text, format, arguments);
+    va_end(arguments);
+    return text;
+}
+
+std::string Describe(const Bytes &bytes)
+{
+    std::string text = Format("%zu byte%s", bytes.size(), bytes.size() == 1 ? "" : "s");
+    if (bytes.size() > kShortMessage)
+        return text + Format(", CRC-32 %08X", Crc32(bytes));
+    for (std::size_t i = 0; i < bytes.size(); ++i)
+        text += Format("%s%02X", i == 0 ? ": " : " ", bytes[i]);
+    return text;
+}
+
+std::optional<Bytes> ReadFile(const std::string &path)
+{
+    std::ifstream file(path, std::ios::binary);
+    if (!file)
+        return std::nullopt;
+    return Bytes(std::istreambuf_iterator<char>(file), {});
+}
+
+void WriteFile(const std::string &path, const Bytes &bytes)
+{
+    std::ofstream file(path, std::ios::binary);
+    file.write(reinterpret_cast<const char *>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    if (!file.flush())
+        throw std::runtime_error("cannot write " + path);
+}
+
+} // namespace bench

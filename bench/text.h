@@ -1,0 +1,27 @@
+// Texts of the bench's reports. Nothing in them depends on time, place or the host's byte order, so
+// that two runs can be compared as files.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace bench
+{
+
+using Bytes = std::vector<std::uint8_t>;
+
+// printf into a string.
+[[gnu::format(printf, 1, 2)]] std::string Format(const char *format, ...);
+
+// "3 bytes: 82 06 77" up to sixteen bytes, "527 bytes, CRC-32 1A2B3C4D" above.
+std::string Describe(const Bytes &bytes);
+
+// The whole file, or nothing when it cannot be read.
+std::optional<Bytes> ReadFile(const std::string &path);
+
+// Replaces the file. Throws std::runtime_error when it cannot be written.
+void WriteFile(const std::string &path, const Bytes &bytes);
+
+} // namespace bench
