@@ -15,14 +15,11 @@ namespace
 {
 
 constexpr int kCameraPort = 0;
-constexpr Int32 kMessageTimeout = 10000;   // microseconds, this and the next four
+constexpr Int32 kMessageTimeout = 10000;   // microseconds, this and the next two
 constexpr Int32 kVerdictTimeout = 4000000; // the camera programs a block before it answers
-constexpr Int32 kDropPause = 500000;       // after a byte that is not the reply's
 constexpr Int32 kReplyPause = 3000000;     // before a reply to a raw message is read
-constexpr Int32 kRestartTime = 3000000;
 constexpr Int32 kBlockSize = 64512;
-constexpr Int32 kBlockHeaderSize = 2; // the block number
-constexpr Int32 kFreshBlock = 3;      // retries of a block that was not refused yet
+constexpr Int32 kFreshBlock = 3; // retries of a block that was not refused yet
 constexpr Int32 kMaxFrameSize = 131072;
 constexpr Int32 kCountChunk = 524288;
 constexpr Int32 kVersionTextSize = 8;
@@ -45,38 +42,38 @@ struct ImageRow {
     const char *file;
     CONTROLLER_FLASH_TYPE flashType;
     KORA_HALDEN_MESAGE_TYPE messageType;
-    const char *outdated;
+    const char *outdated; // conversions: the camera's version, the file's
     const char *upToDate;
-    const char *working;
-    const char *unknownVerdict;
-    const char *readError;
-    const char *flashing;
+    const char *working;        // file, block
+    const char *unknownVerdict; // verdict
+    const char *readError;      // bytes asked for, file, result
+    const char *flashing;       // block, try
 };
 
 constexpr ImageRow kCamera = {
-    "farsightcam.bin",
-    CONTROLLER_FLASH_TYPE_FARSIGT_CAMERA_FW,
-    KORA_HALDEN_MESSAGE_TYPE_REFLASH_FARSIGHT_CAMERA,
-    "Current FarSight Camera FW Version[%x] -- Newer FarSight Camera FW Version[%x] ... Upgrading FarSight Camera FW "
-    "...\n",
-    "FarSight Camera Firmware is Already up to date ...",
-    "Still working on camera file [%s] block [%d] ...\n",
-    "UNKNOWN RESPONSE FROM FARSIGHT DURING CAMERA IMAGE FLASHING: AckNack:0x%.2x ...\n",
-    "\nReading %d bytes from file: %s failed, err: %d, ABORT FarSight camera image programming....\n",
-    "Flashing FarSight Camera Image block[%d] Iteration[%d] ...\n",
+    .file = "farsightcam.bin",
+    .flashType = CONTROLLER_FLASH_TYPE_FARSIGT_CAMERA_FW,
+    .messageType = KORA_HALDEN_MESSAGE_TYPE_REFLASH_FARSIGHT_CAMERA,
+    .outdated = "Current FarSight Camera FW Version[%x] -- Newer FarSight Camera FW Version[%x] ... Upgrading "
+                "FarSight Camera FW ...\n",
+    .upToDate = "FarSight Camera Firmware is Already up to date ...",
+    .working = "Still working on camera file [%s] block [%d] ...\n",
+    .unknownVerdict = "UNKNOWN RESPONSE FROM FARSIGHT DURING CAMERA IMAGE FLASHING: AckNack:0x%.2x ...\n",
+    .readError = "\nReading %d bytes from file: %s failed, err: %d, ABORT FarSight camera image programming....\n",
+    .flashing = "Flashing FarSight Camera Image block[%d] Iteration[%d] ...\n",
 };
 
 constexpr ImageRow kSystem = {
-    "farsightsys.bin",
-    CONTROLLER_FLASH_TYPE_FARSIGT_SYSTEM_FW,
-    KORA_HALDEN_MESSAGE_TYPE_REFLASH_FARSIGHT_SYSTEM,
-    "Current FarSight System FW Version[%x] -- Newer FarSight System FW Version[%x] ... Upgrading FarSight System FW "
-    "...\n",
-    "FarSight System Firmware is Already up to date ...",
-    "Still working on system file [%s] block [%d] ...\n",
-    "UNKNOWN RESPONSE FROM FARSIGHT DURING SYSTEM IMAGE FLASHING: AckNack:0x%.2x ...\n",
-    "\nReading %d bytes from file: %s failed, err: %d, ABORT FarSight system image programming....\n",
-    "Flashing FarSight System Image block[%d] Iteration[%d] ...\n",
+    .file = "farsightsys.bin",
+    .flashType = CONTROLLER_FLASH_TYPE_FARSIGT_SYSTEM_FW,
+    .messageType = KORA_HALDEN_MESSAGE_TYPE_REFLASH_FARSIGHT_SYSTEM,
+    .outdated = "Current FarSight System FW Version[%x] -- Newer FarSight System FW Version[%x] ... Upgrading "
+                "FarSight System FW ...\n",
+    .upToDate = "FarSight System Firmware is Already up to date ...",
+    .working = "Still working on system file [%s] block [%d] ...\n",
+    .unknownVerdict = "UNKNOWN RESPONSE FROM FARSIGHT DURING SYSTEM IMAGE FLASHING: AckNack:0x%.2x ...\n",
+    .readError = "\nReading %d bytes from file: %s failed, err: %d, ABORT FarSight system image programming....\n",
+    .flashing = "Flashing FarSight System Image block[%d] Iteration[%d] ...\n",
 };
 
 // One image's half of the update record.
@@ -140,27 +137,32 @@ eErrorT SendRawMessage(const UInt8 *message, Int32 size)
     return kFuncReturnedError;
 }
 
-// Reads the device-type reply and drops what comes before it; a camera that chatters for ever keeps
-// it here.
+// Reads up to the byte that begins the device-type reply, and drops what comes before it; a camera
+// that chatters for ever keeps it here.
+eErrorT FindTypeReply(UInt8 *reply)
+{
+    for (;;) {
+        if (ReadReply(kCameraPort, reply, 1, kMessageTimeout) != 1)
+            return PrintReplyFailure();
+        if (reply[0] == kTypeReplyStart)
+            return kNoError;
+        std::printf("#### Got [%x] ...drop this byte ...until we get the ACK byte ...\n", reply[0]);
+        Delay(kDropPause);
+    }
+}
+
 eErrorT ReadTypeReply(UInt8 *reply)
 {
-    while (ReadReply(kCameraPort, reply, 1, kMessageTimeout) == 1) {
-        if (reply[0] != kTypeReplyStart) {
-            std::printf("#### Got [%x] ...drop this byte ...until we get the ACK byte ...\n", reply[0]);
-            Delay(kDropPause);
-            continue;
-        }
-        std::printf("#### First Byte of Response, readBuff[0]=0x%.2x ... Read the rest of the camera response ...\n",
-                    reply[0]);
-        const Int32 count = ReadReply(kCameraPort, reply + 1, kTypeReplySize - 1, kMessageTimeout);
-        if (count != kTypeReplySize - 1)
-            return PrintReplyFailure();
-        std::printf("####### GOT THE CORRECT DEVICE TYPE RESPONSE BACK FROM FARSIGHT CAMERA -- byteRead[%d]....\n",
-                    count);
-        PrintReply(reply, kTypeReplySize);
-        return kNoError;
-    }
-    return PrintReplyFailure();
+    if (FindTypeReply(reply) != kNoError)
+        return kFuncReturnedError;
+    std::printf("#### First Byte of Response, readBuff[0]=0x%.2x ... Read the rest of the camera response ...\n",
+                reply[0]);
+    const Int32 count = ReadReply(kCameraPort, reply + 1, kTypeReplySize - 1, kMessageTimeout);
+    if (count != kTypeReplySize - 1)
+        return PrintReplyFailure();
+    std::printf("####### GOT THE CORRECT DEVICE TYPE RESPONSE BACK FROM FARSIGHT CAMERA -- byteRead[%d]....\n", count);
+    PrintReply(reply, kTypeReplySize);
+    return kNoError;
 }
 
 // A version of the reply, deliberately taken as a signed 16-bit value: from 8000 on it equals no
@@ -240,7 +242,9 @@ eErrorT OpenNeededImage(const ImageRow &row, bool needed, int *file)
 eErrorT EnterFlashMode(bool camNeeded, bool sysNeeded, Int32 camNumBlocks, Int32 sysNumBlocks)
 {
     UInt8 flashMode[kFlashModeSize] = {0x87, 0x43, 0x72};
-    flashMode[3] = camNeeded && sysNeeded ? kFlashModeBoth : camNeeded ? kFlashModeCamera : kFlashModeSystem;
+    flashMode[3] = kFlashModeBoth;
+    if (!camNeeded || !sysNeeded)
+        flashMode[3] = camNeeded ? kFlashModeCamera : kFlashModeSystem;
     const UInt32 camCount = camNeeded ? static_cast<UInt32>(camNumBlocks) : 0;
     const UInt32 sysCount = sysNeeded ? static_cast<UInt32>(sysNumBlocks) : 0;
     flashMode[4] = static_cast<UInt8>(camCount >> 8);
@@ -263,24 +267,6 @@ eErrorT EnterFlashMode(bool camNeeded, bool sysNeeded, Int32 camNumBlocks, Int32
 
 // ---- Blocks
 
-// Puts the next block of an image behind its number. Returns the size of the two, or -1 on a read
-// error (printed). *count is what was read from the image.
-Int32 FillBlock(const ImageState &image, UInt8 *block, Int32 *count)
-{
-    std::memset(block, 0, kBlockHeaderSize + kBlockSize);
-    block[0] = static_cast<UInt8>(*image.currentBlock >> 8);
-    block[1] = static_cast<UInt8>(*image.currentBlock);
-    *count = ReadImage(*image.file, block + kBlockHeaderSize, kBlockSize);
-    std::printf("bytes read: %d ...\n", *count);
-    if (*count < 0) {
-        std::printf(image.row.readError, kBlockSize, image.row.file, *count);
-        return -1;
-    }
-    if (*count < kBlockSize)
-        std::printf("\nLast block read_cnt: %d of file: %s \n", *count, image.row.file);
-    return kBlockHeaderSize + *count;
-}
-
 // Sends a fresh block. After a refusal there is nothing to send, which the sender refuses: a refused
 // block ends the update.
 eErrorT SendBlock(const ImageState &image)
@@ -288,10 +274,12 @@ eErrorT SendBlock(const ImageState &image)
     static UInt8 block[kBlockHeaderSize + kBlockSize];
     Int32 count = 0;
     Int32 size = 0;
-    if (*image.retries == kFreshBlock)
-        size = FillBlock(image, block, &count);
+    if (*image.retries == kFreshBlock) {
+        count = FillBlock(block, *image.currentBlock, kBlockSize, *image.file, image.row.file, image.row.readError);
+        size = kBlockHeaderSize + count;
+    }
     eErrorT result = kFuncReturnedError;
-    if (size >= 0) {
+    if (count >= 0) {
         std::printf(image.row.flashing, *image.currentBlock, kFreshBlock + 1 - *image.retries);
         if (sendFarSightFlashDataBlock(block, size, image.row.flashType) == kNoError)
             result = kNoError;
@@ -380,11 +368,14 @@ eErrorT FlashImages(bool camNeeded, bool sysNeeded, Int32 camNumBlocks, Int32 sy
         result = OpenNeededImage(kSystem, sysNeeded, &sysFile);
     if (result == kNoError)
         result = EnterFlashMode(camNeeded, sysNeeded, camNumBlocks, sysNumBlocks);
-    gFarsightUpdateInfo = {camFile, -1, camNumBlocks, kFreshBlock, sysFile, -1, sysNumBlocks, kFreshBlock};
-    if (result == kNoError) {
-        std::printf("FarSight FW update with, camNumBlocks:%d -- sysNUmBlocks:%d ...\n", camNumBlocks, sysNumBlocks);
-        result = SendImages(&gFarsightUpdateInfo);
+    if (result != kNoError) {
+        CloseImage(&camFile);
+        CloseImage(&sysFile);
+        return result;
     }
+    std::printf("FarSight FW update with, camNumBlocks:%d -- sysNUmBlocks:%d ...\n", camNumBlocks, sysNumBlocks);
+    gFarsightUpdateInfo = {camFile, -1, camNumBlocks, kFreshBlock, sysFile, -1, sysNumBlocks, kFreshBlock};
+    result = SendImages(&gFarsightUpdateInfo);
     CloseImage(&gFarsightUpdateInfo.farsight_cam_file);
     CloseImage(&gFarsightUpdateInfo.farsight_sys_file);
     return result;
@@ -430,11 +421,12 @@ eErrorT HaldenSerialProgFarSight(CONTROLLER_FLASH_TYPE flashType)
         result = ReadCameraVersions(&camVersion, &sysVersion);
     if (result != kNoError)
         return result;
+    // Both comparisons print and count progress, whatever is to be flashed.
+    bool camNeeded = ImageNeeded(kCamera, camVersion, newCamVersion, gProgressCtrl.nCamFileSize);
+    bool sysNeeded = ImageNeeded(kSystem, sysVersion, newSysVersion, gProgressCtrl.nSysFileSize);
     const bool both = flashType == CONTROLLER_FLASH_TYPE_FARSIGT_CAMERA_SYSTEM_FW;
-    const bool camNeeded = ImageNeeded(kCamera, camVersion, newCamVersion, gProgressCtrl.nCamFileSize) &&
-                           (both || flashType == CONTROLLER_FLASH_TYPE_FARSIGT_CAMERA_FW);
-    const bool sysNeeded = ImageNeeded(kSystem, sysVersion, newSysVersion, gProgressCtrl.nSysFileSize) &&
-                           (both || flashType == CONTROLLER_FLASH_TYPE_FARSIGT_SYSTEM_FW);
+    camNeeded &= both || flashType == kCamera.flashType;
+    sysNeeded &= both || flashType == kSystem.flashType;
     if (!camNeeded && !sysNeeded)
         return kNoError;
     if (gbQueryOnly != 0) {
@@ -452,27 +444,26 @@ eErrorT GetFarSightCameraImageBlockNumber(CameraFirmwareTypeT imageType, Int32 *
     std::puts("GetFarSightCameraImageBlockNumber()...");
     *camNumBlock = 0;
     *sysNumBlock = 0;
-    eErrorT result = kNoError;
-    switch (imageType) {
-    case CAMERA_FW_TYPE_CAMERA:
-        return CountBlocks(kCamera, camNumBlock);
-    case CAMERA_FW_TYPE_SYSTEM:
-        return CountBlocks(kSystem, sysNumBlock);
-    case CAMERA_FW_TYPE_ALL:
-        result = CountBlocks(kCamera, camNumBlock);
-        return result == kNoError ? CountBlocks(kSystem, sysNumBlock) : result;
-    default:
+    const bool all = imageType == CAMERA_FW_TYPE_ALL;
+    if (!all && imageType != CAMERA_FW_TYPE_CAMERA && imageType != CAMERA_FW_TYPE_SYSTEM) {
         std::printf("Invalid FarSight Camera Image[%d] ...\n", imageType);
         return kBadParameter;
     }
+    eErrorT result = kNoError;
+    if (all || imageType == CAMERA_FW_TYPE_CAMERA)
+        result = CountBlocks(kCamera, camNumBlock);
+    if (result == kNoError && (all || imageType == CAMERA_FW_TYPE_SYSTEM))
+        result = CountBlocks(kSystem, sysNumBlock);
+    return result;
 }
 
 eErrorT SetupNextFarSightDataBlock(FarSightUpdateInfoS *updateInfo, UInt8 AckNack)
 {
     const ImageState camera = CameraState(updateInfo);
     const ImageState system = SystemState(updateInfo);
-    // An empty camera image has no block that a verdict could be about: it is the system image's. It
-    // would stay at its first block for ever otherwise.
+    // An empty camera image has no block that a verdict could be about: it is the system image's, which
+    // would stay at its first block for ever otherwise. The update still fails in the end: the camera
+    // image stays open, and no verdict on it ever comes.
     const bool emptyCamera = camera.totalBlock == 0 && *camera.currentBlock == 0 && *system.file != kNoImage;
     if (*camera.file != kNoImage && !emptyCamera) {
         ApplyVerdict(camera, AckNack);

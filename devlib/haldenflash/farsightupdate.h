@@ -30,8 +30,8 @@ enum CameraFirmwareTypeT : Int32 {
 // (done, not needed, or query only) or -1.
 int flash_farsight(int argc, char *const argv[]);
 
-// The exchange with the camera on the open port. Returns kNoError, kFileOpenError, kBadParameter
-// (a block was refused) or kFuncReturnedError.
+// The exchange with the camera on the open port. Returns kNoError, kFileOpenError (an image or a
+// version file), or kFuncReturnedError (anything else, a refused block included).
 eErrorT HaldenSerialProgFarSight(CONTROLLER_FLASH_TYPE flashType);
 
 // Counts the blocks of the images; one that does not open counts 0. Returns kNoError, kBadParameter

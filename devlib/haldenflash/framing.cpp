@@ -14,14 +14,16 @@ constexpr UInt8 kEscape = 0xFE;
 constexpr Int32 kChecksumSize = 3;
 constexpr UInt32 kChecksumModulus = 0x1000000;
 
-// Appends one byte, stuffed, and returns the new end. Always writes two bytes, without a branch: an
-// erased flash is nothing but FF.
+// Appends one byte, stuffed, and returns the new end.
 UInt8 *AppendStuffed(UInt8 *end, UInt8 byte)
 {
-    const bool escaped = byte >= kEscape;
-    end[0] = escaped ? kEscape : byte;
+    if (byte < kEscape) {
+        *end = byte;
+        return end + 1;
+    }
+    end[0] = kEscape;
     end[1] = byte & 1; // FF becomes FE 01, FE becomes FE 00
-    return end + 1 + escaped;
+    return end + 2;
 }
 
 using Word = unsigned long;
@@ -42,27 +44,38 @@ UInt32 SumOfBytes(Word word)
     return static_cast<UInt32>(pairs * kHalfOnes >> kTopHalf);
 }
 
-// Appends the data, stuffed, and adds up its bytes, in one pass; words without a byte to escape are
-// copied as they are.
+UInt8 *AppendBytes(UInt8 *end, const UInt8 *data, size_t size)
+{
+    for (size_t i = 0; i < size; i++)
+        end = AppendStuffed(end, data[i]);
+    return end;
+}
+
+// Appends the data, stuffed, and adds up its bytes, in one pass. Words without a byte to escape are
+// copied as they are, and so is the escape of a word of erased flash, which is all FF.
 UInt8 *AppendData(UInt8 *end, const UInt8 *data, size_t size, UInt32 *sum)
 {
+    static constexpr UInt8 kErased[] = {0xFE, 1, 0xFE, 1, 0xFE, 1, 0xFE, 1, 0xFE, 1, 0xFE, 1, 0xFE, 1, 0xFE, 1};
+    constexpr size_t kErasedSize = 2 * sizeof(Word);
+    UInt32 total = 0;
     for (; size >= sizeof(Word); data += sizeof(Word), size -= sizeof(Word)) {
         Word word;
         std::memcpy(&word, data, sizeof word);
-        *sum += SumOfBytes(word);
+        total += SumOfBytes(word);
         if (!HasEscapedByte(word)) {
             std::memcpy(end, &word, sizeof word);
             end += sizeof word;
-            continue;
+        } else if (word == ~Word{0}) {
+            std::memcpy(end, kErased, kErasedSize);
+            end += kErasedSize;
+        } else {
+            end = AppendBytes(end, data, sizeof word);
         }
-        for (size_t i = 0; i < sizeof word; i++)
-            end = AppendStuffed(end, data[i]);
     }
-    for (; size != 0; data++, size--) {
-        *sum += *data;
-        end = AppendStuffed(end, *data);
-    }
-    return end;
+    for (size_t i = 0; i < size; i++)
+        total += data[i];
+    *sum = total;
+    return AppendBytes(end, data, size);
 }
 
 } // namespace
@@ -103,11 +116,11 @@ eErrorT buildKoraToHaldenMsg(KORA_HALDEN_MESAGE_TYPE msgType, Int32 orgMsgSize, 
     std::memset(ptrNewMsg, 0, std::strlen(reinterpret_cast<const char *>(ptrNewMsg)));
 
     const UInt32 length = static_cast<UInt32>(orgMsgSize + kChecksumSize);
-    UInt32 sum = 0;
     ptrNewMsg[0] = kDelimiter;
     UInt8 *end = AppendStuffed(ptrNewMsg + 1, msgType);
     end = AppendStuffed(end, static_cast<UInt8>(length >> 8));
     end = AppendStuffed(end, static_cast<UInt8>(length));
+    UInt32 sum = 0;
     end = AppendData(end, orgMsgPtr, static_cast<size_t>(orgMsgSize), &sum);
     const UInt32 checksum = kChecksumModulus - sum; // all three bytes 0 for no data
     end = AppendStuffed(end, static_cast<UInt8>(checksum >> 16));

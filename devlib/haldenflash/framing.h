@@ -44,7 +44,7 @@ constexpr UInt8 kBlockNack = 0x0F;
 Boolean validateKoraHaldenMessageType(UInt8 msgType);
 
 // Stuffs the byte that was just written at startOfMessage[*index] and moves *index behind it: FF
-// becomes FE 01, FE becomes FE 00. There must be room for the second byte.
+// becomes FE 01, FE becomes FE 00. Only for those two is the next byte written.
 void encryptOneByte(UInt8 *startOfMessage, Int32 *index);
 
 // Builds a frame around orgMsgSize data bytes (at most 65532) in ptrNewMsg, which the caller owns
@@ -61,5 +61,5 @@ int genericWriteRs232Port(int portNum, const UInt8 *buf, int buflen);
 // digits 10 to 15, and the punctuation from "*" to "/" likewise, as they always have.
 Int32 axxtoi(const char *hexStg);
 
-// Waits. An interrupted wait starts over.
+// Waits, delay_usecs not negative. An interrupted wait starts over.
 void Delay(Int32 delay_usecs);

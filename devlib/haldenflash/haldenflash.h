@@ -6,7 +6,7 @@
 extern Boolean gbDoMicro;        // update the microcontroller
 extern Boolean gbDoFarsight;     // update the camera
 extern Boolean gbQueryOnly;      // compare versions, flash nothing
-extern Boolean gbUpdateRequired; // set when a version differs
+extern Boolean gbUpdateRequired; // the last comparison of versions, in query mode any, found a difference
 
 // Prints the usage line.
 void print_usage();

@@ -1,6 +1,8 @@
 #include "devlib/haldenflash/image.h"
 
 #include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -23,6 +25,20 @@ Int32 ReadImage(int image, void *buffer, Int32 size)
             return -1;
     }
     return done;
+}
+
+Int32 FillBlock(UInt8 *block, Int32 number, Int32 blockSize, int image, const char *name, const char *readError)
+{
+    std::memset(block, 0, static_cast<size_t>(kBlockHeaderSize + blockSize));
+    block[0] = static_cast<UInt8>(number >> 8);
+    block[1] = static_cast<UInt8>(number);
+    const Int32 count = ReadImage(image, block + kBlockHeaderSize, blockSize);
+    std::printf("bytes read: %d ...\n", count);
+    if (count < 0)
+        std::printf(readError, blockSize, name, count);
+    else if (count < blockSize)
+        std::printf("\nLast block read_cnt: %d of file: %s \n", count, name);
+    return count;
 }
 
 Boolean CloseImage(int *image)

@@ -13,6 +13,13 @@ int OpenImage(const char *name);
 // count, or -1 on a read error.
 Int32 ReadImage(int image, void *buffer, Int32 size);
 
+constexpr Int32 kBlockHeaderSize = 2; // the block number, high byte first
+
+// Fills a block with its number and the next blockSize bytes of an image, zeros behind its end, and
+// prints what was read. Returns the count of image bytes, or -1 on a read error, which is printed
+// with readError (conversions: bytes asked for, name, -1).
+Int32 FillBlock(UInt8 *block, Int32 number, Int32 blockSize, int image, const char *name, const char *readError);
+
 // Closes an image. Returns 1 and sets *image to kNoImage when the close succeeded, else 0 with
 // *image unchanged. kNoImage is left alone, with result 1.
 Boolean CloseImage(int *image);

@@ -53,7 +53,8 @@ constexpr TargetRow kTargets[] = {
     {"farsight", 0, 1},
 };
 
-constexpr int kPipeWords = 3; // behind "-p": path, lower bound, upper bound
+constexpr int kPipeWords = 3;    // behind "-p": path, lower bound, upper bound
+constexpr int kMinPipeWords = 2; // of these
 
 // A standard descriptor that is closed would be handed out again, as a serial port, and the trace
 // would go onto the line.
@@ -69,10 +70,8 @@ void OccupyStandardDescriptors()
 void SetBoard()
 {
     const char *board = std::getenv("TALVORA_BOARDID");
-    if (board == nullptr) {
+    if (board == nullptr)
         board = sK4Model;
-        SetSystemHardwareType(kK4);
-    }
     for (const ModelRow &row : kModels)
         if (strcasecmp(board, row.name) == 0)
             SetSystemHardwareType(row.hwType);
@@ -110,8 +109,8 @@ bool SetTarget(const char *word)
     return false;
 }
 
-// The program's own name is tested like any other argument, which its usual name survives. "-p" is
-// taken with two words behind it; the upper bound is then the null entry that ends the arguments.
+// The program's own name is tested like any other argument, which its usual name survives. With only
+// two words behind "-p" the upper bound is the null entry that ends the arguments.
 void ParseArguments(int argc, char *const argv[])
 {
     for (int i = 0; i < argc; i++) {
@@ -119,7 +118,7 @@ void ParseArguments(int argc, char *const argv[])
             continue;
         if (argv[i][0] == 'q') {
             gbQueryOnly = 1;
-        } else if (std::strcmp(argv[i], "-p") == 0 && argc >= i + kPipeWords) {
+        } else if (std::strcmp(argv[i], "-p") == 0 && i + kMinPipeWords < argc) {
             SetProgress(argv + i + 1);
             i += kPipeWords;
         }

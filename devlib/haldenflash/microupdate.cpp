@@ -16,13 +16,10 @@ namespace
 
 constexpr int kMicroPort = 1;
 constexpr char kMicroImage[] = "haldenmicro.bin";
-constexpr Int32 kReplyTimeout = 50000; // microseconds, this and the next two
-constexpr Int32 kDropPause = 500000;   // after a byte that is not the reply's
-constexpr Int32 kRestartTime = 3000000;
-constexpr Int32 kTotalBlocks = 12; // whatever the size of the image
+constexpr Int32 kReplyTimeout = 50000; // microseconds
+constexpr Int32 kTotalBlocks = 12;     // whatever the size of the image
 constexpr Int32 kBlockSize = 512;
-constexpr Int32 kBlockHeaderSize = 2; // the block number
-constexpr Int32 kFreshBlock = 3;      // BlockRetries of a block that was not refused yet
+constexpr Int32 kFreshBlock = 3; // BlockRetries of a block that was not refused yet
 constexpr Int32 kMaxFrameSize = 2048;
 
 constexpr UInt8 kReplyDelimiter = 0xFF;
@@ -116,25 +113,6 @@ int UpdateMicro(bool *updated)
     return *updated ? 0 : -1;
 }
 
-// Puts the next block of the image behind its number. Returns the size of the two, or -1 on a read
-// error (printed). *count is what was read from the image.
-Int32 FillBlock(const HaldenMicroUpdateInfoS *updateInfo, UInt8 *block, Int32 *count)
-{
-    std::memset(block, 0, kBlockHeaderSize + kBlockSize);
-    block[0] = static_cast<UInt8>(updateInfo->currentBlock >> 8);
-    block[1] = static_cast<UInt8>(updateInfo->currentBlock);
-    *count = ReadImage(updateInfo->micro_file, block + kBlockHeaderSize, kBlockSize);
-    std::printf("bytes read: %d ...\n", *count);
-    if (*count < 0) {
-        std::printf("\nReading %d bytes from Micro program file: %s failed, err: %d, ABORT Micro programming....\n",
-                    kBlockSize, kMicroImage, *count);
-        return -1;
-    }
-    if (*count < kBlockSize)
-        std::printf("\nLast block read_cnt: %d of file: %s \n", *count, kMicroImage);
-    return kBlockHeaderSize + *count;
-}
-
 // Sends a fresh block, or, after a refusal, an empty frame: a refused block's data is deliberately
 // not sent again, and the device's next verdict is about the empty frame.
 eErrorT SendBlock(HaldenMicroUpdateInfoS *updateInfo)
@@ -142,10 +120,14 @@ eErrorT SendBlock(HaldenMicroUpdateInfoS *updateInfo)
     static UInt8 block[kBlockHeaderSize + kBlockSize];
     Int32 count = 0;
     Int32 size = 0;
-    if (updateInfo->BlockRetries == kFreshBlock)
-        size = FillBlock(updateInfo, block, &count);
+    if (updateInfo->BlockRetries == kFreshBlock) {
+        count = FillBlock(block, updateInfo->currentBlock, kBlockSize, updateInfo->micro_file, kMicroImage,
+                          "\nReading %d bytes from Micro program file: %s failed, err: %d, ABORT Micro "
+                          "programming....\n");
+        size = kBlockHeaderSize + count;
+    }
     eErrorT result = kFuncReturnedError;
-    if (size >= 0) {
+    if (count >= 0) {
         std::printf("Flashing Halden Micro Controller Image block[%d] Iteration[%d] ...\n", updateInfo->currentBlock,
                     kFreshBlock + 1 - updateInfo->BlockRetries);
         if (sendMicroFlashDataBlock(block, size) == kNoError)

@@ -3,6 +3,9 @@
 
 #include "Common/types.h"
 
+constexpr Int32 kDropPause = 500000;    // microseconds, after a byte that is not the reply's
+constexpr Int32 kRestartTime = 3000000; // microseconds that a device takes to restart
+
 // Opens a port with the settings that both devices use: 115200 bit/s, 8 data bits, even parity, one
 // stop bit, no flow control. Results as Serial_Open.
 eErrorT OpenUpdatePort(int port);

@@ -34,7 +34,7 @@ void updateProgress(Int32 nBytesDone)
 {
     if (gProgressCtrl.bDoUpdate == 0 || gProgressCtrl.nTotBytesToDo == 0)
         return;
-    gProgressCtrl.nTotBytesDone += nBytesDone;
+    gProgressCtrl.nTotBytesDone = static_cast<Int32>(Int64{gProgressCtrl.nTotBytesDone} + nBytesDone);
     gProgressCtrl.nPercentDone =
         static_cast<Int32>(Int64{gProgressCtrl.nTotBytesDone} * 100 / gProgressCtrl.nTotBytesToDo);
     progressCtrlSetPos(gProgressCtrl.nPercentDone);
