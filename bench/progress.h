@@ -16,7 +16,7 @@ namespace bench
 struct ProgressOptions {
     enum class Reader {
         kStays,  // reads to the end
-        kLeaves, // goes away after count numbers; the next open of the FIFO then waits for ever
+        kLeaves, // goes away after count numbers (0: never comes); the next open then waits for ever
         kDies,   // dies between an open and its write when it has count numbers; another takes over
     };
     Reader reader = Reader::kStays;

@@ -103,14 +103,16 @@ std::vector<std::string> Environment(const RunOptions &options, const Sink &log)
     }
     environment.emplace("ASAN_OPTIONS", "verify_asan_link_order=0");
     std::vector<std::string> words;
+    words.reserve(environment.size());
     for (const auto &[name, value] : environment)
-        words.push_back(name + "=" + value);
+        words.push_back(std::string(name).append("=").append(value));
     return words;
 }
 
 std::vector<char *> Pointers(std::vector<std::string> &words)
 {
     std::vector<char *> pointers;
+    pointers.reserve(words.size() + 1);
     for (std::string &word : words)
         pointers.push_back(word.data());
     pointers.push_back(nullptr);
