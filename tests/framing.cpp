@@ -1,0 +1,114 @@
+#include "devlib/haldenflash/framing.h"
+
+#include "bench/frame.h"
+
+#include <fstream>
+#include <gtest/gtest.h>
+#include <numeric>
+#include <random>
+
+namespace
+{
+
+using bench::Bytes;
+
+// The frame by the book, stuffed byte by byte.
+Bytes Framed(UInt8 type, Bytes data)
+{
+    const UInt32 checksum = 0x1000000 - std::accumulate(data.begin(), data.end(), 0u);
+    for (const int shift : {16, 8, 0})
+        data.push_back(static_cast<UInt8>(checksum >> shift));
+    data.insert(data.begin(), {type, static_cast<UInt8>(data.size() >> 8), static_cast<UInt8>(data.size())});
+    Bytes wire(2 * data.size() + 1, 0xFF);
+    Int32 size = 1;
+    for (const UInt8 byte : data) {
+        wire[static_cast<std::size_t>(size)] = byte;
+        encryptOneByte(wire.data(), &size);
+    }
+    return Bytes(wire.begin(), wire.begin() + size);
+}
+
+// The updater builds the frame over old contents, within the room that it asks for; the bench decodes it.
+void ExpectFrame(UInt8 type, const Bytes &data, const Bytes &wire)
+{
+    const std::size_t room = 2 * (data.size() + 6) + 1;
+    Bytes buffer(room + 8, 0x5A);
+    buffer[room - 1] = 0;
+    Int32 size = 0;
+    buildKoraToHaldenMsg(static_cast<KORA_HALDEN_MESAGE_TYPE>(type), static_cast<Int32>(data.size()), data.data(),
+                         &size, buffer.data());
+    EXPECT_EQ(wire, Bytes(buffer.begin(), buffer.begin() + size));
+    EXPECT_EQ(Bytes(8, 0x5A), Bytes(buffer.end() - 8, buffer.end()));
+    bench::FrameDecoder decoder;
+    for (const UInt8 byte : wire)
+        decoder.Feed(byte);
+    EXPECT_EQ("", decoder.deviation());
+    EXPECT_TRUE(decoder.BetweenFrames() && type == decoder.frame().type && data == decoder.frame().data);
+}
+
+// "FE 00*3" is FE 00 00 00; "-" is nothing.
+Bytes Parsed(const std::string &text)
+{
+    std::istringstream words(text);
+    Bytes bytes;
+    for (std::string word; words >> word && word != "-";)
+        bytes.insert(bytes.end(), word.size() > 2 ? std::stoul(word.substr(3)) : 1,
+                     static_cast<UInt8>(std::stoul(word, nullptr, 16)));
+    return bytes;
+}
+
+TEST(Frames, AreAsTheProtocolShowsThem)
+{
+    std::ifstream document(TESTS_DIR "/../docs/protocol.md");
+    std::string line;
+    while (std::getline(document, line) && line != "```vectors")
+        continue;
+    int count = 0;
+    for (; std::getline(document, line) && line != "```"; count++) {
+        const std::size_t equals = line.find(" = ");
+        ASSERT_TRUE(line.starts_with("frame ") && equals != std::string::npos) << line;
+        ExpectFrame(Parsed(line.substr(6, 2))[0], Parsed(line.substr(9, equals - 9)), Parsed(line.substr(equals + 3)));
+    }
+    EXPECT_GE(count, 10);
+}
+
+TEST(Frames, OfAnySizeAndMixRoundTrip)
+{
+    std::mt19937 random(1);
+    for (const unsigned escapedIn : {1u, 2u, 9u, 1000000u}) {
+        for (std::size_t size = 0; size <= 71; size++) {
+            Bytes data(size <= 70 ? size : 64514);
+            for (UInt8 &byte : data)
+                byte = static_cast<UInt8>(random() % escapedIn == 0 ? 0xFE + random() % 2 : random());
+            ExpectFrame(0x88, data, Framed(0x88, data));
+        }
+    }
+}
+
+TEST(Frames, OfOtherTypesAreRefused)
+{
+    for (int type = 0; type < 256; type++) {
+        const bool valid =
+            (type >= 0x41 && type <= 0x44) || type == 0x48 || type == 0x81 || type == 0x88 || type == 0x89;
+        UInt8 frame[32] = {1};
+        Int32 size = 99;
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(valid ? kNoError : kBadParameter,
+                  buildKoraToHaldenMsg(static_cast<KORA_HALDEN_MESAGE_TYPE>(type), 0, frame, &size, frame));
+        EXPECT_EQ(valid ? "" : "packetizeKoraToHaldenMsg() -- Invalid message.\n",
+                  testing::internal::GetCapturedStdout());
+        EXPECT_EQ(valid ? 7 : 0, size) << type;
+        EXPECT_EQ(valid ? 1u : 0u, validateKoraHaldenMessageType(static_cast<UInt8>(type)));
+    }
+}
+
+TEST(HexadecimalText, HasUpToSixDigits)
+{
+    for (const char *text : {"ABCDEF", "abcdef", "ABCDEF7", ":;<=>?", "*+,-./"})
+        EXPECT_EQ(0xABCDEF, axxtoi(text)) << text;
+    for (const char *text : {"12", "12 4", "12\n", "12)4", "12@4", "12G4", "12`4", "12g4", "12\xE1"})
+        EXPECT_EQ(0x12, axxtoi(text)) << text;
+    EXPECT_EQ(0, axxtoi(""));
+}
+
+} // namespace
