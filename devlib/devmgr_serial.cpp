@@ -110,6 +110,7 @@ DevMgrSerial_CB_t *PortOf(DEVCB *pDev)
 template <class Record> Record ControlRecord(const IORB *pIORB)
 {
     Record record;
+    // NOLINTNEXTLINE(bugprone-sizeof-expression): the record of the callbacks request is a pointer
     std::memcpy(&record, pIORB->pBuffer, sizeof record);
     return record;
 }

@@ -1,0 +1,202 @@
+// The serial drivers on pseudo-terminals and a make-believe FPGA driver.
+#include "devlib/devmgr_serial.h"
+
+#include "Common/OS/linux/oslinux.h"
+#include "Common/OS/linux/psosapi/ptimer.h"
+#include "tests/fakeports.h"
+#include "tests/tasks.h"
+
+namespace
+{
+
+constexpr UInt32 kFpga = 1, kCpu = 5; // instances
+
+// An open port.
+struct Port {
+    UInt32 devid = 0;
+    DevMgrSerial_CB_t *record = nullptr;
+
+    explicit Port(UInt32 instance)
+    {
+        if (CBList == nullptr)
+            SetSystemHardwareType(kKora), DevMgrSerial_Init();
+        EXPECT_EQ(0u, dev_open("Ser", instance, &devid));
+        record = low_pointer<DevMgrSerial_CB_t>(devid);
+    }
+    template <class Record> UInt32 Control(UInt32 ctlCode, Record value) const
+    {
+        IORB iorb{};
+        iorb.pBuffer = reinterpret_cast<char *>(&value);
+        dev_ioctl(devid, &iorb, ctlCode);
+        return iorb.err;
+    }
+    UInt32 Configure(UInt32 ctrlBitMask, UInt32 baudRate) const
+    {
+        return Control(kSerialConfigure, DevmgrSerial_Config_t{ctrlBitMask, baudRate});
+    }
+    UInt32 Enable(UInt32 status) const { return Control(kSerialEnable, status); }
+    UInt32 SetCallbacks(DevmgrSerial_CBInfo_t *pCBInfo) const { return Control(kSerialSetCallbacks, pCBInfo); }
+    // The text, or the error's number.
+    std::string Read(UInt32 reqLen, UInt32 timeout) const
+    {
+        char buffer[16];
+        IORB iorb{};
+        iorb_init(&iorb, buffer, nullptr, reqLen, nullptr, timeout);
+        dev_read(devid, &iorb);
+        return iorb.err == 0 ? std::string(buffer, iorb.actLen) : std::to_string(iorb.err);
+    }
+    UInt32 Write(UInt32 timeout, std::string text) const
+    {
+        IORB iorb{};
+        iorb_init(&iorb, text.data(), nullptr, static_cast<UInt32>(text.size()), nullptr, timeout);
+        dev_write(devid, &iorb);
+        EXPECT_EQ(iorb.err == 0 ? text.size() : 0, iorb.actLen);
+        return iorb.err;
+    }
+};
+
+bool HasTask()
+{
+    UInt32 tid = 0;
+    return t_ident("seri", 0, &tid) == 0;
+}
+
+// What callbacks saw.
+struct Seen {
+    std::atomic<UInt32> bytes{0}, writes{0};
+    char text[64] = {};
+    DevmgrSerial_CBInfo_t callbacks = {nullptr, Receive, this};
+
+    static void Receive(void *context, void *data)
+    {
+        auto *seen = static_cast<Seen *>(context);
+        const auto *received = static_cast<DevmgrSerial_CBdata_t *>(data);
+        std::memcpy(seen->text + seen->bytes, received->buff, received->NumBytes);
+        seen->bytes += received->NumBytes;
+    }
+    static void Transmit(void *context) { static_cast<Seen *>(context)->writes++; }
+};
+
+TEST(SerialInit, RegistersEightPortsOnce)
+{
+    SetSystemHardwareType(kKora);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(0u, DevMgrSerial_Init() + DevMgrSerial_Init());
+    EXPECT_EQ("DevMgrSerial_Init\nDevMgrSerial_Init\n", testing::internal::GetCapturedStdout());
+    for (UInt32 port = 0; port < kNumSerialPorts; port++) {
+        EXPECT_EQ(&CBList[port], Port(port + 1).record);
+        EXPECT_EQ(port, CBList[port].portnum);
+        EXPECT_EQ(port == 4 || port > 5, CBList[port].devCB.write == DevMgrCPUSerial_Write) << port;
+    }
+    EXPECT_EQ((std::vector<std::string>{"/dev/fpgaserial0", "/dev/fpgaserial1", "/dev/fpgaserial4", "/dev/fpgaserial5",
+                                        "/dev/ttyS1", "/dev/fpgaserial6", "/dev/ttyUSB0", "/dev/ttyUSB1"}),
+              fake.opened);
+    UInt32 devid = 0;
+    EXPECT_EQ(kDevNotFound, dev_open("Ser", 9, &devid));
+}
+
+class BothFamilies : public testing::TestWithParam<UInt32>
+{
+protected:
+    const bool isFpga = GetParam() == kFpga;
+    Port port{GetParam()};
+};
+INSTANTIATE_TEST_SUITE_P(Serial, BothFamilies, testing::Values(kFpga, kCpu),
+                         [](const auto &row) { return row.param == kCpu ? "Cpu" : "Fpga"; });
+
+TEST_P(BothFamilies, TimedReadReturnsWhatArrived)
+{
+    UInt32 start = RealTimeMilliSeconds();
+    EXPECT_EQ("", port.Read(4, 100000));
+    EXPECT_GE(RealTimeMilliSeconds() - start, 99u);
+    fake.Send("abc");
+    EXPECT_EQ("abc", port.Read(4, 300000));
+    fake.Send("ab");
+    StartTask("send", [] { tm_wkafter(5), fake.Send("cde"); });
+    start = RealTimeMilliSeconds();
+    EXPECT_EQ("abcd", port.Read(4, 4000000));
+    EXPECT_LT(RealTimeMilliSeconds() - start, 3900u);
+    EXPECT_EQ("e", port.Read(4, 0));
+    EXPECT_TRUE(Eventually([] { return NumTasks() == 0; }));
+    close(fake.master);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ("3", port.Read(4, 0)); // SERIAL_READ_ERROR: nobody there
+    const std::string output = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(isFpga, output.find("DevMgrFPGASerial_Read(): Err: ") == 0 && output.find(" ReqLen: 4\n") > 0) << output;
+    port.record->devCB.fd = FD_SETSIZE; // no wait can take it
+    EXPECT_EQ("", port.Read(4, 4000000));
+}
+
+TEST_P(BothFamilies, WriteNeedsAnEnabledTransmitterAndRoom)
+{
+    EXPECT_EQ(SERIAL_TX_DISABLED, port.Write(0, "x"));
+    EXPECT_EQ(0u, port.Enable(PORT_TX_ENABLE));
+    EXPECT_EQ(0u, port.Write(0, "abc") + port.Write(1000, "d"));
+    EXPECT_EQ("abcd", fake.Receive(4, fake.master));
+    UInt32 err = 0;
+    for (int i = 0; i < 1000000 && err == 0; i++)
+        err = port.Write(1000, "x");
+    EXPECT_EQ(SERIAL_TIMEOUT, err);
+    EXPECT_EQ(0u, port.Enable(PORT_TX_DISABLE));
+    EXPECT_EQ(SERIAL_TX_DISABLED, port.Write(1000, "x"));
+    EXPECT_EQ(SERIAL_UNKNOWN_IOCTL, port.Control(4, 0));
+}
+
+TEST_P(BothFamilies, OnlyAnFpgaPortKeepsItsEnablesAndContext)
+{
+    Seen seen;
+    EXPECT_EQ(0u, port.SetCallbacks(&seen.callbacks) + port.Enable(PORT_TX_ENABLE | PORT_RX_ENABLE));
+    EXPECT_TRUE(HasTask());
+    EXPECT_EQ(0u, dev_close(port.devid)); // with its task running
+    EXPECT_FALSE(HasTask());
+    EXPECT_EQ(0u, port.record->asyncThread_running + port.record->threadID);
+    Port again(GetParam());
+    EXPECT_EQ(isFpga ? SERIAL_NOERROR : SERIAL_TX_DISABLED, again.Write(0, "x"));
+    EXPECT_EQ(isFpga ? 1 : 0, again.record->rx_enabled);
+    EXPECT_EQ(isFpga ? &seen : nullptr, again.record->cbInfo.Context_Data);
+    EXPECT_EQ(nullptr, again.record->cbInfo.rxCBFunc);
+}
+
+TEST_P(BothFamilies, CallbacksRunInTheTaskUntilBothDirectionsAreOff)
+{
+    Seen first, second;
+    EXPECT_EQ(0u, port.Enable(PORT_RX_ENABLE));
+    EXPECT_EQ(!isFpga, HasTask()); // a CPU port's task runs without callbacks as well
+    EXPECT_EQ(0u, port.SetCallbacks(&first.callbacks));
+    EXPECT_EQ(0u, port.Enable(PORT_TX_DISABLE)); // reception still needs the task
+    fake.Send("hello");
+    EXPECT_TRUE(Eventually([&] { return first.bytes >= 5; }));
+    EXPECT_STREQ("hello", first.text);
+    second.callbacks.txCBFunc = Seen::Transmit;
+    EXPECT_EQ(0u, port.SetCallbacks(&second.callbacks)); // while the task runs
+    fake.Send("you");
+    EXPECT_TRUE(Eventually([&] { return second.bytes >= 3; }));
+    EXPECT_EQ(0u, second.writes);
+    EXPECT_EQ(0u, port.Enable(PORT_TX_ENABLE | PORT_RX_DISABLE));
+    EXPECT_TRUE(Eventually([&] { return second.writes >= 2; }));
+    EXPECT_EQ(0u, port.Enable(PORT_TX_DISABLE));
+    EXPECT_FALSE(HasTask());
+    EXPECT_EQ(0u, port.Enable(PORT_RX_ENABLE));
+    EXPECT_TRUE(HasTask());
+    EXPECT_EQ(0u, port.SetCallbacks(nullptr));
+    EXPECT_FALSE(HasTask());
+}
+
+TEST(FpgaConfigure, SendsWhatTheInstanceTakes)
+{
+    constexpr UInt32 kMask = kSerialDataBits6 | kSerialParityOdd | kSerialTwoStopBits | kSerialRtsCts;
+    const Port fixed(2), full(3); // instances
+    EXPECT_EQ(0u, fixed.Configure(kMask, 9600) + full.Configure(kMask, 115200));
+    for (const UInt32 rate : {1200u, 9599u, 115201u})
+        EXPECT_EQ(SERIAL_INVALID_PARAM, full.Configure(kMask, rate));
+    ASSERT_EQ(2u, fake.config.size());
+    const UInt32 words[2][6] = {{3, 9600, 1, 0, 0, 0}, {31, 115200, 1, 1, 0, 1}};
+    EXPECT_EQ(0, std::memcmp(words, fake.config.data(), sizeof words));
+    fake.failures["ioctl"] = 1;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(SERIAL_ERROR_UNKNOWN, full.Configure(0, 9600));
+    EXPECT_EQ("DevMgrFPGASerial_Ioctl(): ^^^^^^^^^^^Setting Configuration in FPGA Serial Driver failed, err: -1...\n",
+              testing::internal::GetCapturedStdout());
+}
+
+} // namespace
