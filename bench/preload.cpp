@@ -25,6 +25,7 @@ namespace
 
 constexpr int kPorts = 10;
 constexpr int kDescriptors = 1024;
+constexpr char kRelay[] = "/tmp/plaunch"; // of commands; nobody is at its other end in a run
 constexpr std::uint32_t kSetConfig = 0x80260001;
 constexpr std::uint32_t kDisableRx = 0x80260002;
 
@@ -227,6 +228,11 @@ int Open(Real<int(const char *, int, ...)> &real, const char *path, int flags, v
     const int port = PortOfPath(path);
     if (port >= 0)
         return OpenPort(port, flags);
+    if (gOrders.on && strcmp(path, kRelay) == 0) {
+        Log("open relay refused\n");
+        errno = ENOENT;
+        return -1;
+    }
     const bool creates = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
     return real(path, flags, creates ? va_arg(arguments, mode_t) : mode_t{0});
 }

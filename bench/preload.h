@@ -4,6 +4,7 @@
 //
 //   HALDENBENCH_LOG           file to which one line per event is appended:
 //                               open <N> | open <N> refused | close <N>
+//                               open relay refused      (the command relay, which a run never has)
 //                               config <N>: mask <n> baud <n> parity <n> stop <n> flow <n> data <n>
 //                               rx <N> enabled | rx <N> disabled     (either with " refused" behind it)
 //                               write <N>: <n> of <n> bytes | write <N> refused

@@ -2,6 +2,7 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
@@ -51,7 +52,7 @@ std::string Describe(const Bytes &bytes)
 std::optional<Bytes> ReadFile(const std::string &path)
 {
     std::ifstream file(path, std::ios::binary);
-    if (!file)
+    if (!file || std::filesystem::is_directory(path))
         return std::nullopt;
     return Bytes(std::istreambuf_iterator<char>(file), {});
 }

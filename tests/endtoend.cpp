@@ -1,0 +1,468 @@
+// The road end to end: the program that ships, on the virtual bench. Each case's standard output,
+// waits, driver requests, wire messages, progress and exit status together make its record, which
+// must equal tests/expected/<case>.txt byte for byte; what was recorded lies in the build folder's
+// records/ for comparison. What every run must hold to is asserted besides.
+#include "bench/images.h"
+#include "bench/run.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <sstream>
+#include <unistd.h>
+
+namespace
+{
+
+namespace fs = std::filesystem;
+using bench::Camera;
+using bench::Format;
+using bench::Micro;
+
+constexpr std::size_t kCameraBlock = Camera::kBlockSize;
+constexpr unsigned kFast = 20; // divisor of the mandated pauses
+
+using Prepare = void (*)();
+
+struct Case {
+    std::string name;
+    std::vector<std::string> words = {};
+    int status = 0;
+    std::string micro = "", camera = "";                // faults
+    std::string versions = "20 0203 0306";              // that micro, camera and system run before
+    Prepare prepare = nullptr;                          // changes the images, in their folder
+    bench::Port microPort = {}, cameraPort = {};        // refusals; the lines are filled in
+    bool findings = false;                              // the device is right to complain
+    bool flashed = false;                               // devices hold their images afterwards
+    std::string board = "KORA";                         // "-": not set
+    bool progress = false;                              // a FIFO named "progress"
+    std::function<void(const std::string &)> seen = {}; // called with each progress number
+    bench::Output output = bench::Output::kCapture;
+    unsigned waitDivisor = kFast;
+    bool ports = true; // the device files exist
+};
+
+void PrintTo(const Case &test, std::ostream *out)
+{
+    *out << test.name;
+}
+
+void Put(const char *name, const std::string &text)
+{
+    std::ofstream(name, std::ios::binary) << text;
+}
+
+std::vector<Case> Versions()
+{
+    const auto micro = [] { Put("haldenmicro.bin", "\x21" + std::string(999, 'm')); };
+    return {
+        {.name = "all_older", .words = {"all"}, .flashed = true},
+        {.name = "all_newer", .words = {"all"}, .versions = "22 0205 0308", .flashed = true},
+        {.name = "all_up_to_date", .words = {"all"}, .versions = "21 0204 0307"},
+        {.name = "micro_and_farsight", .words = {"micro", "farsight"}, .flashed = true},
+        {.name = "micro_only", .words = {"micro"}, .flashed = true},
+        {.name = "micro_up_to_date_progress",
+         .words = {"micro", "-p", "progress", "40", "60"},
+         .versions = "21 0 0",
+         .progress = true},
+        {.name = "farsight_only", .words = {"farsight"}, .flashed = true},
+        {.name = "camera_image_only", .words = {"farsight"}, .versions = "20 0203 0307", .flashed = true},
+        {.name = "system_image_only", .words = {"farsight"}, .versions = "20 0204 0306", .flashed = true},
+        {.name = "version_above_7fff",
+         .words = {"farsight"},
+         .versions = "20 0204 8001",
+         .prepare = [] { Put("farsightsysver", "8001\n"); },
+         .flashed = true},
+        {.name = "query_older", .words = {"q", "all"}, .status = 1},
+        {.name = "query_up_to_date", .words = {"all", "quit"}, .versions = "21 0204 0307"},
+        {.name = "query_micro_older_camera_same", .words = {"all", "query"}, .status = 1, .versions = "20 0204 0307"},
+        {.name = "query_camera_fails", .words = {"q", "farsight"}, .status = 255, .camera = "version=none"},
+        {.name = "progress_all", .words = {"all", "-p", "progress", "0", "100"}, .flashed = true, .progress = true},
+        {.name = "progress_range", .words = {"-p", "progress", "200", "300", "all"}, .flashed = true, .progress = true},
+        {.name = "progress_partly_up_to_date",
+         .words = {"all", "-p", "progress", "0", "100"},
+         .versions = "21 0203 0307",
+         .flashed = true,
+         .progress = true},
+        {.name = "micro_short_image", .words = {"micro"}, .prepare = micro, .flashed = true},
+        {.name = "micro_long_image",
+         .words = {"micro"},
+         .prepare = [] { fs::resize_file("haldenmicro.bin", 7000); },
+         .flashed = true},
+        {.name = "micro_in_full_time", .words = {"micro"}, .micro = "noise=12FF13", .flashed = true, .waitDivisor = 1},
+        {.name = "farsight_in_full_time",
+         .words = {"farsight"},
+         .camera = "noise=11",
+         .flashed = true,
+         .waitDivisor = 1},
+    };
+}
+
+std::vector<Case> Replies()
+{
+    return {
+        {.name = "micro_noise", .words = {"micro"}, .micro = "noise=12FF13FFFF", .flashed = true},
+        {.name = "micro_version_silence", .words = {"all"}, .status = 255, .micro = "version=none"},
+        {.name = "micro_version_one_byte", .words = {"micro"}, .status = 255, .micro = "version=first:1"},
+        {.name = "micro_version_two_bytes", .words = {"micro"}, .status = 255, .micro = "version=first:2"},
+        {.name = "micro_version_four_bytes", .words = {"micro"}, .micro = "version=first:4", .flashed = true},
+        {.name = "micro_refused_once", .words = {"micro"}, .micro = "block5=nack"},
+        {.name = "micro_refused_three_times", .words = {"micro"}, .micro = "block5=nack,block6=nack,block7=nack"},
+        {.name = "micro_unknown_verdict", .words = {"micro"}, .micro = "block3=verdict:42"},
+        {.name = "micro_verdict_silence", .words = {"micro"}, .micro = "block4=none"},
+        {.name = "micro_verdict_one_byte", .words = {"micro"}, .micro = "block4=first:1"},
+        {.name = "micro_power_cut", .words = {"micro"}, .micro = "cut=7:middle"},
+        {.name = "camera_noise", .words = {"farsight"}, .camera = "noise=1122FF", .flashed = true},
+        {.name = "camera_version_silence", .words = {"farsight"}, .status = 255, .camera = "version=none"},
+        {.name = "camera_version_truncated", .words = {"farsight"}, .status = 255, .camera = "version=first:12"},
+        {.name = "camera_mode_silence", .words = {"farsight"}, .status = 255, .camera = "mode=none"},
+        {.name = "camera_mode_truncated", .words = {"farsight"}, .status = 255, .camera = "mode=first:3"},
+        {.name = "camera_refused_first", .words = {"farsight"}, .status = 255, .camera = "block0=nack"},
+        {.name = "camera_refused_system", .words = {"farsight"}, .status = 255, .camera = "block3=nack"},
+        {.name = "camera_unknown_verdict",
+         .words = {"farsight"},
+         .status = 255,
+         .camera = "block1=verdict:55,block2=nack",
+         .findings = true},
+        {.name = "system_unknown_verdict",
+         .words = {"farsight"},
+         .status = 255,
+         .camera = "block0=verdict:00,block1=nack",
+         .versions = "20 0204 0306",
+         .findings = true},
+        {.name = "camera_verdict_silence", .words = {"farsight"}, .status = 255, .camera = "block1=none"},
+        {.name = "camera_verdict_one_byte", .words = {"farsight"}, .status = 255, .camera = "block1=first:1"},
+        {.name = "camera_verdict_late", .words = {"farsight"}, .camera = "block0=late:1500", .flashed = true},
+        {.name = "camera_power_cut", .words = {"all"}, .status = 255, .camera = "cut=3"},
+    };
+}
+
+std::vector<Case> Files()
+{
+    return {
+        {.name = "micro_image_missing",
+         .words = {"micro", "-p", "progress", "0", "100"},
+         .prepare = [] { fs::remove("haldenmicro.bin"); },
+         .progress = true},
+        {.name = "micro_image_empty", .words = {"micro"}, .prepare = [] { Put("haldenmicro.bin", ""); }},
+        {.name = "micro_image_version_0",
+         .words = {"micro"},
+         .prepare = [] { Put("haldenmicro.bin", std::string(100, '\0')); }},
+        {.name = "micro_image_directory",
+         .words = {"micro"},
+         .prepare =
+             [] {
+                 fs::remove("haldenmicro.bin");
+                 fs::create_directory("haldenmicro.bin");
+             }},
+        {.name = "all_images_missing",
+         .words = {"all", "-p", "progress", "0", "100"},
+         .status = 255,
+         .prepare =
+             [] {
+                 for (const char *file : {"haldenmicro.bin", "farsightcam.bin", "farsightsys.bin"})
+                     fs::remove(file);
+             },
+         .progress = true},
+        {.name = "camera_image_missing",
+         .words = {"farsight"},
+         .status = 255,
+         .prepare = [] { fs::remove("farsightcam.bin"); }},
+        {.name = "system_image_missing",
+         .words = {"farsight"},
+         .status = 255,
+         .prepare = [] { fs::remove("farsightsys.bin"); }},
+        {.name = "camera_image_directory",
+         .words = {"farsight"},
+         .status = 255,
+         .prepare =
+             [] {
+                 fs::remove("farsightcam.bin");
+                 fs::create_directory("farsightcam.bin");
+             }},
+        {.name = "camera_image_empty",
+         .words = {"farsight", "-p", "progress", "0", "100"},
+         .status = 255,
+         .versions = "20 0203 0307",
+         .prepare = [] { Put("farsightcam.bin", ""); },
+         .progress = true},
+        {.name = "camera_image_empty_system_not",
+         .words = {"farsight"},
+         .status = 255,
+         .prepare = [] { Put("farsightcam.bin", ""); },
+         .findings = true},
+        {.name = "system_image_empty",
+         .words = {"farsight"},
+         .status = 255,
+         .prepare = [] { Put("farsightsys.bin", ""); },
+         .findings = true},
+        {.name = "all_images_empty",
+         .words = {"all", "-p", "progress", "0", "100"},
+         .status = 255,
+         .prepare =
+             [] {
+                 for (const char *file : {"haldenmicro.bin", "farsightcam.bin", "farsightsys.bin"})
+                     Put(file, "");
+             },
+         .progress = true},
+        {.name = "camera_version_missing",
+         .words = {"farsight"},
+         .status = 255,
+         .prepare = [] { fs::remove("farsightcamver"); }},
+        {.name = "system_version_missing",
+         .words = {"farsight"},
+         .status = 255,
+         .prepare = [] { fs::remove("farsightsysver"); }},
+        {.name = "version_files_odd",
+         .words = {"farsight", "q"},
+         .status = 1,
+         .prepare =
+             [] {
+                 Put("farsightcamver", "1234567890");
+                 Put("farsightsysver", std::string("\0\xFF\x80", 3));
+             }},
+        {.name = "camera_image_shrinks",
+         .words = {"farsight", "-p", "progress", "0", "100"},
+         .status = 255,
+         .camera = "block0=late:700",
+         .versions = "20 0203 0307",
+         .findings = true,
+         .progress = true,
+         .seen = [](const std::string &) { fs::resize_file("farsightcam.bin", kCameraBlock + 10); }},
+        {.name = "camera_image_grows",
+         .words = {"farsight", "-p", "progress", "0", "100"},
+         .camera = "block0=late:700",
+         .versions = "20 0203 0307",
+         .progress = true,
+         .seen = [](const std::string &) { fs::resize_file("farsightcam.bin", 9 * kCameraBlock); }},
+    };
+}
+
+std::vector<Case> Words()
+{
+    const std::string longPath(300, 'x');
+    return {
+        {.name = "no_words", .status = 255},
+        {.name = "unknown_words", .words = {"Micro", "ALL", "-P", "--help", ""}, .status = 255},
+        {.name = "board_not_set", .words = {"q", "micro"}, .status = 1, .board = "-"},
+        {.name = "board_empty", .words = {"q", "micro"}, .status = 1, .board = ""},
+        {.name = "board_unknown", .words = {"q", "micro"}, .status = 1, .board = "abacus"},
+        {.name = "board_quillmark", .status = 255, .board = "quillmark"},
+        {.name = "board_brisko", .status = 255, .board = "BRISKO"},
+        {.name = "board_vane", .status = 255, .board = "vane"},
+        {.name = "board_strathmor", .status = 255, .board = "Strathmor"},
+        {.name = "board_kora", .status = 255, .board = "kora"},
+        {.name = "progress_one_word", .words = {"micro", "-p", "progress"}, .flashed = true},
+        {.name = "progress_two_words", .words = {"micro", "-p", "progress", "-50"}, .flashed = true},
+        {.name = "progress_bounds_no_numbers", .words = {"micro", "-p", "progress", "x", "y"}, .flashed = true},
+        {.name = "progress_bounds_huge",
+         .words = {"micro", "-p", "bar.txt", "-99999999999", "99999999999"},
+         .flashed = true},
+        {.name = "progress_path_300", .words = {"micro", "-p", longPath, "0", "3"}, .flashed = true},
+        {.name = "progress_path_directory", .words = {"micro", "-p", ".", "0", "3"}, .flashed = true},
+        {.name = "output_broken", .words = {"all"}, .flashed = true, .output = bench::Output::kBroken},
+        {.name = "output_closed", .words = {"all"}, .flashed = true, .output = bench::Output::kClosed},
+        {.name = "output_full", .words = {"all"}, .flashed = true, .output = bench::Output::kFull},
+    };
+}
+
+std::vector<Case> Ports()
+{
+    return {
+        {.name = "no_device_files", .words = {"all"}, .status = 255, .ports = false},
+        {.name = "no_camera_device", .words = {"farsight"}, .status = 255, .cameraPort = {.refusedOpens = 10}},
+        {.name = "ninth_retry_opens", .words = {"micro"}, .microPort = {.refusedOpens = 9}, .flashed = true},
+        {.name = "micro_config_refused", .words = {"micro"}, .status = 255, .microPort = {.refusedRequest = 1}},
+        {.name = "micro_enable_refused", .words = {"all"}, .status = 255, .microPort = {.refusedRequest = 2}},
+        {.name = "micro_disable_refused",
+         .words = {"micro"},
+         .status = 255,
+         .microPort = {.refusedRequest = 3},
+         .flashed = true},
+        {.name = "camera_config_refused", .words = {"farsight"}, .status = 255, .cameraPort = {.refusedRequest = 1}},
+        {.name = "camera_enable_refused", .words = {"farsight"}, .status = 255, .cameraPort = {.refusedRequest = 2}},
+        {.name = "camera_disable_refused",
+         .words = {"farsight"},
+         .status = 255,
+         .cameraPort = {.refusedRequest = 3},
+         .flashed = true},
+        {.name = "micro_query_short",
+         .words = {"micro"},
+         .status = 255,
+         .microPort = {.cutWrite = 1, .cutTo = 5},
+         .findings = true},
+        {.name = "micro_query_fails", .words = {"micro"}, .status = 255, .microPort = {.cutWrite = 1}},
+        {.name = "micro_block_short",
+         .words = {"micro"},
+         .status = 255,
+         .microPort = {.cutWrite = 4, .cutTo = 100},
+         .findings = true},
+        {.name = "micro_retry_short",
+         .words = {"micro"},
+         .status = 255,
+         .micro = "block1=nack",
+         .microPort = {.cutWrite = 4, .cutTo = 6},
+         .findings = true},
+        {.name = "camera_query_short",
+         .words = {"farsight"},
+         .status = 255,
+         .cameraPort = {.cutWrite = 1, .cutTo = 2},
+         .findings = true},
+        {.name = "camera_mode_short",
+         .words = {"farsight"},
+         .status = 255,
+         .cameraPort = {.cutWrite = 2, .cutTo = 7},
+         .findings = true},
+        {.name = "camera_block_short",
+         .words = {"farsight"},
+         .status = 255,
+         .cameraPort = {.cutWrite = 4, .cutTo = 50000},
+         .findings = true},
+        {.name = "system_block_fails", .words = {"farsight"}, .status = 255, .cameraPort = {.cutWrite = 6}},
+    };
+}
+
+class EndToEnd : public testing::TestWithParam<Case>
+{
+protected:
+    void SetUp() override
+    {
+        directory_ = fs::temp_directory_path() / Format("haldenflash-%d", getpid());
+        fs::create_directory(directory_);
+        home_ = fs::current_path();
+        fs::current_path(directory_);
+        bench::WriteSamples(".", {.cameraSize = 2 * kCameraBlock + 1, .systemSize = kCameraBlock});
+        if (GetParam().prepare != nullptr)
+            GetParam().prepare();
+    }
+
+    void TearDown() override
+    {
+        fs::current_path(home_);
+        fs::remove_all(directory_);
+    }
+
+    static bench::RunOptions Options(bench::Line &microLine, bench::Line &cameraLine)
+    {
+        const Case &test = GetParam();
+        bench::RunOptions options = {.executable = HALDENFLASH_BINARY, .arguments = {"haldenflash"}};
+        options.arguments.insert(options.arguments.end(), test.words.begin(), test.words.end());
+        if (test.board != "-")
+            options.environment["TALVORA_BOARDID"] = test.board;
+        options.preload = HALDENBENCH_PRELOAD;
+        if (test.ports) {
+            options.ports = {{0, test.cameraPort}, {1, test.microPort}};
+            options.ports[0].line = &cameraLine;
+            options.ports[1].line = &microLine;
+        }
+        options.waitDivisor = test.waitDivisor;
+        options.output = test.output;
+        options.fifo = test.progress ? "progress" : "";
+        options.progress.seen = test.seen;
+        return options;
+    }
+
+    fs::path directory_, home_;
+};
+
+void AddLines(std::ostream &record, const char *title, const std::vector<std::string> &lines)
+{
+    record << "---- " << title << "\n";
+    for (const std::string &line : lines)
+        record << line << "\n";
+}
+
+std::string Record(const bench::RunResult &result, const Micro &micro, const Camera &camera)
+{
+    std::ostringstream record;
+    record << "exit status " << result.status << "\n---- standard output\n" << result.output << "\n";
+    AddLines(record, "driver requests and waits", result.events);
+    AddLines(record, "microcontroller's line", micro.transcript());
+    AddLines(record, "camera's line", camera.transcript());
+    AddLines(record, "progress", result.progress);
+    return record.str();
+}
+
+// Keeps the record for comparison, and returns what it should be.
+std::string Expected(const std::string &name, const std::string &record)
+{
+    const fs::path records = fs::path(HALDENFLASH_BINARY).parent_path() / "records";
+    fs::create_directories(records);
+    std::ofstream(records / (name + ".txt"), std::ios::binary) << record;
+    std::ifstream file(fs::path(TESTS_DIR) / "expected" / (name + ".txt"), std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+long Count(const std::vector<std::string> &events, const std::string &event)
+{
+    return std::count(events.begin(), events.end(), event);
+}
+
+double MandatedSeconds(const std::vector<std::string> &events)
+{
+    double seconds = 0;
+    for (const std::string &event : events)
+        if (event.starts_with("wait "))
+            seconds += std::stod(event.substr(5)) / 1e6;
+    return seconds;
+}
+
+// What every run holds to, whatever happens in it.
+void ExpectDecentRun(const Case &test, const bench::RunResult &result)
+{
+    EXPECT_FALSE(result.killed);
+    EXPECT_EQ(result.errors, "");
+    EXPECT_EQ(result.status, test.status);
+    for (const char *port : {"0", "1"})
+        EXPECT_EQ(Count(result.events, Format("open %s", port)), Count(result.events, Format("close %s", port)))
+            << "a port was left open";
+    EXPECT_GE(result.seconds * test.waitDivisor, MandatedSeconds(result.events));
+    if (test.output != bench::Output::kCapture)
+        return;
+    EXPECT_EQ(result.output.find("[SUCCESSFULLY]") != std::string::npos ||
+                  result.output.find("NO Halden Image(s)") != std::string::npos,
+              test.status == 0);
+    EXPECT_EQ(result.output.find("########## Halden Image(s) Update Required") != std::string::npos, test.status == 1);
+    std::string numbers; // the pipe carries what the trace announces
+    for (std::size_t at = 0; (at = result.output.find("percentdone: [", at)) != std::string::npos; at++)
+        numbers += result.output.substr(at + 14, result.output.find(']', at) - at - 14) + " ";
+    std::string piped;
+    for (const std::string &number : result.progress)
+        piped += number + " ";
+    EXPECT_EQ(piped, test.progress ? numbers : "");
+}
+
+TEST_P(EndToEnd, RunsAsRecorded)
+{
+    const Case &test = GetParam();
+    std::istringstream versions(test.versions);
+    std::string microVersion, cameraVersion, systemVersion;
+    versions >> microVersion >> cameraVersion >> systemVersion;
+    Micro micro(static_cast<std::uint8_t>(std::stoul(microVersion, nullptr, 16)));
+    Camera camera({cameraVersion, bench::ReadVersion("farsightcamver").value_or("0204")},
+                  {systemVersion, bench::ReadVersion("farsightsysver").value_or("0307")});
+    micro.faults = bench::ParseFaults(test.micro);
+    camera.faults = bench::ParseFaults(test.camera);
+    bench::Line microLine(micro), cameraLine(camera);
+
+    const bench::RunResult result = bench::Run(Options(microLine, cameraLine));
+
+    ExpectDecentRun(test, result);
+    EXPECT_EQ(!micro.findings().empty() || !camera.findings().empty(), test.findings);
+    for (const bench::Verdict &verdict :
+         {bench::Judge(micro, "."), bench::JudgeCamera(camera, "."), bench::JudgeSystem(camera, ".")}) {
+        EXPECT_TRUE(verdict.good || !test.flashed) << verdict.text;
+    }
+    const std::string record = Record(result, micro, camera);
+    EXPECT_EQ(record, Expected(test.name, record));
+}
+
+const auto kName = [](const auto &info) { return info.param.name; };
+INSTANTIATE_TEST_SUITE_P(Versions, EndToEnd, testing::ValuesIn(Versions()), kName);
+INSTANTIATE_TEST_SUITE_P(Replies, EndToEnd, testing::ValuesIn(Replies()), kName);
+INSTANTIATE_TEST_SUITE_P(Files, EndToEnd, testing::ValuesIn(Files()), kName);
+INSTANTIATE_TEST_SUITE_P(Words, EndToEnd, testing::ValuesIn(Words()), kName);
+INSTANTIATE_TEST_SUITE_P(Ports, EndToEnd, testing::ValuesIn(Ports()), kName);
+
+} // namespace
