@@ -109,30 +109,59 @@ BinaryLeafT *RotateRight(BinaryLeafT *pLeaf)
 
 // ---- Insertion
 
-// One side of the subtree has grown a level. Returns the subtree's new root; *pDone tells whether
-// the subtree as a whole kept its height.
-BinaryLeafT *SideGrew(BinaryLeafT *pLeaf, eFactorT side, bool *pDone)
+// One side of a subtree has grown a level, and the subtree leaned to one side before, so that its
+// height is in the end what it was. Returns its new root.
+BinaryLeafT *SideGrew(BinaryLeafT *pLeaf, eFactorT side)
 {
-    *pDone = pLeaf->factor != BALANCED;
     if (pLeaf->factor == side)
         return side == LEFT_HEAVY ? RotateLeft(pLeaf) : RotateRight(pLeaf);
-    pLeaf->factor = *pDone ? BALANCED : side;
+    pLeaf->factor = BALANCED;
     return pLeaf;
 }
 
-// Returns the new root of the subtree; *pDone tells whether its height is unchanged.
-BinaryLeafT *AddLeaf(BinaryLeafT *pLeaf, UInt32 key, void *pObject, bool *pDone)
+eFactorT SideOf(const BinaryLeafT *pLeaf, UInt32 key)
 {
-    if (pLeaf == nullptr) {
-        BinaryLeafT *pNew = BuildLeaf(key, pObject);
-        *pDone = pNew == nullptr; // without memory nothing has grown: the factors above must stay true
-        return pNew;
+    return key < pLeaf->key ? LEFT_HEAVY : RIGHT_HEAVY;
+}
+
+BinaryLeafT **LinkAt(BinaryLeafT *pLeaf, eFactorT side)
+{
+    return side == LEFT_HEAVY ? &pLeaf->left : &pLeaf->right;
+}
+
+// All subtrees from pLeaf down to the new leaf were balanced and have grown on the new leaf's side.
+void AllGrew(BinaryLeafT *pLeaf, const BinaryLeafT *pNew)
+{
+    while (pLeaf != pNew) {
+        pLeaf->factor = SideOf(pLeaf, pNew->key);
+        pLeaf = *LinkAt(pLeaf, pLeaf->factor);
     }
-    os_assert(pLeaf->key != key, "pLeaf->key != key");
-    const bool goesLeft = key < pLeaf->key;
-    BinaryLeafT *&rSide = goesLeft ? pLeaf->left : pLeaf->right;
-    rSide = AddLeaf(rSide, key, pObject, pDone);
-    return *pDone ? pLeaf : SideGrew(pLeaf, goesLeft ? LEFT_HEAVY : RIGHT_HEAVY, pDone);
+}
+
+// Without recursion: of the subtrees on the way to the new leaf, only those below the last one that
+// leans to a side grow, and that one takes the growth up.
+void AddLeaf(BinaryLeafT **ppRoot, UInt32 key, void *pObject)
+{
+    BinaryLeafT **ppTop = ppRoot; // that last one, or the root when none leans
+    BinaryLeafT **ppLink = ppRoot;
+    while (BinaryLeafT *pLeaf = *ppLink) {
+        os_assert(pLeaf->key != key, "pLeaf->key != key");
+        if (pLeaf->factor != BALANCED)
+            ppTop = ppLink;
+        ppLink = LinkAt(pLeaf, SideOf(pLeaf, key));
+    }
+    BinaryLeafT *pNew = BuildLeaf(key, pObject);
+    *ppLink = pNew;
+    BinaryLeafT *pTop = *ppTop;
+    if (pNew == nullptr)
+        return; // without memory nothing has grown
+    if (pTop->factor == BALANCED) {
+        AllGrew(pTop, pNew);
+        return;
+    }
+    const eFactorT side = SideOf(pTop, key);
+    AllGrew(*LinkAt(pTop, side), pNew);
+    *ppTop = SideGrew(pTop, side);
 }
 
 // A null handle stops the program.
@@ -153,8 +182,7 @@ tBTreeHandle CreateTree()
 eErrorT InsertItem(tBTreeHandle handle, UInt32 key, void *pObject)
 {
     BinaryTreeT *pTree = FindTree(handle);
-    bool done = false;
-    pTree->pBaseLeaf = AddLeaf(pTree->pBaseLeaf, key, pObject, &done);
+    AddLeaf(&pTree->pBaseLeaf, key, pObject);
     return kNoError;
 }
 
