@@ -1,0 +1,186 @@
+#include "Common/OS/syslog.h"
+
+#include "Common/OS/linux/psosapi/ptimer.h"
+
+#include "tests/logwriter.h"
+
+#include <algorithm>
+#include <cstdarg>
+#include <ctime>
+#include <sstream>
+
+// In place of the C library's: shows what the host's log would get.
+extern "C" void syslog(int priority, const char *format, ...)
+{
+    va_list ap;
+    va_start(ap, format);
+    std::printf("%d %s ", priority, format);
+    std::vprintf(format, ap);
+    va_end(ap);
+}
+
+namespace
+{
+
+std::size_t RemoveAll(std::string &text, const std::string &part)
+{
+    std::size_t count = 0;
+    for (std::size_t at; (at = text.find(part)) != std::string::npos; count++)
+        text.erase(at, part.size());
+    return count;
+}
+
+// A line with its number in front.
+std::string Line(int number, std::size_t size)
+{
+    const std::string text = "INFO  pc[0]: " + std::to_string(number) + " ";
+    return text + std::string(size - text.size() - 1, 'x') + "\n";
+}
+
+TEST(LogLevel, IsTheFirstLettersAndCompared)
+{
+    for (const auto &[letter, level] : {std::pair{'E', 3}, {'C', 2}, {'I', 6}, {'W', 4}, {'D', 7}, {'e', 7}})
+        EXPECT_EQ(mapLogLevel(letter), level) << letter;
+    LogWriter writer(0);
+    for (const auto &[threshold, passing] : {std::pair{7, "03467"}, {6, "0346"}, {4, "034"}, {2, "0"}}) {
+        syslogSetLogLevel(threshold);
+        for (Int32 level : {0, 3, 4, 6, 7})
+            cm_syslog(level, "%d\n", level);
+        std::string text = writer.Drained();
+        RemoveAll(text, "pc[0]: ");
+        RemoveAll(text, "\n");
+        EXPECT_EQ(text, passing);
+    }
+}
+
+TEST(LogStamp, FollowsTheFormat)
+{
+    setenv("TZ", "XYZ+7", 1); // stamps are UTC everywhere
+    LogWriter writer(0);
+    const std::string date = "####-##-##", time = " ##:##:##.### ";
+    const std::string stamps[] = {"", date + " ", time, date + time};
+    for (Int32 format = 0; format < 16; format++) {
+        logmsg_set_format(format);
+        const std::time_t before = std::time(nullptr);
+        loginfo("c", "x\n");
+        const std::string text = writer.Drained();
+        std::string shape = text;
+        std::replace_if(shape.begin(), shape.end(), isdigit, '#');
+        EXPECT_EQ(shape, stamps[format & 3] + ((format & kLogFormatLevel) != 0 ? "INFO  " : "") + "pc[#]: c: x\n");
+        tm utc = {};
+        if (strptime(text.c_str(), "%F %T", &utc) != nullptr) {
+            EXPECT_LE(before, timegm(&utc));
+            EXPECT_GE(std::time(nullptr), timegm(&utc));
+        }
+    }
+    logmsg_set_format(0);
+    for (const char *line : {"", "E\n", "ERROR pc\n"}) // shorter than level and tag
+        syslogAdd(line, 0);
+    EXPECT_EQ(writer.Drained(), "pc\n");
+}
+
+TEST(LogEcho, GoesToTheHost)
+{
+    LogWriter writer(0);
+    loginfo("c", "x\n");
+    EXPECT_EQ(writer.Drained(), "pc[0]: c: x\n");
+    logmsg_set_syslog_echo(1);
+    logcrit("c", "%s\n", "100%d");
+    logdebug("c", "x\n");
+    EXPECT_EQ(writer.Drained(), "pc[0]: c: 100%d\n66 %s pc[0]: c: 100%d\npc[0]: c: x\n71 %s pc[0]: c: x\n");
+}
+
+TEST(LogRing, GoesRoundWithoutALoss)
+{
+    LogWriter writer(kLogFormatLevel | kLogFormatDate);
+    int number = 0;
+    for (int last : {50, 100, 150, 200, 250, 300}) {
+        for (int i = number; i < last; i++)
+            syslogAdd(Line(i, 5003).c_str(), 0);
+        std::istringstream lines(writer.Drained());
+        for (std::string line; std::getline(lines, line); number++)
+            ASSERT_EQ(line.substr(11) + "\n", Line(number, 5003)); // one stamp: none for the filling
+        ASSERT_EQ(number, last);
+    }
+    syslogAdd(std::string(600000, 'E').c_str(), 0); // more than the ring holds
+    syslogAdd("\n", 0);
+    EXPECT_LT(writer.Drained().size(), 0x80000u);
+}
+
+// Adds lines while the writer cannot print, because this thread holds standard output.
+TEST(LogRing, OverflowLosesLinesAndSaysSo)
+{
+    const std::string overflow = "WARN   pc[0]: SYSLOG QUEUE OVERFLOW\n";
+    LogWriter writer(kLogFormatLevel);
+    for (int i = 0; i < 20; i++) // the wrap does not look at the head, so it must not lie at the start
+        syslogAdd(Line(i, 10000).c_str(), 0);
+    writer.Drained();
+    testing::internal::CaptureStderr();
+    flockfile(stdout);
+    for (int i = 0; i < 60; i++)
+        syslogAdd(Line(i, 10000).c_str(), 0);
+    funlockfile(stdout);
+    std::string said = testing::internal::GetCapturedStderr();
+    std::string text = writer.Until(overflow); // before that a mark would be lost as well
+    text += writer.Drained();
+    const std::size_t lost = RemoveAll(said, overflow), announced = RemoveAll(text, overflow);
+    std::size_t printed = 0;
+    for (int i = 0; i < 60; i++)
+        printed += RemoveAll(text, Line(i, 10000));
+    EXPECT_EQ(text + said, "");
+    EXPECT_EQ(printed + lost, 60u);
+    EXPECT_GE(printed, 50u); // the ring holds 52 of them
+    EXPECT_LE(announced, lost);
+}
+
+TEST(LogRing, TakesLinesOfManyTasks)
+{
+    constexpr int kTasks = 4, kLines = 800, kRounds = 6; // in all more than once round the ring
+    LogWriter writer(0);
+    const std::string filling(40, '.');
+    for (int round = 0; round < kRounds; round++) {
+        std::thread threads[kTasks];
+        for (int task = 0; task < kTasks; task++)
+            threads[task] = std::thread([&, task] {
+                for (int i = 0; i < kLines; i++)
+                    loginfo("c", "%d%s%d\n", task, filling.c_str(), i);
+            });
+        for (std::thread &thread : threads)
+            thread.join();
+        std::istringstream text(writer.Drained());
+        int next[kTasks] = {}, task = 0;
+        for (std::string line; std::getline(text, line); next[task]++) {
+            ASSERT_EQ(std::sscanf(line.c_str(), "pc[0]: c: %1d", &task), 1) << line;
+            ASSERT_EQ(line, "pc[0]: c: " + std::to_string(task) + filling + std::to_string(next[task]));
+        }
+        EXPECT_TRUE(std::all_of(next, next + kTasks, [](int lines) { return lines == kLines; }));
+    }
+}
+
+TEST(LogWriterTask, GoesOnWhenItDoesNotFindItselfAnyMore)
+{
+    LogWriter writer(0);
+    t_delete(StartTask("dele", [] { tm_wkafter(100); }));
+    writer.Drained();
+    for (const char *text : {"a\n", "b\n"}) {
+        loginfo(nullptr, "%s", text);
+        EXPECT_EQ(writer.Drained(), std::string("pc[0]: ") + text);
+    }
+    const std::clock_t before = std::clock();
+    std::this_thread::sleep_for(std::chrono::milliseconds(400));
+    EXPECT_LT(std::clock() - before, CLOCKS_PER_SEC / 5); // it looks again now and then, and does not spin
+}
+
+TEST(ClassicCalls, KeepTheirSettings)
+{
+    EXPECT_EQ(getlogfacility(), 8);
+    for (const auto &[given, kept] : {std::pair{0x3F8, 0x3F8}, {0, 0x3F8}, {0x10, 0x10}, {0x400, 0x10}, {0x11, 0x10}}) {
+        openlog("ident", 1, given);
+        EXPECT_EQ(getlogfacility(), kept) << given;
+    }
+    EXPECT_TRUE(setlogmask(0) == 0x1F && setlogmask(3) == 0x1F && getlogmask() == 3);
+    EXPECT_TRUE(setloglocalmask(0) == 0xFF && setloglocalmask(5) == 0xFF && getloglocalmask() == 5);
+    EXPECT_TRUE(setlogaddr("host") == -1 && *getlogaddr() == '\0');
+}
+
+} // namespace
