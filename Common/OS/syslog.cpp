@@ -137,7 +137,8 @@ void MakeStamp(char (&stamp)[64], Int32 format)
         end += std::strftime(end, kPartSize, "%F", &utc);
     if ((format & kLogFormatTime) != 0) {
         end += std::strftime(end, kPartSize, " %H:%M:%S", &utc);
-        end += std::sprintf(end, ".%.3u", static_cast<UInt32>(now.tv_usec / 1000)); // ".%0.3u"
+        // What ".%0.3u" prints; compilers refuse the zero beside a precision, where it changes nothing.
+        end += std::sprintf(end, ".%.3u", static_cast<UInt32>(now.tv_usec / 1000));
     }
     if (end != stamp)
         *end++ = ' ';
