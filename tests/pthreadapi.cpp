@@ -83,6 +83,30 @@ TEST(Events, TimedWaits)
     });
 }
 
+// Events that come with the tick of the time-out must not take anybody else's timer along.
+TEST(Events, ThatMeetTheTimeoutLeaveOtherTimersAlone)
+{
+    gLibPThreadNPTL = 1;
+    std::atomic<bool> stop = false;
+    std::atomic<UInt32> timeouts[3] = {};
+    testing::internal::CaptureStdout();
+    for (int i = 0; i < 3; i++) {
+        StartTask("race", [&] {
+            for (UInt32 tmid = 0, events = 0; !stop; ev_receive(0x1, 0, 2, &events))
+                tm_evafter(2, 0x1, &tmid);
+            tm_wkafter(10); // lets the last event timer run out
+        });
+        StartTask("wait", [&, i] {
+            for (UInt32 events = 0; !stop; timeouts[i]++)
+                ev_receive(0x2, 0, 1, &events);
+        });
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    stop = true;
+    EXPECT_TRUE(Eventually([] { return NumTasks() == 1; })) << "a wait never ended";
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+}
+
 TEST(Events, ATimeoutOfATaskThatNeverWaitedIsReported)
 {
     UInt32 tid = 0;
@@ -102,6 +126,7 @@ TEST(Events, NeedATask)
     EXPECT_EQ(t_ident(nullptr, 0, &value), kTaskNotFound);
     EXPECT_EQ(value, 0u);
     EXPECT_EQ(t_name(0), 0u);
+    EXPECT_EQ(ev_send(0, 0x1), 0u);
     EXPECT_EQ(t_setRefCon(0, 1), kTaskNotFound);
 }
 
@@ -210,6 +235,49 @@ TEST_P(Deletion, OfOneTaskByTwoHappensOnce)
     }
 }
 
+// Thread handles are used again at once, while the tasks that had them are still being taken out.
+TEST_P(Deletion, ByManyAtOnceKeepsTheTreeWhole)
+{
+    gLibPThreadNPTL = GetParam();
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; i++)
+        threads.emplace_back([] {
+            for (int round = 0; round < 100; round++) {
+                UInt32 tid = 0;
+                t_create("many", 1, 0, 0, 0, &tid);
+                t_start(
+                    tid, 0, [](UInt32, UInt32, UInt32, UInt32) { tm_wkafter(100000); }, nullptr);
+                t_delete(tid);
+            }
+        });
+    for (std::thread &thread : threads)
+        thread.join();
+    EXPECT_EQ(NumTasks(), 0);
+}
+
+// A deleter that is deleted while it waits for its target first sees that one end.
+TEST_P(Deletion, OfADeleterLetsItFinish)
+{
+    gLibPThreadNPTL = GetParam();
+    std::atomic<bool> deleting = false, ended = false;
+    const UInt32 target = StartTask("slow", [&] {
+        const CancelOffHold hold;
+        while (!deleting)
+            tm_wkafter(1);
+        tm_wkafter(10);
+        ended = true;
+    });
+    const UInt32 deleter = StartTask("dltr", [&] { t_delete(target); });
+    ASSERT_TRUE(Eventually([&] {
+        MutexHold hold(&tcblistmutex);
+        return low_pointer<TCB>(target)->claimed != 0;
+    }));
+    deleting = true;
+    t_delete(deleter);
+    EXPECT_TRUE(ended);
+    EXPECT_EQ(NumTasks(), 0);
+}
+
 INSTANTIATE_TEST_SUITE_P(ThreadLibrary, Deletion, testing::Values(0, 1));
 
 TEST(Events, NoneIsLostBetweenTasks)
@@ -234,7 +302,7 @@ TEST(Events, NoneIsLostBetweenTasks)
             failures += ev_receive(0x2, kEvAny, 500, &events) != 0;
         }
     });
-    EXPECT_TRUE(Eventually([&] { return pings == kRounds && pongs == kRounds; }));
+    EXPECT_TRUE(Eventually([&] { return pings == kRounds && pongs == kRounds && NumTasks() == 1; }));
     EXPECT_EQ(failures, 0u);
 }
 
@@ -272,14 +340,17 @@ TEST(Tasks, ReportThemselves)
 
 TEST(Tasks, AnAttachedThreadIsATask)
 {
-    std::thread([] {
+    const auto attach = [](void *) -> void * {
         EXPECT_EQ(t_attach("main", 5), 0u);
         EXPECT_STREQ(task_name(Self()), "main");
         UInt32 events = 0;
-        ev_send(Self(), 0x4);
+        ev_send(0, 0x4);
         EXPECT_EQ(ev_receive(0x4, 0, 0, &events), 0u);
-        t_delete(0);
-    }).detach();
+        t_delete(0); // which detaches the thread
+        return nullptr;
+    };
+    pthread_t thread;
+    ASSERT_EQ(pthread_create(&thread, nullptr, attach, nullptr), 0);
     EXPECT_TRUE(Eventually([] { return NumTasks() == 0; }));
 }
 

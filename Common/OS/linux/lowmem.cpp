@@ -7,6 +7,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <sys/mman.h>
+#ifdef __has_feature // clang
+#if __has_feature(address_sanitizer)
+#define __SANITIZE_ADDRESS__ 1
+#endif
+#endif
 #ifdef __SANITIZE_ADDRESS__
 #include <sanitizer/lsan_interface.h>
 #endif

@@ -28,3 +28,17 @@ public:
 private:
     pthread_mutex_t *mutex_;
 };
+
+// Puts off the cancellation of the calling thread for the length of a scope: for what has to be done
+// whole, and for cancellation points in destructors, out of which a cancellation would end the program.
+class CancelOffHold
+{
+public:
+    CancelOffHold() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
+    ~CancelOffHold() { pthread_setcancelstate(before_, nullptr); }
+    CancelOffHold(const CancelOffHold &) = delete;
+    CancelOffHold &operator=(const CancelOffHold &) = delete;
+
+private:
+    int before_ = 0;
+};

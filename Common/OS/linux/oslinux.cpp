@@ -37,19 +37,6 @@ constexpr std::size_t kRelayLine = 127;
 
 // ---- Descriptors and streams that outlive neither their scope nor a cancelled task
 
-// Closing is a cancellation point, and a cancellation that acts in a destructor ends the program.
-class CancelOffHold
-{
-public:
-    CancelOffHold() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
-    ~CancelOffHold() { pthread_setcancelstate(before_, nullptr); }
-    CancelOffHold(const CancelOffHold &) = delete;
-    CancelOffHold &operator=(const CancelOffHold &) = delete;
-
-private:
-    int before_ = 0;
-};
-
 class OpenFile
 {
 public:

@@ -58,12 +58,16 @@ UInt32 ThreadKey(pthread_t thread)
     return static_cast<UInt32>(thread >> kShift);
 }
 
+thread_local bool isTask; // set for good when a thread becomes a task
+
 // The calling task, or null. A thread's place in the tree changes only when the tree is rebuilt, so
 // each thread remembers what it found until then.
 TCB *FindCaller()
 {
     thread_local TCB *found = nullptr;
     thread_local UInt32 foundIn = 0;
+    if (!isTask) // an ended task's entry may still be there under the same handle
+        return nullptr;
     const UInt32 generation = treeGeneration;
     if (found == nullptr || foundIn != generation) {
         found = FindTcbThread(pthread_self());
@@ -131,23 +135,13 @@ void t_free_tcb(void *task)
         return;
     RemoveTcb(tcb);
     while (tcb->posting != 0)
-        sched_yield();
+        tm_wkafter(1); // not a yield: under a real-time policy this task may be above the one that posts
     pthread_mutex_destroy(&tcb->event_mutex);
     pthread_cond_destroy(&tcb->event_cond);
     low_free(tcb);
 }
 
 // ---- Creation
-
-int InitEventMutex(pthread_mutex_t *mutex)
-{
-    pthread_mutexattr_t attr;
-    pthread_mutexattr_init(&attr);
-    pthread_mutexattr_setprotocol(&attr, PTHREAD_PRIO_INHERIT);
-    const int result = pthread_mutex_init(mutex, &attr);
-    pthread_mutexattr_destroy(&attr);
-    return result;
-}
 
 // A complete block in the list, or null. It is listed last, so that nobody finds half a task.
 TCB *NewTcb(const char *name, UInt32 priority)
@@ -156,7 +150,7 @@ TCB *NewTcb(const char *name, UInt32 priority)
     if (block == nullptr)
         return nullptr;
     TCB *tcb = new (block) TCB{};
-    if (InitEventMutex(&tcb->event_mutex) != 0) {
+    if (InitPriorityMutex(&tcb->event_mutex) != 0) {
         low_free(block);
         return nullptr;
     }
@@ -187,12 +181,13 @@ void EnterTask(TCB *tcb)
         TcbListHold hold;
         tcb->thread = pthread_self();
         tcb->pid = getpid();
-        if (gLibPThreadNPTL == 1)
-            tcb->tid = gettid();
         TreeStubLocked();
         ForgetEndedTaskLocked(ThreadKey(tcb->thread));
+        if (gLibPThreadNPTL == 1) // not earlier: rebuilding the tree enters every task that has one
+            tcb->tid = gettid();
         os_assert(InsertItem(gTCBTree, ThreadKey(tcb->thread), tcb) == 0,
                   "InsertItem(gTCBTree, tcb->thread, (void *) tcb) == 0");
+        isTask = true;
     }
     const auto pid = static_cast<UInt32>(tcb->pid);
     if (gLibPThreadNPTL == 1)
@@ -239,16 +234,22 @@ struct DeletionT {
     Int32 pid;
 };
 
+// A task that is being deleted itself gets nothing: two that delete each other would wait for ever.
 DeletionT ClaimTask(const TCB *target)
 {
+    constexpr DeletionT kNothing = {nullptr, pthread_t{}, -1};
     TcbListHold hold;
+    TCB *found = nullptr;
     for (TCB *tcb = tcblist; tcb != nullptr; tcb = tcb->next) {
-        if (tcb != target || tcb->claimed != 0)
-            continue;
-        tcb->claimed = 1;
-        return {tcb, tcb->thread, tcb->pid};
+        if (tcb->claimed != 0 && pthread_equal(tcb->thread, pthread_self()))
+            return kNothing;
+        if (tcb == target && tcb->claimed == 0)
+            found = tcb;
     }
-    return {nullptr, pthread_t{}, -1};
+    if (found == nullptr)
+        return kNothing;
+    found->claimed = 1;
+    return {found, found->thread, found->pid};
 }
 
 const char *NameOrUnknown(const TCB *tcb)
@@ -258,7 +259,6 @@ const char *NameOrUnknown(const TCB *tcb)
 
 void CancelAndJoin(const DeletionT &deletion)
 {
-    logwarn("os", "deleted task:%4.4s\n", deletion.tcb->taskname);
     pthread_cancel(deletion.thread);
     if (const int result = pthread_join(deletion.thread, nullptr); result != 0)
         logwarn("os", "deleted task failed to join: %d\n", result);
@@ -304,14 +304,14 @@ void StartTimeout(TCB *tcb, UInt32 timeout)
     LockEvents(tcb);
 }
 
-// A timer that has gone is left alone: its block may belong to somebody else by now.
+// The timer may expire at this very moment, and its block belong to somebody else the next.
 void CancelTimeout(TCB *tcb)
 {
-    const UInt32 tmid = tcb->timedout == 0 ? tcb->tmid : 0;
+    const UInt32 tmid = tcb->tmid;
     tcb->tmid = 0;
     UnlockEvents(tcb);
     if (tmid != 0)
-        tm_cancel(tmid);
+        tm_cancel_callback(tmid, ev_receive_timeout, tcb);
     LockEvents(tcb);
 }
 
@@ -363,7 +363,7 @@ UInt32 WaitForEvents(TCB *tcb, UInt32 events, UInt32 flags, UInt32 timeout, UInt
     tcb->taskWaiting = 1;
     if (timeout != 0)
         StartTimeout(tcb, timeout);
-    while (events_matched(tcb->events_captured, events, flags) == 0 && tcb->timedout == 0)
+    while (events_matched(tcb->events_captured, events, flags) == 0 && (timeout == 0 || tcb->timedout == 0))
         SleepOnEvents(tcb);
     tcb->timedwait = 0;
     // Events that came together with the time-out count.
@@ -378,6 +378,7 @@ UInt32 WaitForEvents(TCB *tcb, UInt32 events, UInt32 flags, UInt32 timeout, UInt
 // Processor time in clock ticks, from a stat file of /proc; zeros when it cannot be read.
 void ReadProcessorTime(const TCB *tcb, Int32 *user, Int32 *system)
 {
+    const CancelOffHold hold;
     char path[64];
     if (gLibPThreadNPTL == 1)
         std::snprintf(path, sizeof path, "/proc/self/task/%d/stat", tcb->tid);
@@ -453,6 +454,7 @@ UInt32 t_delete(UInt32 tid)
 {
     const TCB *caller = FindCaller();
     const TCB *target = tid != 0 ? low_pointer<TCB>(tid) : caller;
+    const CancelOffHold whole; // what is claimed has to end before it is freed
     const DeletionT deletion = ClaimTask(target);
     pthread_cleanup_push(t_free_tcb, deletion.tcb);
     logwarn("os", "task %4.4s deleted task:%4.4s, pid %d\n", NameOrUnknown(caller), NameOrUnknown(deletion.tcb),
@@ -463,8 +465,11 @@ UInt32 t_delete(UInt32 tid)
     }
     if (target != nullptr && target == caller) // somebody else is deleting the caller, and frees it
         pthread_exit(nullptr);
-    if (deletion.tcb != nullptr && deletion.thread != pthread_t{})
-        CancelAndJoin(deletion);
+    if (deletion.tcb != nullptr) {
+        logwarn("os", "deleted task:%4.4s\n", deletion.tcb->taskname);
+        if (deletion.thread != pthread_t{})
+            CancelAndJoin(deletion);
+    }
     pthread_cleanup_pop(1);
     return 0;
 }
@@ -494,6 +499,7 @@ UInt32 t_setpri(UInt32 tid, UInt32 newpri, UInt32 *previous_out)
     TCB *tcb = ResolveTask(tid);
     if (tcb == nullptr)
         return kTaskNotFound;
+    TcbListHold hold;
     if (previous_out != nullptr)
         *previous_out = tcb->priority;
     if (tcb->priority == newpri)
@@ -566,7 +572,9 @@ UInt32 events_matched(UInt32 captured, UInt32 wanted, UInt32 flags)
 
 UInt32 ev_send(UInt32 tid, UInt32 events)
 {
-    TCB *tcb = low_pointer<TCB>(tid);
+    TCB *tcb = ResolveTask(tid);
+    if (tcb == nullptr)
+        return 0;
     PostingHold posting(tcb);
     tcb->events_captured.fetch_or(events);
     pthread_cleanup_push(ReleaseTcbList, nullptr);

@@ -40,7 +40,7 @@ struct TCB {
     UInt32 priority; // 0 to 99
     TaskStartT task_start;
     UInt32 mode;                         // stored, read by nothing
-    UInt32 refcon;                       // the caller's word
+    std::atomic<UInt32> refcon;          // the caller's word
     UInt32 event_mask;                   // read by nothing
     std::atomic<UInt32> events_captured; // sent and not yet received
     UInt32 events_pending;               // read by nothing
@@ -123,7 +123,8 @@ UInt32 t_getRefCon(UInt32 tid, UInt32 *refcon_out);
 UInt32 t_name_from_pid(Int32 pid, char *name_out);
 UInt32 t_name_and_pri_from_pid(Int32 pid, char *name_out, UInt32 *priority_out);
 
-// Posts event bits to a task that exists (tid is not checked). Returns 0.
+// Posts event bits to a task that exists (tid is not checked); to nobody when tid is 0 and the caller
+// is no task. Returns 0.
 UInt32 ev_send(UInt32 tid, UInt32 events);
 
 // Waits for event bits of the calling task: kEvAny or all of them, kEvNoWait or at most timeout

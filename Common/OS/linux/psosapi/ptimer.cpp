@@ -83,14 +83,14 @@ void AddTimer(TMCB *pTimer)
     pTimer->next = nullptr;
 }
 
-// Takes a timer off the running list; false when it is not there.
-bool UnlinkTimer(TMCB *pTimer)
+// Takes a timer off the running list; false when it is not there, or is not the one that same knows.
+template <class Same> bool UnlinkTimer(TMCB *pTimer, Same same)
 {
     MutexHold hold(&tmcblistmutex);
     TMCB **link = &timerList;
     while (*link != nullptr && *link != pTimer)
         link = &(*link)->next;
-    if (*link == nullptr)
+    if (*link == nullptr || !same(*pTimer))
         return false;
     *link = pTimer->next;
     pTimer->next = nullptr;
@@ -99,7 +99,7 @@ bool UnlinkTimer(TMCB *pTimer)
 
 void RemoveTimer(TMCB *pTimer)
 {
-    if (UnlinkTimer(pTimer))
+    if (UnlinkTimer(pTimer, [](const TMCB &) { return true; }))
         FreeTimer(pTimer);
     else
         std::printf("RemoveTimer: %p not found\n", static_cast<void *>(pTimer));
@@ -222,6 +222,7 @@ bool ProcessorIsMpc8349()
 // stays null as it does when the mapping fails.
 void init_rtcp()
 {
+    const CancelOffHold hold;
     if (!kPowerPc || !ProcessorIsMpc8349())
         return;
     const int fd = open("/dev/mem", O_RDWR);
@@ -247,13 +248,11 @@ void StartSystemTimer()
         return;
     if (TimerContBlocks == nullptr)
         BuildPool();
-    UInt32 tid = 0;
-    if (t_create("tmtk", kTimerTaskPriority, 0, 0, 0, &tid) != 0)
+    static UInt32 tid; // created, and to be started by the next use if it could not be by this one
+    if (tid == 0 && t_create("tmtk", kTimerTaskPriority, 0, 0, 0, &tid) != 0)
         return;
     if (t_start(tid, 0, TimerTask, nullptr) == 0)
         timerid = tid;
-    else
-        t_delete(tid);
 }
 
 UInt32 tm_wkafter(UInt32 ticks)
@@ -287,6 +286,13 @@ UInt32 tm_cancel(UInt32 tmid)
 {
     RemoveTimer(low_pointer<TMCB>(tmid));
     return 0;
+}
+
+void tm_cancel_callback(UInt32 tmid, tm_callback_ptr callback, const void *arg)
+{
+    TMCB *pTimer = low_pointer<TMCB>(tmid);
+    if (UnlinkTimer(pTimer, [=](const TMCB &timer) { return timer.cbptr == callback && timer.pArgs == arg; }))
+        FreeTimer(pTimer);
 }
 
 UInt32 RealTimeMilliSeconds()

@@ -45,13 +45,18 @@ void udelay(UInt32 microseconds);
 // the identifier in *tmid_out and returns 0. A count of 0 in practice never expires.
 UInt32 tm_callback_after(UInt32 ticks, UInt32 *tmid_out, tm_callback_ptr callback, void *arg);
 
-// Send events to the calling task after ticks once, or every ticks. Return 0.
+// Send events to the calling task after ticks once, or every ticks. Return 0. The task cancels its
+// timers before it ends.
 UInt32 tm_evafter(UInt32 ticks, UInt32 events, UInt32 *tmid_out);
 UInt32 tm_evevery(UInt32 ticks, UInt32 events, UInt32 *tmid_out);
 
 // Stops a running timer. Returns 0. One that is not running is reported on standard output; if its
 // block has meanwhile been handed out again, the new owner's timer is the one that stops.
 UInt32 tm_cancel(UInt32 tmid);
+
+// Stops a callback timer if it is still running and still this one; says nothing if not. For an
+// owner whose timer may be expiring at this moment.
+void tm_cancel_callback(UInt32 tmid, tm_callback_ptr callback, const void *arg);
 
 // Free-running millisecond clock; wraps after about 49.7 days. On an MPC8349 it is the processor's
 // real-time clock, anywhere else the monotonic clock.
