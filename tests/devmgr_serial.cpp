@@ -45,10 +45,11 @@ struct Port {
         dev_read(devid, &iorb);
         return iorb.err == 0 ? std::string(buffer, iorb.actLen) : std::to_string(iorb.err);
     }
-    UInt32 Write(UInt32 timeout, std::string text) const
+    UInt32 Write(UInt32 timeout, const std::string &text) const
     {
         IORB iorb{};
-        iorb_init(&iorb, text.data(), nullptr, static_cast<UInt32>(text.size()), nullptr, timeout);
+        std::string data = text;
+        iorb_init(&iorb, data.data(), nullptr, static_cast<UInt32>(data.size()), nullptr, timeout);
         dev_write(devid, &iorb);
         EXPECT_EQ(iorb.err == 0 ? text.size() : 0, iorb.actLen);
         return iorb.err;

@@ -40,7 +40,8 @@ struct Case {
     std::function<void(const std::string &)> seen = {}; // called with each progress number
     bench::Output output = bench::Output::kCapture;
     unsigned waitDivisor = kFast;
-    bool ports = true; // the device files exist
+    bool ports = true;                   // the device files exist
+    std::string program = "haldenflash"; // how it is called
 };
 
 void PrintTo(const Case &test, std::ostream *out)
@@ -69,6 +70,10 @@ std::vector<Case> Versions()
         {.name = "farsight_only", .words = {"farsight"}, .flashed = true},
         {.name = "camera_image_only", .words = {"farsight"}, .versions = "20 0203 0307", .flashed = true},
         {.name = "system_image_only", .words = {"farsight"}, .versions = "20 0204 0306", .flashed = true},
+        {.name = "system_image_two_blocks",
+         .words = {"farsight"},
+         .prepare = [] { fs::resize_file("farsightsys.bin", kCameraBlock + 7); },
+         .flashed = true},
         {.name = "version_above_7fff",
          .words = {"farsight"},
          .versions = "20 0204 8001",
@@ -78,6 +83,12 @@ std::vector<Case> Versions()
         {.name = "query_up_to_date", .words = {"all", "quit"}, .versions = "21 0204 0307"},
         {.name = "query_micro_older_camera_same", .words = {"all", "query"}, .status = 1, .versions = "20 0204 0307"},
         {.name = "query_camera_fails", .words = {"q", "farsight"}, .status = 255, .camera = "version=none"},
+        {.name = "query_micro_fails", .words = {"all", "q"}, .status = 255, .micro = "version=none"},
+        {.name = "query_camera_older_micro_same", .words = {"q", "all"}, .status = 1, .versions = "21 0203 0307"},
+        {.name = "query_progress",
+         .words = {"all", "q", "-p", "progress", "0", "50"},
+         .versions = "21 0204 0307",
+         .progress = true},
         {.name = "progress_all", .words = {"all", "-p", "progress", "0", "100"}, .flashed = true, .progress = true},
         {.name = "progress_range", .words = {"-p", "progress", "200", "300", "all"}, .flashed = true, .progress = true},
         {.name = "progress_partly_up_to_date",
@@ -103,20 +114,34 @@ std::vector<Case> Replies()
 {
     return {
         {.name = "micro_noise", .words = {"micro"}, .micro = "noise=12FF13FFFF", .flashed = true},
+        {.name = "micro_noise_ff", .words = {"micro"}, .status = 255, .micro = "noise=FF"},
+        {.name = "micro_noise_nack", .words = {"micro"}, .micro = "noise=FF0F", .flashed = true},
+        {.name = "micro_version_late", .words = {"micro"}, .status = 255, .micro = "version=late:400"},
         {.name = "micro_version_silence", .words = {"all"}, .status = 255, .micro = "version=none"},
         {.name = "micro_version_one_byte", .words = {"micro"}, .status = 255, .micro = "version=first:1"},
         {.name = "micro_version_two_bytes", .words = {"micro"}, .status = 255, .micro = "version=first:2"},
         {.name = "micro_version_four_bytes", .words = {"micro"}, .micro = "version=first:4", .flashed = true},
         {.name = "micro_refused_once", .words = {"micro"}, .micro = "block5=nack"},
+        {.name = "micro_refused_twice", .words = {"micro"}, .micro = "block5=nack,block6=nack"},
+        {.name = "micro_refused_first", .words = {"micro"}, .micro = "block0=nack"},
+        {.name = "micro_refused_last", .words = {"micro"}, .micro = "block11=nack"},
+        {.name = "micro_refused_then_unknown",
+         .words = {"micro"},
+         .micro = "block5=nack,block6=verdict:42",
+         .findings = true},
         {.name = "micro_refused_three_times", .words = {"micro"}, .micro = "block5=nack,block6=nack,block7=nack"},
         {.name = "micro_unknown_verdict", .words = {"micro"}, .micro = "block3=verdict:42"},
         {.name = "micro_verdict_silence", .words = {"micro"}, .micro = "block4=none"},
+        {.name = "micro_verdict_silence_first", .words = {"micro"}, .micro = "block0=none"},
+        {.name = "micro_verdict_late", .words = {"micro"}, .micro = "block4=late:400"},
         {.name = "micro_verdict_one_byte", .words = {"micro"}, .micro = "block4=first:1"},
         {.name = "micro_power_cut", .words = {"micro"}, .micro = "cut=7:middle"},
         {.name = "camera_noise", .words = {"farsight"}, .camera = "noise=1122FF", .flashed = true},
         {.name = "camera_version_silence", .words = {"farsight"}, .status = 255, .camera = "version=none"},
+        {.name = "camera_version_late", .words = {"farsight"}, .status = 255, .camera = "version=late:600"},
         {.name = "camera_version_truncated", .words = {"farsight"}, .status = 255, .camera = "version=first:12"},
         {.name = "camera_mode_silence", .words = {"farsight"}, .status = 255, .camera = "mode=none"},
+        {.name = "camera_mode_late", .words = {"farsight"}, .status = 255, .camera = "mode=late:600"},
         {.name = "camera_mode_truncated", .words = {"farsight"}, .status = 255, .camera = "mode=first:3"},
         {.name = "camera_refused_first", .words = {"farsight"}, .status = 255, .camera = "block0=nack"},
         {.name = "camera_refused_system", .words = {"farsight"}, .status = 255, .camera = "block3=nack"},
@@ -134,6 +159,7 @@ std::vector<Case> Replies()
         {.name = "camera_verdict_silence", .words = {"farsight"}, .status = 255, .camera = "block1=none"},
         {.name = "camera_verdict_one_byte", .words = {"farsight"}, .status = 255, .camera = "block1=first:1"},
         {.name = "camera_verdict_late", .words = {"farsight"}, .camera = "block0=late:1500", .flashed = true},
+        {.name = "camera_verdict_too_late", .words = {"farsight"}, .status = 255, .camera = "block0=late:5000"},
         {.name = "camera_power_cut", .words = {"all"}, .status = 255, .camera = "cut=3"},
     };
 }
@@ -181,6 +207,20 @@ std::vector<Case> Files()
                  fs::remove("farsightcam.bin");
                  fs::create_directory("farsightcam.bin");
              }},
+        {.name = "system_image_directory",
+         .words = {"farsight"},
+         .status = 255,
+         .prepare =
+             [] {
+                 fs::remove("farsightsys.bin");
+                 fs::create_directory("farsightsys.bin");
+             },
+         .findings = true},
+        {.name = "camera_image_missing_progress",
+         .words = {"farsight", "q", "-p", "progress", "0", "100"},
+         .status = 1,
+         .prepare = [] { fs::remove("farsightcam.bin"); },
+         .progress = true},
         {.name = "camera_image_empty",
          .words = {"farsight", "-p", "progress", "0", "100"},
          .status = 255,
@@ -245,6 +285,8 @@ std::vector<Case> Words()
     return {
         {.name = "no_words", .status = 255},
         {.name = "unknown_words", .words = {"Micro", "ALL", "-P", "--help", ""}, .status = 255},
+        {.name = "called_micro", .flashed = true, .program = "micro"},
+        {.name = "called_quiet", .words = {"micro"}, .status = 1, .program = "quiet"},
         {.name = "board_not_set", .words = {"q", "micro"}, .status = 1, .board = "-"},
         {.name = "board_empty", .words = {"q", "micro"}, .status = 1, .board = ""},
         {.name = "board_unknown", .words = {"q", "micro"}, .status = 1, .board = "abacus"},
@@ -253,8 +295,11 @@ std::vector<Case> Words()
         {.name = "board_vane", .status = 255, .board = "vane"},
         {.name = "board_strathmor", .status = 255, .board = "Strathmor"},
         {.name = "board_kora", .status = 255, .board = "kora"},
+        {.name = "board_k4", .status = 255, .board = "K4"},
         {.name = "progress_one_word", .words = {"micro", "-p", "progress"}, .flashed = true},
         {.name = "progress_two_words", .words = {"micro", "-p", "progress", "-50"}, .flashed = true},
+        {.name = "progress_path_is_a_word", .words = {"farsight", "-p", "micro", "0", "q"}, .flashed = true},
+        {.name = "progress_high_below_low", .words = {"micro", "-p", "bar.txt", "60", "40"}, .flashed = true},
         {.name = "progress_bounds_no_numbers", .words = {"micro", "-p", "progress", "x", "y"}, .flashed = true},
         {.name = "progress_bounds_huge",
          .words = {"micro", "-p", "bar.txt", "-99999999999", "99999999999"},
@@ -282,6 +327,11 @@ std::vector<Case> Ports()
          .flashed = true},
         {.name = "camera_config_refused", .words = {"farsight"}, .status = 255, .cameraPort = {.refusedRequest = 1}},
         {.name = "camera_enable_refused", .words = {"farsight"}, .status = 255, .cameraPort = {.refusedRequest = 2}},
+        {.name = "camera_enable_refused_after_micro",
+         .words = {"all"},
+         .status = 255,
+         .cameraPort = {.refusedRequest = 2},
+         .flashed = true},
         {.name = "camera_disable_refused",
          .words = {"farsight"},
          .status = 255,
@@ -298,6 +348,7 @@ std::vector<Case> Ports()
          .status = 255,
          .microPort = {.cutWrite = 4, .cutTo = 100},
          .findings = true},
+        {.name = "micro_block_fails", .words = {"micro"}, .status = 255, .microPort = {.cutWrite = 4}},
         {.name = "micro_retry_short",
          .words = {"micro"},
          .status = 255,
@@ -309,6 +360,8 @@ std::vector<Case> Ports()
          .status = 255,
          .cameraPort = {.cutWrite = 1, .cutTo = 2},
          .findings = true},
+        {.name = "camera_query_fails", .words = {"farsight"}, .status = 255, .cameraPort = {.cutWrite = 1}},
+        {.name = "camera_mode_fails", .words = {"farsight"}, .status = 255, .cameraPort = {.cutWrite = 2}},
         {.name = "camera_mode_short",
          .words = {"farsight"},
          .status = 255,
@@ -346,7 +399,7 @@ protected:
     static bench::RunOptions Options(bench::Line &microLine, bench::Line &cameraLine)
     {
         const Case &test = GetParam();
-        bench::RunOptions options = {.executable = HALDENFLASH_BINARY, .arguments = {"haldenflash"}};
+        bench::RunOptions options = {.executable = HALDENFLASH_BINARY, .arguments = {test.program}};
         options.arguments.insert(options.arguments.end(), test.words.begin(), test.words.end());
         if (test.board != "-")
             options.environment["TALVORA_BOARDID"] = test.board;

@@ -40,7 +40,8 @@ struct FakePorts {
         std::string text(size, '\0');
         for (ssize_t got = 0, n = 1; n > 0 && got < static_cast<ssize_t>(size); got += n)
             n = read(fd, text.data() + got, size - static_cast<std::size_t>(got));
-        return text.c_str();
+        text.resize(std::strlen(text.c_str())); // of which no more came
+        return text;
     }
 };
 inline FakePorts fake;

@@ -6,6 +6,7 @@
 #include "devlib/serialapi.h"
 #include "softupdate/progressctrl/progressctrl.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -187,7 +188,7 @@ Boolean HaldenMicroUpdateNeeded(UInt8 curMicroVer)
         return 0;
     }
     UInt8 version = 0;
-    const Int32 count = ReadImage(image, &version, 1);
+    const Int32 count = std::max(ReadImage(image, &version, 1), 0);
     CloseImage(&image);
     if (count != 1 || version == 0) {
         std::printf("\nFailed reading the version of Halden Microcontroller BIN file: %s, numRead = %d, data_ver = "
