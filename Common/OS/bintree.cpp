@@ -34,8 +34,14 @@ void DestroyLeaf(BinaryLeafT *pLeaf)
 
 BinaryLeafT *SearchLeaf(BinaryLeafT *pLeaf, UInt32 key)
 {
-    while (pLeaf != nullptr && pLeaf->key != key)
-        pLeaf = key > pLeaf->key ? pLeaf->right : pLeaf->left;
+    while (pLeaf != nullptr) {
+        if (key < pLeaf->key)
+            pLeaf = pLeaf->left;
+        else if (key == pLeaf->key) // not asked first: it is true once in a whole search
+            break;
+        else
+            pLeaf = pLeaf->right;
+    }
     return pLeaf;
 }
 
