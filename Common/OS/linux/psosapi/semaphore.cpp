@@ -10,7 +10,7 @@ UInt32 sm_create(const char *name, UInt32 count, UInt32 /*flags*/, UInt32 *smid_
     if (smcb == nullptr)
         return kSmNoMemory;
     if (name != nullptr)
-        std::strncpy(smcb->name, name, sizeof(smcb->name)); // all four may be used, without a terminator
+        std::memcpy(smcb->name, name, strnlen(name, sizeof(smcb->name)));
     smcb->thread = pthread_self();
     smcb->reentercount = 0;
     const int result = InitPriorityMutex(&smcb->mutex);

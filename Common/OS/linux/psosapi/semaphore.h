@@ -32,9 +32,9 @@ inline SMCB *FindSemaphore(UInt32 smid)
     return smcb != nullptr && smcb->signature == kSmSignature ? smcb : nullptr;
 }
 
-// Creates a semaphore; count 0 creates it taken by the caller, any other count creates it free.
-// name: its first four characters count; may be null. flags are ignored. Returns 0 and stores the identifier in
-// smid_out (unless null), or kSmNoMemory with nothing changed.
+// Creates a semaphore; count 0 creates it taken by the caller, any other count creates it free. The
+// first four characters of name count; it may be null. flags are ignored. Returns 0 and stores the
+// identifier in smid_out (unless null), or kSmNoMemory with nothing changed.
 UInt32 sm_create(const char *name, UInt32 count, UInt32 flags, UInt32 *smid_out);
 
 // Takes the semaphore. With kSmNoWait in opt it does not wait; otherwise it waits without limit,
