@@ -79,7 +79,9 @@ lint() {
     sources | xargs clang-format --dry-run -Werror
     cppcheck --quiet --error-exitcode=1 --std=c++20 --language=c++ --library=googletest --inline-suppr -I . \
         --enable=warning,performance,portability $(sources)
-    sources | grep '\.cpp$' | xargs -P "$jobs" -n 4 clang-tidy --quiet -p build/clang
+    # One file a call: with several the analyser takes every va_list for uninitialised.
+    sources | grep '\.cpp$' | xargs -P "$jobs" -n 1 clang-tidy --quiet -p build/clang 2>&1 |
+        sed -E '/^[0-9]+ warnings? generated\.$/d'
     for page in docs/*.1; do
         mandoc -Tlint -Wwarning "$page"
     done

@@ -239,9 +239,9 @@ TEST_P(Deletion, OfOneTaskByTwoHappensOnce)
 TEST_P(Deletion, ByManyAtOnceKeepsTheTreeWhole)
 {
     gLibPThreadNPTL = GetParam();
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; i++)
-        threads.emplace_back([] {
+    std::thread threads[4];
+    for (std::thread &thread : threads)
+        thread = std::thread([] {
             for (int round = 0; round < 100; round++) {
                 UInt32 tid = 0;
                 t_create("many", 1, 0, 0, 0, &tid);

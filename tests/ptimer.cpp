@@ -3,7 +3,6 @@
 #include "tests/tasks.h"
 
 #include <ctime>
-#include <vector>
 
 namespace
 {
@@ -98,9 +97,9 @@ TEST(Timers, FirstUseBySeveralThreadsStartsOneTimerTask)
 {
     static int index = 0;
     std::atomic<bool> go = false;
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 8; i++)
-        threads.emplace_back([&] {
+    std::thread threads[8];
+    for (std::thread &thread : threads)
+        thread = std::thread([&] {
             while (!go)
                 std::this_thread::yield();
             UInt32 tmid = 0;

@@ -29,7 +29,7 @@ Int32 ReadImage(int image, void *buffer, Int32 size)
 
 Int32 FillBlock(UInt8 *block, Int32 number, Int32 blockSize, int image, const char *name, const char *readError)
 {
-    std::memset(block, 0, static_cast<size_t>(kBlockHeaderSize + blockSize));
+    std::memset(block, 0, size_t{kBlockHeaderSize} + static_cast<size_t>(blockSize));
     block[0] = static_cast<UInt8>(number >> 8);
     block[1] = static_cast<UInt8>(number);
     const Int32 count = ReadImage(image, block + kBlockHeaderSize, blockSize);
