@@ -177,24 +177,27 @@ void ForgetEndedTaskLocked(UInt32 key)
 // released: the first line of a process reads settings, which asks for the caller's task.
 void EnterTask(TCB *tcb)
 {
+    const pthread_t thread = pthread_self();
+    const Int32 pid = getpid();
+    const Int32 tid = gLibPThreadNPTL == 1 ? gettid() : 0;
     {
         TcbListHold hold;
-        tcb->thread = pthread_self();
-        tcb->pid = getpid();
+        tcb->thread = thread;
+        tcb->pid = pid;
         TreeStubLocked();
-        ForgetEndedTaskLocked(ThreadKey(tcb->thread));
-        if (gLibPThreadNPTL == 1) // not earlier: rebuilding the tree enters every task that has one
-            tcb->tid = gettid();
-        os_assert(InsertItem(gTCBTree, ThreadKey(tcb->thread), tcb) == 0,
+        ForgetEndedTaskLocked(ThreadKey(thread));
+        tcb->tid = tid; // not earlier: rebuilding the tree enters every task that has one
+        os_assert(InsertItem(gTCBTree, ThreadKey(thread), tcb) == 0,
                   "InsertItem(gTCBTree, tcb->thread, (void *) tcb) == 0");
         isTask = true;
     }
-    const auto pid = static_cast<UInt32>(tcb->pid);
+    const auto processId = static_cast<UInt32>(pid);
     if (gLibPThreadNPTL == 1)
-        logdebug("os", "task:%4.4s pid:%u thread %08x %d %08x\n", tcb->taskname, pid, ThreadKey(tcb->thread), tcb->tid,
+        logdebug("os", "task:%4.4s pid:%u thread %08x %d %08x\n", tcb->taskname, processId, ThreadKey(thread), tid,
                  low_id(tcb));
     else
-        logdebug("os", "task:%4.4s pid:%u thread %d\n", tcb->taskname, pid, static_cast<Int32>(ThreadKey(tcb->thread)));
+        logdebug("os", "task:%4.4s pid:%u thread %d\n", tcb->taskname, processId,
+                 static_cast<Int32>(ThreadKey(thread)));
 }
 
 void *pthread_entry(void *task)

@@ -1,0 +1,197 @@
+#include "Common/framework/list.h"
+
+#include "Common/OS/linux/oslinux.h"
+
+#include <gtest/gtest.h>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace
+{
+
+struct Item {
+    ListT link;
+    char name;
+};
+
+ListT *list;
+Item a, b, c;
+
+// The list's names from the head on; every link must be matched by its neighbour's.
+std::string Names()
+{
+    std::string names;
+    for (ListT *elem = list; elem != nullptr; elem = ListNextElement(list, elem)) {
+        EXPECT_EQ(elem->next->prev, elem);
+        EXPECT_EQ(elem->prev->next, elem);
+        names += reinterpret_cast<Item *>(elem)->name;
+    }
+    EXPECT_EQ(ListLenUnprot(&list), static_cast<Int32>(names.size()));
+    EXPECT_EQ(ListIsEmptyUnprot(&list), names.empty() ? 1u : 0u);
+    return names;
+}
+
+// Every operation in its two forms.
+struct Forms {
+    const char *name;
+    void (*enqueue)(ListT **, ListT *);
+    ListT *(*dequeue)(ListT **);
+    ListT *(*extract)(ListT **, ListT *);
+    void (*insertAfter)(ListT **, ListT *, ListT *);
+    void (*insertBefore)(ListT **, ListT *, ListT *);
+    void (*push)(ListT **, ListT *);
+    void (*extractIfPresent)(ListT **, ListT *);
+    void (*enqueueIfAbsent)(ListT **, ListT *);
+    Int32 (*length)(ListT **);
+    Boolean (*isEmpty)(ListT **);
+};
+constexpr Forms kUnprot = {"Unprot",          ListEnqueueUnprot,          ListDequeueUnprot,
+                           ListExtractUnprot, ListInsertAfterUnprot,      ListInsertBeforeUnprot,
+                           ListPushUnprot,    ListExtractIfPresentUnprot, ListEnqueueIfAbsentUnprot,
+                           ListLenUnprot,     ListIsEmptyUnprot};
+constexpr Forms kLocked = {"Locked",         ListEnqueue, ListDequeue,          ListExtract,         ListInsertAfter,
+                           ListInsertBefore, ListPush,    ListExtractIfPresent, ListEnqueueIfAbsent, ListLen,
+                           ListIsEmpty};
+
+class Lists : public testing::TestWithParam<Forms>
+{
+protected:
+    void SetUp() override
+    {
+        list = nullptr;
+        a = {{}, 'a'};
+        b = {{}, 'b'};
+        c = {{&b.link, nullptr}, 'c'};
+        ListInit(&c.link);
+    }
+    const Forms &forms = GetParam();
+};
+
+TEST_P(Lists, EnqueueAndDequeueInOrder)
+{
+    EXPECT_EQ(forms.isEmpty(&list), 1u);
+    for (Item *item : {&a, &b, &c})
+        forms.enqueue(&list, &item->link);
+    EXPECT_EQ(Names(), "abc");
+    EXPECT_EQ(forms.length(&list), 3);
+    EXPECT_EQ(forms.isEmpty(&list), 0u);
+    EXPECT_EQ(ListFirstElement(list), &a.link);
+    EXPECT_EQ(ListLastElement(list), &c.link);
+    EXPECT_EQ(ListPrevElement(list, &c.link), &b.link);
+    EXPECT_EQ(ListPrevElement(list, &a.link), nullptr);
+    for (Item *item : {&a, &b, &c})
+        EXPECT_EQ(forms.dequeue(&list), &item->link);
+    EXPECT_EQ(forms.dequeue(&list), nullptr);
+    EXPECT_EQ(forms.length(&list), 0);
+}
+
+TEST_P(Lists, ExtractFromAnyPlace)
+{
+    for (Item *item : {&a, &b, &c})
+        forms.enqueue(&list, &item->link);
+    EXPECT_EQ(forms.extract(&list, nullptr), nullptr);
+    EXPECT_EQ(forms.extract(&list, &c.link), &a.link) << "behind the tail comes the head";
+    EXPECT_EQ(Names(), "ab");
+    EXPECT_EQ(forms.extract(&list, &a.link), &b.link);
+    EXPECT_EQ(Names(), "b");
+    EXPECT_EQ(forms.extract(&list, &b.link), nullptr);
+    EXPECT_EQ(list, nullptr);
+    EXPECT_EQ(b.link.next, &b.link);
+    EXPECT_EQ(b.link.prev, &b.link);
+    forms.enqueue(&list, &b.link);
+    forms.extractIfPresent(&list, &a.link);
+    forms.enqueueIfAbsent(&list, &b.link);
+    forms.enqueueIfAbsent(&list, &c.link);
+    EXPECT_EQ(Names(), "bc");
+    forms.extractIfPresent(&list, &b.link);
+    EXPECT_EQ(Names(), "c");
+}
+
+TEST_P(Lists, InsertAtAnyPlace)
+{
+    forms.insertAfter(&list, &c.link, &a.link);
+    EXPECT_EQ(Names(), "a") << "in an empty list the place does not count";
+    forms.insertAfter(&list, nullptr, &b.link);
+    forms.insertBefore(&list, nullptr, &b.link);
+    forms.insertAfter(&list, &a.link, nullptr);
+    forms.enqueue(&list, nullptr);
+    EXPECT_EQ(Names(), "a");
+    EXPECT_EQ(b.link.next, nullptr);
+    forms.insertAfter(&list, &a.link, &c.link);
+    forms.insertBefore(&list, &c.link, &b.link);
+    EXPECT_EQ(Names(), "abc");
+    forms.extract(&list, &b.link);
+    forms.insertBefore(&list, &a.link, &b.link);
+    EXPECT_EQ(Names(), "bac");
+    forms.extract(&list, &c.link);
+    forms.push(&list, &c.link);
+    EXPECT_EQ(Names(), "cba");
+}
+
+TEST_P(Lists, StopOnMisuse)
+{
+    forms.enqueue(&list, &a.link);
+    forms.enqueue(&list, &b.link);
+    a.link.prev = nullptr; // one link is enough to count as listed
+    char line[120];
+    const auto word = [](const void *p) { return static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(p)); };
+    std::snprintf(line, sizeof(line), "InsertAfter: element 0x%x already on another list! .next 0x%x prev 0x0.",
+                  word(&a.link), word(&b.link));
+    const auto print = [](auto misuse) { dup2(STDERR_FILENO, STDOUT_FILENO), misuse(); };
+    EXPECT_DEATH(print([&] { forms.enqueue(&list, &a.link); }),
+                 "LIST: " + std::string(line) + "\nAssertion failed: 0,");
+    EXPECT_DEATH(print([&] { forms.push(&list, &b.link); }),
+                 "LIST: InsertBefore: element already on another list!\nAssertion failed: 0,");
+    EXPECT_DEATH(forms.enqueue(nullptr, &c.link), "failed: ppList,");
+    EXPECT_DEATH(forms.dequeue(nullptr), "failed: ppList,");
+}
+
+INSTANTIATE_TEST_SUITE_P(Forms, Lists, testing::Values(kUnprot, kLocked), [](auto &i) { return i.param.name; });
+
+TEST(ListSearch, VisitsEveryElementOnce)
+{
+    list = nullptr;
+    for (Item *item : {&a, &b, &c})
+        ListPushUnprot(&list, &item->link);
+    std::vector<ListT *> visited;
+    const auto visit = [](ListT *elem, void *visits, void *wanted) {
+        static_cast<std::vector<ListT *> *>(visits)->push_back(elem);
+        return elem == wanted ? -1 : 0;
+    };
+    EXPECT_EQ(ListSearch(list, visit, &visited, nullptr), nullptr);
+    EXPECT_EQ(visited, (std::vector{&c.link, &b.link, &a.link}));
+    EXPECT_EQ(ListSearch(list, visit, &visited, &b.link), &b.link);
+    EXPECT_EQ(visited.size(), 5u);
+    EXPECT_EQ(ListSearch(nullptr, nullptr, nullptr, nullptr), nullptr);
+    EXPECT_DEATH(ListSearch(list, nullptr, nullptr, nullptr), "failed: pCompare,");
+}
+
+TEST(ListLocks, KeepTheListWholeAndTheUnprotFormsTakeNone)
+{
+    list = nullptr;
+    const auto work = [](Item *first, Item *second) {
+        for (int i = 0; i < 3000; i++) {
+            kLocked.enqueueIfAbsent(&list, &first->link);
+            kLocked.insertAfter(&list, &first->link, &second->link);
+            kLocked.extract(&list, &first->link);
+            kLocked.insertBefore(&list, &second->link, &first->link);
+            kLocked.extractIfPresent(&list, &second->link);
+            kLocked.push(&list, &second->link);
+            EXPECT_GE(kLocked.length(&list), 2);
+            EXPECT_EQ(kLocked.isEmpty(&list), 0u);
+            kLocked.extract(&list, &first->link);
+            kLocked.extract(&list, &second->link);
+        }
+    };
+    Item items[4] = {};
+    std::thread other(work, &items[0], &items[1]);
+    work(&items[2], &items[3]);
+    other.join();
+    const InterruptsOffHold hold;
+    EXPECT_EQ(Names(), "");
+    kUnprot.enqueue(&list, &items[0].link);
+    EXPECT_EQ(kUnprot.dequeue(&list), &items[0].link);
+}
+
+} // namespace

@@ -1,0 +1,126 @@
+#include "Common/OS/linux/oslinux.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <string>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace
+{
+
+constexpr char kRelay[] = "/tmp/plaunch";
+
+// The launcher: takes one command from the relay and answers it.
+std::string Launch(const std::string &answer)
+{
+    char command[256] = "";
+    int fd = open(kRelay, O_RDONLY);
+    for (ssize_t got = 0, n = 1; n > 0; got += n)
+        n = read(fd, command + got, sizeof command - 1 - static_cast<std::size_t>(got));
+    close(fd);
+    fd = open(kRelay, O_WRONLY);
+    for (const char c : answer) // in pieces
+        EXPECT_EQ(write(fd, &c, 1), 1);
+    close(fd);
+    return command;
+}
+
+// One test, because the relay's path is the machine's.
+TEST(CommandRelay, CarriesACommandAndItsResult)
+{
+    unlink(kRelay);
+    EXPECT_EQ(system_pthread("nobody there"), -1);
+    EXPECT_NE(access(kRelay, F_OK), 0) << "the relay is never created";
+    ASSERT_EQ(mkfifo(kRelay, 0600), 0);
+    const struct {
+        const char *answer;
+        Int32 result;
+    } kAnswers[] = {{"0\n", 0}, {"\n", -1}, {"", -1}, {"-17\nrest", -17}, {"12 monkeys\n", 12}, {"word\n", 0}};
+    for (const auto &row : kAnswers) {
+        std::string command;
+        std::thread launcher([&] { command = Launch(row.answer); });
+        EXPECT_EQ(system_pthread("./config_port close ttyFPGAS4"), row.result) << row.answer;
+        launcher.join();
+        EXPECT_EQ(command, "./config_port close ttyFPGAS4\n");
+    }
+    unlink(kRelay);
+}
+
+TEST(Commands, ReadTheirFirstLine)
+{
+    char out[16] = "old";
+    EXPECT_EQ(read_command("printf '  two words \\nsecond\\n'", out, sizeof out), 0);
+    EXPECT_STREQ(out, "two words");
+    char small[5];
+    EXPECT_EQ(read_command("echo abcdefgh", small, sizeof small), 0);
+    EXPECT_STREQ(small, "abcd");
+    EXPECT_EQ(is_NFS(), is_NFS());
+    prctl(PR_SET_NAME, "findme-please");
+    EXPECT_EQ(find_pid("findme-please"), getpid());
+    EXPECT_EQ(find_pid("no such process"), -1);
+    setenv("OSLINUX_TEST", "abcdefgh", 1);
+    EXPECT_EQ(read_env("OSLINUX_TEST", small, sizeof small), 0);
+    EXPECT_STREQ(small, "abcd");
+    EXPECT_EQ(read_env("OSLINUX_TEST_UNSET", small, sizeof small), -1);
+    EXPECT_STREQ(small, "");
+}
+
+TEST(Strings, AreChangedInPlace)
+{
+    char text[32] = "\t MiXed 1\xC4 \n";
+    EXPECT_STREQ(trim_str(text), "MiXed 1\xC4");
+    EXPECT_STREQ(strlwr(text), "mixed 1\xC4");
+    EXPECT_STREQ(strupr(text), "MIXED 1\xC4");
+    char blanks[] = "  \t";
+    EXPECT_STREQ(trim_str(blanks), "");
+    char inner[] = " a b ";
+    EXPECT_STREQ(trim_leading(inner), "a b ");
+    EXPECT_STREQ(trim_trailing(inner), "a b");
+    EXPECT_EQ(stricmp("Halden", "hALDEN"), 0);
+    EXPECT_LT(stricmp("a", "B"), 0);
+    EXPECT_GT(stricmp("ab", "A"), 0);
+    const std::string same(255, 'x');
+    EXPECT_EQ(stricmp((same + "a").c_str(), (same + "b").c_str()), 0) << "only 255 characters count";
+    char number[34];
+    EXPECT_STREQ(itoa(INT32_MIN, number, 10), "-2147483648");
+    EXPECT_STREQ(itoa(-1, number, 2), "11111111111111111111111111111111");
+    EXPECT_STREQ(itoa(255, number, 16), "ff");
+    EXPECT_STREQ(itoa(1, number, 1), "");
+    char line[8] = "ab";
+    EXPECT_EQ(sp_printf(line, sizeof line, "%d", 123), 5);
+    EXPECT_EQ(sp_printf(line, sizeof line, "%s", "cutoff"), 7);
+    EXPECT_STREQ(line, "ab123cu");
+}
+
+TEST(Hardware, IsWhatTheBoardSays)
+{
+    EXPECT_EQ(GetSystemHardwareType(), kUninitialized);
+    SetSystemHardwareType(kVane);
+    EXPECT_EQ(GetSystemHardwareType(), 18u);
+    EXPECT_EQ(GetProcessorNum(), 0u);
+    EXPECT_EQ(GetNumProcessors(), 0);
+    EXPECT_EQ(ExecutionLevel(), 0);
+    EXPECT_EQ(GetCyclesPerTick(), 666666u);
+    EXPECT_EQ(GetNumTIProcessors() + GetNumTMProcessors() + GetNumDavinciHDProcessors(), 0);
+}
+
+TEST(Memset, FillsExactlyWhatItIsAskedTo)
+{
+    void *(*volatile fill)(void *, int, std::size_t) = std::memset; // not the compiler's own
+    for (std::size_t start = 0; start < 8; start++) {
+        for (std::size_t length = 0; length <= 80; length++) {
+            std::vector<UInt8> block(96, 0x11), expected(96, 0x11);
+            std::fill_n(expected.begin() + static_cast<std::ptrdiff_t>(start), length, 0xA5);
+            EXPECT_EQ(fill(block.data() + start, 0x3A5, length), block.data() + start);
+            ASSERT_EQ(block, expected) << start << " " << length;
+        }
+    }
+}
+
+} // namespace
