@@ -23,7 +23,7 @@ using bench::Micro;
 constexpr std::size_t kCameraBlock = Camera::kBlockSize;
 constexpr unsigned kFast = 20; // divisor of the mandated pauses
 
-using Prepare = void (*)();
+using Prepare = std::function<void()>;
 
 struct Case {
     std::string name;
@@ -31,7 +31,7 @@ struct Case {
     int status = 0;
     std::string micro = "", camera = "";                // faults
     std::string versions = "20 0203 0306";              // that micro, camera and system run before
-    Prepare prepare = nullptr;                          // changes the images, in their folder
+    Prepare prepare = {};                               // changes the images, in their folder
     bench::Port microPort = {}, cameraPort = {};        // refusals; the lines are filled in
     bool findings = false;                              // the device is right to complain
     bool flashed = false;                               // devices hold their images afterwards
@@ -54,58 +54,63 @@ void Put(const char *name, const std::string &text)
     std::ofstream(name, std::ios::binary) << text;
 }
 
+// Changes to the images of a case.
+Prepare With(const char *file, const std::string &text)
+{
+    return [=] { Put(file, text); };
+}
+
+Prepare Without(const char *file)
+{
+    return [=] { fs::remove(file); };
+}
+
+Prepare Directory(const char *file)
+{
+    return [=] { fs::remove(file) && fs::create_directory(file); };
+}
+
+Prepare Resized(const char *file, std::size_t size)
+{
+    return [=] { fs::resize_file(file, size); };
+}
+
+// clang-format off
+
 std::vector<Case> Versions()
 {
-    const auto micro = [] { Put("haldenmicro.bin", "\x21" + std::string(999, 'm')); };
     return {
         {.name = "all_older", .words = {"all"}, .flashed = true},
         {.name = "all_newer", .words = {"all"}, .versions = "22 0205 0308", .flashed = true},
         {.name = "all_up_to_date", .words = {"all"}, .versions = "21 0204 0307"},
         {.name = "micro_and_farsight", .words = {"micro", "farsight"}, .flashed = true},
         {.name = "micro_only", .words = {"micro"}, .flashed = true},
-        {.name = "micro_up_to_date_progress",
-         .words = {"micro", "-p", "progress", "40", "60"},
-         .versions = "21 0 0",
+        {.name = "micro_up_to_date_progress", .words = {"micro", "-p", "progress", "40", "60"}, .versions = "21 0 0",
          .progress = true},
         {.name = "farsight_only", .words = {"farsight"}, .flashed = true},
         {.name = "camera_image_only", .words = {"farsight"}, .versions = "20 0203 0307", .flashed = true},
         {.name = "system_image_only", .words = {"farsight"}, .versions = "20 0204 0306", .flashed = true},
-        {.name = "system_image_two_blocks",
-         .words = {"farsight"},
-         .prepare = [] { fs::resize_file("farsightsys.bin", kCameraBlock + 7); },
-         .flashed = true},
-        {.name = "version_above_7fff",
-         .words = {"farsight"},
-         .versions = "20 0204 8001",
-         .prepare = [] { Put("farsightsysver", "8001\n"); },
-         .flashed = true},
+        {.name = "system_image_two_blocks", .words = {"farsight"},
+         .prepare = Resized("farsightsys.bin", kCameraBlock + 7), .flashed = true},
+        {.name = "version_above_7fff", .words = {"farsight"}, .versions = "20 0204 8001",
+         .prepare = With("farsightsysver", "8001\n"), .flashed = true},
         {.name = "query_older", .words = {"q", "all"}, .status = 1},
         {.name = "query_up_to_date", .words = {"all", "quit"}, .versions = "21 0204 0307"},
         {.name = "query_micro_older_camera_same", .words = {"all", "query"}, .status = 1, .versions = "20 0204 0307"},
         {.name = "query_camera_fails", .words = {"q", "farsight"}, .status = 255, .camera = "version=none"},
         {.name = "query_micro_fails", .words = {"all", "q"}, .status = 255, .micro = "version=none"},
         {.name = "query_camera_older_micro_same", .words = {"q", "all"}, .status = 1, .versions = "21 0203 0307"},
-        {.name = "query_progress",
-         .words = {"all", "q", "-p", "progress", "0", "50"},
-         .versions = "21 0204 0307",
+        {.name = "query_progress", .words = {"all", "q", "-p", "progress", "0", "50"}, .versions = "21 0204 0307",
          .progress = true},
         {.name = "progress_all", .words = {"all", "-p", "progress", "0", "100"}, .flashed = true, .progress = true},
         {.name = "progress_range", .words = {"-p", "progress", "200", "300", "all"}, .flashed = true, .progress = true},
-        {.name = "progress_partly_up_to_date",
-         .words = {"all", "-p", "progress", "0", "100"},
-         .versions = "21 0203 0307",
-         .flashed = true,
-         .progress = true},
-        {.name = "micro_short_image", .words = {"micro"}, .prepare = micro, .flashed = true},
-        {.name = "micro_long_image",
-         .words = {"micro"},
-         .prepare = [] { fs::resize_file("haldenmicro.bin", 7000); },
-         .flashed = true},
+        {.name = "progress_partly_up_to_date", .words = {"all", "-p", "progress", "0", "100"},
+         .versions = "21 0203 0307", .flashed = true, .progress = true},
+        {.name = "micro_short_image", .words = {"micro"},
+         .prepare = With("haldenmicro.bin", "\x21" + std::string(999, 'm')), .flashed = true},
+        {.name = "micro_long_image", .words = {"micro"}, .prepare = Resized("haldenmicro.bin", 7000), .flashed = true},
         {.name = "micro_in_full_time", .words = {"micro"}, .micro = "noise=12FF13", .flashed = true, .waitDivisor = 1},
-        {.name = "farsight_in_full_time",
-         .words = {"farsight"},
-         .camera = "noise=11",
-         .flashed = true,
+        {.name = "farsight_in_full_time", .words = {"farsight"}, .camera = "noise=11", .flashed = true,
          .waitDivisor = 1},
     };
 }
@@ -125,9 +130,7 @@ std::vector<Case> Replies()
         {.name = "micro_refused_twice", .words = {"micro"}, .micro = "block5=nack,block6=nack"},
         {.name = "micro_refused_first", .words = {"micro"}, .micro = "block0=nack"},
         {.name = "micro_refused_last", .words = {"micro"}, .micro = "block11=nack"},
-        {.name = "micro_refused_then_unknown",
-         .words = {"micro"},
-         .micro = "block5=nack,block6=verdict:42",
+        {.name = "micro_refused_then_unknown", .words = {"micro"}, .micro = "block5=nack,block6=verdict:42",
          .findings = true},
         {.name = "micro_refused_three_times", .words = {"micro"}, .micro = "block5=nack,block6=nack,block7=nack"},
         {.name = "micro_unknown_verdict", .words = {"micro"}, .micro = "block3=verdict:42"},
@@ -145,17 +148,10 @@ std::vector<Case> Replies()
         {.name = "camera_mode_truncated", .words = {"farsight"}, .status = 255, .camera = "mode=first:3"},
         {.name = "camera_refused_first", .words = {"farsight"}, .status = 255, .camera = "block0=nack"},
         {.name = "camera_refused_system", .words = {"farsight"}, .status = 255, .camera = "block3=nack"},
-        {.name = "camera_unknown_verdict",
-         .words = {"farsight"},
-         .status = 255,
-         .camera = "block1=verdict:55,block2=nack",
-         .findings = true},
-        {.name = "system_unknown_verdict",
-         .words = {"farsight"},
-         .status = 255,
-         .camera = "block0=verdict:00,block1=nack",
-         .versions = "20 0204 0306",
-         .findings = true},
+        {.name = "camera_unknown_verdict", .words = {"farsight"}, .status = 255,
+         .camera = "block1=verdict:55,block2=nack", .findings = true},
+        {.name = "system_unknown_verdict", .words = {"farsight"}, .status = 255,
+         .camera = "block0=verdict:00,block1=nack", .versions = "20 0204 0306", .findings = true},
         {.name = "camera_verdict_silence", .words = {"farsight"}, .status = 255, .camera = "block1=none"},
         {.name = "camera_verdict_one_byte", .words = {"farsight"}, .status = 255, .camera = "block1=first:1"},
         {.name = "camera_verdict_late", .words = {"farsight"}, .camera = "block0=late:1500", .flashed = true},
@@ -167,114 +163,41 @@ std::vector<Case> Replies()
 std::vector<Case> Files()
 {
     return {
-        {.name = "micro_image_missing",
-         .words = {"micro", "-p", "progress", "0", "100"},
-         .prepare = [] { fs::remove("haldenmicro.bin"); },
+        {.name = "micro_image_missing", .words = {"micro", "-p", "progress", "0", "100"},
+         .prepare = Without("haldenmicro.bin"), .progress = true},
+        {.name = "micro_image_empty", .words = {"micro"}, .prepare = With("haldenmicro.bin", "")},
+        {.name = "micro_image_version_0", .words = {"micro"},
+         .prepare = With("haldenmicro.bin", std::string(100, '\0'))},
+        {.name = "micro_image_directory", .words = {"micro"}, .prepare = Directory("haldenmicro.bin")},
+        {.name = "all_images_missing", .words = {"all", "-p", "progress", "0", "100"}, .status = 255,
+         .prepare = [] { for (const char *file : {"haldenmicro.bin", "farsightcam.bin", "farsightsys.bin"}) fs::remove(file); },
          .progress = true},
-        {.name = "micro_image_empty", .words = {"micro"}, .prepare = [] { Put("haldenmicro.bin", ""); }},
-        {.name = "micro_image_version_0",
-         .words = {"micro"},
-         .prepare = [] { Put("haldenmicro.bin", std::string(100, '\0')); }},
-        {.name = "micro_image_directory",
-         .words = {"micro"},
-         .prepare =
-             [] {
-                 fs::remove("haldenmicro.bin");
-                 fs::create_directory("haldenmicro.bin");
-             }},
-        {.name = "all_images_missing",
-         .words = {"all", "-p", "progress", "0", "100"},
-         .status = 255,
-         .prepare =
-             [] {
-                 for (const char *file : {"haldenmicro.bin", "farsightcam.bin", "farsightsys.bin"})
-                     fs::remove(file);
-             },
-         .progress = true},
-        {.name = "camera_image_missing",
-         .words = {"farsight"},
-         .status = 255,
-         .prepare = [] { fs::remove("farsightcam.bin"); }},
-        {.name = "system_image_missing",
-         .words = {"farsight"},
-         .status = 255,
-         .prepare = [] { fs::remove("farsightsys.bin"); }},
-        {.name = "camera_image_directory",
-         .words = {"farsight"},
-         .status = 255,
-         .prepare =
-             [] {
-                 fs::remove("farsightcam.bin");
-                 fs::create_directory("farsightcam.bin");
-             }},
-        {.name = "system_image_directory",
-         .words = {"farsight"},
-         .status = 255,
-         .prepare =
-             [] {
-                 fs::remove("farsightsys.bin");
-                 fs::create_directory("farsightsys.bin");
-             },
+        {.name = "camera_image_missing", .words = {"farsight"}, .status = 255, .prepare = Without("farsightcam.bin")},
+        {.name = "system_image_missing", .words = {"farsight"}, .status = 255, .prepare = Without("farsightsys.bin")},
+        {.name = "camera_image_directory", .words = {"farsight"}, .status = 255,
+         .prepare = Directory("farsightcam.bin")},
+        {.name = "system_image_directory", .words = {"farsight"}, .status = 255,
+         .prepare = Directory("farsightsys.bin"), .findings = true},
+        {.name = "camera_image_missing_progress", .words = {"farsight", "q", "-p", "progress", "0", "100"}, .status = 1,
+         .prepare = Without("farsightcam.bin"), .progress = true},
+        {.name = "camera_image_empty", .words = {"farsight", "-p", "progress", "0", "100"}, .status = 255,
+         .versions = "20 0203 0307", .prepare = With("farsightcam.bin", ""), .progress = true},
+        {.name = "camera_image_empty_system_not", .words = {"farsight"}, .status = 255,
+         .prepare = With("farsightcam.bin", ""), .findings = true},
+        {.name = "system_image_empty", .words = {"farsight"}, .status = 255, .prepare = With("farsightsys.bin", ""),
          .findings = true},
-        {.name = "camera_image_missing_progress",
-         .words = {"farsight", "q", "-p", "progress", "0", "100"},
-         .status = 1,
-         .prepare = [] { fs::remove("farsightcam.bin"); },
+        {.name = "all_images_empty", .words = {"all", "-p", "progress", "0", "100"}, .status = 255,
+         .prepare = [] { for (const char *file : {"haldenmicro.bin", "farsightcam.bin", "farsightsys.bin"}) Put(file, ""); },
          .progress = true},
-        {.name = "camera_image_empty",
-         .words = {"farsight", "-p", "progress", "0", "100"},
-         .status = 255,
-         .versions = "20 0203 0307",
-         .prepare = [] { Put("farsightcam.bin", ""); },
-         .progress = true},
-        {.name = "camera_image_empty_system_not",
-         .words = {"farsight"},
-         .status = 255,
-         .prepare = [] { Put("farsightcam.bin", ""); },
-         .findings = true},
-        {.name = "system_image_empty",
-         .words = {"farsight"},
-         .status = 255,
-         .prepare = [] { Put("farsightsys.bin", ""); },
-         .findings = true},
-        {.name = "all_images_empty",
-         .words = {"all", "-p", "progress", "0", "100"},
-         .status = 255,
-         .prepare =
-             [] {
-                 for (const char *file : {"haldenmicro.bin", "farsightcam.bin", "farsightsys.bin"})
-                     Put(file, "");
-             },
-         .progress = true},
-        {.name = "camera_version_missing",
-         .words = {"farsight"},
-         .status = 255,
-         .prepare = [] { fs::remove("farsightcamver"); }},
-        {.name = "system_version_missing",
-         .words = {"farsight"},
-         .status = 255,
-         .prepare = [] { fs::remove("farsightsysver"); }},
-        {.name = "version_files_odd",
-         .words = {"farsight", "q"},
-         .status = 1,
-         .prepare =
-             [] {
-                 Put("farsightcamver", "1234567890");
-                 Put("farsightsysver", std::string("\0\xFF\x80", 3));
-             }},
-        {.name = "camera_image_shrinks",
-         .words = {"farsight", "-p", "progress", "0", "100"},
-         .status = 255,
-         .camera = "block0=late:700",
-         .versions = "20 0203 0307",
-         .findings = true,
-         .progress = true,
+        {.name = "camera_version_missing", .words = {"farsight"}, .status = 255, .prepare = Without("farsightcamver")},
+        {.name = "system_version_missing", .words = {"farsight"}, .status = 255, .prepare = Without("farsightsysver")},
+        {.name = "version_files_odd", .words = {"farsight", "q"}, .status = 1,
+         .prepare = [] { Put("farsightcamver", "1234567890"); Put("farsightsysver", std::string("\0\xFF\x80", 3)); }},
+        {.name = "camera_image_shrinks", .words = {"farsight", "-p", "progress", "0", "100"}, .status = 255,
+         .camera = "block0=late:700", .versions = "20 0203 0307", .findings = true, .progress = true,
          .seen = [](const std::string &) { fs::resize_file("farsightcam.bin", kCameraBlock + 10); }},
-        {.name = "camera_image_grows",
-         .words = {"farsight", "-p", "progress", "0", "100"},
-         .camera = "block0=late:700",
-         .versions = "20 0203 0307",
-         .progress = true,
+        {.name = "camera_image_grows", .words = {"farsight", "-p", "progress", "0", "100"}, .camera = "block0=late:700",
+         .versions = "20 0203 0307", .progress = true,
          .seen = [](const std::string &) { fs::resize_file("farsightcam.bin", 9 * kCameraBlock); }},
     };
 }
@@ -301,8 +224,7 @@ std::vector<Case> Words()
         {.name = "progress_path_is_a_word", .words = {"farsight", "-p", "micro", "0", "q"}, .flashed = true},
         {.name = "progress_high_below_low", .words = {"micro", "-p", "bar.txt", "60", "40"}, .flashed = true},
         {.name = "progress_bounds_no_numbers", .words = {"micro", "-p", "progress", "x", "y"}, .flashed = true},
-        {.name = "progress_bounds_huge",
-         .words = {"micro", "-p", "bar.txt", "-99999999999", "99999999999"},
+        {.name = "progress_bounds_huge", .words = {"micro", "-p", "bar.txt", "-99999999999", "99999999999"},
          .flashed = true},
         {.name = "progress_path_300", .words = {"micro", "-p", longPath, "0", "3"}, .flashed = true},
         {.name = "progress_path_directory", .words = {"micro", "-p", ".", "0", "3"}, .flashed = true},
@@ -320,61 +242,35 @@ std::vector<Case> Ports()
         {.name = "ninth_retry_opens", .words = {"micro"}, .microPort = {.refusedOpens = 9}, .flashed = true},
         {.name = "micro_config_refused", .words = {"micro"}, .status = 255, .microPort = {.refusedRequest = 1}},
         {.name = "micro_enable_refused", .words = {"all"}, .status = 255, .microPort = {.refusedRequest = 2}},
-        {.name = "micro_disable_refused",
-         .words = {"micro"},
-         .status = 255,
-         .microPort = {.refusedRequest = 3},
+        {.name = "micro_disable_refused", .words = {"micro"}, .status = 255, .microPort = {.refusedRequest = 3},
          .flashed = true},
         {.name = "camera_config_refused", .words = {"farsight"}, .status = 255, .cameraPort = {.refusedRequest = 1}},
         {.name = "camera_enable_refused", .words = {"farsight"}, .status = 255, .cameraPort = {.refusedRequest = 2}},
-        {.name = "camera_enable_refused_after_micro",
-         .words = {"all"},
-         .status = 255,
-         .cameraPort = {.refusedRequest = 2},
+        {.name = "camera_enable_refused_after_micro", .words = {"all"}, .status = 255,
+         .cameraPort = {.refusedRequest = 2}, .flashed = true},
+        {.name = "camera_disable_refused", .words = {"farsight"}, .status = 255, .cameraPort = {.refusedRequest = 3},
          .flashed = true},
-        {.name = "camera_disable_refused",
-         .words = {"farsight"},
-         .status = 255,
-         .cameraPort = {.refusedRequest = 3},
-         .flashed = true},
-        {.name = "micro_query_short",
-         .words = {"micro"},
-         .status = 255,
-         .microPort = {.cutWrite = 1, .cutTo = 5},
+        {.name = "micro_query_short", .words = {"micro"}, .status = 255, .microPort = {.cutWrite = 1, .cutTo = 5},
          .findings = true},
         {.name = "micro_query_fails", .words = {"micro"}, .status = 255, .microPort = {.cutWrite = 1}},
-        {.name = "micro_block_short",
-         .words = {"micro"},
-         .status = 255,
-         .microPort = {.cutWrite = 4, .cutTo = 100},
+        {.name = "micro_block_short", .words = {"micro"}, .status = 255, .microPort = {.cutWrite = 4, .cutTo = 100},
          .findings = true},
         {.name = "micro_block_fails", .words = {"micro"}, .status = 255, .microPort = {.cutWrite = 4}},
-        {.name = "micro_retry_short",
-         .words = {"micro"},
-         .status = 255,
-         .micro = "block1=nack",
-         .microPort = {.cutWrite = 4, .cutTo = 6},
-         .findings = true},
-        {.name = "camera_query_short",
-         .words = {"farsight"},
-         .status = 255,
-         .cameraPort = {.cutWrite = 1, .cutTo = 2},
+        {.name = "micro_retry_short", .words = {"micro"}, .status = 255, .micro = "block1=nack",
+         .microPort = {.cutWrite = 4, .cutTo = 6}, .findings = true},
+        {.name = "camera_query_short", .words = {"farsight"}, .status = 255, .cameraPort = {.cutWrite = 1, .cutTo = 2},
          .findings = true},
         {.name = "camera_query_fails", .words = {"farsight"}, .status = 255, .cameraPort = {.cutWrite = 1}},
         {.name = "camera_mode_fails", .words = {"farsight"}, .status = 255, .cameraPort = {.cutWrite = 2}},
-        {.name = "camera_mode_short",
-         .words = {"farsight"},
-         .status = 255,
-         .cameraPort = {.cutWrite = 2, .cutTo = 7},
+        {.name = "camera_mode_short", .words = {"farsight"}, .status = 255, .cameraPort = {.cutWrite = 2, .cutTo = 7},
          .findings = true},
-        {.name = "camera_block_short",
-         .words = {"farsight"},
-         .status = 255,
-         .cameraPort = {.cutWrite = 4, .cutTo = 50000},
-         .findings = true},
+        {.name = "camera_block_short", .words = {"farsight"}, .status = 255, .cameraPort = {.cutWrite = 4,
+         .cutTo = 50000}, .findings = true},
         {.name = "system_block_fails", .words = {"farsight"}, .status = 255, .cameraPort = {.cutWrite = 6}},
     };
 }
+
+// clang-format on
 
 class EndToEnd : public testing::TestWithParam<Case>
 {
@@ -386,7 +282,7 @@ protected:
         home_ = fs::current_path();
         fs::current_path(directory_);
         bench::WriteSamples(".", {.cameraSize = 2 * kCameraBlock + 1, .systemSize = kCameraBlock});
-        if (GetParam().prepare != nullptr)
+        if (GetParam().prepare)
             GetParam().prepare();
     }
 
