@@ -5,7 +5,7 @@ cd "$(dirname "$0")"
 
 readonly build_packages="g++ cmake ninja-build"
 readonly test_packages="$build_packages libgtest-dev"
-readonly bench_packages="$build_packages libbenchmark-dev libspdlog-dev valgrind strace"
+readonly bench_packages="$build_packages libbenchmark-dev libspdlog-dev valgrind strace python3 binutils"
 readonly lint_packages="$test_packages libbenchmark-dev libspdlog-dev clang clang-tidy clang-format cppcheck mandoc"
 jobs=$(nproc)
 

@@ -52,11 +52,14 @@ UInt8 *AppendBytes(UInt8 *end, const UInt8 *data, size_t size)
 }
 
 // Appends the data, stuffed, and adds up its bytes, in one pass. Words without a byte to escape are
-// copied as they are, and so is the escape of a word of erased flash, which is all FF.
+// copied as they are, and so is the escape of a word that is all FF, as erased flash is, or all FE.
 UInt8 *AppendData(UInt8 *end, const UInt8 *data, size_t size, UInt32 *sum)
 {
-    static constexpr UInt8 kErased[] = {0xFE, 1, 0xFE, 1, 0xFE, 1, 0xFE, 1, 0xFE, 1, 0xFE, 1, 0xFE, 1, 0xFE, 1};
-    constexpr size_t kErasedSize = 2 * sizeof(Word);
+    static constexpr UInt8 kUniform[][16] = {
+        {0xFE, 0, 0xFE, 0, 0xFE, 0, 0xFE, 0, 0xFE, 0, 0xFE, 0, 0xFE, 0, 0xFE, 0}, // of FE
+        {0xFE, 1, 0xFE, 1, 0xFE, 1, 0xFE, 1, 0xFE, 1, 0xFE, 1, 0xFE, 1, 0xFE, 1}, // of FF
+    };
+    constexpr size_t kUniformSize = 2 * sizeof(Word);
     UInt32 total = 0;
     for (; size >= sizeof(Word); data += sizeof(Word), size -= sizeof(Word)) {
         Word word;
@@ -65,9 +68,9 @@ UInt8 *AppendData(UInt8 *end, const UInt8 *data, size_t size, UInt32 *sum)
         if (!HasEscapedByte(word)) {
             std::memcpy(end, &word, sizeof word);
             end += sizeof word;
-        } else if (word == ~Word{0}) {
-            std::memcpy(end, kErased, kErasedSize);
-            end += kErasedSize;
+        } else if (word == ~Word{0} || word == ~kOnes) {
+            std::memcpy(end, kUniform[word & 1], kUniformSize);
+            end += kUniformSize;
         } else {
             end = AppendBytes(end, data, sizeof word);
         }
