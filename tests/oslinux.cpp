@@ -1,5 +1,6 @@
 #include "Common/OS/linux/oslinux.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -25,8 +26,9 @@ std::string Launch(const std::string &answer)
         n = read(fd, command + got, sizeof command - 1 - static_cast<std::size_t>(got));
     close(fd);
     fd = open(kRelay, O_WRONLY);
-    for (const char c : answer) // in pieces
-        EXPECT_EQ(write(fd, &c, 1), 1);
+    // In two pieces, the line feed in the last one: once the line has come nobody may be left to read.
+    for (const std::string &piece : {answer.substr(0, 1), answer.substr(std::min<std::size_t>(1, answer.size()))})
+        EXPECT_EQ(write(fd, piece.data(), piece.size()), static_cast<ssize_t>(piece.size()));
     close(fd);
     return command;
 }
@@ -60,7 +62,7 @@ TEST(Commands, ReadTheirFirstLine)
     char small[5];
     EXPECT_EQ(read_command("echo abcdefgh", small, sizeof small), 0);
     EXPECT_STREQ(small, "abcd");
-    EXPECT_EQ(is_NFS(), is_NFS());
+    EXPECT_EQ(is_NFS(), system("mount | grep -q 'on / type nfs'") == 0 ? 1u : 0u);
     prctl(PR_SET_NAME, "findme-please");
     EXPECT_EQ(find_pid("findme-please"), getpid());
     EXPECT_EQ(find_pid("no such process"), -1);
