@@ -31,6 +31,8 @@ constexpr char kHelp[] =
     "  --micro-version XX    what the microcontroller runs    (default: one less than its image)\n"
     "  --camera-version XXXX what the camera runs             (default: one less than the version file)\n"
     "  --system-version XXXX what the camera's system runs    (default: one less than the version file)\n"
+    "  --config DIR          holds dat, choice and choice.gen, as /opt/talvora does on the appliance\n"
+    "  --launcher RESULT     answers every relayed command with RESULT; prints the commands after the run\n"
     "  --fast                shorten the command's pauses to a hundredth\n"
     "  --baud N              carry bytes no faster than the line would (default: as fast as they come)\n"
     "  --faults DEVICE:TEXT  faults that DEVICE, micro or camera, plays\n"
@@ -45,6 +47,8 @@ using UsageError = std::invalid_argument;
 struct Settings {
     std::string directory = ".";
     std::optional<unsigned long> microVersion, cameraVersion, systemVersion;
+    std::string configuration;
+    std::optional<std::string> launcherResult;
     bool fast = false;
     unsigned baud = 0;
     Faults microFaults, cameraFaults;
@@ -85,6 +89,8 @@ constexpr OptionRow kOptions[] = {
      [](Settings &s, const char *n, const std::string &value) { s.cameraVersion = Number(n, value, 16, 0xFFFF); }},
     {"system-version", true,
      [](Settings &s, const char *n, const std::string &value) { s.systemVersion = Number(n, value, 16, 0xFFFF); }},
+    {"config", true, [](Settings &s, const char *, const std::string &value) { s.configuration = value; }},
+    {"launcher", true, [](Settings &s, const char *, const std::string &value) { s.launcherResult = value; }},
     {"fast", false, [](Settings &s, const char *, const std::string &) { s.fast = true; }},
     {"baud", true,
      [](Settings &s, const char *n, const std::string &value) {
@@ -120,6 +126,8 @@ Settings ParseArguments(int argc, char *argv[])
         throw UsageError("no command; see haldenbench --help");
     if (!fs::is_directory(settings.directory))
         throw UsageError("--dir: there is no directory " + settings.directory);
+    if (!settings.configuration.empty() && !fs::is_directory(settings.configuration))
+        throw UsageError("--config: there is no directory " + settings.configuration);
     return settings;
 }
 
@@ -188,6 +196,7 @@ RunOptions MakeOptions(const Settings &settings, Line &camera, Line &micro)
     options.preload = Beside("haldenbench-preload.so");
     options.ports[kCameraPort].line = &camera;
     options.ports[kMicroPort].line = &micro;
+    options.configuration = settings.configuration;
     options.waitDivisor = settings.fast ? kFastDivisor : 1;
     options.output = settings.bar || !settings.trace.empty() ? Output::kCapture : Output::kInherit;
     options.limit = std::chrono::hours(1); // a big image on a slow line takes its time
@@ -254,8 +263,14 @@ int Rehearse(const Settings &settings)
     micro.faults = settings.microFaults;
     camera.faults = settings.cameraFaults;
     Line microLine(micro, settings.baud), cameraLine(camera, settings.baud);
-    const RunResult result = Run(MakeOptions(settings, cameraLine, microLine));
+    RunOptions options = MakeOptions(settings, cameraLine, microLine);
+    std::optional<Launcher> launcher;
+    if (settings.launcherResult)
+        options.launcher = &launcher.emplace(*settings.launcherResult + "\n");
+    const RunResult result = Run(options);
     ShowOutput(settings, result);
+    for (const std::string &command : launcher ? launcher->commands() : std::vector<std::string>())
+        std::cout << "relayed: " << command;
     if (!settings.transcript.empty())
         WriteTranscript(settings.transcript, micro, camera);
     return Report(settings.directory, micro, camera) && result.status == 0 ? kGood : kBad;

@@ -1,11 +1,13 @@
-// Leads a program that opens "/dev/fpgaserial<N>" to other files and plays the FPGA serial driver
-// on them. Needs nothing but the C library, allocates nothing, and holds no lock and no descriptor
-// between calls. <sys/ioctl.h> stays out on purpose: it declares ioctl as one that never throws,
-// and such a function would need the C++ library and could not be unwound by a cancellation.
+// Leads a program that opens "/dev/fpgaserial<N>", its command relay or its configuration to other
+// files, and plays the FPGA serial driver. Needs nothing but the C library, allocates nothing, and
+// holds no lock and no descriptor between calls. <sys/ioctl.h> stays out on purpose: it declares
+// ioctl as one that never throws, and such a function would need the C++ library and could not be
+// unwound by a cancellation.
 #include "bench/preload.h"
 
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
@@ -19,23 +21,29 @@
 #include <unistd.h>
 
 extern "C" int ioctl(int fd, unsigned long request, ...);
+// Under names of their own, because stat and stat64 are structures too.
+extern "C" int StatPlace(const char *path, void *status) asm("stat");
+extern "C" int StatPlace64(const char *path, void *status) asm("stat64");
 
 namespace
 {
 
 constexpr int kPorts = 10;
 constexpr int kDescriptors = 1024;
-constexpr char kRelay[] = "/tmp/plaunch"; // of commands; nobody is at its other end in a run
+constexpr char kRelay[] = "/tmp/plaunch"; // of commands
+constexpr char kOpt[] = "/opt/talvora";   // configuration
+constexpr std::size_t kPlace = PATH_MAX + 1;
 constexpr std::uint32_t kSetConfig = 0x80260001;
 constexpr std::uint32_t kDisableRx = 0x80260002;
 
-// What the environment says; written once, before main.
+// What the environment says; written once, before main. A path that it does not name is "", which
+// the system answers with ENOENT.
 struct Orders {
     bool on;
-    char log[64];
+    const char *log, *relay, *opt;
     std::int64_t waitDivisor;
     struct {
-        char path[64];
+        const char *path;
         long refusedOpens, refusedRequest, cutWrite;
         long cutTo; // bytes; -1: the write is refused
         long baud;  // 0: writes return as soon as they can
@@ -71,6 +79,8 @@ private:
     std::atomic<Function *> function_{nullptr};
 };
 constinit Real<int(const char *, int, ...)> gRealOpen("open"), gRealOpen64("open64");
+constinit Real<FILE *(const char *, const char *)> gRealFopen("fopen"), gRealFopen64("fopen64");
+constinit Real<int(const char *, void *)> gRealStat("stat"), gRealStat64("stat64");
 constinit Real<int(int)> gRealClose("close");
 constinit Real<ssize_t(int, const void *, std::size_t)> gRealWrite("write");
 constinit Real<int(int, unsigned long, ...)> gRealIoctl("ioctl");
@@ -96,45 +106,43 @@ constinit Real<int(int, fd_set *, fd_set *, fd_set *, timeval *)> gRealSelect("s
     errno = error;
 }
 
-// Variable of a port, or null.
+// The text stays where it is for the life of the process. "" without that variable.
+const char *Variable(const char *name)
+{
+    const char *text = getenv(name);
+    return text == nullptr ? "" : text;
+}
+
 const char *PortVariable(const char *name, int port)
 {
     char numbered[40];
     snprintf(numbered, sizeof numbered, "%s%d", name, port);
-    return getenv(numbered);
+    return Variable(numbered);
 }
 
 long PortNumber(const char *name, int port)
 {
-    const char *text = PortVariable(name, port);
-    return text == nullptr ? 0 : strtol(text, nullptr, 10);
-}
-
-void Copy(char (&to)[64], const char *from)
-{
-    if (from != nullptr)
-        snprintf(to, sizeof to, "%s", from);
+    return strtol(PortVariable(name, port), nullptr, 10);
 }
 
 [[gnu::constructor]] void ReadOrders()
 {
-    const char *log = getenv(bench::kPreloadLog);
-    if (log == nullptr)
+    gOrders.log = Variable(bench::kPreloadLog);
+    if (gOrders.log[0] == '\0')
         return;
-    Copy(gOrders.log, log);
-    const char *divisor = getenv(bench::kPreloadWaitDivisor);
-    gOrders.waitDivisor = divisor == nullptr ? 1 : strtol(divisor, nullptr, 10);
+    gOrders.relay = Variable(bench::kPreloadRelay);
+    gOrders.opt = Variable(bench::kPreloadOpt);
+    gOrders.waitDivisor = strtol(Variable(bench::kPreloadWaitDivisor), nullptr, 10);
     if (gOrders.waitDivisor < 1)
         gOrders.waitDivisor = 1;
     for (int port = 0; port < kPorts; ++port) {
         auto &orders = gOrders.ports[port];
-        Copy(orders.path, PortVariable(bench::kPreloadPort, port));
+        orders.path = PortVariable(bench::kPreloadPort, port);
         orders.refusedOpens = PortNumber(bench::kPreloadOpens, port);
         orders.refusedRequest = PortNumber(bench::kPreloadRequest, port);
         orders.cutWrite = PortNumber(bench::kPreloadWrite, port);
         orders.baud = PortNumber(bench::kPreloadBaud, port);
-        const char *write = PortVariable(bench::kPreloadWrite, port);
-        const char *bytes = write == nullptr ? nullptr : strchr(write, ':');
+        const char *bytes = strchr(PortVariable(bench::kPreloadWrite, port), ':');
         orders.cutTo = bytes == nullptr ? -1 : strtol(bytes + 1, nullptr, 10);
     }
     gOrders.on = true;
@@ -163,8 +171,6 @@ int OpenPort(int port, int flags)
     int fd = -1;
     if (++gCounts[port].opens <= orders.refusedOpens)
         errno = EBUSY;
-    else if (orders.path[0] == '\0')
-        errno = ENOENT;
     else
         fd = gRealOpen(orders.path, flags | O_NOCTTY, mode_t{0});
     Log(fd < 0 ? "open %d refused\n" : "open %d\n", port);
@@ -222,19 +228,44 @@ ssize_t WriteLine(int fd, const void *data, std::size_t size, long baud)
     return written;
 }
 
+bool IsRelay(const char *path)
+{
+    return gOrders.on && strcmp(path, kRelay) == 0;
+}
+
+// Where a path leads; place is room for it. What has to be cut to fit is still longer than the system
+// takes, so that it is refused (ENAMETOOLONG).
+const char *PlaceOf(const char *path, char (&place)[kPlace])
+{
+    constexpr std::size_t kLength = sizeof kOpt - 1;
+    if (IsRelay(path))
+        return gOrders.relay;
+    if (!gOrders.on || strncmp(path, kOpt, kLength) != 0 || (path[kLength] != '/' && path[kLength] != '\0'))
+        return path;
+    if (gOrders.opt[0] == '\0')
+        return "";
+    snprintf(place, sizeof place, "%s%s", gOrders.opt, path + kLength);
+    return place;
+}
+
 // The mode is there only if the flags ask for it.
 int Open(Real<int(const char *, int, ...)> &real, const char *path, int flags, va_list &arguments)
 {
     const int port = PortOfPath(path);
     if (port >= 0)
         return OpenPort(port, flags);
-    if (gOrders.on && strcmp(path, kRelay) == 0) {
-        Log("open relay refused\n");
-        errno = ENOENT;
-        return -1;
-    }
     const bool creates = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
-    return real(path, flags, creates ? va_arg(arguments, mode_t) : mode_t{0});
+    char place[kPlace];
+    const int fd = real(PlaceOf(path, place), flags, creates ? va_arg(arguments, mode_t) : mode_t{0});
+    if (IsRelay(path))
+        Log(fd < 0 ? "open relay refused\n" : "open relay\n");
+    return fd;
+}
+
+template <class Function, class... Rest> auto AtPlace(Real<Function> &real, const char *path, Rest... rest)
+{
+    char place[kPlace];
+    return real(PlaceOf(path, place), rest...);
 }
 
 } // namespace
@@ -255,6 +286,26 @@ extern "C" int open64(const char *path, int flags, ...)
     const int fd = Open(gRealOpen64, path, flags, arguments);
     va_end(arguments);
     return fd;
+}
+
+extern "C" FILE *fopen(const char *path, const char *mode)
+{
+    return AtPlace(gRealFopen, path, mode);
+}
+
+extern "C" FILE *fopen64(const char *path, const char *mode)
+{
+    return AtPlace(gRealFopen64, path, mode);
+}
+
+extern "C" int StatPlace(const char *path, void *status)
+{
+    return AtPlace(gRealStat, path, status);
+}
+
+extern "C" int StatPlace64(const char *path, void *status)
+{
+    return AtPlace(gRealStat64, path, status);
 }
 
 extern "C" int close(int fd)

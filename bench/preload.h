@@ -4,12 +4,15 @@
 //
 //   HALDENBENCH_LOG           file to which one line per event is appended:
 //                               open <N> | open <N> refused | close <N>
-//                               open relay refused      (the command relay, which a run never has)
+//                               open relay | open relay refused      (the command relay)
 //                               config <N>: mask <n> baud <n> parity <n> stop <n> flow <n> data <n>
 //                               rx <N> enabled | rx <N> disabled     (either with " refused" behind it)
 //                               write <N>: <n> of <n> bytes | write <N> refused
 //                               wait <microseconds asked for>
 //   HALDENBENCH_PORT<N>       file that "/dev/fpgaserial<N>" leads to; a port without one is ENOENT
+//   HALDENBENCH_RELAY         FIFO that "/tmp/plaunch" leads to; without one it is ENOENT
+//   HALDENBENCH_OPT           directory that "/opt/talvora" leads to when something below it is opened
+//                             or looked for; without one all of it is ENOENT
 //   HALDENBENCH_OPENS<N>      so many opens are refused (EBUSY) before the first succeeds
 //   HALDENBENCH_REQUEST<N>    the driver request of this ordinal is refused (EIO)
 //   HALDENBENCH_WRITE<N>      the write of this ordinal is refused (EIO); with ":<bytes>" behind the
@@ -24,6 +27,8 @@ namespace bench
 
 constexpr char kPreloadLog[] = "HALDENBENCH_LOG";
 constexpr char kPreloadPort[] = "HALDENBENCH_PORT";
+constexpr char kPreloadRelay[] = "HALDENBENCH_RELAY";
+constexpr char kPreloadOpt[] = "HALDENBENCH_OPT";
 constexpr char kPreloadOpens[] = "HALDENBENCH_OPENS";
 constexpr char kPreloadRequest[] = "HALDENBENCH_REQUEST";
 constexpr char kPreloadWrite[] = "HALDENBENCH_WRITE";

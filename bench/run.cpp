@@ -92,6 +92,10 @@ std::vector<std::string> Environment(const RunOptions &options, const Sink &log)
         environment["LD_PRELOAD"] = std::filesystem::absolute(options.preload);
         environment[kPreloadLog] = log.Path();
         environment[kPreloadWaitDivisor] = std::to_string(options.waitDivisor);
+        if (!options.configuration.empty())
+            environment[kPreloadOpt] = std::filesystem::absolute(options.configuration);
+        if (options.launcher != nullptr)
+            environment[kPreloadRelay] = std::filesystem::absolute(options.launcher->path());
         for (const auto &[number, port] : options.ports)
             AddPort(environment, number, port);
     }

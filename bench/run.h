@@ -1,9 +1,11 @@
 // One run of a program against the bench: in a clean environment, with the preload library and its
 // serial ports led to lines, its output kept and its time bounded. Nothing is left behind: no child,
 // no descriptor, no FIFO.
-// Owner: the caller keeps lines and devices; they may take part in any number of runs, one at a time.
+// Owner: the caller keeps lines, devices and launcher; they may take part in any number of runs, one
+// at a time.
 #pragma once
 
+#include "bench/launcher.h"
 #include "bench/line.h"
 #include "bench/progress.h"
 
@@ -37,6 +39,8 @@ struct RunOptions {
     std::map<std::string, std::string> environment = {}; // all of it, but for what the bench adds
     std::string preload = {};                            // the preload library; empty: none
     std::map<int, Port> ports = {};                      // by the number in the device file's name
+    std::string configuration = {};                      // what "/opt/talvora" is; empty: not there
+    Launcher *launcher = nullptr;                        // of relayed commands; null: no relay there
     unsigned waitDivisor = 1;                            // pure waits last this part of their time
     Output output = Output::kCapture;
     std::string fifo = {}; // progress FIFO to make for the run, relative to directory; empty: none

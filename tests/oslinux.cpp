@@ -1,14 +1,13 @@
 #include "Common/OS/linux/oslinux.h"
 
+#include "bench/launcher.h"
+
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <string>
 #include <sys/prctl.h>
-#include <sys/stat.h>
-#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -17,41 +16,23 @@ namespace
 
 constexpr char kRelay[] = "/tmp/plaunch";
 
-// The launcher: takes one command from the relay and answers it.
-std::string Launch(const std::string &answer)
-{
-    char command[256] = "";
-    int fd = open(kRelay, O_RDONLY);
-    for (ssize_t got = 0, n = 1; n > 0; got += n)
-        n = read(fd, command + got, sizeof command - 1 - static_cast<std::size_t>(got));
-    close(fd);
-    fd = open(kRelay, O_WRONLY);
-    // In two pieces, the line feed in the last one: once the line has come nobody may be left to read.
-    for (const std::string &piece : {answer.substr(0, 1), answer.substr(std::min<std::size_t>(1, answer.size()))})
-        EXPECT_EQ(write(fd, piece.data(), piece.size()), static_cast<ssize_t>(piece.size()));
-    close(fd);
-    return command;
-}
-
 // One test, because the relay's path is the machine's.
 TEST(CommandRelay, CarriesACommandAndItsResult)
 {
     unlink(kRelay);
     EXPECT_EQ(system_pthread("nobody there"), -1);
     EXPECT_NE(access(kRelay, F_OK), 0) << "the relay is never created";
-    ASSERT_EQ(mkfifo(kRelay, 0600), 0);
     const struct {
         const char *answer;
         Int32 result;
     } kAnswers[] = {{"0\n", 0}, {"\n", -1}, {"", -1}, {"-17\nrest", -17}, {"12 monkeys\n", 12}, {"word\n", 0}};
     for (const auto &row : kAnswers) {
-        std::string command;
-        std::thread launcher([&] { command = Launch(row.answer); });
+        const bench::Launcher launcher(row.answer, kRelay);
         EXPECT_EQ(system_pthread("./config_port close ttyFPGAS4"), row.result) << row.answer;
-        launcher.join();
-        EXPECT_EQ(command, "./config_port close ttyFPGAS4\n");
+        EXPECT_EQ(system_pthread("./config_port close ttyFPGAS5"), row.result) << row.answer;
+        EXPECT_EQ(launcher.commands(),
+                  (std::vector<std::string>{"./config_port close ttyFPGAS4\n", "./config_port close ttyFPGAS5\n"}));
     }
-    unlink(kRelay);
 }
 
 TEST(Commands, ReadTheirFirstLine)
