@@ -1,3 +1,4 @@
+#include "tests/folders.h"
 #include "tests/logwriter.h"
 
 namespace
@@ -52,6 +53,7 @@ TEST(LogLine, LongTextIsCutWithoutAMark)
 
 TEST(RepeatFilter, CountsWhatItSuppresses)
 {
+    const ConfigFolders folders;
     LogWriter writer(kLogFormatLevel);
     const auto log = [](const char *texts) {
         for (; *texts != '\0'; texts++)
@@ -59,14 +61,17 @@ TEST(RepeatFilter, CountsWhatItSuppresses)
     };
     log("aa");
     logmsg_set_spewfilter(1);
-    log("aabbbbcd"); // the line before the filter was switched on counts as the first
+    log("aabbbbcd");
     logmsg_cullfilter_add("repeated");
     log("dde");
     logmsg_set_spewfilter(0);
     log("e");
-    EXPECT_EQ(writer.Drained(), "INFO  pc[0]: a\nINFO  pc[0]: a\nDEBUG pc[0]: ...last line repeated 3 times\n"
+    EXPECT_EQ(writer.Drained(), "INFO  pc[0]: a\nINFO  pc[0]: a\nINFO  pc[0]: config: spewfilter[0]:True\n"
+                                "INFO  pc[0]: a\nDEBUG pc[0]: ...last line repeated 2 times\n"
                                 "INFO  pc[0]: b\nDEBUG pc[0]: ...last line repeated 4 times\n"
-                                "INFO  pc[0]: c\nINFO  pc[0]: d\nINFO  pc[0]: e\nINFO  pc[0]: e\n");
+                                "INFO  pc[0]: c\nINFO  pc[0]: d\nINFO  pc[0]: e\n"
+                                "INFO  pc[0]: config: spewfilter[0]:False\nINFO  pc[0]: e\n");
+    EXPECT_EQ(folders.Get("dat/spewfilter.dat"), "False\n");
 }
 
 TEST(Filters, DecideWhichLinesPass)
@@ -137,6 +142,25 @@ TEST(LogFormat, Words)
         EXPECT_EQ(logmsg_set_format(bits), 0);
         EXPECT_EQ(Printed(logmsg_format_dump, 0), text);
     }
+}
+
+TEST(Settings, AreReadByTheFirstLineAndSaved)
+{
+    const ConfigFolders folders;
+    folders.Put("dat/showfilter3.dat", "shown\r\n");
+    folders.Put("choice/cullfilter.choice", "culled\n");
+    folders.Put("dat/logformat.dat", "proc  date Level time  x");
+    folders.Put("dat/spewfilter.dat", "TRUE\n");
+    EXPECT_EQ(Printed([] { return logmsg_print("shown", 5); }, 5),
+              "Config Folder data initialized successfully(Choice dir: ../choice/, Dat Dir: ../dat/)\n"
+              "show filters:\n  \"shown\"\ncull filters:\n  \"culled\"\n");
+    EXPECT_EQ(logmsg_get_format(), kLogFormatProc | kLogFormatDate | kLogFormatTime);
+    EXPECT_EQ(logmsg_get_spewfilter(), 0) << "the first line leaves it alone";
+    EXPECT_EQ(logmsg_spewfilter_load(), 0);
+    EXPECT_EQ(logmsg_get_spewfilter(), 1);
+    EXPECT_EQ(logmsg_showfilter_save() + logmsg_format_save(), 0);
+    EXPECT_EQ(folders.Get("dat/showfilter.dat") + folders.Get("dat/showfilter3.dat"), "shown\n\n");
+    EXPECT_EQ(folders.Get("dat/logformat.dat"), "date time proc \n");
 }
 
 } // namespace

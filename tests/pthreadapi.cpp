@@ -1,6 +1,7 @@
 #include "tests/tasks.h"
 
 #include "Common/OS/linux/psosapi/ptimer.h"
+#include "Common/framework/config.h"
 
 #include <unistd.h>
 #include <vector>
@@ -89,6 +90,7 @@ TEST(Events, ThatMeetTheTimeoutLeaveOtherTimersAlone)
     gLibPThreadNPTL = 1;
     std::atomic<bool> stop = false;
     std::atomic<UInt32> timeouts[3] = {};
+    ConfigInit(); // as the first log line would, with a line of its own
     testing::internal::CaptureStdout();
     for (int i = 0; i < 3; i++) {
         StartTask("race", [&] {

@@ -2,6 +2,7 @@
 
 #include "Common/OS/linux/oslinux.h"
 #include "Common/OS/syslog.h"
+#include "Common/framework/config.h"
 
 #include <algorithm>
 #include <atomic>
@@ -16,7 +17,6 @@ constexpr std::size_t kBufferSize = 1024;
 constexpr std::size_t kLineSize = 512;
 constexpr std::size_t kSummarySize = 64;
 constexpr std::size_t kWordsSize = 24;
-constexpr std::size_t kSettingSize = 371; // what reading a setting may fill
 constexpr std::size_t kFilterSize = 370;
 constexpr Int32 kFilterSlots = 10;
 
@@ -72,20 +72,7 @@ constexpr FormatWordT kFormatWords[] = {
     {kLogFormatProc, "proc"},
 };
 
-// ---- Settings: the only place where they are read and written. ConfigRead, ConfigWrite and
-// ConfigWriteBool come in here with the configuration database; without one, reading reports
-// kNotInitialized with an empty value, every setting keeps its default, and writing does nothing.
-
-eErrorT ReadSetting(const char * /*key*/, Int32 /*instance*/, char (&value)[kSettingSize])
-{
-    value[0] = '\0';
-    return kNotInitialized;
-}
-
-void WriteSetting(const char * /*key*/, Int32 /*instance*/, const char * /*value*/) {}
-
-void WriteBoolSetting(const char * /*key*/, Int32 /*instance*/, Boolean /*value*/) {}
-
+// Only the host processor keeps log settings in the configuration.
 bool KeepsSettings()
 {
     return GetProcessorNum() == 0;
@@ -146,9 +133,9 @@ Int32 LoadFilters(const FilterTableT &table)
     if (!KeepsSettings())
         return 0;
     Int32 found = 0;
-    char value[kSettingSize];
+    char value[kConfigValueSize];
     for (Int32 instance = 0; instance < kFilterSlots; instance++) {
-        ReadSetting(table.key, instance, value); // one that is missing reads as empty
+        ConfigRead(table.key, instance, value); // one that is missing reads as empty
         if (value[0] != '\0') {
             AddFilter(table, value);
             found++;
@@ -162,7 +149,7 @@ Int32 SaveFilters(const FilterTableT &table)
     if (!KeepsSettings())
         return 0;
     for (Int32 instance = 0; instance < kFilterSlots; instance++)
-        WriteSetting(table.key, instance, table.slots[instance]);
+        ConfigWrite(table.key, instance, table.slots[instance]);
     return 0;
 }
 
@@ -480,12 +467,13 @@ Int32 logmsg_get_format()
     return gLogFormat;
 }
 
-// A value that is there replaces the default even when it holds no word.
+// The default holds only until the setting is first read: one without a word, or a missing one, is 0.
 Int32 logmsg_format_load()
 {
-    char value[kSettingSize];
-    if (!KeepsSettings() || ReadSetting("logformat", 0, value) == kNotInitialized)
+    if (!KeepsSettings())
         return 0;
+    char value[kConfigValueSize];
+    ConfigRead("logformat", 0, value);
     return logmsg_set_format(FormatBits(value));
 }
 
@@ -495,7 +483,7 @@ Int32 logmsg_format_save()
         return 0;
     char words[kWordsSize];
     logmsg_format_string(gLogFormat, words);
-    WriteSetting("logformat", 0, words);
+    ConfigWrite("logformat", 0, words);
     return 0;
 }
 
@@ -520,16 +508,16 @@ void logmsg_format_string(Int32 bits, char *out)
 
 Int32 logmsg_spewfilter_load()
 {
-    char value[kSettingSize];
-    if (KeepsSettings() && ReadSetting("spewfilter", 0, value) == kNoError)
-        gSpewFilter = strcasecmp(value, "True") == 0 ? 1 : 0;
+    Boolean on = 0;
+    if (KeepsSettings() && ConfigReadBool("spewfilter", 0, &on) == kNoError)
+        gSpewFilter = static_cast<Int32>(on);
     return 0;
 }
 
 Int32 logmsg_set_spewfilter(Int32 on)
 {
     gSpewFilter = on;
-    WriteBoolSetting("spewfilter", 0, on != 0 ? 1 : 0);
+    ConfigWriteBool("spewfilter", 0, on != 0 ? 1 : 0);
     return 0;
 }
 

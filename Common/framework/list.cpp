@@ -1,5 +1,6 @@
 #include "Common/framework/list.h"
 
+#include "Common/OS/linux/lowmem.h"
 #include "Common/OS/linux/oslinux.h"
 #include "Common/OS/osassert.h"
 
@@ -12,11 +13,6 @@ namespace
 bool IsUnlisted(const ListT *pElem)
 {
     return (pElem->next == nullptr || pElem->next == pElem) && (pElem->prev == nullptr || pElem->prev == pElem);
-}
-
-UInt32 LowWord(const void *pointer)
-{
-    return static_cast<UInt32>(reinterpret_cast<std::uintptr_t>(pointer));
 }
 
 void LinkBehind(ListT *pAfter, ListT *pElem)
@@ -108,8 +104,8 @@ void ListInsertAfterUnprot(ListT **ppList, ListT *pAfter, ListT *pElem)
     if (pElem == nullptr)
         return;
     if (!IsUnlisted(pElem)) {
-        std::printf("LIST: InsertAfter: element 0x%x already on another list! (next 0x%x prev 0x%x)\n", LowWord(pElem),
-                    LowWord(pElem->next), LowWord(pElem->prev));
+        std::printf("LIST: InsertAfter: element 0x%x already on another list! (next 0x%x prev 0x%x)\n",
+                    AddressWord(pElem), AddressWord(pElem->next), AddressWord(pElem->prev));
         os_assert(false, "0");
     }
     if (*ppList == nullptr)

@@ -21,3 +21,9 @@ template <class Record> Record *low_pointer(UInt32 id)
 {
     return reinterpret_cast<Record *>(static_cast<std::uintptr_t>(id));
 }
+
+// The low 32 bits of an address, for messages that print one with "%x".
+template <class Pointer> UInt32 AddressWord(Pointer *pointer)
+{
+    return static_cast<UInt32>(reinterpret_cast<std::uintptr_t>(pointer));
+}

@@ -497,6 +497,17 @@ UInt32 t_name(UInt32 tid)
     return low_id(ResolveTask(tid));
 }
 
+UInt32 t_copy_name(UInt32 tid, char *name_out)
+{
+    const TCB *wanted = ResolveTask(tid);
+    TcbListHold hold;
+    const TCB *tcb = tcblist;
+    while (tcb != nullptr && tcb != wanted)
+        tcb = tcb->next;
+    std::memcpy(name_out, NameOrUnknown(tcb), kTaskNameSize);
+    return tcb != nullptr ? 0 : kTaskNotFound;
+}
+
 UInt32 t_setpri(UInt32 tid, UInt32 newpri, UInt32 *previous_out)
 {
     TCB *tcb = ResolveTask(tid);

@@ -31,6 +31,8 @@ constexpr UInt32 kEvNotPending = 60;  // ev_receive: no-wait, and the events are
 constexpr UInt32 kEvNoWait = 1; // clear: wait
 constexpr UInt32 kEvAny = 2;    // clear: all of the requested events
 
+constexpr std::size_t kTaskNameSize = 5; // four characters and a terminator
+
 using TaskStartT = void (*)(UInt32, UInt32, UInt32, UInt32);
 
 struct TCB {
@@ -104,6 +106,10 @@ UInt32 t_ident(const char *name, UInt32 node, UInt32 *tid_out);
 
 // tid itself, or the caller's identifier for 0; 0 when the caller is no task.
 UInt32 t_name(UInt32 tid);
+
+// Copies the name of a task of the task list (0: of the caller) into name_out, kTaskNameSize characters.
+// Returns 0, or kTaskNotFound with "????" in name_out.
+UInt32 t_copy_name(UInt32 tid, char *name_out);
 
 // Changes a task's priority (at most 99, otherwise the program stops). Stores the old one in
 // previous_out (unless null). Returns 0, or under a real-time policy the error number with which

@@ -1,0 +1,590 @@
+#include "Common/framework/config.h"
+
+#include "Common/OS/linux/mutexhold.h"
+#include "Common/OS/linux/oslinux.h"
+#include "Common/OS/linux/psosapi/pthreadapi.h"
+#include "Common/OS/linux/psosapi/semaphore.h"
+#include "Common/OS/logmsg.h"
+#include "Common/OS/osassert.h"
+
+#include <algorithm>
+#include <atomic>
+#include <charconv>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <strings.h>
+
+namespace
+{
+
+constexpr UInt32 kNumBuckets = 128;
+constexpr std::size_t kNumberedNameSize = 256;
+constexpr UInt32 kNotifyFunc = 0; // funcIndex of change callbacks
+
+struct ConfigT {
+    ModT mod;
+    ListT *buckets[kNumBuckets];
+};
+
+ConfigT gConfig;
+UInt32 configSemaphore; // the cache
+UInt32 changeSemaphore; // one change of cache and store at a time; taken before configSemaphore
+std::atomic<Int32> gConfigInitialized;
+
+// Under configSemaphore: odd while a change is on its way to the store, and another number after it.
+// What was read from the store meanwhile must not overwrite the cache.
+UInt32 gStoreChanges;
+
+// Items whose values are never shown, and how many characters of a name decide.
+struct SensitiveRow {
+    const char *name;
+    std::size_t compared;
+};
+constexpr std::size_t kWhole = kConfigNameSize;
+constexpr std::size_t kDirectory = 20;
+constexpr SensitiveRow kSensitive[] = {
+    {"sw", kWhole},
+    {"roomsw", kWhole},
+    {"websw", kWhole},
+    {"userpassword0", kWhole},
+    {"meetingpassword", kWhole},
+    {"sippassword", kWhole},
+    {"softwareupdatepassword", kWhole},
+    {"mppassword", kWhole},
+    {"dot1xpwd", kWhole},
+    {"ldappassword", kWhole},
+    {"loginpassword", kWhole},
+    {"norteldirectoryurlsp", kDirectory},
+    {"globaldirectoryurlsp", kDirectory},
+    {"xmpppassword", kWhole},
+    {"yahoopassword", kWhole},
+    {"pwencryptiontyperemote", kWhole},
+    {"pwencryptiontyperoom", kWhole},
+    {"pwencryptiontypeuser0", kWhole},
+    {"pwencryptiontypemeeting", kWhole},
+};
+
+bool IsSensitive(const char *name)
+{
+    return std::any_of(std::begin(kSensitive), std::end(kSensitive),
+                       [name](const SensitiveRow &row) { return strncasecmp(name, row.name, row.compared) == 0; });
+}
+
+// A name as it is stored and searched for.
+struct KeyT {
+    explicit KeyT(const char *pName)
+    {
+        os_assert(pName, "pName");
+        std::snprintf(text, sizeof text, "%s", pName);
+        strlwr(text);
+    }
+    char text[kConfigNameSize];
+};
+
+struct NumberedNameT {
+    char text[kNumberedNameSize];
+};
+
+NumberedNameT NumberedName(const char *pName, Int32 n1, Int32 n2)
+{
+    NumberedNameT name;
+    std::snprintf(name.text, sizeof name.text, "%s%d_%d", pName, n1, n2);
+    return name;
+}
+
+NumberedNameT NumberedName(const char *pName, Int32 n1, Int32 n2, Int32 n3)
+{
+    NumberedNameT name;
+    std::snprintf(name.text, sizeof name.text, "%s%d_%d_%d", pName, n1, n2, n3);
+    return name;
+}
+
+void CopyValue(char (&to)[kConfigValueSize], const char *from)
+{
+    const std::size_t length = strnlen(from, sizeof to - 1);
+    std::memmove(to, from, length);
+    to[length] = '\0';
+}
+
+// ---- The cache, under configSemaphore
+
+ListT *&BucketOf(const char *key)
+{
+    return gConfig.buckets[static_cast<UInt8>(key[0]) % kNumBuckets];
+}
+
+ConfigItemT *AsItem(ListT *pElem)
+{
+    return reinterpret_cast<ConfigItemT *>(pElem);
+}
+
+Int32 IsItem(ListT *pElem, void *pName, void *pInstance)
+{
+    return CompareNameAndInstance(AsItem(pElem), static_cast<const char *>(pName), *static_cast<Int32 *>(pInstance));
+}
+
+ConfigItemT *FindItem(const KeyT &key, Int32 instance)
+{
+    return AsItem(ListSearch(BucketOf(key.text), IsItem, const_cast<char *>(key.text), &instance));
+}
+
+ConfigItemT *PutItem(const KeyT &key, Int32 instance, const char *value)
+{
+    ConfigItemT *pItem = FindItem(key, instance);
+    if (pItem == nullptr)
+        return AddItemToCache(key.text, static_cast<UInt32>(instance), value);
+    CopyValue(pItem->value, value);
+    pItem->known = 1;
+    return pItem;
+}
+
+void ForgetValue(ConfigItemT *pItem)
+{
+    pItem->value[0] = '\0';
+    pItem->known = 0;
+}
+
+void FreeItem(ConfigItemT *pItem)
+{
+    ListExtract(&BucketOf(pItem->mod.name), &pItem->mod.list);
+    ModExit(&pItem->mod);
+    std::free(pItem);
+}
+
+// Other tasks may be calling the callbacks of an item that has some, so that one is never freed.
+eErrorT DropItem(const KeyT &key, Int32 instance)
+{
+    const SemaphoreHold hold(configSemaphore);
+    ConfigItemT *pItem = hold.result() == 0 ? FindItem(key, instance) : nullptr;
+    if (pItem == nullptr)
+        return kItemNotFound;
+    const bool known = pItem->known != 0;
+    ForgetValue(pItem);
+    if (pItem->mod.pCallbacks == nullptr)
+        FreeItem(pItem);
+    return known ? kNoError : kItemNotFound;
+}
+
+// ---- Reading
+
+void ReportNoAccess(const char *message)
+{
+    char name[kTaskNameSize];
+    t_copy_name(0, name);
+    logerr("config", message, name);
+}
+
+// Copies a cached value, empty when there is none, and *pChanges, what the store was like then.
+eErrorT ReadFromCache(const KeyT &key, Int32 instance, char (&value)[kConfigValueSize], UInt32 *pChanges)
+{
+    const SemaphoreHold hold(configSemaphore);
+    if (hold.result() != 0)
+        return kSemUnavail;
+    *pChanges = gStoreChanges;
+    if (const ConfigItemT *pItem = FindItem(key, instance))
+        CopyValue(value, pItem->value);
+    return kNoError;
+}
+
+// Caches what was read from the store, unless that has changed since, or was about to.
+eErrorT CacheFromStore(const KeyT &key, Int32 instance, const char *value, UInt32 changes)
+{
+    const SemaphoreHold hold(configSemaphore);
+    if (hold.result() != 0)
+        return kSemUnavail;
+    if (changes == gStoreChanges && changes % 2 == 0)
+        PutItem(key, instance, value);
+    return kNoError;
+}
+
+// A number in decimal and nothing else.
+template <class Number> eErrorT ReadNumber(const char *pName, Int32 instance, Number *pValue)
+{
+    char text[kConfigValueSize];
+    if (const eErrorT result = ConfigRead(pName, instance, text); result != kNoError)
+        return result;
+    const char *end = text + std::strlen(text);
+    Number number = 0;
+    const auto parsed = std::from_chars(text, end, number);
+    if (parsed.ec != std::errc() || parsed.ptr != end)
+        return kBadParameter;
+    *pValue = number;
+    return kNoError;
+}
+
+// ---- Changes, under changeSemaphore
+
+// Marks the store as changing for the length of a scope.
+class StoreChange
+{
+public:
+    StoreChange() { Count(); }
+    ~StoreChange() { Count(); }
+    StoreChange(const StoreChange &) = delete;
+    StoreChange &operator=(const StoreChange &) = delete;
+
+private:
+    static void Count()
+    {
+        const SemaphoreHold hold(configSemaphore);
+        gStoreChanges++;
+    }
+};
+
+// Gives the item the value. Returns false when it has it already. *ppWatched is the item if anybody
+// watches it, else null.
+bool ChangeCache(const KeyT &key, Int32 instance, const char *value, ConfigItemT **ppWatched)
+{
+    const SemaphoreHold hold(configSemaphore);
+    ConfigItemT *pItem = FindItem(key, instance);
+    if (pItem != nullptr && pItem->known != 0 && std::strcmp(pItem->value, value) == 0)
+        return false;
+    pItem = PutItem(key, instance, value);
+    *ppWatched = pItem != nullptr && pItem->mod.pCallbacks != nullptr ? pItem : nullptr;
+    return true;
+}
+
+eErrorT ChangeItem(const KeyT &key, Int32 instance, const char *value, UInt32 flags, ConfigItemT **ppWatched)
+{
+    const StoreChange change;
+    if (!ChangeCache(key, instance, value, ppWatched))
+        return kAlreadyExists;
+    if ((flags & kConfigCacheOnly) != 0 || ConfigStoreWrite(key.text, instance, value) == kNoError)
+        return kNoError;
+    DropItem(key, instance); // the next read gets what the store has, and the next write tries again
+    return kBadParameter;
+}
+
+// The item, for its callbacks: added if need be; null when memory is short.
+ConfigItemT *NeedItem(const KeyT &key, Int32 instance)
+{
+    const SemaphoreHold hold(configSemaphore);
+    ConfigItemT *pItem = FindItem(key, instance);
+    if (pItem == nullptr && (pItem = PutItem(key, instance, "")) != nullptr)
+        ForgetValue(pItem);
+    return pItem;
+}
+
+void DumpItems(const char *pName)
+{
+    ConfigDumpHeading();
+    const SemaphoreHold hold(configSemaphore);
+    for (ListT *pHead : gConfig.buckets) {
+        for (ListT *pElem = pHead; pElem != nullptr; pElem = ListNextElement(pHead, pElem)) {
+            ConfigItemT *pItem = AsItem(pElem);
+            if (pItem->known != 0 && (pName == nullptr || strcasecmp(pItem->mod.name, pName) == 0))
+                std::printf("%-35s %s\n", ModName(&pItem->mod),
+                            IsSensitive(pItem->mod.name) ? "(not shown)" : pItem->value);
+        }
+    }
+}
+
+} // namespace
+
+// ---- Start and end
+
+eErrorT ConfigInit()
+{
+    static pthread_mutex_t starting = PTHREAD_MUTEX_INITIALIZER;
+    if (gConfigInitialized != 0)
+        return kNoError;
+    const MutexHold hold(&starting);
+    if (gConfigInitialized != 0)
+        return kNoError;
+    sm_create("cnfg", 1, 2, &configSemaphore);
+    sm_create("cnfc", 1, 2, &changeSemaphore);
+    gConfig = {};
+    ModInit(&gConfig.mod, "Config", 0, nullptr);
+    ConfigStoreInit(); // the flush task that it starts logs, and waits for this to be over if that needs settings
+    gConfigInitialized = 1;
+    return kNoError;
+}
+
+void ConfigExit()
+{
+    if (gConfigInitialized.exchange(0) == 0)
+        return;
+    for (ListT *&pHead : gConfig.buckets)
+        while (pHead != nullptr)
+            FreeItem(AsItem(pHead));
+    ModExit(&gConfig.mod);
+    sm_delete(configSemaphore);
+    sm_delete(changeSemaphore);
+    configSemaphore = 0;
+    changeSemaphore = 0;
+}
+
+// ---- Reading
+
+eErrorT ConfigRead(const char *pName, Int32 instance, char *value)
+{
+    const KeyT key(pName);
+    os_assert(value, "value");
+    ConfigInit();
+    char found[kConfigValueSize] = "";
+    UInt32 changes = 0;
+    if (ReadFromCache(key, instance, found, &changes) != kNoError)
+        ReportNoAccess("can't acquire config database semaphore for reading, task=\"%s\"\n");
+    eErrorT result = kNoError;
+    if (found[0] == '\0') { // an empty cached value counts as missing
+        // One character less than the cache holds, on purpose.
+        result = ConfigStoreRead(key.text, instance, found, kConfigValueSize - 1);
+        if (result != kNoError)
+            found[0] = '\0';
+        else if (CacheFromStore(key, instance, found, changes) != kNoError)
+            ReportNoAccess("can't acquire config database semaphore for writing, task=\"%s\"\n");
+    }
+    std::memcpy(value, found, std::strlen(found) + 1);
+    return result == kNoError ? kNoError : kItemNotFound;
+}
+
+eErrorT ConfigRead2(const char *pName, Int32 n1, Int32 n2, char *value)
+{
+    return ConfigRead(NumberedName(pName, n1, n2).text, 0, value);
+}
+
+eErrorT ConfigRead3(const char *pName, Int32 n1, Int32 n2, Int32 n3, char *value)
+{
+    return ConfigRead(NumberedName(pName, n1, n2, n3).text, 0, value);
+}
+
+eErrorT ConfigReadInt32(const char *pName, Int32 instance, Int32 *pValue)
+{
+    return ReadNumber(pName, instance, pValue);
+}
+
+eErrorT ConfigReadInt16(const char *pName, Int32 instance, Int16 *pValue)
+{
+    return ReadNumber(pName, instance, pValue);
+}
+
+eErrorT ConfigReadBool(const char *pName, Int32 instance, Boolean *pValue)
+{
+    char text[kConfigValueSize];
+    const eErrorT result = ConfigRead(pName, instance, text);
+    if (result == kNoError)
+        *pValue = strcasecmp(text, "True") == 0 ? 1 : 0;
+    return result;
+}
+
+// ---- Writing
+
+eErrorT ConfigWriteEx(const char *pName, Int32 instance, const char *value, const char *access, UInt32 flags)
+{
+    const KeyT key(pName);
+    os_assert(value, "value");
+    if (!ConfigStoreIsName(key.text))
+        return kBadParameter;
+    ConfigInit();
+    ConfigNotifyT notify = {};
+    notify.instance = static_cast<UInt32>(instance);
+    notify.flags = flags;
+    std::memcpy(notify.access, access, strnlen(access, sizeof notify.access));
+    std::memcpy(notify.name, key.text, sizeof notify.name);
+    CopyValue(notify.value, value);
+    ConfigItemT *pWatched = nullptr;
+    {
+        const SemaphoreHold hold(changeSemaphore);
+        if (hold.result() != 0)
+            return kSemUnavail;
+        const eErrorT result = ChangeItem(key, instance, notify.value, flags, &pWatched);
+        if (result != kNoError)
+            return result == kAlreadyExists ? kNoError : result;
+    }
+    if (GetProcessorNum() == kMasterProcessor && !IsSensitive(key.text))
+        loginfo("config", "%s[%d]:%s\n", key.text, instance, notify.value);
+    if (pWatched != nullptr)
+        ModCallCallbacks(&pWatched->mod, kNotifyFunc, &notify, sizeof notify);
+    ModCallCallbacks(&gConfig.mod, kNotifyFunc, &notify, sizeof notify);
+    return kNoError;
+}
+
+eErrorT ConfigWrite(const char *pName, Int32 instance, const char *value)
+{
+    return ConfigWriteEx(pName, instance, value, "rw", 0);
+}
+
+eErrorT ConfigWriteCacheOnly(const char *pName, Int32 instance, const char *value)
+{
+    return ConfigWriteEx(pName, instance, value, "rw", kConfigCacheOnly);
+}
+
+eErrorT ConfigWritePerm(const char *pName, Int32 instance, const char *value, const char *access)
+{
+    return ConfigWriteEx(pName, instance, value, access, 0);
+}
+
+eErrorT ConfigWrite2(const char *pName, Int32 n1, Int32 n2, const char *value)
+{
+    return ConfigWrite(NumberedName(pName, n1, n2).text, 0, value);
+}
+
+eErrorT ConfigWrite3(const char *pName, Int32 n1, Int32 n2, Int32 n3, const char *value)
+{
+    return ConfigWrite(NumberedName(pName, n1, n2, n3).text, 0, value);
+}
+
+eErrorT ConfigWriteInt32(const char *pName, Int32 instance, Int32 value)
+{
+    char text[34];
+    return ConfigWrite(pName, instance, itoa(value, text, 10));
+}
+
+eErrorT ConfigWriteInt16(const char *pName, Int32 instance, Int16 value)
+{
+    return ConfigWriteInt32(pName, instance, value);
+}
+
+eErrorT ConfigWriteBool(const char *pName, Int32 instance, Boolean value)
+{
+    return ConfigWrite(pName, instance, value != 0 ? "True" : "False");
+}
+
+eErrorT ConfigRestore(const char *pName, Int32 instance)
+{
+    const KeyT key(pName);
+    ConfigInit();
+    char value[kConfigValueSize];
+    if (ConfigStoreChoiceRead(key.text, instance, value, sizeof value) != kNoError)
+        return kItemNotFound;
+    return ConfigWrite(key.text, instance, value);
+}
+
+eErrorT ConfigDelete(const char *pName, Int32 instance)
+{
+    const KeyT key(pName);
+    ConfigInit();
+    {
+        const SemaphoreHold hold(changeSemaphore);
+        if (hold.result() != 0)
+            return kSemUnavail;
+        const StoreChange change;
+        const eErrorT cached = DropItem(key, instance);
+        const eErrorT stored = ConfigStoreDelete(key.text, instance);
+        if (stored != kNoError && (stored != kItemNotFound || cached != kNoError))
+            return stored;
+    }
+    loginfo("config", "delete %s[%d]\n", key.text, instance);
+    return kNoError;
+}
+
+// ---- Callbacks
+
+eErrorT ConfigAddCallback(const char *pName, Int32 instance, CallbackFuncPtrT pFunc, void *userDefined)
+{
+    return ConfigAddCallbackEx(pName, instance, pFunc, userDefined, kModOnTask, 0);
+}
+
+eErrorT ConfigAddCallbackEx(const char *pName, Int32 instance, CallbackFuncPtrT pFunc, void *userDefined,
+                            UInt32 whenFlags, UInt32 taskID)
+{
+    const KeyT key(pName);
+    if (!ConfigStoreIsName(key.text))
+        return kBadParameter;
+    ConfigInit();
+    const SemaphoreHold hold(changeSemaphore); // so that nobody deletes the item meanwhile
+    ConfigItemT *pItem = hold.result() == 0 ? NeedItem(key, instance) : nullptr;
+    if (pItem == nullptr)
+        return hold.result() == 0 ? kOutOfMemory : kSemUnavail;
+    return ModAddCallbackToTask(&pItem->mod, kNotifyFunc, pFunc, userDefined, whenFlags, taskID);
+}
+
+eErrorT ConfigAddCallback2(const char *pName, Int32 n1, Int32 n2, CallbackFuncPtrT pFunc, void *userDefined)
+{
+    return ConfigAddCallback(NumberedName(pName, n1, n2).text, 0, pFunc, userDefined);
+}
+
+eErrorT ConfigAddCallback3(const char *pName, Int32 n1, Int32 n2, Int32 n3, CallbackFuncPtrT pFunc, void *userDefined)
+{
+    return ConfigAddCallback(NumberedName(pName, n1, n2, n3).text, 0, pFunc, userDefined);
+}
+
+eErrorT ConfigAddImmediateCallback(const char *pName, Int32 instance, CallbackFuncPtrT pFunc, void *userDefined)
+{
+    return ConfigAddCallbackEx(pName, instance, pFunc, userDefined, 0, 0);
+}
+
+eErrorT ConfigDeleteCallback(const char *pName, Int32 instance, CallbackFuncPtrT pFunc, void *userDefined)
+{
+    const KeyT key(pName);
+    const SemaphoreHold hold(changeSemaphore);
+    ConfigItemT *pItem = LookupItemInCache(key.text, instance);
+    if (pItem == nullptr)
+        return kItemNotFound;
+    return ModDeleteCallback(&pItem->mod, kNotifyFunc, pFunc, userDefined);
+}
+
+ModT *getConfigModule()
+{
+    ConfigInit();
+    return &gConfig.mod;
+}
+
+// ---- Dump
+
+void ConfigDumpHeading()
+{
+    std::puts("\nConfig item                         value");
+}
+
+void ConfigDumpAll()
+{
+    DumpItems(nullptr);
+}
+
+void ConfigDumpByName(const char *pName)
+{
+    os_assert(pName, "pName");
+    DumpItems(pName);
+}
+
+// ---- The cache
+
+ConfigItemT *WriteItemToCache(const char *pName, UInt32 instance, const char *value)
+{
+    const KeyT key(pName);
+    os_assert(value, "value");
+    {
+        const SemaphoreHold hold(configSemaphore);
+        if (hold.result() == 0)
+            return PutItem(key, static_cast<Int32>(instance), value);
+    }
+    ReportNoAccess("can't acquire config database semaphore for writing, task=\"%s\"\n");
+    return nullptr;
+}
+
+ConfigItemT *AddItemToCache(const char *pName, UInt32 instance, const char *pValue)
+{
+    os_assert(pName, "pName");
+    os_assert(pValue, "pValue");
+    auto *pItem = static_cast<ConfigItemT *>(std::calloc(1, sizeof(ConfigItemT)));
+    if (pItem == nullptr)
+        return nullptr;
+    ModInit(&pItem->mod, pName, static_cast<Int32>(instance), &gConfig.mod);
+    CopyValue(pItem->value, pValue);
+    pItem->known = 1;
+    ListEnqueue(&BucketOf(pName), &pItem->mod.list);
+    return pItem;
+}
+
+ConfigItemT *LookupItemInCache(const char *pName, Int32 instance)
+{
+    const KeyT key(pName);
+    const SemaphoreHold hold(configSemaphore);
+    return hold.result() == 0 ? FindItem(key, instance) : nullptr;
+}
+
+eErrorT DeleteItemFromCache(const char *pName, Int32 instance)
+{
+    const KeyT key(pName);
+    const SemaphoreHold hold(changeSemaphore);
+    return hold.result() == 0 ? DropItem(key, instance) : kSemUnavail;
+}
+
+Int32 CompareNameAndInstance(const ConfigItemT *pItem, const char *pName, Int32 instance)
+{
+    os_assert(pItem, "pItem");
+    os_assert(pName, "pName");
+    return pItem->mod.instance == instance && strcasecmp(pItem->mod.name, pName) == 0 ? 1 : 0;
+}

@@ -1,0 +1,184 @@
+// Module records: a name with an instance, an owner, log lines under that name, callbacks that run at
+// once or on another task, and exceptions. A service embeds a record in its own.
+//
+// Owner:   the caller owns the record and hands it to ModInit zero-filled; it stays where it is until
+//          ModExit. The array of callbacks belongs to this module.
+// Locking: any task may call. callbackSemaphore serialises changes of callback arrays; the moment of a
+//          change is also under the interrupt lock, which is all that a walk takes, once an entry. So
+//          none of the callback calls may be made with the interrupt lock held. Callbacks run without
+//          any lock. A record must not be exited while another task works with it.
+// Errors:  a null record, a bad signature, a missing format or function, no memory for a callback and
+//          no block left for a deferred one are programming errors and stop the program.
+#pragma once
+
+#include "Common/OS/logmsg.h"
+#include "Common/framework/list.h"
+#include "Common/types.h"
+
+#include <cstddef>
+
+constexpr std::size_t kModNameSize = 33; // with the terminator
+constexpr std::size_t kModFullNameSize = 42;
+constexpr std::size_t kModMaxArgs = 1024; // bytes of arguments that a deferred call carries
+
+constexpr UInt32 kModSignature = FourCharacters("TLVR");
+
+// ModT::flags.
+constexpr UInt32 kModFlagA = 1; // shown as "A" in the dump; set by services
+constexpr UInt32 kModFlagListed = 2;
+constexpr UInt32 kModFlagLogOwner = 4; // log and trace lines name the owner in front
+
+// ModCallbackT::whenFlags.
+constexpr UInt32 kModOnTask = 1; // run on destTaskID instead of the caller's task
+
+// funcIndex of exception handlers.
+constexpr UInt32 kModExceptionFunc = 0x7FFFFFFF;
+
+// Event that a task gets when a callback or a function call waits for it: it then calls
+// ModProcessDeferredCallbacks and ModProcessDeferredFunctions.
+constexpr UInt32 kModDeferredEvent = 0x10;
+
+struct ModT;
+
+using CallbackFuncPtrT = void (*)(ModT *pMod, UInt32 funcIndex, void *userDefined, void *pArgs);
+
+struct ModCallbackT {
+    CallbackFuncPtrT pFunc; // null: free entry
+    void *userDefined;
+    UInt32 whenFlags;
+    UInt32 destTaskID;
+    UInt32 funcIndex;
+};
+
+struct ModT {
+    ListT list;
+    // ModInit fills these in. A service may set CallCallbacks, ThrowException, SetOwner and GetOwner
+    // before, and they stay.
+    eErrorT (*Exit)(ModT *pMod);
+    eErrorT (*CallCallbacks)(ModT *pMod, UInt32 funcIndex, const void *pArgs, Int32 argLen);
+    eErrorT (*ThrowException)(ModT *pMod, UInt32 ExceptionIndex, const char *description, const void *pArgs,
+                              Int32 argLen);
+    eErrorT (*Dump)(ModT *pMod, Int32 verbose);
+    void (*DumpHeading)();
+    eErrorT (*SetOwner)(ModT *pMod, ModT *pOwner);
+    ModT *(*GetOwner)(ModT *pMod);
+    UInt32 initializedSig; // kModSignature from ModInit on
+    UInt32 flags;
+    char name[kModNameSize];
+    Int32 instance;
+    char fullname[kModFullNameSize]; // what ModName returned last
+    ModT *pOwner;
+    void *pPrivate;           // the service's
+    UInt32 taskID;            // who called ModInit; 0: a thread that is no task
+    UInt32 id, type, subType; // the service's
+    UInt32 processorNum;
+    void *proxy; // reserved for records that another processor serves
+    ModCallbackT *pCallbacks;
+    Int32 numCallbacks; // entries in the array, free ones included
+};
+
+// A callback on its way to another task.
+struct ModDeferredCallbackT {
+    ListT list;
+    ModCallbackT callback;
+    ModT *pMod;
+    UInt32 funcIndex;
+    UInt32 time; // RealTimeMilliSeconds when it was queued
+    alignas(std::max_align_t) UInt8 args[kModMaxArgs];
+};
+
+// Fills in a record and enters it in the process-wide table of 4000; a record that finds no room
+// there works all the same. A processorNum that is not 0 is kept. Returns kNoError.
+eErrorT ModInit(ModT *pMod, const char *pName, Int32 instance, ModT *pOwner);
+
+// Removes all callbacks and takes the record out of the table. Returns kNoError.
+eErrorT ModExit(ModT *pMod);
+
+// "name[instance]", in the record until the next call; "none" for a null record.
+const char *ModName(ModT *pMod);
+
+ModT *ModGetOwner(ModT *pMod);
+eErrorT ModSetOwner(ModT *pMod, ModT *pOwner); // kNoError
+UInt32 ModGetProcNum(ModT *pMod);
+UInt32 ModID(ModT *pMod);
+
+// The entered record of that name (ignoring case) and instance, or null.
+ModT *ModFindByName(const char *pName, Int32 instance);
+
+// Print on standard output. ModDump: one line, with its callbacks on a second; the heading before it
+// when verbose is not 0; kNoError. The others go through the records' own Dump: all of a name
+// (ignoring case), all, those in the table's slots first to last.
+void ModDumpHeading();
+eErrorT ModDump(ModT *pMod, Int32 verbose);
+void ModDumpByName(const char *pName);
+void ModDumpAll();
+void ModDumpRange(Int32 first, Int32 last);
+
+// Log a line under the module's name, "name[instance]: ..." or "owner[instance].name[instance]: ...".
+// ModLog: at a level, name and format together at most 255 characters. ModTrace: at kLogDebug, with
+// the name as component. Once there is a trace filter only the modules that one names log at all.
+__attribute__((format(printf, 3, 4))) void ModLog(ModT *pMod, LogLevelT level, const char *format, ...);
+__attribute__((format(printf, 2, 3))) void ModTrace(ModT *pMod, const char *format, ...);
+
+// Ten trace filters: names of 32 characters, ignoring case. Add: kNoError, or kOutOfMemory when all
+// are in use. Delete: the first of that name, or all with a name that begins with "*"; kNoError, or
+// kBadParameter when there is none.
+eErrorT ModTraceFilterAdd(const char *pName);
+eErrorT ModTraceFilterDelete(const char *pName);
+
+// Runs the callbacks of funcIndex in the order of their entries: at once, or, for one that asks for
+// another task, by handing that task the first argLen bytes of pArgs (at most kModMaxArgs) and
+// kModDeferredEvent. A task that is gone loses its callback. Returns kNoError, or kItemNotFound at
+// the first callback when the caller is no task; that one and the rest have then not run.
+eErrorT ModCallCallbacks(ModT *pMod, UInt32 funcIndex, const void *pArgs, Int32 argLen);
+
+// Traces "exception:..." and runs the exception handlers. ExceptionIndex is 0. Returns kNoError.
+eErrorT ModThrowException(ModT *pMod, UInt32 ExceptionIndex, const char *description, const void *pArgs, Int32 argLen);
+
+// Register a callback; one with the same function, user pointer and index is registered already.
+// With kModOnTask it runs on the calling task, or on taskID for ModAddCallbackToTask. Exception
+// handlers run on the task that adds them. Return kNoError.
+eErrorT ModAddCallback(ModT *pMod, UInt32 funcIndex, CallbackFuncPtrT pFunc, void *userDefined, UInt32 whenFlags);
+eErrorT ModAddCallbackToTask(ModT *pMod, UInt32 funcIndex, CallbackFuncPtrT pFunc, void *userDefined, UInt32 whenFlags,
+                             UInt32 taskID);
+eErrorT ModAddExceptionHandler(ModT *pMod, CallbackFuncPtrT pHandlerFunc, void *userDefined);
+
+// Remove callbacks, those on their way to another task included: the task that removes its own is not
+// called afterwards. One that runs at once on another task may still be running.
+// Return kNoError, or kItemNotFound when there is no such callback.
+eErrorT ModDeleteCallback(ModT *pMod, UInt32 funcIndex, CallbackFuncPtrT pFunc, void *userDefined);
+eErrorT ModDeleteExceptionHandler(ModT *pMod, CallbackFuncPtrT pHandlerFunc, void *userDefined);
+eErrorT ModDeleteAllCallbacks(ModT *pMod);
+
+// Runs what has been handed to the calling task, until nothing is left.
+void ModProcessDeferredCallbacks();
+
+// ---- Function calls handed to another task. pArgs is the copy of the caller's arguments.
+
+using DeferredFuncPtrT = void (*)(void *pArgs, Int32 argLen);
+
+// How long the calls of a task waited, in milliseconds. One entry for each of the first 100 tasks
+// that had a call.
+struct DeferredFuncStatsT {
+    UInt32 taskID; // 0: unused
+    UInt32 minTime, maxTime, totalTime;
+    UInt32 runCount;
+};
+
+// Asks a task to call pFunc with a copy of the first argLen bytes of pArgs, and sends it
+// kModDeferredEvent. Returns kNoError; kBadParameter for no function or more than kModMaxArgs bytes;
+// kItemNotFound when there is no such task, kOutOfResources when all 384 blocks are waiting, both
+// with a line in the log. After a failure nothing is queued.
+eErrorT ModDeferFunctionCall(UInt32 taskID, DeferredFuncPtrT pFunc, const void *pArgs, Int32 argLen);
+
+// Runs the calls for the calling task in the order they were asked for, until none is left.
+void ModProcessDeferredFunctions();
+
+// kNoError when a call of pFunc waits for the task, otherwise kItemNotFound.
+eErrorT ModSearchDeferredFunction(UInt32 taskID, DeferredFuncPtrT pFunc);
+
+// Copies the statistics of a task. Returns kNoError, or kItemNotFound with nothing stored.
+eErrorT ModGetDeferredFunctionStats(UInt32 taskID, DeferredFuncStatsT *pStats);
+
+// Prints the waiting calls and the statistics on standard output.
+void ModDumpDeferredFunctions();
