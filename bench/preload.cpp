@@ -352,7 +352,8 @@ extern "C" int ioctl(int fd, unsigned long request, ...)
 
 extern "C" int select(int count, fd_set *reading, fd_set *writing, fd_set *exceptional, timeval *timeout)
 {
-    if (!gOrders.on || timeout == nullptr || reading != nullptr || writing != nullptr || exceptional != nullptr)
+    const bool pure = timeout != nullptr && reading == nullptr && writing == nullptr && exceptional == nullptr;
+    if (!gOrders.on || !pure || gettid() != getpid()) // other tasks keep their own rhythm
         return gRealSelect(count, reading, writing, exceptional, timeout);
     const std::int64_t asked = Microseconds(*timeout);
     Log("wait %lld\n", static_cast<long long>(asked));

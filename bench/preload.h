@@ -8,7 +8,7 @@
 //                               config <N>: mask <n> baud <n> parity <n> stop <n> flow <n> data <n>
 //                               rx <N> enabled | rx <N> disabled     (either with " refused" behind it)
 //                               write <N>: <n> of <n> bytes | write <N> refused
-//                               wait <microseconds asked for>
+//                               wait <microseconds asked for>           (of the main thread)
 //   HALDENBENCH_PORT<N>       file that "/dev/fpgaserial<N>" leads to; a port without one is ENOENT
 //   HALDENBENCH_RELAY         FIFO that "/tmp/plaunch" leads to; without one it is ENOENT
 //   HALDENBENCH_OPT           directory that "/opt/talvora" leads to when something below it is opened
@@ -19,7 +19,8 @@
 //                             ordinal it writes no more than that instead
 //   HALDENBENCH_BAUD<N>       a write returns when a line of that speed has carried it (11 bits a byte),
 //                             although a pseudo-terminal would take some 12 KiB at once
-//   HALDENBENCH_WAIT_DIVISOR  waits without descriptors last only this part of the time asked for
+//   HALDENBENCH_WAIT_DIVISOR  the main thread's waits without descriptors last only this part of
+//                             the time asked for
 #pragma once
 
 namespace bench

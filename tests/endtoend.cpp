@@ -3,12 +3,14 @@
 // must equal tests/expected/<case>.txt byte for byte; what was recorded lies in the build folder's
 // records/ for comparison. What every run must hold to is asserted besides.
 #include "bench/images.h"
+#include "bench/launcher.h"
 #include "bench/run.h"
 
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <optional>
 #include <sstream>
 #include <unistd.h>
 
@@ -42,6 +44,9 @@ struct Case {
     unsigned waitDivisor = kFast;
     bool ports = true;                   // the device files exist
     std::string program = "haldenflash"; // how it is called
+    const char *launcher = nullptr;      // what it answers, if there is one
+    std::string configuration = "";      // the appliance's own folders; without them those beside the run's
+    std::string errors = "";             // the assertion that stops the program
 };
 
 void PrintTo(const Case &test, std::ostream *out)
@@ -213,12 +218,15 @@ std::vector<Case> Words()
         {.name = "board_not_set", .words = {"q", "micro"}, .status = 1, .board = "-"},
         {.name = "board_empty", .words = {"q", "micro"}, .status = 1, .board = ""},
         {.name = "board_unknown", .words = {"q", "micro"}, .status = 1, .board = "abacus"},
-        {.name = "board_quillmark", .status = 255, .board = "quillmark"},
-        {.name = "board_brisko", .status = 255, .board = "BRISKO"},
-        {.name = "board_vane", .status = 255, .board = "vane"},
-        {.name = "board_strathmor", .status = 255, .board = "Strathmor"},
-        {.name = "board_kora", .status = 255, .board = "kora"},
+        {.name = "board_quillmark", .words = {"all"}, .flashed = true, .board = "quillmark", .launcher = "0\n"},
+        {.name = "board_brisko", .status = 255, .board = "BRISKO", .launcher = "1\n"},
+        {.name = "board_vane", .status = 255, .prepare = With("../dat/showfilter2.dat", "relay\r\n"), .board = "vane",
+         .launcher = "0\n", .configuration = ".."},
+        {.name = "board_strathmor", .words = {"farsight"}, .flashed = true, .board = "Strathmor", .launcher = "-1\n"},
+        {.name = "board_kora", .status = 255, .board = "kora", .launcher = "0\n"},
         {.name = "board_k4", .status = 255, .board = "K4"},
+        {.name = "board_k4_without_folder", .words = {"all"}, .status = -1, .prepare = Without("../choice"),
+         .board = "K4", .launcher = "0\n", .errors = "Assertion failed: ConfigIsFolderExist(CONFIG_CHOICE_FOLDER)"},
         {.name = "progress_one_word", .words = {"micro", "-p", "progress"}, .flashed = true},
         {.name = "progress_two_words", .words = {"micro", "-p", "progress", "-50"}, .flashed = true},
         {.name = "progress_path_is_a_word", .words = {"farsight", "-p", "micro", "0", "q"}, .flashed = true},
@@ -278,9 +286,10 @@ protected:
     void SetUp() override
     {
         directory_ = fs::temp_directory_path() / Format("haldenflash-%d", getpid());
-        fs::create_directory(directory_);
+        for (const char *folder : {"run", "dat", "choice", "choice.gen"})
+            fs::create_directories(directory_ / folder);
         home_ = fs::current_path();
-        fs::current_path(directory_);
+        fs::current_path(directory_ / "run");
         bench::WriteSamples(".", {.cameraSize = 2 * kCameraBlock + 1, .systemSize = kCameraBlock});
         if (GetParam().prepare)
             GetParam().prepare();
@@ -307,6 +316,7 @@ protected:
         }
         options.waitDivisor = test.waitDivisor;
         options.output = test.output;
+        options.configuration = test.configuration;
         options.fifo = test.progress ? "progress" : "";
         options.progress.seen = test.seen;
         return options;
@@ -361,7 +371,7 @@ double MandatedSeconds(const std::vector<std::string> &events)
 void ExpectDecentRun(const Case &test, const bench::RunResult &result)
 {
     EXPECT_FALSE(result.killed);
-    EXPECT_EQ(result.errors, "");
+    EXPECT_EQ(result.errors.substr(0, result.errors.find(", file ")), test.errors);
     EXPECT_EQ(result.status, test.status);
     for (const char *port : {"0", "1"})
         EXPECT_EQ(Count(result.events, Format("open %s", port)), Count(result.events, Format("close %s", port)))
@@ -395,7 +405,13 @@ TEST_P(EndToEnd, RunsAsRecorded)
     camera.faults = bench::ParseFaults(test.camera);
     bench::Line microLine(micro), cameraLine(camera);
 
-    const bench::RunResult result = bench::Run(Options(microLine, cameraLine));
+    bench::RunOptions options = Options(microLine, cameraLine);
+    std::optional<bench::Launcher> launcher;
+    if (test.launcher != nullptr)
+        options.launcher = &launcher.emplace(test.launcher);
+    bench::RunResult result = bench::Run(options);
+    for (const std::string &command : launcher ? launcher->commands() : std::vector<std::string>{})
+        result.events.push_back("relayed " + command.substr(0, command.find('\n')));
 
     ExpectDecentRun(test, result);
     EXPECT_EQ(!micro.findings().empty() || !camera.findings().empty(), test.findings);
