@@ -2,8 +2,8 @@
 // stay on in every build.
 #pragma once
 
-// Flushes standard output, prints "<text>, file <file>, line <line>, function <function>" to
-// standard error, and aborts.
+// Flushes standard output, prints "Assertion failed: <text>, file <file>, line <line>, function
+// <function>" to standard error, and aborts.
 [[noreturn]] void os_assert_failed(const char *text, const char *file, int line, const char *function);
 
 // The condition is always evaluated, once. The text is what each assertion is documented to print;
