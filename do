@@ -7,6 +7,7 @@ readonly build_packages="g++ cmake ninja-build"
 readonly test_packages="$build_packages libgtest-dev"
 readonly bench_packages="$build_packages libbenchmark-dev libspdlog-dev valgrind strace python3 binutils"
 readonly lint_packages="$test_packages libbenchmark-dev libspdlog-dev clang clang-tidy clang-format cppcheck mandoc"
+readonly fuzz_packages="$build_packages clang libclang-rt-dev llvm"
 jobs=$(nproc)
 
 usage() {
@@ -17,6 +18,7 @@ usage: ./do COMMAND
   build [PRESET]   build into build/PRESET: default, clang, asan, tsan
   test [PRESET]    build and run the whole suite
   demo             flash a virtual microcontroller and camera with the binary that ships
+  fuzz [SECONDS]   run each fuzz target that long, 60 if not said
   bench            speed and size, with the bars they have to meet
   lint             both compilers without a warning, clang-format, clang-tidy, cppcheck, manual page
   format           format the sources
@@ -47,7 +49,7 @@ build() {
     local preset=${1:-default}
     need $build_packages
     cmake --preset "$preset" >/dev/null || die "no such preset, or the configuration failed: $preset"
-    cmake --build "build/$preset" -j "$jobs"
+    cmake --build "build/$preset" -j "$jobs" "${@:2}"
 }
 
 run_tests() {
@@ -65,6 +67,36 @@ demo() {
     "build/$preset/haldenbench" --make-images "$dir"
     "build/$preset/haldenbench" --dir "$dir" --bar --trace "$dir/trace.txt" -- haldenflash all
     echo "The whole trace is in $dir/trace.txt."
+}
+
+# Runs one fuzz target. Its corpus stays for the next run.
+fuzz_one() {
+    local target=$1 seconds=$2 dir=$PWD/build/fuzz status=0 runs
+    mkdir -p "$dir/corpus/$target" "$dir/findings"
+    "$dir/fuzz/fuzz_$target" -max_total_time="$seconds" -print_final_stats=1 \
+        -artifact_prefix="$dir/findings/$target-" "$dir/corpus/$target" >"$dir/$target.log" 2>&1 || status=$?
+    runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$dir/$target.log")
+    if [ "$status" -eq 0 ] && [ "${runs:-0}" -gt 0 ]; then
+        echo "$target: $runs runs"
+    else
+        grep -aE 'Assertion failed|ERROR|runtime error|Test unit written' "$dir/$target.log" || true
+        echo "$target: ${runs:-0} runs, FAILED with status $status; see build/fuzz/$target.log"
+        return 1
+    fi
+}
+
+fuzz() {
+    local seconds=${1:-60} scratch
+    [[ $seconds =~ ^[1-9][0-9]*$ ]] || die "not a number of seconds: $seconds"
+    need $fuzz_packages
+    build fuzz --target fuzzers
+    scratch=$(mktemp -d -p "$([ -w /dev/shm ] && echo /dev/shm || echo /tmp)")
+    trap "rm -rf '$scratch'" EXIT # a target that fails leaves its folders behind
+    export -f fuzz_one
+    basename -s .cpp fuzz/*.cpp |
+        TMPDIR=$scratch xargs -P 2 -I{} bash -c 'fuzz_one {} '"$seconds" ||
+        die "fuzz: there are findings, in build/fuzz/findings"
+    echo "fuzz: no findings"
 }
 
 sources() {
@@ -91,10 +123,11 @@ lint() {
 
 case ${1:-} in
 "") usage ;;
-setup) need $test_packages $bench_packages $lint_packages ;;
+setup) need $test_packages $bench_packages $lint_packages $fuzz_packages ;;
 build) build "${2:-}" ;;
 test) run_tests "${2:-}" ;;
 demo) demo ;;
+fuzz) fuzz "${2:-}" ;;
 bench)
     need $bench_packages
     build default

@@ -1,0 +1,50 @@
+// The contents of an item's file: as a value, as a number, line by line.
+#include "fuzz/support.h"
+
+#include <vector>
+
+namespace
+{
+
+void CheckNumbers(const char *value)
+{
+    Int32 wide = 77;
+    Int16 narrow = 77;
+    const bool isWide = ConfigReadInt32("item", 0, &wide) == kNoError;
+    const bool isNarrow = ConfigReadInt16("item", 0, &narrow) == kNoError;
+    CHECK(wide == (isWide ? std::strtoll(value, nullptr, 10) : 77));
+    CHECK(isNarrow == (isWide && wide == static_cast<Int16>(wide)));
+    CHECK(narrow == (isNarrow ? wide : 77));
+}
+
+void CheckLines(std::string text, std::size_t size)
+{
+    std::vector<char> line(size);
+    ConfigFileT file;
+    CHECK(ConfigStoreReadOpen("item", 0, &file) == kNoError);
+    while (ConfigStoreReadGetLine(&file, line.data(), static_cast<UInt32>(size)) == kNoError) {
+        const std::string piece = text.substr(0, std::min(text.find('\n'), size - 2) + 1);
+        CHECK(!piece.empty() && line.data() == FirstLine(piece, size));
+        text.erase(0, piece.size());
+    }
+    CHECK(text.empty() && line[0] == '\0');
+    ConfigStoreReadClose(&file);
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const char *data, std::size_t size)
+{
+    const std::string text(data, size);
+    PutFile("item", 0, text);
+    DeleteItemFromCache("item", 0);
+    std::vector<char> value(kConfigValueSize);
+    for (const char *source : {"the file", "the cache"}) {
+        CHECK(ConfigRead("item", 0, value.data()) == kNoError);
+        os_assert(value.data() == FirstLine(text, kConfigValueSize - 1), source);
+    }
+    CheckNumbers(value.data());
+    for (const std::size_t length : {std::size_t{2}, std::size_t{100}, kConfigValueSize})
+        CheckLines(text, length);
+    return 0;
+}

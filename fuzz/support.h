@@ -1,0 +1,44 @@
+// What the fuzz targets share. Each is one unit with this header. Before its first input it gets
+// configuration folders of its own beside its working folder, its thread becomes a task, the log has
+// read its settings, and standard output leads nowhere.
+#pragma once
+
+#include "Common/OS/linux/psosapi/pthreadapi.h"
+#include "Common/OS/logmsg.h"
+#include "Common/OS/osassert.h"
+#include "Common/framework/config.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#define CHECK(condition) os_assert(condition, #condition)
+
+// Writes an item's dat file.
+inline void PutFile(const char *name, Int32 instance, const std::string &text)
+{
+    char path[kConfigPathSize];
+    CHECK((std::ofstream(ConfigGetDatFileName(name, instance, path), std::ios::binary) << text).flush().good());
+}
+
+// What a buffer of size characters gets of the first line.
+inline std::string FirstLine(const std::string &text, std::size_t size)
+{
+    return text.substr(0, std::min(text.find_first_of(std::string("\0\r\n", 3)), size - 1));
+}
+
+extern "C" [[gnu::used]] inline int LLVMFuzzerInitialize(int * /*argc*/, char *** /*argv*/)
+{
+    CHECK(!std::filesystem::exists("/opt/talvora")); // the appliance's own folders would be used
+    std::string root = std::filesystem::temp_directory_path() / "haldenfuzz.XXXXXX";
+    std::filesystem::current_path(mkdtemp(root.data()));
+    for (const char *folder : {"dat", "choice", "choice.gen", "work"})
+        std::filesystem::create_directory(folder);
+    std::filesystem::current_path("work");
+    std::atexit([] { std::filesystem::remove_all(std::filesystem::current_path().parent_path()); });
+    CHECK(std::freopen("/dev/null", "w", stdout) != nullptr);
+    CHECK(t_attach("fuzz", 10) == 0);
+    logmsg_print("reads the settings", 1);
+    return 0;
+}
