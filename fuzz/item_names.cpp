@@ -65,7 +65,7 @@ extern "C" int LLVMFuzzerTestOneInput(const UInt8 *data, std::size_t size)
         const Int32 instance = input.ConsumeIntegral<Int32>();
         const std::string value = input.ConsumeRandomLengthString(kConfigValueSize + 8).c_str();
         std::string key = name.substr(0, kConfigNameSize - 1);
-        if (!ConfigStoreIsName(strlwr(key.data()))) {
+        if (!ConfigStoreIsValidName(strlwr(key.data()))) {
             ExpectRefusal(name.c_str(), instance);
             continue;
         }

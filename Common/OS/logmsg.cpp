@@ -1,5 +1,6 @@
 #include "Common/OS/logmsg.h"
 
+#include "Common/OS/linux/mutexhold.h"
 #include "Common/OS/linux/oslinux.h"
 #include "Common/OS/syslog.h"
 #include "Common/framework/config.h"
@@ -72,7 +73,7 @@ constexpr FormatWordT kFormatWords[] = {
     {kLogFormatProc, "proc"},
 };
 
-// Only the host processor keeps log settings in the configuration.
+// Only the master processor keeps log settings in the configuration.
 bool KeepsSettings()
 {
     return GetProcessorNum() == 0;
@@ -399,6 +400,7 @@ Int32 logmsg_print(const char *msg, Int32 len)
         return 0;
     // Set before the settings are read: reading them logs.
     if (gConfigLoaded == 0 && gConfigLoaded.exchange(1) == 0) {
+        const CancelOffHold cancelOff; // they are read once
         LoadAndShowFilters(kShowTable);
         LoadAndShowFilters(kCullTable);
         logmsg_format_load();

@@ -2,7 +2,8 @@
 //
 // A completed line is "<level word><processor tag><component>: <text>\n": six characters of level,
 // the tag "pc[0]: ", then component and text. It goes to syslogAdd, which drops it unless a log
-// writer runs.
+// writer runs. The first one of a process reads the settings, which starts the configuration database
+// and its flush task, and stops the program when a configuration folder is missing.
 //
 // Locking: any task may log. Assembly and the repeat filter run under the interrupt lock, so a
 //          caller must not hold it. The filter tables are not locked.
@@ -48,14 +49,15 @@ Int32 addLevel(Int32 level, char *text);
 Int32 addProcID(char *text);
 
 // Filters one completed line and hands it to syslogAdd. Returns len, or 0 when it was empty or
-// filtered out. The first line of a process reads the settings.
+// filtered out.
 Int32 logmsg_print(const char *msg, Int32 len);
 
 // Ten show and ten cull filters: substrings, matched case-sensitively. With show filters only lines
 // that contain one of them pass; a line that contains a cull filter does not.
 // add: 0, or -1 with a message when the table is full. delete: one filter, compared ignoring case,
 // or all with "*"; 0. load: from the configuration, returns how many were found. save: all ten
-// slots to the configuration, 0. dump: to standard output, 0.
+// slots to the configuration, 0. dump: to standard output, 0. Here and below, load, save and the
+// format's dump do nothing and return 0 on a processor other than the master.
 Int32 logmsg_showfilter_add(const char *text);
 Int32 logmsg_showfilter_delete(const char *text);
 Int32 logmsg_showfilter_load();
@@ -75,7 +77,8 @@ Int32 logmsg_format_save();
 Int32 logmsg_format_dump();
 void logmsg_format_string(Int32 bits, char *out); // out: 24 characters or more
 
-// The repeat filter: identical lines in a row are counted instead of printed.
+// The repeat filter: identical lines in a row are counted instead of printed. load: 0, with the filter
+// as it was when there is no such item.
 Int32 logmsg_spewfilter_load();
 Int32 logmsg_set_spewfilter(Int32 on); // also stored in the configuration
 Int32 logmsg_get_spewfilter();

@@ -31,10 +31,11 @@ ConfigT gConfig;
 UInt32 configSemaphore; // the cache
 UInt32 changeSemaphore; // one change of cache and store at a time; taken before configSemaphore
 std::atomic<Int32> gConfigInitialized;
+pthread_mutex_t startMutex = PTHREAD_MUTEX_INITIALIZER; // ConfigInit and ConfigExit
 
-// Under configSemaphore: odd while a change is on its way to the store, and another number after it.
-// What was read from the store meanwhile must not overwrite the cache.
-UInt32 gStoreChanges;
+// Under configSemaphore: a sequence counter, odd while a change is on its way to the store. What was
+// read from the store meanwhile must not overwrite the cache.
+UInt32 gStoreSequence;
 
 // Items whose values are never shown, and how many characters of a name decide.
 struct SensitiveRow {
@@ -42,7 +43,7 @@ struct SensitiveRow {
     std::size_t compared;
 };
 constexpr std::size_t kWhole = kConfigNameSize;
-constexpr std::size_t kDirectory = 20;
+constexpr std::size_t kDirectoryPrefix = 20;
 constexpr SensitiveRow kSensitive[] = {
     {"sw", kWhole},
     {"roomsw", kWhole},
@@ -55,8 +56,8 @@ constexpr SensitiveRow kSensitive[] = {
     {"dot1xpwd", kWhole},
     {"ldappassword", kWhole},
     {"loginpassword", kWhole},
-    {"norteldirectoryurlsp", kDirectory},
-    {"globaldirectoryurlsp", kDirectory},
+    {"norteldirectoryurlsp", kDirectoryPrefix},
+    {"globaldirectoryurlsp", kDirectoryPrefix},
     {"xmpppassword", kWhole},
     {"yahoopassword", kWhole},
     {"pwencryptiontyperemote", kWhole},
@@ -88,6 +89,7 @@ struct NumberedNameT {
 
 NumberedNameT NumberedName(const char *pName, Int32 n1, Int32 n2)
 {
+    os_assert(pName, "pName");
     NumberedNameT name;
     std::snprintf(name.text, sizeof name.text, "%s%d_%d", pName, n1, n2);
     return name;
@@ -95,6 +97,7 @@ NumberedNameT NumberedName(const char *pName, Int32 n1, Int32 n2)
 
 NumberedNameT NumberedName(const char *pName, Int32 n1, Int32 n2, Int32 n3)
 {
+    os_assert(pName, "pName");
     NumberedNameT name;
     std::snprintf(name.text, sizeof name.text, "%s%d_%d_%d", pName, n1, n2, n3);
     return name;
@@ -152,7 +155,7 @@ void FreeItem(ConfigItemT *pItem)
     std::free(pItem);
 }
 
-// Other tasks may be calling the callbacks of an item that has some, so that one is never freed.
+// Other tasks may be calling the callbacks of an item that has or once had some: it is never freed.
 eErrorT DropItem(const KeyT &key, Int32 instance)
 {
     const SemaphoreHold hold(configSemaphore);
@@ -175,25 +178,25 @@ void ReportNoAccess(const char *message)
     logerr("config", message, name);
 }
 
-// Copies a cached value, empty when there is none, and *pChanges, what the store was like then.
-eErrorT ReadFromCache(const KeyT &key, Int32 instance, char (&value)[kConfigValueSize], UInt32 *pChanges)
+// Copies a cached value, empty when there is none, and the sequence counter of that moment.
+eErrorT ReadFromCache(const KeyT &key, Int32 instance, char (&value)[kConfigValueSize], UInt32 *pSequence)
 {
     const SemaphoreHold hold(configSemaphore);
     if (hold.result() != 0)
         return kSemUnavail;
-    *pChanges = gStoreChanges;
+    *pSequence = gStoreSequence;
     if (const ConfigItemT *pItem = FindItem(key, instance))
         CopyValue(value, pItem->value);
     return kNoError;
 }
 
 // Caches what was read from the store, unless that has changed since, or was about to.
-eErrorT CacheFromStore(const KeyT &key, Int32 instance, const char *value, UInt32 changes)
+eErrorT CacheFromStore(const KeyT &key, Int32 instance, const char *value, UInt32 sequence)
 {
     const SemaphoreHold hold(configSemaphore);
     if (hold.result() != 0)
         return kSemUnavail;
-    if (changes == gStoreChanges && changes % 2 == 0)
+    if (sequence == gStoreSequence && sequence % 2 == 0)
         PutItem(key, instance, value);
     return kNoError;
 }
@@ -216,19 +219,19 @@ template <class Number> eErrorT ReadNumber(const char *pName, Int32 instance, Nu
 // ---- Changes, under changeSemaphore
 
 // Marks the store as changing for the length of a scope.
-class StoreChange
+class StoreChangeScope
 {
 public:
-    StoreChange() { Count(); }
-    ~StoreChange() { Count(); }
-    StoreChange(const StoreChange &) = delete;
-    StoreChange &operator=(const StoreChange &) = delete;
+    StoreChangeScope() { Advance(); }
+    ~StoreChangeScope() { Advance(); }
+    StoreChangeScope(const StoreChangeScope &) = delete;
+    StoreChangeScope &operator=(const StoreChangeScope &) = delete;
 
 private:
-    static void Count()
+    static void Advance()
     {
         const SemaphoreHold hold(configSemaphore);
-        gStoreChanges++;
+        gStoreSequence++;
     }
 };
 
@@ -245,12 +248,15 @@ bool ChangeCache(const KeyT &key, Int32 instance, const char *value, ConfigItemT
     return true;
 }
 
-eErrorT ChangeItem(const KeyT &key, Int32 instance, const char *value, UInt32 flags, ConfigItemT **ppWatched)
+// *pChanged is false when there was nothing to do.
+eErrorT ChangeItem(const KeyT &key, const ConfigNotifyT &notify, bool *pChanged, ConfigItemT **ppWatched)
 {
-    const StoreChange change;
-    if (!ChangeCache(key, instance, value, ppWatched))
-        return kAlreadyExists;
-    if ((flags & kConfigCacheOnly) != 0 || ConfigStoreWrite(key.text, instance, value) == kNoError)
+    const auto instance = static_cast<Int32>(notify.instance);
+    const StoreChangeScope change;
+    *pChanged = ChangeCache(key, instance, notify.value, ppWatched);
+    if (!*pChanged)
+        return kNoError;
+    if ((notify.flags & kConfigCacheOnly) != 0 || ConfigStoreWrite(key.text, instance, notify.value) == kNoError)
         return kNoError;
     DropItem(key, instance); // the next read gets what the store has, and the next write tries again
     return kBadParameter;
@@ -266,14 +272,28 @@ ConfigItemT *NeedItem(const KeyT &key, Int32 instance)
     return pItem;
 }
 
-void DumpItems(const char *pName)
+// What the callbacks of a write get.
+ConfigNotifyT Notification(const KeyT &key, Int32 instance, const char *value, const char *access, UInt32 flags)
 {
+    ConfigNotifyT notify = {};
+    notify.instance = static_cast<UInt32>(instance);
+    notify.flags = flags;
+    std::memcpy(notify.access, access, strnlen(access, sizeof notify.access));
+    std::memcpy(notify.name, key.text, sizeof notify.name);
+    CopyValue(notify.value, value);
+    return notify;
+}
+
+// key null: all items.
+void DumpItems(const KeyT *key)
+{
+    ConfigInit();
     ConfigDumpHeading();
     const SemaphoreHold hold(configSemaphore);
     for (ListT *pHead : gConfig.buckets) {
         for (ListT *pElem = pHead; pElem != nullptr; pElem = ListNextElement(pHead, pElem)) {
             ConfigItemT *pItem = AsItem(pElem);
-            if (pItem->known != 0 && (pName == nullptr || strcasecmp(pItem->mod.name, pName) == 0))
+            if (pItem->known != 0 && (key == nullptr || std::strcmp(pItem->mod.name, key->text) == 0))
                 std::printf("%-35s %s\n", ModName(&pItem->mod),
                             IsSensitive(pItem->mod.name) ? "(not shown)" : pItem->value);
         }
@@ -286,10 +306,10 @@ void DumpItems(const char *pName)
 
 eErrorT ConfigInit()
 {
-    static pthread_mutex_t starting = PTHREAD_MUTEX_INITIALIZER;
     if (gConfigInitialized != 0)
         return kNoError;
-    const MutexHold hold(&starting);
+    const CancelOffHold cancelOff; // done whole, or the next call would do it again
+    const MutexHold hold(&startMutex);
     if (gConfigInitialized != 0)
         return kNoError;
     sm_create("cnfg", 1, 2, &configSemaphore);
@@ -303,6 +323,7 @@ eErrorT ConfigInit()
 
 void ConfigExit()
 {
+    const MutexHold hold(&startMutex);
     if (gConfigInitialized.exchange(0) == 0)
         return;
     for (ListT *&pHead : gConfig.buckets)
@@ -323,16 +344,17 @@ eErrorT ConfigRead(const char *pName, Int32 instance, char *value)
     os_assert(value, "value");
     ConfigInit();
     char found[kConfigValueSize] = "";
-    UInt32 changes = 0;
-    if (ReadFromCache(key, instance, found, &changes) != kNoError)
+    UInt32 sequence = 0;
+    if (ReadFromCache(key, instance, found, &sequence) != kNoError)
         ReportNoAccess("can't acquire config database semaphore for reading, task=\"%s\"\n");
     eErrorT result = kNoError;
     if (found[0] == '\0') { // an empty cached value counts as missing
-        // One character less than the cache holds, on purpose.
+        // Deliberately one character less than the cache holds: what an item reads as after a restart
+        // stays what it was.
         result = ConfigStoreRead(key.text, instance, found, kConfigValueSize - 1);
         if (result != kNoError)
             found[0] = '\0';
-        else if (CacheFromStore(key, instance, found, changes) != kNoError)
+        else if (CacheFromStore(key, instance, found, sequence) != kNoError)
             ReportNoAccess("can't acquire config database semaphore for writing, task=\"%s\"\n");
     }
     std::memcpy(value, found, std::strlen(found) + 1);
@@ -374,23 +396,20 @@ eErrorT ConfigWriteEx(const char *pName, Int32 instance, const char *value, cons
 {
     const KeyT key(pName);
     os_assert(value, "value");
-    if (!ConfigStoreIsName(key.text))
+    os_assert(access, "access");
+    if (!ConfigStoreIsValidName(key.text))
         return kBadParameter;
     ConfigInit();
-    ConfigNotifyT notify = {};
-    notify.instance = static_cast<UInt32>(instance);
-    notify.flags = flags;
-    std::memcpy(notify.access, access, strnlen(access, sizeof notify.access));
-    std::memcpy(notify.name, key.text, sizeof notify.name);
-    CopyValue(notify.value, value);
+    ConfigNotifyT notify = Notification(key, instance, value, access, flags);
     ConfigItemT *pWatched = nullptr;
     {
         const SemaphoreHold hold(changeSemaphore);
         if (hold.result() != 0)
             return kSemUnavail;
-        const eErrorT result = ChangeItem(key, instance, notify.value, flags, &pWatched);
-        if (result != kNoError)
-            return result == kAlreadyExists ? kNoError : result;
+        bool changed = false;
+        const eErrorT result = ChangeItem(key, notify, &changed, &pWatched);
+        if (!changed || result != kNoError)
+            return result;
     }
     if (GetProcessorNum() == kMasterProcessor && !IsSensitive(key.text))
         loginfo("config", "%s[%d]:%s\n", key.text, instance, notify.value);
@@ -459,7 +478,7 @@ eErrorT ConfigDelete(const char *pName, Int32 instance)
         const SemaphoreHold hold(changeSemaphore);
         if (hold.result() != 0)
             return kSemUnavail;
-        const StoreChange change;
+        const StoreChangeScope change;
         const eErrorT cached = DropItem(key, instance);
         const eErrorT stored = ConfigStoreDelete(key.text, instance);
         if (stored != kNoError && (stored != kItemNotFound || cached != kNoError))
@@ -480,7 +499,9 @@ eErrorT ConfigAddCallbackEx(const char *pName, Int32 instance, CallbackFuncPtrT 
                             UInt32 whenFlags, UInt32 taskID)
 {
     const KeyT key(pName);
-    if (!ConfigStoreIsName(key.text))
+    UInt32 caller = 0;
+    const bool forCaller = (whenFlags & kModOnTask) != 0 && taskID == 0;
+    if (!ConfigStoreIsValidName(key.text) || (forCaller && t_ident(nullptr, 0, &caller) != 0))
         return kBadParameter;
     ConfigInit();
     const SemaphoreHold hold(changeSemaphore); // so that nobody deletes the item meanwhile
@@ -508,6 +529,7 @@ eErrorT ConfigAddImmediateCallback(const char *pName, Int32 instance, CallbackFu
 eErrorT ConfigDeleteCallback(const char *pName, Int32 instance, CallbackFuncPtrT pFunc, void *userDefined)
 {
     const KeyT key(pName);
+    ConfigInit();
     const SemaphoreHold hold(changeSemaphore);
     ConfigItemT *pItem = LookupItemInCache(key.text, instance);
     if (pItem == nullptr)
@@ -535,8 +557,8 @@ void ConfigDumpAll()
 
 void ConfigDumpByName(const char *pName)
 {
-    os_assert(pName, "pName");
-    DumpItems(pName);
+    const KeyT key(pName);
+    DumpItems(&key);
 }
 
 // ---- The cache
@@ -545,6 +567,7 @@ ConfigItemT *WriteItemToCache(const char *pName, UInt32 instance, const char *va
 {
     const KeyT key(pName);
     os_assert(value, "value");
+    ConfigInit();
     {
         const SemaphoreHold hold(configSemaphore);
         if (hold.result() == 0)
@@ -556,21 +579,22 @@ ConfigItemT *WriteItemToCache(const char *pName, UInt32 instance, const char *va
 
 ConfigItemT *AddItemToCache(const char *pName, UInt32 instance, const char *pValue)
 {
-    os_assert(pName, "pName");
+    const KeyT key(pName);
     os_assert(pValue, "pValue");
     auto *pItem = static_cast<ConfigItemT *>(std::calloc(1, sizeof(ConfigItemT)));
     if (pItem == nullptr)
         return nullptr;
-    ModInit(&pItem->mod, pName, static_cast<Int32>(instance), &gConfig.mod);
+    ModInit(&pItem->mod, key.text, static_cast<Int32>(instance), &gConfig.mod);
     CopyValue(pItem->value, pValue);
     pItem->known = 1;
-    ListEnqueue(&BucketOf(pName), &pItem->mod.list);
+    ListEnqueue(&BucketOf(key.text), &pItem->mod.list);
     return pItem;
 }
 
 ConfigItemT *LookupItemInCache(const char *pName, Int32 instance)
 {
     const KeyT key(pName);
+    ConfigInit();
     const SemaphoreHold hold(configSemaphore);
     return hold.result() == 0 ? FindItem(key, instance) : nullptr;
 }
@@ -578,6 +602,7 @@ ConfigItemT *LookupItemInCache(const char *pName, Int32 instance)
 eErrorT DeleteItemFromCache(const char *pName, Int32 instance)
 {
     const KeyT key(pName);
+    ConfigInit();
     const SemaphoreHold hold(changeSemaphore);
     return hold.result() == 0 ? DropItem(key, instance) : kSemUnavail;
 }

@@ -5,14 +5,15 @@
 //          that is empty or has a "/" in it can neither be written nor found.
 // Values:  at most 370 characters, the rest is dropped. Only the first line reaches the file, and only
 //          369 characters of it come back after a restart.
-// Start:   the first call of ConfigRead or of any writing call starts the database, safely from several
-//          tasks at once.
+//          A value of several lines is whole in the cache until then. Instances below 1 have one file
+//          and a cache entry each, and so have instance 1 of "a" and instance 0 of "a1".
+// Start:   the first call of any kind starts the database, safely from several tasks at once.
 // Locking: any task may call, with neither the interrupt lock nor another lock of the run-time held.
 //          configSemaphore guards the cache; a second one, taken first, lets one change through at a
 //          time, so that cache and files agree. Neither is held while a callback runs or a line is
-//          logged.
-// Results: kNoError 0; kItemNotFound -25: there is no such item; kBadParameter -3: the name, or the
-//          store refused; kSemUnavail -23: the database is being shut down.
+//          logged. Elsewhere than on the master the second one is held while the message path opens.
+// Results: kNoError 0; kItemNotFound -25: there is no such item; kBadParameter -3: the name is not
+//          allowed, or the store could not write; kSemUnavail -23: the database is being shut down.
 #pragma once
 
 #include "Common/framework/configstore.h"
@@ -40,8 +41,8 @@ struct ConfigNotifyT {
 // Starts the database unless it runs. A missing configuration folder stops the program. Returns kNoError.
 eErrorT ConfigInit();
 
-// Frees every item and stops the database, which the next call starts again. Nobody may be using it.
-// The store's flush task stays.
+// Frees every item and stops the database, which the next call starts again, with one more flush task:
+// the old one stays. Nobody may be using it, nor may the first log line of the process be under way.
 void ConfigExit();
 
 // Reads an item into value, kConfigValueSize characters. Returns kNoError, or kItemNotFound with an
@@ -53,16 +54,17 @@ eErrorT ConfigRead2(const char *pName, Int32 n1, Int32 n2, char *value);
 eErrorT ConfigRead3(const char *pName, Int32 n1, Int32 n2, Int32 n3, char *value);
 
 // Read a decimal number, or a truth value: 1 for "True" in any case, 0 for anything else. Return
-// kNoError, or with *pValue unchanged kItemNotFound, or kBadParameter for no number or one out of range.
+// kNoError, or with *pValue unchanged kItemNotFound, or kBadParameter for no number or one out of range;
+// blanks and "+" are no part of a number.
 eErrorT ConfigReadInt32(const char *pName, Int32 instance, Int32 *pValue);
 eErrorT ConfigReadInt16(const char *pName, Int32 instance, Int16 *pValue);
 eErrorT ConfigReadBool(const char *pName, Int32 instance, Boolean *pValue);
 
 // Writes an item to cache and store, logs it unless it is sensitive, and notifies the callbacks of the
 // item and then those of getConfigModule(). Does nothing when the cached value is the same, even if it
-// never reached the store. When the store refuses, the item is as it was in the store, and nobody is
-// notified. access: at most four characters, such as "rw". Notifications of tasks that write the same
-// item at the same time may come in any order; a thread that is no task notifies nobody.
+// never reached the store. When the store cannot write, the item is as it is there, a value that only the
+// cache had is lost, and nobody is notified. access: at most four characters, such as "rw". Notifications of tasks that
+// write the same item at the same time may come in any order; a thread that is no task notifies nobody.
 eErrorT ConfigWriteEx(const char *pName, Int32 instance, const char *value, const char *access, UInt32 flags);
 eErrorT ConfigWrite(const char *pName, Int32 instance, const char *value); // access "rw"
 eErrorT ConfigWriteCacheOnly(const char *pName, Int32 instance, const char *value);
@@ -83,7 +85,9 @@ eErrorT ConfigDelete(const char *pName, Int32 instance);
 
 // Callbacks on an item, which need not exist: pFunc(item, 0, userDefined, ConfigNotifyT *). Add: runs on
 // the calling task; AddEx: with whenFlags and on the task given, as ModAddCallbackToTask has them;
-// Immediate: on the task that writes. Return kNoError; Delete returns kItemNotFound when there is none.
+// Immediate: on the task that writes. Return kNoError; kBadParameter, kOutOfMemory or
+// kSemUnavail with nothing added, the first also for a thread that is no task and names none; Delete
+// returns kItemNotFound when there is none.
 eErrorT ConfigAddCallback(const char *pName, Int32 instance, CallbackFuncPtrT pFunc, void *userDefined);
 eErrorT ConfigAddCallbackEx(const char *pName, Int32 instance, CallbackFuncPtrT pFunc, void *userDefined,
                             UInt32 whenFlags, UInt32 taskID);
@@ -103,7 +107,7 @@ void ConfigDumpByName(const char *pName);
 
 // ---- The cache. An item is the database's own and lasts until it is deleted.
 
-// Changes or adds an item. Returns it, or null when the cache is locked for good or memory is short.
+// Changes or adds an item. Returns it, or null when the database does not run or memory is short.
 ConfigItemT *WriteItemToCache(const char *pName, UInt32 instance, const char *value);
 
 // Adds an item; the caller holds configSemaphore. Returns it, or null when memory is short.
@@ -113,7 +117,7 @@ ConfigItemT *AddItemToCache(const char *pName, UInt32 instance, const char *pVal
 ConfigItemT *LookupItemInCache(const char *pName, Int32 instance);
 
 // Takes an item out of the cache and leaves its file. An item with callbacks stays, with an empty value.
-// Returns kNoError or kItemNotFound.
+// Logs nothing. Returns kNoError, kItemNotFound or kSemUnavail.
 eErrorT DeleteItemFromCache(const char *pName, Int32 instance);
 
 // 1 when the item has that name, ignoring case, and that instance, else 0.

@@ -94,29 +94,29 @@ using FileNameT = char *(*)(const char *name, Int32 instance, char *path);
 
 eErrorT OpenFile(FileNameT fileName, const char *name, Int32 instance, ConfigFileT *pFile)
 {
-    pFile->stream = ConfigStoreIsName(name) ? std::fopen(fileName(name, instance, pFile->path), "rb") : nullptr;
+    pFile->stream = ConfigStoreIsValidName(name) ? std::fopen(fileName(name, instance, pFile->path), "rb") : nullptr;
     return pFile->stream != nullptr ? kNoError : kBadParameter;
 }
 
-// Reads the first line of a file. An empty file gives an empty value; what opens and cannot be read,
-// a directory, counts as missing.
+// Reads the first line of a file. An empty file gives an empty value, and so does one that cannot be
+// read: both are read again the next time. A directory counts as missing.
 eErrorT ReadFirstLine(FileNameT fileName, const char *name, Int32 instance, char *s, UInt32 len)
 {
-    const CancelOffHold whole; // a file that was opened is closed
+    const CancelOffHold cancelOff; // a file that was opened is closed
     s[0] = '\0';
     ConfigFileT file;
     if (OpenFile(fileName, name, instance, &file) != kNoError)
         return kBadParameter;
     ConfigStoreReadGetLine(&file, s, len);
-    const bool failed = std::ferror(file.stream) != 0;
+    const bool isFolder = std::ferror(file.stream) != 0 && ConfigIsFolderExist(file.path) != 0;
     ConfigStoreReadClose(&file);
-    return failed ? kBadParameter : kNoError;
+    return isFolder ? kBadParameter : kNoError;
 }
 
 // ---- Reading through the master
 
-// The context of a remote read. There are more of them than reads at a time, and they are used in
-// turn: a late answer finds a context that nobody waits on.
+// The context of a remote read. They are used in turn, so that a late answer finds one that nobody waits
+// on.
 struct RemoteReadT {
     UInt32 taskID; // who waits; 0: nobody
     char *pAnswer; // kCommandSize characters
@@ -235,7 +235,7 @@ void ConfigStoreSyncTask(UInt32, UInt32, UInt32, UInt32)
     }
 }
 
-bool ConfigStoreIsName(const char *name)
+bool ConfigStoreIsValidName(const char *name)
 {
     const std::size_t length = strnlen(name, kConfigNameSize);
     return length > 0 && length < kConfigNameSize && std::memchr(name, '/', length) == nullptr;
@@ -290,7 +290,7 @@ eErrorT ConfigStoreWrite(const char *name, Int32 instance, const char *value)
         RemMsgSendCmd(command, nullptr, nullptr);
         return kNoError;
     }
-    const CancelOffHold whole;
+    const CancelOffHold cancelOff;
     ConfigFileT file;
     if (ConfigStoreWriteOpen(name, instance, &file) != kNoError)
         return kBadParameter;
@@ -303,7 +303,7 @@ eErrorT ConfigStoreDelete(const char *name, Int32 instance)
     if (!IsMaster())
         return kNotImplemented;
     char path[kConfigPathSize];
-    if (!ConfigStoreIsName(name))
+    if (!ConfigStoreIsValidName(name))
         return kItemNotFound;
     if (unlink(ConfigGetDatFileName(name, instance, path)) != 0)
         return errno == ENOENT ? kItemNotFound : kBadParameter;
@@ -351,16 +351,20 @@ void ConfigStoreReadClose(ConfigFileT *pFile)
 eErrorT ConfigStoreWriteOpen(const char *name, Int32 instance, ConfigFileT *pFile)
 {
     pFile->stream = nullptr;
-    if (!IsMaster() || !ConfigStoreIsName(name))
+    if (!IsMaster() || !ConfigStoreIsValidName(name))
         return kBadParameter;
     char path[kConfigPathSize + sizeof kNewSuffix];
     ConfigGetDatFileName(name, instance, pFile->path);
     NewPath(pFile, path);
     pFile->stream = std::fopen(path, "wb");
-    if (pFile->stream != nullptr)
-        return kNoError;
-    std::perror("ConfigStoreWrite: fopen");
-    return kBadParameter;
+    if (pFile->stream == nullptr) {
+        std::perror("ConfigStoreWrite: fopen");
+        return kBadParameter;
+    }
+    struct stat old;
+    if (stat(pFile->path, &old) == 0)
+        fchmod(fileno(pFile->stream), old.st_mode & ~static_cast<mode_t>(S_IFMT)); // a secret stays one
+    return kNoError;
 }
 
 eErrorT ConfigStoreWritePutLine(ConfigFileT *pFile, const char *line)
@@ -369,8 +373,8 @@ eErrorT ConfigStoreWritePutLine(ConfigFileT *pFile, const char *line)
     return std::fprintf(pFile->stream, "%.*s\n", length, line) >= 0 ? kNoError : kBadParameter;
 }
 
-// A value that were written in place would be lost, the old one and the new, to a full disk or a
-// process that is ended between the opening and the writing.
+// Writing in place would lose both values to a full disk, or to an end of the process between the
+// opening and the writing.
 eErrorT ConfigStoreWriteClose(ConfigFileT *pFile)
 {
     char path[kConfigPathSize + sizeof kNewSuffix];

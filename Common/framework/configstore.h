@@ -29,7 +29,7 @@ void ConfigStoreInit();
 void ConfigStoreSyncTask(UInt32, UInt32, UInt32, UInt32);
 
 // Whether the name may have a file.
-bool ConfigStoreIsName(const char *name);
+bool ConfigStoreIsValidName(const char *name);
 
 // Paths of an item's dat file and of its choice file: the generated one if that is there. path holds
 // kConfigPathSize characters, enough for any name that may have a file, and is returned.
@@ -41,7 +41,8 @@ Boolean ConfigIsFileExist(const char *path);
 Boolean ConfigIsFolderExist(const char *path);
 
 // Reads the first line of the item's dat file, or else of its choice file, at most len - 1 characters.
-// Returns kNoError; kBadParameter with an empty value when there is neither or none can be read. On a
+// Returns kNoError; kBadParameter with an empty value when there is neither. A file that cannot be
+// read gives an empty value. On a
 // processor other than the master the answer's first word comes back, and an empty value with kNoError
 // when the master does not answer within 3 seconds or the caller is no task. A null name or buffer and a
 // len of 0 stop the program.
@@ -50,18 +51,20 @@ eErrorT ConfigStoreRead(const char *name, Int32 instance, char *s, UInt32 len);
 // The same of the choice file alone, on any processor from its own file system.
 eErrorT ConfigStoreChoiceRead(const char *name, Int32 instance, char *s, UInt32 len);
 
-// Writes the value, up to its first line feed or carriage return, and a line feed. The file changes
-// from the old value to the new in one step: whatever happens, it holds one of them. Returns kNoError;
-// kBadParameter with the old file as it was and the reason on standard error. Other processors send
-// the master the command and return kNoError.
+// Writes the value, up to its first line feed or carriage return, and a line feed. A new file, "<file>.new"
+// at first, takes the place and the permissions of the old one in one step: a kill or a full disk leaves
+// one of the two values. (A power cut before the flush may still leave neither; a link becomes a file.)
+// Returns kNoError; kBadParameter with the old file as it was and the reason on standard error. Other
+// processors send the master the command and return kNoError.
 eErrorT ConfigStoreWrite(const char *name, Int32 instance, const char *value);
 
 // Removes the dat file. Returns kNoError; kItemNotFound when there is none; kBadParameter when it cannot
 // be removed; kNotImplemented on a processor other than the master.
 eErrorT ConfigStoreDelete(const char *name, Int32 instance);
 
-// The completion of a remote read: hands the answer over and wakes the reader. An answer that comes
-// after the reader gave up is dropped.
+// The completion of a remote read: hands the answer over and wakes the reader. The context is the one
+// that came with the command. An answer that comes after the reader gave up is dropped, unless 64 more
+// reads have begun by then.
 void remoteRspCallback(RemMsgPathT *pHandle, const char *response, void *context);
 
 // ---- Line by line, for items of several lines. Only on the master: elsewhere nothing opens.

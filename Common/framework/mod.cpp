@@ -38,9 +38,10 @@ struct ModDeferredFuncT {
     alignas(std::max_align_t) UInt8 args[kModMaxArgs];
 };
 
-// The table is changed without a lock: a slot goes from null to a record and back in one step.
+// A slot goes from null to a record and back in one step, so that nobody needs a lock to enter one. It
+// goes back under the interrupt lock: whoever looks at records under it does not see one go.
 std::atomic<ModT *> gMods[kMaxMods];
-std::atomic<Int32> numMods;
+std::atomic<Int32> numMods; // entered records; read by nothing
 
 UInt32 callbackSemaphore; // every record's callback array
 
@@ -141,6 +142,7 @@ void EnterInTable(ModT *pMod)
 
 void TakeOutOfTable(ModT *pMod)
 {
+    const InterruptsOffHold hold;
     for (std::atomic<ModT *> &slot : gMods) {
         if (slot == pMod) {
             slot = nullptr;
@@ -180,8 +182,8 @@ void SetArray(ModT *pMod, ModCallbackT *pCallbacks, Int32 count)
     std::free(pOld);
 }
 
-// The next three under callbackSemaphore. Function, user pointer and index tell one callback from
-// another; a null function is a free entry.
+// Function, user pointer and index tell one callback from another; a null function is a free entry.
+// FindEntry and FreeEntry run under callbackSemaphore.
 bool IsSame(const ModCallbackT &left, const ModCallbackT &right)
 {
     return left.pFunc == right.pFunc && left.userDefined == right.userDefined && left.funcIndex == right.funcIndex;
@@ -260,7 +262,8 @@ void GiveBack(const DeferredQueueT &queue, ListT *pElem)
     ListEnqueueUnprot(&queue.pFree, pElem);
 }
 
-// Takes a block off the pending list, unless its task was faster.
+// Takes a block off the pending list, unless its task ran it and then ended. (That somebody else has
+// queued it again by then, after all the other free blocks, is left out of account.)
 void Withdraw(const DeferredQueueT &queue, ListT *pElem)
 {
     const auto isElem = [](ListT *pListed, void *pWanted, void *) -> Int32 { return pListed == pWanted ? 1 : 0; };
@@ -317,12 +320,25 @@ bool AppendIfRegistered(ModDeferredCallbackT *pDeferred)
     return true;
 }
 
-// Posts kModDeferredEvent. Returns false when there is no such task.
+// Returns false when there is no such task.
 bool NotifyTask(UInt32 taskID)
 {
-    char name[kTaskNameSize];
-    return t_copy_name(taskID, name) == 0 && ev_send(taskID, kModDeferredEvent) == 0;
+    return ev_send_listed(taskID, kModDeferredEvent) == 0;
 }
+
+// A block for the length of the call that it carries, which may end in the deletion of the task.
+class BlockHold
+{
+public:
+    BlockHold(const DeferredQueueT &queue, ListT *pElem) : queue_(queue), pElem_(pElem) {}
+    ~BlockHold() { GiveBack(queue_, pElem_); }
+    BlockHold(const BlockHold &) = delete;
+    BlockHold &operator=(const BlockHold &) = delete;
+
+private:
+    const DeferredQueueT &queue_;
+    ListT *pElem_;
+};
 
 void CopyArgs(UInt8 (&args)[kModMaxArgs], const void *pArgs, Int32 argLen)
 {
@@ -348,16 +364,14 @@ OldestT OldestOf(UInt32 taskID, UInt32 time)
 [[noreturn]] void StopOutOfBlocks(ModT *pMod, UInt32 funcIndex)
 {
     ModLog(pMod, kLogWarning, "can't call callback for func %d, out of callback blocks\n", funcIndex);
-    UInt32 taskID = 0, time = 0;
     {
         const SemaphoreHold hold(deferredCallbackRegion);
         if (const ModDeferredCallbackT *pOldest = AsCallback(ListFirstElement(gPendDeferredCallbackList))) {
-            taskID = pOldest->callback.destTaskID;
-            time = pOldest->time;
+            const OldestT oldest = OldestOf(pOldest->callback.destTaskID, pOldest->time);
+            std::printf("ERROR, task %4.4s has not responded to deferred callbacks for %dmS\n", oldest.name,
+                        oldest.waited);
         }
     }
-    const OldestT oldest = OldestOf(taskID, time);
-    std::printf("ERROR, task %4.4s has not responded to deferred callbacks for %dmS\n", oldest.name, oldest.waited);
     osTaskDump();
     tm_wkafter(5); // for the log to get out
     os_assert(false, "0");
@@ -530,6 +544,7 @@ UInt32 ModID(ModT *pMod)
 
 ModT *ModFindByName(const char *pName, Int32 instance)
 {
+    const InterruptsOffHold hold;
     for (const std::atomic<ModT *> &slot : gMods) {
         ModT *pMod = slot;
         if (pMod != nullptr && pMod->instance == instance && IsNamed(pMod, pName))
@@ -637,6 +652,8 @@ void ModTrace(ModT *pMod, const char *format, ...)
 
 eErrorT ModTraceFilterAdd(const char *pName)
 {
+    if (pName[0] == '\0')
+        return kBadParameter;
     {
         const InterruptsOffHold hold;
         for (char(&filter)[kModNameSize] : traceFilters) {
@@ -753,9 +770,9 @@ void ModProcessDeferredCallbacks()
     UInt32 caller = CallingTask();
     while (ListT *pElem = TakePending(kCallbackQueue, IsCallbackForTask, &caller, nullptr)) {
         ModDeferredCallbackT *pDeferred = AsCallback(pElem);
+        const BlockHold block(kCallbackQueue, pElem);
         pDeferred->callback.pFunc(pDeferred->pMod, pDeferred->funcIndex, pDeferred->callback.userDefined,
                                   pDeferred->args);
-        GiveBack(kCallbackQueue, pElem);
     }
 }
 
@@ -766,6 +783,8 @@ eErrorT ModDeferFunctionCall(UInt32 taskID, DeferredFuncPtrT pFunc, const void *
     if (pFunc == nullptr || argLen < 0 || static_cast<std::size_t>(argLen) > kModMaxArgs)
         return kBadParameter;
     NeedSharedState();
+    if (taskID == 0)
+        taskID = CallingTask();
     ListT *pElem = TakeFree(kFuncQueue);
     if (pElem == nullptr) {
         ReportOutOfFuncBlocks(taskID, pFunc);
@@ -790,9 +809,9 @@ void ModProcessDeferredFunctions()
     UInt32 caller = CallingTask();
     while (ListT *pElem = TakePending(kFuncQueue, IsFuncForTask, &caller, nullptr)) {
         ModDeferredFuncT *pDeferred = AsFunc(pElem);
+        const BlockHold block(kFuncQueue, pElem);
         CountRun(caller, RealTimeMilliSeconds() - pDeferred->time);
         pDeferred->pFunc(pDeferred->args, pDeferred->argLen);
-        GiveBack(kFuncQueue, pElem);
     }
 }
 

@@ -3,10 +3,11 @@
 //
 // Owner:   the caller owns the record and hands it to ModInit zero-filled; it stays where it is until
 //          ModExit. The array of callbacks belongs to this module.
-// Locking: any task may call. callbackSemaphore serialises changes of callback arrays; the moment of a
-//          change is also under the interrupt lock, which is all that a walk takes, once an entry. So
-//          none of the callback calls may be made with the interrupt lock held. Callbacks run without
-//          any lock. A record must not be exited while another task works with it.
+// Locking: any task may call, without the interrupt lock. Changes of a callback array hold
+//          callbackSemaphore and, while the array is switched, the interrupt lock. A walk holds the
+//          interrupt lock while it copies an entry, and callbackSemaphore while it queues one.
+//          Callbacks run without any lock. A record must not be exited while another task works
+//          with it; configuration items are exited when they are deleted.
 // Errors:  a null record, a bad signature, a missing format or function, no memory for a callback and
 //          no block left for a deferred one are programming errors and stop the program.
 #pragma once
@@ -102,7 +103,8 @@ eErrorT ModSetOwner(ModT *pMod, ModT *pOwner); // kNoError
 UInt32 ModGetProcNum(ModT *pMod);
 UInt32 ModID(ModT *pMod);
 
-// The entered record of that name (ignoring case) and instance, or null.
+// The entered record of that name (ignoring case) and instance, or null. That it stays is the caller's
+// business, here and in the dumps below.
 ModT *ModFindByName(const char *pName, Int32 instance);
 
 // Print on standard output. ModDump: one line, with its callbacks on a second; the heading before it
@@ -115,21 +117,23 @@ void ModDumpAll();
 void ModDumpRange(Int32 first, Int32 last);
 
 // Log a line under the module's name, "name[instance]: ..." or "owner[instance].name[instance]: ...".
-// ModLog: at a level, name and format together at most 255 characters. ModTrace: at kLogDebug, with
+// ModLog: at a level, name and format together at most 255 characters; a format that is cut loses its
+// line feed, and the next piece goes onto the same line. ModTrace: at kLogDebug, with
 // the name as component. Once there is a trace filter only the modules that one names log at all.
 __attribute__((format(printf, 3, 4))) void ModLog(ModT *pMod, LogLevelT level, const char *format, ...);
 __attribute__((format(printf, 2, 3))) void ModTrace(ModT *pMod, const char *format, ...);
 
-// Ten trace filters: names of 32 characters, ignoring case. Add: kNoError, or kOutOfMemory when all
-// are in use. Delete: the first of that name, or all with a name that begins with "*"; kNoError, or
-// kBadParameter when there is none.
+// Ten trace filters: names of 32 characters, ignoring case. Add: kNoError, kOutOfMemory when all are
+// in use, kBadParameter for an empty name. Delete: the first of that name, or all with a name that begins with "*";
+// kNoError, or kBadParameter when there is none.
 eErrorT ModTraceFilterAdd(const char *pName);
 eErrorT ModTraceFilterDelete(const char *pName);
 
 // Runs the callbacks of funcIndex in the order of their entries: at once, or, for one that asks for
 // another task, by handing that task the first argLen bytes of pArgs (at most kModMaxArgs) and
-// kModDeferredEvent. A task that is gone loses its callback. Returns kNoError, or kItemNotFound at
-// the first callback when the caller is no task; that one and the rest have then not run.
+// kModDeferredEvent. A task deletes its callbacks before it ends: afterwards they are dropped until
+// another task gets its identifier, and then run there. Returns kNoError, or kItemNotFound at the first
+// callback when the caller is no task; that one and the rest have then not run.
 eErrorT ModCallCallbacks(ModT *pMod, UInt32 funcIndex, const void *pArgs, Int32 argLen);
 
 // Traces "exception:..." and runs the exception handlers. ExceptionIndex is 0. Returns kNoError.
@@ -137,7 +141,8 @@ eErrorT ModThrowException(ModT *pMod, UInt32 ExceptionIndex, const char *descrip
 
 // Register a callback; one with the same function, user pointer and index is registered already.
 // With kModOnTask it runs on the calling task, or on taskID for ModAddCallbackToTask. Exception
-// handlers run on the task that adds them. Return kNoError.
+// handlers run on the task that adds them. A thread that is no task must name one: the first call of a
+// callback for nobody's task stops the program. Return kNoError.
 eErrorT ModAddCallback(ModT *pMod, UInt32 funcIndex, CallbackFuncPtrT pFunc, void *userDefined, UInt32 whenFlags);
 eErrorT ModAddCallbackToTask(ModT *pMod, UInt32 funcIndex, CallbackFuncPtrT pFunc, void *userDefined, UInt32 whenFlags,
                              UInt32 taskID);
@@ -165,7 +170,7 @@ struct DeferredFuncStatsT {
     UInt32 runCount;
 };
 
-// Asks a task to call pFunc with a copy of the first argLen bytes of pArgs, and sends it
+// Asks a task (0: the caller) to call pFunc with a copy of the first argLen bytes of pArgs, and sends it
 // kModDeferredEvent. Returns kNoError; kBadParameter for no function or more than kModMaxArgs bytes;
 // kItemNotFound when there is no such task, kOutOfResources when all 384 blocks are waiting, both
 // with a line in the log. After a failure nothing is queued.

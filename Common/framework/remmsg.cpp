@@ -18,6 +18,7 @@ Int32 SendToMaster(const char *command, RemMsgRspT completion, void *context)
     if (pPath == nullptr)
         return 0;
     while ((pPath->stateFlags & kRemMsgPathOpen) == 0) {
+        // A line of its own, each time.
         std::puts("Waiting for master processor to open up message path");
         tm_wkafter(kOneSecond);
     }

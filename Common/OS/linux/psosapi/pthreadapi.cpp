@@ -128,6 +128,14 @@ void RemoveTcb(TCB *tcb)
     RebuildTreeLocked();
 }
 
+TCB *FindListedLocked(const TCB *wanted)
+{
+    TCB *tcb = tcblist;
+    while (tcb != nullptr && tcb != wanted)
+        tcb = tcb->next;
+    return tcb;
+}
+
 void t_free_tcb(void *task)
 {
     TCB *tcb = static_cast<TCB *>(task);
@@ -501,9 +509,7 @@ UInt32 t_copy_name(UInt32 tid, char *name_out)
 {
     const TCB *wanted = ResolveTask(tid);
     TcbListHold hold;
-    const TCB *tcb = tcblist;
-    while (tcb != nullptr && tcb != wanted)
-        tcb = tcb->next;
+    const TCB *tcb = FindListedLocked(wanted);
     std::memcpy(name_out, NameOrUnknown(tcb), kTaskNameSize);
     return tcb != nullptr ? 0 : kTaskNotFound;
 }
@@ -598,6 +604,21 @@ UInt32 ev_send(UInt32 tid, UInt32 events)
     if (waiting)
         SignalEvents(tcb);
     pthread_cleanup_pop(0);
+    return 0;
+}
+
+UInt32 ev_send_listed(UInt32 tid, UInt32 events)
+{
+    TCB *tcb = nullptr;
+    {
+        TcbListHold hold;
+        tcb = FindListedLocked(low_pointer<TCB>(tid));
+        if (tcb == nullptr)
+            return kTaskNotFound;
+        tcb->posting++; // the block stays until the event is posted
+    }
+    ev_send(tid, events);
+    tcb->posting--;
     return 0;
 }
 

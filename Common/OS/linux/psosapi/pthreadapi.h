@@ -133,6 +133,9 @@ UInt32 t_name_and_pri_from_pid(Int32 pid, char *name_out, UInt32 *priority_out);
 // is no task. Returns 0.
 UInt32 ev_send(UInt32 tid, UInt32 events);
 
+// The same to a task that may be gone: kTaskNotFound, with nothing done, when it is not in the task list.
+UInt32 ev_send_listed(UInt32 tid, UInt32 events);
+
 // Waits for event bits of the calling task: kEvAny or all of them, kEvNoWait or at most timeout
 // ticks (0: for ever). Returns 0 with the matched bits in *events_out and taken from the task;
 // kEvTimedOut, kNoCallerTask or kEvNotPending with *events_out untouched. With events 0 it reports
