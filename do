@@ -69,11 +69,13 @@ demo() {
     echo "The whole trace is in $dir/trace.txt."
 }
 
-# Runs one fuzz target. Its corpus stays for the next run.
+# Runs one fuzz target, on inputs long enough for every limit from the start. Its corpus stays for the
+# next run.
 fuzz_one() {
     local target=$1 seconds=$2 dir=$PWD/build/fuzz status=0 runs
     mkdir -p "$dir/corpus/$target" "$dir/findings"
-    "$dir/fuzz/fuzz_$target" -max_total_time="$seconds" -print_final_stats=1 \
+    ASAN_OPTIONS=detect_stack_use_after_return=1 "$dir/fuzz/fuzz_$target" \
+        -max_total_time="$seconds" -len_control=0 -max_len=2048 -print_final_stats=1 \
         -artifact_prefix="$dir/findings/$target-" "$dir/corpus/$target" >"$dir/$target.log" 2>&1 || status=$?
     runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$dir/$target.log")
     if [ "$status" -eq 0 ] && [ "${runs:-0}" -gt 0 ]; then

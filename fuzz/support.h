@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <string_view>
 
 #define CHECK(condition) os_assert(condition, #condition)
 
@@ -23,9 +24,9 @@ inline void PutFile(const char *name, Int32 instance, const std::string &text)
 }
 
 // What a buffer of size characters gets of the first line.
-inline std::string FirstLine(const std::string &text, std::size_t size)
+inline std::string FirstLine(std::string_view text, std::size_t size)
 {
-    return text.substr(0, std::min(text.find_first_of(std::string("\0\r\n", 3)), size - 1));
+    return std::string(text.substr(0, std::min(text.find_first_of(std::string_view("\0\r\n", 3)), size - 1)));
 }
 
 extern "C" [[gnu::used]] inline int LLVMFuzzerInitialize(int * /*argc*/, char *** /*argv*/)
