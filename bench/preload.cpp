@@ -16,7 +16,7 @@
 #include <ctime>
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <pthread.h>
+#include <sys/mman.h>
 #include <sys/select.h>
 #include <unistd.h>
 
@@ -40,8 +40,9 @@ constexpr std::uint32_t kDisableRx = 0x80260002;
 // the system answers with ENOENT.
 struct Orders {
     bool on;
-    const char *log, *relay, *opt;
+    const char *relay, *opt;
     std::int64_t waitDivisor;
+    long halfRead, halfWrite;
     struct {
         const char *path;
         long refusedOpens, refusedRequest, cutWrite;
@@ -50,6 +51,8 @@ struct Orders {
     } ports[kPorts];
 };
 Orders gOrders;
+bench::EventLog *gLog;
+std::atomic<long> gReads, gWrites;
 
 struct Counts {
     std::atomic<long> opens, requests, writes;
@@ -82,28 +85,35 @@ constinit Real<int(const char *, int, ...)> gRealOpen("open"), gRealOpen64("open
 constinit Real<FILE *(const char *, const char *)> gRealFopen("fopen"), gRealFopen64("fopen64");
 constinit Real<int(const char *, void *)> gRealStat("stat"), gRealStat64("stat64");
 constinit Real<int(int)> gRealClose("close");
+constinit Real<ssize_t(int, void *, std::size_t)> gRealRead("read");
 constinit Real<ssize_t(int, const void *, std::size_t)> gRealWrite("write");
 constinit Real<int(int, unsigned long, ...)> gRealIoctl("ioctl");
 constinit Real<int(int, fd_set *, fd_set *, fd_set *, timeval *)> gRealSelect("select");
 
-// Leaves errno alone, and does not become a cancellation point.
+// Leaves errno alone.
 [[gnu::format(printf, 1, 2)]] void Log(const char *format, ...)
 {
     const int error = errno;
-    int cancelling = 0;
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelling);
     char line[160];
     va_list arguments;
     va_start(arguments, format);
-    const int size = vsnprintf(line, sizeof line, format, arguments);
+    const auto size = static_cast<std::uint32_t>(vsnprintf(line, sizeof line, format, arguments));
     va_end(arguments);
-    const int log = gRealOpen(gOrders.log, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, mode_t{0600});
-    if (log >= 0) {
-        [[maybe_unused]] const ssize_t written = gRealWrite(log, line, static_cast<std::size_t>(size));
-        gRealClose(log);
-    }
-    pthread_setcancelstate(cancelling, nullptr);
+    const std::uint32_t at = gLog->used.fetch_add(size);
+    if (at + size <= sizeof gLog->text)
+        memcpy(gLog->text + at, line, size);
     errno = error;
+}
+
+// Null when that is no event log.
+bench::EventLog *MapLog(const char *path)
+{
+    const int fd = gRealOpen(path, O_RDWR | O_CLOEXEC, mode_t{0});
+    if (fd < 0)
+        return nullptr;
+    void *log = mmap(nullptr, sizeof(bench::EventLog), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    gRealClose(fd);
+    return log == MAP_FAILED ? nullptr : static_cast<bench::EventLog *>(log);
 }
 
 // The text stays where it is for the life of the process. "" without that variable.
@@ -127,11 +137,14 @@ long PortNumber(const char *name, int port)
 
 [[gnu::constructor]] void ReadOrders()
 {
-    gOrders.log = Variable(bench::kPreloadLog);
-    if (gOrders.log[0] == '\0')
+    const char *log = Variable(bench::kPreloadLog);
+    gLog = log[0] != '\0' ? MapLog(log) : nullptr;
+    if (gLog == nullptr)
         return;
     gOrders.relay = Variable(bench::kPreloadRelay);
     gOrders.opt = Variable(bench::kPreloadOpt);
+    gOrders.halfRead = strtol(Variable(bench::kPreloadHalfRead), nullptr, 10);
+    gOrders.halfWrite = strtol(Variable(bench::kPreloadHalfWrite), nullptr, 10);
     gOrders.waitDivisor = strtol(Variable(bench::kPreloadWaitDivisor), nullptr, 10);
     if (gOrders.waitDivisor < 1)
         gOrders.waitDivisor = 1;
@@ -318,8 +331,16 @@ extern "C" int close(int fd)
     return gRealClose(fd);
 }
 
+extern "C" ssize_t read(int fd, void *data, std::size_t size)
+{
+    const bool half = gOrders.on && ++gReads == gOrders.halfRead;
+    return gRealRead(fd, data, half ? size / 2 : size);
+}
+
 extern "C" ssize_t write(int fd, const void *data, std::size_t size)
 {
+    if (gOrders.on && ++gWrites == gOrders.halfWrite)
+        size /= 2;
     const int port = PortOfDescriptor(fd);
     if (port < 0)
         return gRealWrite(fd, data, size);

@@ -2,7 +2,7 @@
 // loaded. Without HALDENBENCH_LOG it changes nothing. <N> is the number in "/dev/fpgaserial<N>",
 // 0 to 9; ordinals count from 1, per port and over the whole process.
 //
-//   HALDENBENCH_LOG           file to which one line per event is appended:
+//   HALDENBENCH_LOG           file that holds an EventLog, to which one line per event is appended:
 //                               open <N> | open <N> refused | close <N>
 //                               open relay | open relay refused      (the command relay)
 //                               config <N>: mask <n> baud <n> parity <n> stop <n> flow <n> data <n>
@@ -17,14 +17,26 @@
 //   HALDENBENCH_REQUEST<N>    the driver request of this ordinal is refused (EIO)
 //   HALDENBENCH_WRITE<N>      the write of this ordinal is refused (EIO); with ":<bytes>" behind the
 //                             ordinal it writes no more than that instead
+//   HALDENBENCH_HALFREAD, HALDENBENCH_HALFWRITE
+//                             the read or write of this ordinal, of any descriptor, gets half its size
 //   HALDENBENCH_BAUD<N>       a write returns when a line of that speed has carried it (11 bits a byte),
 //                             although a pseudo-terminal would take some 12 KiB at once
 //   HALDENBENCH_WAIT_DIVISOR  the main thread's waits without descriptors last only this part of
 //                             the time asked for
 #pragma once
 
+#include <atomic>
+#include <cstdint>
+
 namespace bench
 {
+
+// What the bench makes and the preload library maps: a line costs no system call, so that the calls that
+// a program makes are its own. Lines that do not fit are lost.
+struct EventLog {
+    std::atomic<std::uint32_t> used; // characters of text; what is beyond the end counts as well
+    char text[1 << 20];
+};
 
 constexpr char kPreloadLog[] = "HALDENBENCH_LOG";
 constexpr char kPreloadPort[] = "HALDENBENCH_PORT";
@@ -33,6 +45,8 @@ constexpr char kPreloadOpt[] = "HALDENBENCH_OPT";
 constexpr char kPreloadOpens[] = "HALDENBENCH_OPENS";
 constexpr char kPreloadRequest[] = "HALDENBENCH_REQUEST";
 constexpr char kPreloadWrite[] = "HALDENBENCH_WRITE";
+constexpr char kPreloadHalfRead[] = "HALDENBENCH_HALFREAD";
+constexpr char kPreloadHalfWrite[] = "HALDENBENCH_HALFWRITE";
 constexpr char kPreloadBaud[] = "HALDENBENCH_BAUD";
 constexpr char kPreloadWaitDivisor[] = "HALDENBENCH_WAIT_DIVISOR";
 

@@ -2,8 +2,10 @@
 
 #include "bench/preload.h"
 
+#include <algorithm>
 #include <array>
 #include <csignal>
+#include <cstddef>
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
@@ -27,14 +29,35 @@ class Sink
 public:
     Sink() : fd_(Checked(memfd_create("haldenbench", MFD_CLOEXEC), "memfd")) {}
     int fd() const { return fd_.get(); }
-    // Where another process finds it.
-    std::string Path() const { return Format("/proc/%d/fd/%d", static_cast<int>(getpid()), fd_.get()); }
     std::string Text() const
     {
         struct stat status = {};
         Checked(fstat(fd_.get(), &status), "memfd");
         std::string text(static_cast<std::size_t>(status.st_size), '\0');
         Checked(static_cast<int>(pread(fd_.get(), text.data(), text.size(), 0)), "memfd");
+        return text;
+    }
+
+private:
+    Descriptor fd_;
+};
+
+// The events that the preload library notes.
+class Events
+{
+public:
+    Events() : fd_(Checked(memfd_create("haldenbench", MFD_CLOEXEC), "memfd"))
+    {
+        Checked(ftruncate(fd_.get(), sizeof(EventLog)), "memfd");
+    }
+    // Where another process finds them.
+    std::string Path() const { return Format("/proc/%d/fd/%d", static_cast<int>(getpid()), fd_.get()); }
+    std::string Text() const
+    {
+        std::uint32_t used = 0;
+        Checked(static_cast<int>(pread(fd_.get(), &used, sizeof used, offsetof(EventLog, used))), "memfd");
+        std::string text(std::min<std::size_t>(used, sizeof(EventLog::text)), '\0');
+        Checked(static_cast<int>(pread(fd_.get(), text.data(), text.size(), offsetof(EventLog, text))), "memfd");
         return text;
     }
 
@@ -85,12 +108,12 @@ void AddPort(std::map<std::string, std::string> &environment, int number, const 
         std::to_string(port.cutWrite) + (port.cutTo < 0 ? "" : ":" + std::to_string(port.cutTo));
 }
 
-std::vector<std::string> Environment(const RunOptions &options, const Sink &log)
+std::vector<std::string> Environment(const RunOptions &options, const Events &events)
 {
     std::map<std::string, std::string> environment = options.environment;
     if (!options.preload.empty()) {
         environment["LD_PRELOAD"] = std::filesystem::absolute(options.preload);
-        environment[kPreloadLog] = log.Path();
+        environment[kPreloadLog] = events.Path();
         environment[kPreloadWaitDivisor] = std::to_string(options.waitDivisor);
         if (!options.configuration.empty())
             environment[kPreloadOpt] = std::filesystem::absolute(options.configuration);
@@ -231,7 +254,8 @@ void Reap(pid_t pid, RunResult &result)
 RunResult Run(const RunOptions &options)
 {
     RunResult result;
-    const Sink output, errors, log;
+    const Sink output, errors;
+    const Events events;
     std::unique_ptr<ProgressReader> reader;
     if (!options.fifo.empty())
         reader =
@@ -240,7 +264,7 @@ RunResult Run(const RunOptions &options)
         const StartedLines lines(options.ports);
         const Preparations preparations(options, output, errors);
         const auto begin = Line::Clock::now();
-        const pid_t pid = Spawn(options, preparations, Environment(options, log));
+        const pid_t pid = Spawn(options, preparations, Environment(options, events));
         Await(pid, options, result);
         result.seconds = std::chrono::duration<double>(Line::Clock::now() - begin).count();
         Reap(pid, result);
@@ -249,7 +273,7 @@ RunResult Run(const RunOptions &options)
         result.progress = reader->Finish();
     result.output = output.Text();
     result.errors = errors.Text();
-    result.events = Lines(log.Text());
+    result.events = Lines(events.Text());
     return result;
 }
 
