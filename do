@@ -7,6 +7,7 @@ readonly build_packages="g++ cmake ninja-build"
 readonly test_packages="$build_packages libgtest-dev"
 readonly bench_packages="$build_packages libbenchmark-dev libspdlog-dev valgrind strace python3 binutils"
 readonly lint_packages="$test_packages libbenchmark-dev libspdlog-dev clang clang-tidy clang-format cppcheck mandoc"
+readonly board_packages="$test_packages g++-powerpc-linux-gnu googletest linux-source-6.1 qemu-system-ppc qemu-user-static make flex bison bc xz-utils dpkg-dev python3 binutils"
 readonly fuzz_packages="$build_packages clang libclang-rt-dev llvm"
 jobs=$(nproc)
 
@@ -15,9 +16,13 @@ usage() {
 usage: ./do COMMAND
 
   setup            install everything that the other commands need (Debian 12, root or sudo)
-  build [PRESET]   build into build/PRESET: default, clang, asan, tsan
+  build [PRESET]   build into build/PRESET: default, clang, asan, tsan, powerpc
   test [PRESET]    build and run the whole suite
   demo             flash a virtual microcontroller and camera with the binary that ships
+  board            run the whole suite on an emulated board; "board shell" gives a prompt there,
+                   "board run -- haldenflash ..." runs one command
+  footprint        what the board pays: sizes, memory, system calls; writes docs/footprint.md
+  package          static binary, archive, Debian package and bill of materials in build/package/
   fuzz [SECONDS]   run each fuzz target that long, 60 if not said
   bench            speed and size, with the bars they have to meet
   lint             both compilers without a warning, clang-format, clang-tidy, cppcheck, manual page
@@ -48,6 +53,7 @@ need() {
 build() {
     local preset=${1:-default}
     need $build_packages
+    [ "$preset" != powerpc ] || need $board_packages
     cmake --preset "$preset" >/dev/null || die "no such preset, or the configuration failed: $preset"
     cmake --build "build/$preset" -j "$jobs" "${@:2}"
 }
@@ -134,6 +140,21 @@ bench)
     need $bench_packages
     build default
     exec benchmarks/run
+    ;;
+board)
+    shift
+    build powerpc
+    [ $# -gt 0 ] || build default # to compare with
+    exec target/board "$@"
+    ;;
+footprint)
+    build powerpc
+    exec target/footprint
+    ;;
+package)
+    build powerpc --target haldenflash-static
+    build default
+    exec packaging/package build/powerpc build/default
     ;;
 lint) lint ;;
 format)

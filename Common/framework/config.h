@@ -2,11 +2,11 @@
 // front of the files of the configuration store.
 //
 // Names:   compared and stored in lower case; at most 32 characters count, the rest is dropped. A name
-//          that is empty or has a "/" in it can neither be written nor found.
+//          that is empty or has a "/" or a control character in it can neither be written nor found.
 // Values:  at most 370 characters, the rest is dropped. Only the first line reaches the file, and only
-//          369 characters of it come back after a restart.
-//          A value of several lines is whole in the cache until then. Instances below 1 have one file
-//          and a cache entry each, and so have instance 1 of "a" and instance 0 of "a1".
+//          369 characters of it come back after a restart. Until then the cache has the whole.
+// Files:   instances below 1 have one file, and a cache entry each, and so have instance 1 of "a" and
+//          instance 0 of "a1".
 // Start:   the first call of any kind starts the database, safely from several tasks at once.
 // Locking: any task may call, with neither the interrupt lock nor another lock of the run-time held.
 //          configSemaphore guards the cache; a second one, taken first, lets one change through at a
@@ -18,8 +18,6 @@
 
 #include "Common/framework/configstore.h"
 #include "Common/framework/mod.h"
-
-constexpr std::size_t kConfigValueSize = 371; // with the terminator: what a value buffer has to hold
 
 constexpr UInt32 kConfigCacheOnly = 1; // ConfigWriteEx: the value is not to reach the store
 
@@ -116,8 +114,8 @@ ConfigItemT *AddItemToCache(const char *pName, UInt32 instance, const char *pVal
 // The cached item, or null.
 ConfigItemT *LookupItemInCache(const char *pName, Int32 instance);
 
-// Takes an item out of the cache and leaves its file. An item with callbacks stays, with an empty value.
-// Logs nothing. Returns kNoError, kItemNotFound or kSemUnavail.
+// Takes an item out of the cache and leaves its file. An item that has or once had callbacks stays, with an
+// empty value. Logs nothing. Returns kNoError, kItemNotFound or kSemUnavail.
 eErrorT DeleteItemFromCache(const char *pName, Int32 instance);
 
 // 1 when the item has that name, ignoring case, and that instance, else 0.

@@ -7,7 +7,9 @@
 #include "Common/OS/logmsg.h"
 #include "Common/OS/osassert.h"
 
+#include <algorithm>
 #include <atomic>
+#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <sys/stat.h>
@@ -238,7 +240,9 @@ void ConfigStoreSyncTask(UInt32, UInt32, UInt32, UInt32)
 bool ConfigStoreIsValidName(const char *name)
 {
     const std::size_t length = strnlen(name, kConfigNameSize);
-    return length > 0 && length < kConfigNameSize && std::memchr(name, '/', length) == nullptr;
+    return length > 0 && length < kConfigNameSize && std::all_of(name, name + length, [](char c) {
+               return c != '/' && std::iscntrl(static_cast<UInt8>(c)) == 0;
+           });
 }
 
 char *ConfigGetDatFileName(const char *name, Int32 instance, char *path)
@@ -269,6 +273,9 @@ eErrorT ConfigStoreRead(const char *name, Int32 instance, char *s, UInt32 len)
     os_assert(name, "pName");
     os_assert(s, "s");
     os_assert(len, "len");
+    s[0] = '\0';
+    if (!ConfigStoreIsValidName(name))
+        return kBadParameter;
     if (IsMaster()) {
         const eErrorT result = ReadFirstLine(ConfigGetDatFileName, name, instance, s, len);
         return result == kNoError ? kNoError : ReadFirstLine(ConfigGetChoiceFileName, name, instance, s, len);
@@ -284,9 +291,13 @@ eErrorT ConfigStoreChoiceRead(const char *name, Int32 instance, char *s, UInt32 
 
 eErrorT ConfigStoreWrite(const char *name, Int32 instance, const char *value)
 {
+    if (!ConfigStoreIsValidName(name))
+        return kBadParameter;
     if (!IsMaster()) {
-        char command[kCommandSize];
-        std::snprintf(command, sizeof command, "%s %s %d \"%s\" rw file notify", "config", name, instance, value);
+        char line[kConfigValueSize], command[kCommandSize];
+        std::snprintf(line, sizeof line, "%s", value);
+        CutLine(line); // what follows would be a command of its own
+        std::snprintf(command, sizeof command, "%s %s %d \"%s\" rw file notify", "config", name, instance, line);
         RemMsgSendCmd(command, nullptr, nullptr);
         return kNoError;
     }

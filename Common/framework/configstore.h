@@ -6,9 +6,9 @@
 // one line feed; only its first line is ever read back. A task "csyn" flushes the file systems some
 // seconds after the last write.
 //
-// Names:   lower case, 1 to 32 characters, no "/": any other name has no file, so that no item reaches
-//          out of its folder. Instances below 1 share the file without a number, and item "a1" has the
-//          same file as instance 1 of "a".
+// Names:   lower case, 1 to 32 characters, no "/" and no control character: any other name has no file,
+//          so that no item reaches out of its folder, or the message path's line. Instances below 1 share the file
+//          without a number, and item "a1" has the same file as instance 1 of "a".
 // Locking: none: files are opened and closed within each call. Two tasks must not write the same item
 //          at the same time.
 #pragma once
@@ -18,8 +18,9 @@
 
 #include <cstdio>
 
-constexpr std::size_t kConfigNameSize = 33; // with the terminator
-constexpr std::size_t kConfigPathSize = 96; // what a path of the store fits in
+constexpr std::size_t kConfigNameSize = 33;   // with the terminator
+constexpr std::size_t kConfigValueSize = 371; // likewise: what a value buffer has to hold
+constexpr std::size_t kConfigPathSize = 96;   // what a path of the store fits in
 
 // Chooses the folders, once in a process, and starts the flush task, on every call. A folder that is
 // not there stops the program.
@@ -77,8 +78,8 @@ struct ConfigFileT {
 // Open the item's dat file, or else its choice file. kNoError, or kBadParameter with nothing open.
 eErrorT ConfigStoreReadOpen(const char *name, Int32 instance, ConfigFileT *pFile);
 
-// The next line without its line feed and carriage return, at most len - 1 characters of it; a longer
-// one goes on in the next call. kNoError, or kEndOfFile with s empty.
+// The next line without its line feed and carriage return, at most len - 1 characters of it (len: 2 or
+// more); a longer one goes on in the next call. kNoError, or kEndOfFile with s empty.
 eErrorT ConfigStoreReadGetLine(ConfigFileT *pFile, char *s, UInt32 len);
 void ConfigStoreReadClose(ConfigFileT *pFile);
 
