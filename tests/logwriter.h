@@ -18,6 +18,7 @@ public:
         std::fflush(stdout);
         dup2(fileno(file_), STDOUT_FILENO);
         loginfo("test", "dropped: there is no writer yet\n"); // reads the settings
+        logmsg_cullfilter_add("task:csyn");                   // starts with it, and reports when it likes
         logmsg_set_format(format);
         InitSyslogInterface();
         Until("task:logw"); // the writer's first line is about itself
