@@ -7,7 +7,10 @@ readonly build_packages="g++ cmake ninja-build"
 readonly test_packages="$build_packages libgtest-dev"
 readonly bench_packages="$build_packages libbenchmark-dev libspdlog-dev valgrind strace python3 binutils"
 readonly lint_packages="$test_packages libbenchmark-dev libspdlog-dev clang clang-tidy clang-format cppcheck mandoc"
-readonly board_packages="$test_packages g++-powerpc-linux-gnu googletest linux-source-6.1 qemu-system-ppc qemu-user-static make flex bison bc xz-utils dpkg-dev python3 binutils"
+readonly cross_packages="$test_packages g++-powerpc-linux-gnu googletest python3"
+readonly board_packages="$cross_packages linux-source-6.1 qemu-system-ppc make flex bison bc xz-utils dpkg-dev"
+readonly footprint_packages="$board_packages qemu-user-static"
+readonly package_packages="$cross_packages dpkg-dev binutils"
 readonly fuzz_packages="$build_packages clang libclang-rt-dev llvm"
 jobs=$(nproc)
 
@@ -53,7 +56,7 @@ need() {
 build() {
     local preset=${1:-default}
     need $build_packages
-    [ "$preset" != powerpc ] || need $board_packages
+    [ "$preset" != powerpc ] || need $cross_packages
     cmake --preset "$preset" >/dev/null || die "no such preset, or the configuration failed: $preset"
     cmake --build "build/$preset" -j "$jobs" "${@:2}"
 }
@@ -131,7 +134,7 @@ lint() {
 
 case ${1:-} in
 "") usage ;;
-setup) need $test_packages $bench_packages $lint_packages $fuzz_packages ;;
+setup) need $test_packages $bench_packages $lint_packages $fuzz_packages $footprint_packages $package_packages ;;
 build) build "${2:-}" ;;
 test) run_tests "${2:-}" ;;
 demo) demo ;;
@@ -143,15 +146,18 @@ bench)
     ;;
 board)
     shift
+    need $board_packages
     build powerpc
     [ $# -gt 0 ] || build default # to compare with
     exec target/board "$@"
     ;;
 footprint)
+    need $footprint_packages
     build powerpc
     exec target/footprint
     ;;
 package)
+    need $package_packages
     build powerpc --target haldenflash-static
     build default
     exec packaging/package build/powerpc build/default
