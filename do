@@ -128,7 +128,9 @@ lint() {
     for page in docs/*.1; do
         mandoc -Tlint -Wwarning "$page"
     done
-    bash -n do .ci/run
+    for script in do .ci/run target/board packaging/package; do
+        bash -n "$script"
+    done
     echo "lint: clean"
 }
 
