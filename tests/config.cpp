@@ -1,0 +1,113 @@
+#include "Common/framework/config.h"
+#include "tests/folders.h"
+#include "tests/logwriter.h"
+
+#include <csignal>
+#include <sys/resource.h>
+
+namespace
+{
+
+using namespace std::string_literals;
+
+std::string Read(const std::string &name, Int32 instance = 0)
+{
+    char value[kConfigValueSize];
+    const eErrorT result = ConfigRead(name.c_str(), instance, value);
+    return result == kNoError ? value : std::to_string(result) + value;
+}
+
+TEST(Config, KeepsItemsInCacheAndStore)
+{
+    const ConfigFolders folders;
+    EXPECT_DEATH(ConfigRead(nullptr, 0, nullptr), "failed: pName,");
+    EXPECT_DEATH(ConfigRead("a", 0, nullptr), "failed: value,");
+    loginfo("test", "x\n"); // the first line reads its settings, and ConfigExit must not meet that
+    const std::string longest(32, 'n'), x(5000, 'x');
+    for (const auto &[text, value] : {std::pair{"", ""}, {"first", "first"}, {"second", "first"}}) {
+        folders.Put("dat/item.dat", text);
+        EXPECT_EQ(Read("Item"), value);
+    }
+    EXPECT_FALSE(ConfigWriteCacheOnly("item", 0, "cached") || ConfigWrite("item", 0, "cached"));
+    EXPECT_EQ(Read("item") + folders.Get("dat/item.dat"), "cachedsecond");
+    EXPECT_EQ(ConfigWrite((longest + "more").c_str(), 2, x.c_str()), kNoError);
+    EXPECT_EQ(Read(longest, 2) + folders.Get("dat/" + longest + "2.dat"), x.substr(0, 740) + "\n");
+    ConfigExit();
+    EXPECT_EQ(Read("item") + Read(longest + "MORE", 2), "second" + x.substr(0, 369));
+    folders.Put("choice/item.choice", "default");
+    EXPECT_FALSE(ConfigWrite("item", 0, "mine") || ConfigRestore("ITEM", 0));
+    EXPECT_EQ(Read("item") + folders.Get("dat/item.dat"), "defaultdefault\n");
+    std::signal(SIGXFSZ, SIG_IGN);
+    const rlimit full = {300, RLIM_INFINITY}, empty = {RLIM_INFINITY, RLIM_INFINITY};
+    std::filesystem::create_directory("../dat/folder.dat");
+    testing::internal::CaptureStderr();
+    setrlimit(RLIMIT_FSIZE, &full);
+    EXPECT_TRUE(ConfigWrite("item", 0, x.c_str()) == kBadParameter && ConfigWrite("folder", 0, "v") == kBadParameter);
+    setrlimit(RLIMIT_FSIZE, &empty);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "ConfigStoreWrite: fwrite: File too large\nConfigStoreWrite: fopen: Is a directory\n");
+    EXPECT_EQ(Read("item") + Read("folder") + folders.Get("dat/item.dat"), "default-25default\n");
+    EXPECT_TRUE(ConfigWrite("item", 0, "new") == kNoError && folders.Get("dat/item.dat") == "new\n");
+    EXPECT_EQ(ConfigDelete("item", 0) + ConfigDelete("item", 0), kItemNotFound);
+    EXPECT_EQ(Read("item") + folders.Get("dat/item.dat"), "defaultmissing");
+}
+
+TEST(Config, ReadsAndWritesNumbers)
+{
+    const ConfigFolders folders;
+    const auto get = [](auto call, auto value) { return call("n", 0, &value), "|" + std::to_string(value); };
+    for (const std::string row : // 9 is what was there before
+         {"-32768|-32768|-32768|0", "32768|32768|9|0", "2147483648|9|9|0", "1x|9|9|0", "|9|9|0", "tRUE|9|9|1"}) {
+        ConfigWrite("n", 0, row.substr(0, row.find('|')).c_str());
+        EXPECT_EQ(Read("n") + get(ConfigReadInt32, 9) + get(ConfigReadInt16, Int16{9}) + get(ConfigReadBool, 9u), row);
+    }
+    EXPECT_EQ(ConfigWriteInt32("a", 0, INT32_MIN) + ConfigWriteBool("b", 0, 2) + ConfigWrite3("c", 1, -2, 3, "v"), 0);
+    EXPECT_EQ(Read("a") + Read("b") + Read("c1_-2_3"), "-2147483648Truev");
+}
+
+void Tell(ModT *pMod, UInt32, void *userDefined, void *pArgs)
+{
+    const auto &change = *static_cast<const ConfigNotifyT *>(pArgs);
+    loginfo(ModName(pMod), "%s %s %s[%u] %u %.4s %s\n", static_cast<const char *>(userDefined), task_name(t_name(0)),
+            change.name, change.instance, change.flags, change.access, change.value);
+}
+
+TEST(Config, LogsChangesAndNotifiesTheTasksThatAsked)
+{
+    const ConfigFolders folders;
+    LogWriter writer(0);
+    syslogSetLogLevel(kLogInfo);
+    std::istringstream secrets(
+        "sw roomsw websw userpassword0 meetingpassword sippassword softwareupdatepassword mppassword dot1xpwd "
+        "ldappassword loginpassword norteldirectoryurlsp9 globaldirectoryurlsp xmpppassword yahoopassword "
+        "pwencryptiontyperemote pwencryptiontyperoom pwencryptiontypeuser0 pwencryptiontypemeeting");
+    for (std::string name; secrets >> name;)
+        EXPECT_EQ(ConfigWrite(name.c_str(), 1, "secret"), kNoError);
+    ConfigDumpAll();
+    const std::string shown = writer.Drained();
+    EXPECT_TRUE(shown.find("\nsw[1] ") != shown.npos && shown.find("secret") == shown.npos) << shown;
+    char own[] = "own", all[] = "all", given[] = "given";
+    EXPECT_EQ(ConfigAddImmediateCallback("item", 3, Tell, all), kNoError);
+    ConfigWrite("item", 3, "by no task");
+    t_attach("here", 10);
+    EXPECT_EQ(ConfigAddCallback("Item", 3, Tell, own), kNoError);
+    std::thread([&, here = t_name(0)] {
+        t_attach("away", 10);
+        EXPECT_EQ(ConfigAddCallbackEx("item", 3, Tell, given, kModOnTask, here), kNoError);
+        ModAddCallback(getConfigModule(), 0, Tell, all, 0);
+        ConfigDelete("ITEM", 3);
+        for (const char *value : {"%d", "%d"})
+            ConfigWriteEx("Item", 3, value, "rwxyz", kConfigCacheOnly);
+    }).join();
+    UInt32 events = 0;
+    EXPECT_EQ(ev_receive(0x10, kEvNoWait, 0, &events), 0u);
+    ModProcessDeferredCallbacks();
+    EXPECT_EQ(writer.Drained(),
+              "pc[0]: config: item[3]:by no task\n"
+              "pc[0]: config: delete item[3]\npc[0]: config: item[3]:%d\n"
+              "pc[0]: item[3]: all away item[3] 1 rwxy %d\npc[0]: Config[0]: all away item[3] 1 rwxy %d\n"
+              "pc[0]: item[3]: own here item[3] 1 rwxy %d\npc[0]: item[3]: given here item[3] 1 rwxy %d\n");
+    EXPECT_EQ(ConfigDeleteCallback("ITEM", 3, Tell, own) + ConfigDeleteCallback("ITEM", 3, Tell, own), kItemNotFound);
+}
+
+} // namespace
