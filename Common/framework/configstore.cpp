@@ -189,7 +189,7 @@ void RemoteRead(const char *name, Int32 instance, char *s, UInt32 len)
     if (len == 1) // a width of 0 would not be a width
         return;
     char format[32];
-    std::snprintf(format, sizeof format, "%%*s %%*s %%*d %%%ds", len - 1);
+    std::snprintf(format, sizeof format, "%%*s %%*s %%*d %%%ds", static_cast<Int32>(len - 1));
     std::sscanf(command, format, s);
 }
 

@@ -201,17 +201,17 @@ ModCallbackT *FindEntry(const ModT *pMod, const ModCallbackT &wanted)
 ModCallbackT *FreeEntry(ModT *pMod)
 {
     const Int32 count = pMod->numCallbacks;
+    const Int32 grown = count + kCallbackStep;
     ModCallbackT *pEnd = pMod->pCallbacks + count;
     ModCallbackT *pFree =
         std::find_if(pMod->pCallbacks, pEnd, [](const ModCallbackT &entry) { return entry.pFunc == nullptr; });
     if (pFree != pEnd)
         return pFree;
-    auto *pGrown =
-        static_cast<ModCallbackT *>(std::calloc(static_cast<std::size_t>(count + kCallbackStep), sizeof(ModCallbackT)));
+    auto *pGrown = static_cast<ModCallbackT *>(std::calloc(static_cast<std::size_t>(grown), sizeof(ModCallbackT)));
     if (pGrown == nullptr)
         return nullptr;
     std::copy(pMod->pCallbacks, pEnd, pGrown);
-    SetArray(pMod, pGrown, count + kCallbackStep);
+    SetArray(pMod, pGrown, grown);
     return pGrown + count;
 }
 
@@ -369,7 +369,7 @@ OldestT OldestOf(UInt32 taskID, UInt32 time)
         if (const ModDeferredCallbackT *pOldest = AsCallback(ListFirstElement(gPendDeferredCallbackList))) {
             const OldestT oldest = OldestOf(pOldest->callback.destTaskID, pOldest->time);
             std::printf("ERROR, task %4.4s has not responded to deferred callbacks for %dmS\n", oldest.name,
-                        oldest.waited);
+                        static_cast<Int32>(oldest.waited));
         }
     }
     osTaskDump();
@@ -576,7 +576,8 @@ eErrorT ModDump(ModT *pMod, Int32 verbose)
     for (Int32 i = 0; CopyEntry(pMod, i, &entry) != nullptr; i++) {
         if (entry.pFunc == nullptr)
             continue;
-        std::printf("%s%d:0x%x ", any ? "" : "  callbacks: ", entry.funcIndex, AddressWord(entry.pFunc));
+        std::printf("%s%d:0x%x ", any ? "" : "  callbacks: ", static_cast<Int32>(entry.funcIndex),
+                    AddressWord(entry.pFunc));
         any = true;
     }
     if (any)
