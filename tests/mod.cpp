@@ -1,0 +1,142 @@
+#include "Common/framework/mod.h"
+
+#include "tests/logwriter.h"
+
+namespace
+{
+
+struct Mod : testing::Test { // where tasks end, and the test's own must still find itself
+    void SetUp() override { gLibPThreadNPTL = 1, t_attach("main", 10), ModInit(&mod, "cfg", 3, nullptr); }
+    void TearDown() override { EXPECT_EQ((ModExit(&mod), mod.flags & kModFlagListed), 0u); }
+    ModT mod{}, owner{};
+};
+
+const CallbackFuncPtrT count = [](ModT *, UInt32, void *user, void *) { ++*static_cast<std::atomic<int> *>(user); };
+
+TEST_F(Mod, IsFilledInListedDumpedAndChecked)
+{
+    static ModT mods[4000], &last = mods[3999]; // 3998 have room beside the test's and the configuration's
+    std::memset(&last, 0xFF, sizeof last);
+    const auto kept = [] { return std::tuple(last.CallCallbacks, last.ThrowException, last.SetOwner, last.GetOwner); };
+    const auto presets = kept();
+    for (ModT &each : mods)
+        ModInit(&each, "A23456789012345678901234567890123456789", static_cast<Int32>(&each - mods), nullptr);
+    EXPECT_EQ(std::tuple(kept(), last.Exit, last.Dump, last.processorNum),
+              std::tuple(presets, &ModExit, &ModDump, ~0u));
+    EXPECT_EQ(ModFindByName("a2345678901234567890123456789012", 3998), nullptr);
+    ModExit(ModFindByName("a2345678901234567890123456789012", 3997)); // makes room
+    ModInit(&last, "CFG", INT32_MIN, nullptr);
+    ModAddExceptionHandler(&last, count, nullptr);
+    const char *dump = "Module               address  task flags\n-------------------- -------- ---- -----\n"
+                       "cfg\\[3]               .{8} main  I   \nCFG\\[-2147483648]     .{8} main AI   \n"
+                       "  callbacks: 2147483647:0x.+ \n";
+    testing::internal::CaptureStdout();
+    ModDumpByName("Cfg");
+    EXPECT_TRUE(testing::internal::RE::FullMatch(testing::internal::GetCapturedStdout(), dump));
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto print = [](auto misuse) { dup2(STDERR_FILENO, STDOUT_FILENO), misuse(); };
+    const auto call = [] { ModCallCallbacks(&last, kModExceptionFunc, nullptr, 0); };
+    EXPECT_DEATH(ModTrace(nullptr, "x"), "failed: pMod,");
+    EXPECT_DEATH(ModLog(&mod, kLogInfo, static_cast<char *>(mod.pPrivate), 0), "failed: format,");
+    EXPECT_DEATH(ModAddCallback(&mod, 1, nullptr, nullptr, 0), "failed: pFunc,");
+    EXPECT_DEATH(print([&] { last.initializedSig++, call(); }), "ERROR, bad module ptr 0x.*\n.*failed: 0,");
+    EXPECT_DEATH((last.pCallbacks->destTaskID = 0, call()), "failed: destTaskID,");
+    t_create("dest", 10, 0, 0, 0, &last.pCallbacks->destTaskID);
+    for (int i = 0; i < 256; i++)
+        call();
+    EXPECT_DEATH(print(call), "ERROR, task dest has not responded to deferred callbacks for [0-9]+mS\n.*failed: 0,");
+}
+
+TEST_F(Mod, LogLinesAndDeferredFunctions)
+{
+    LogWriter writer(kLogFormatLevel);
+    ModInit(&owner, "%s", 0, nullptr);
+    ModLog(&mod, kLogError, "%d\n", mod.SetOwner(&mod, &owner));
+    mod.flags |= kModFlagLogOwner;
+    ModLog(&mod, kLogError, "%d\n", ModTraceFilterDelete("cfg"));
+    for (const char *name : {"CFG", "b", "c", "d", "e", "f", "g", "h", "i", "j"})
+        EXPECT_EQ(ModTraceFilterAdd(name), kNoError);
+    mod.ThrowException(&mod, 0, "why", nullptr, 0);
+    ModLog(&mod, kLogError, "%d\n", ModTraceFilterAdd("x"));
+    ModLog(&mod, kLogError, "%d\n", ModTraceFilterDelete("Cfg")), ModTrace(&mod, "\n"); // both dropped
+    ModLog(&mod, kLogError, "%d\n", ModTraceFilterDelete("*"));
+    EXPECT_EQ(writer.Drained(),
+              "ERROR pc[0]: cfg[3]: 0\nWARN  pc[0]: MOD: can't delete trace filter, name not found\n"
+              "ERROR pc[0]: %s[0].cfg[3]: -3\nDEBUG pc[0]: %s[0].cfg[3]: exception:Mod Fatal Exception (why)\n"
+              "WARN  pc[0]: MOD: can't add trace, out of filter entries\nERROR pc[0]: %s[0].cfg[3]: -2\n"
+              "ERROR pc[0]: %s[0].cfg[3]: 0\n");
+    static std::string ran, expected;
+    const DeferredFuncPtrT note = [](void *pArgs, Int32 argLen) { ran += static_cast<char *>(pArgs)[argLen - 1]; };
+    EXPECT_EQ(ModDeferFunctionCall(t_name(0), note, nullptr, kModMaxArgs + 1), kBadParameter);
+    EXPECT_EQ(ModDeferFunctionCall(64, note, nullptr, 0), kItemNotFound);
+    for (char c = 0; ModDeferFunctionCall(0, note, &c, 1) == kNoError; c++)
+        expected += c;
+    const char *lines = "WARN  pc\\[0]: MOD: can't defer function call to task \\?{4}, it doesn't exist\n"
+                        "WARN  pc\\[0]: MOD: can't defer function call from main to task main func 0x[0-9a-f]+, "
+                        "out of deferred function blocks\n"
+                        "WARN  pc\\[0]: MOD: task main has not responded to deferred func calls for [0-9]+mS\n";
+    const std::string text = writer.Drained();
+    EXPECT_TRUE(testing::internal::RE::FullMatch(text, lines)) << text;
+    EXPECT_EQ(ModSearchDeferredFunction(64, note), kItemNotFound);
+    EXPECT_EQ(ModSearchDeferredFunction(t_name(0), note), kNoError);
+    ModProcessDeferredFunctions();
+    EXPECT_EQ(ran, expected);
+    DeferredFuncStatsT stats{};
+    EXPECT_EQ((ModGetDeferredFunctionStats(t_name(0), &stats), stats.runCount), 384u);
+}
+
+std::string calls, names = "abcdefghijklmXY."; // the callbacks that ran, and those that there are
+
+void Do(ModT *pMod, const std::string &script) // steps of two letters: what to do, and with which callback
+{
+    const CallbackFuncPtrT note = [](ModT *pCalled, UInt32, void *user, void *pArgs) {
+        EXPECT_EQ(std::string(static_cast<char *>(pArgs), kModMaxArgs), std::string(kModMaxArgs, 'x'));
+        calls += *static_cast<char *>(user);
+        Do(pCalled, calls.back() == 'X' ? "-b-X+d+e+f+g+h+i+j+k+l+m" : calls.back() == 'Y' ? "*." : "");
+    };
+    for (UInt32 i = 0, events = 0; i < script.size(); i += 2) {
+        char step = script[i], *user = &names[names.find(script[i + 1])];
+        EXPECT_EQ(kNoError, step == '+'   ? ModAddCallback(pMod, 1, note, user, 0)
+                            : step == '&' ? ModAddCallback(pMod, 1, note, user, kModOnTask)
+                            : step == '-' ? ModDeleteCallback(pMod, 1, note, user)
+                            : step == '*' ? ModDeleteAllCallbacks(pMod)
+                            : step == 'C' ? ModCallCallbacks(pMod, 1, std::string(3000, 'x').data(), 3000)
+                            : step == 'E' ? static_cast<eErrorT>(ev_receive(kModDeferredEvent, kEvNoWait, 0, &events))
+                            : step == 'P' ? (ModProcessDeferredCallbacks(), kNoError)
+                                          : (StartTask("othr", [=] { Do(pMod, "C.P."); }),
+                                             Eventually([] { return NumTasks() == 1; }), kNoError));
+    }
+}
+
+TEST_F(Mod, CallbacksRunInOrderWhereTheyBelong)
+{
+    const auto ran = [this](const char *script) { return calls.clear(), Do(&mod, script), calls; };
+    EXPECT_EQ(ran("C.+a+b+a&bC.-a+c+XC.C."), "abcbXfghijklmcdefghijklm");
+    EXPECT_EQ(ran("*.+a+Y+bC."), "aY");
+    EXPECT_EQ(ran("&a&b+cC.&dO.O.-bP.P."), "abcccadad");
+    for (int i = 0; i < 90; i++) // more blocks than there are
+        EXPECT_EQ(ran("*.&a&bO.E.*.&aP.O.-aP.+a"), "");
+    std::thread([this] { EXPECT_EQ(ModCallCallbacks(&mod, 1, nullptr, 0), kItemNotFound); }).join();
+}
+
+TEST_F(Mod, CallbacksBalanceWhileTasksAddAndDeleteThem)
+{
+    std::atomic<int> ran{0};
+    ModAddCallback(&mod, 1, count, &ran, 0), ModAddExceptionHandler(&mod, count, &ran);
+    ModDeleteCallback(&mod, 1, count, &ran); // the handler is not in front of what the tasks change
+    ModAddCallbackToTask(&mod, kModExceptionFunc, count, nullptr, kModOnTask, 64); // there is no such task
+    for (int round = 1; round <= 50; round++) {
+        for (const UInt32 first : {1000u, 2000u, 3000u})
+            StartTask("work", [this, first, &ran] {
+                for (UInt32 i = first; i < first + 80; i++) {
+                    ModAddCallback(&mod, i, count, &ran, 0);
+                    ModCallCallbacks(&mod, i, nullptr, 0);
+                    ModThrowException(&mod, 0, "", nullptr, 0);
+                    EXPECT_EQ(ModDeleteCallback(&mod, i - 40, count, &ran), i < first + 40 ? kItemNotFound : kNoError);
+                }
+            });
+        EXPECT_TRUE(Eventually([&] { return ModProcessDeferredCallbacks(), NumTasks() == 1 && ran == round * 480; }));
+    }
+}
+
+} // namespace
