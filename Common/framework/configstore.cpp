@@ -50,6 +50,16 @@ void CutLine(char *text)
     text[std::strcspn(text, "\r\n")] = '\0';
 }
 
+// The end of a line that just fitted its buffer is no line of its own.
+void SkipLineEnd(FILE *stream)
+{
+    int next = std::fgetc(stream);
+    if (next == '\r')
+        next = std::fgetc(stream);
+    if (next != '\n' && next != EOF)
+        std::ungetc(next, stream);
+}
+
 // ---- Folders and paths
 
 // Prefers the appliance's own folder.
@@ -349,6 +359,8 @@ eErrorT ConfigStoreReadGetLine(ConfigFileT *pFile, char *s, UInt32 len)
         s[0] = '\0';
         return kEndOfFile;
     }
+    if (std::strchr(s, '\n') == nullptr)
+        SkipLineEnd(pFile->stream);
     CutLine(s);
     return kNoError;
 }
@@ -367,7 +379,8 @@ eErrorT ConfigStoreWriteOpen(const char *name, Int32 instance, ConfigFileT *pFil
     char path[kConfigPathSize + sizeof kNewSuffix];
     ConfigGetDatFileName(name, instance, pFile->path);
     NewPath(pFile, path);
-    pFile->stream = std::fopen(path, "wb");
+    unlink(path); // left over from a process that was killed, or somebody's link to elsewhere
+    pFile->stream = std::fopen(path, "wbx");
     if (pFile->stream == nullptr) {
         std::perror("ConfigStoreWrite: fopen");
         return kBadParameter;
