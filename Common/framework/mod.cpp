@@ -314,7 +314,8 @@ void DropPendingCallbacks(ModT *pMod, ModCallbackT *pCallback)
 bool AppendIfRegistered(ModDeferredCallbackT *pDeferred)
 {
     const SemaphoreHold hold(callbackSemaphore);
-    if (FindEntry(pDeferred->pMod, pDeferred->callback) == nullptr)
+    const ModCallbackT *pEntry = FindEntry(pDeferred->pMod, pDeferred->callback);
+    if (pEntry == nullptr || pEntry->destTaskID != pDeferred->callback.destTaskID)
         return false;
     AppendPending(kCallbackQueue, &pDeferred->list);
     return true;
@@ -745,8 +746,8 @@ eErrorT ModDeleteCallback(ModT *pMod, UInt32 funcIndex, CallbackFuncPtrT pFunc, 
         if (pEntry == nullptr)
             return kItemNotFound;
         SetEntry(pEntry, {});
+        DropPendingCallbacks(pMod, &wanted); // still under the semaphore: a new registration keeps its own
     }
-    DropPendingCallbacks(pMod, &wanted);
     return kNoError;
 }
 
