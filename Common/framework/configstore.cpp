@@ -50,16 +50,6 @@ void CutLine(char *text)
     text[std::strcspn(text, "\r\n")] = '\0';
 }
 
-// The end of a line that just fitted its buffer is no line of its own.
-void SkipLineEnd(FILE *stream)
-{
-    int next = std::fgetc(stream);
-    if (next == '\r')
-        next = std::fgetc(stream);
-    if (next != '\n' && next != EOF)
-        std::ungetc(next, stream);
-}
-
 // ---- Folders and paths
 
 // Prefers the appliance's own folder.
@@ -359,8 +349,6 @@ eErrorT ConfigStoreReadGetLine(ConfigFileT *pFile, char *s, UInt32 len)
         s[0] = '\0';
         return kEndOfFile;
     }
-    if (std::strchr(s, '\n') == nullptr)
-        SkipLineEnd(pFile->stream);
     CutLine(s);
     return kNoError;
 }

@@ -79,7 +79,7 @@ struct ConfigFileT {
 eErrorT ConfigStoreReadOpen(const char *name, Int32 instance, ConfigFileT *pFile);
 
 // The next line without its line feed and carriage return, at most len - 1 characters of it (len: 2 or
-// more); a longer one goes on in the next call. kNoError, or kEndOfFile with s empty.
+// more); a longer one goes on in the next call, if only with its end. kNoError, or kEndOfFile with s empty.
 eErrorT ConfigStoreReadGetLine(ConfigFileT *pFile, char *s, UInt32 len);
 void ConfigStoreReadClose(ConfigFileT *pFile);
 
