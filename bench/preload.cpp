@@ -42,7 +42,6 @@ struct Orders {
     bool on;
     const char *relay, *opt;
     std::int64_t waitDivisor;
-    long halfRead, halfWrite;
     struct {
         const char *path;
         long refusedOpens, refusedRequest, cutWrite;
@@ -52,7 +51,6 @@ struct Orders {
 };
 Orders gOrders;
 bench::EventLog *gLog;
-std::atomic<long> gReads, gWrites;
 
 struct Counts {
     std::atomic<long> opens, requests, writes;
@@ -85,7 +83,6 @@ constinit Real<int(const char *, int, ...)> gRealOpen("open"), gRealOpen64("open
 constinit Real<FILE *(const char *, const char *)> gRealFopen("fopen"), gRealFopen64("fopen64");
 constinit Real<int(const char *, void *)> gRealStat("stat"), gRealStat64("stat64");
 constinit Real<int(int)> gRealClose("close");
-constinit Real<ssize_t(int, void *, std::size_t)> gRealRead("read");
 constinit Real<ssize_t(int, const void *, std::size_t)> gRealWrite("write");
 constinit Real<int(int, unsigned long, ...)> gRealIoctl("ioctl");
 constinit Real<int(int, fd_set *, fd_set *, fd_set *, timeval *)> gRealSelect("select");
@@ -143,8 +140,6 @@ long PortNumber(const char *name, int port)
         return;
     gOrders.relay = Variable(bench::kPreloadRelay);
     gOrders.opt = Variable(bench::kPreloadOpt);
-    gOrders.halfRead = strtol(Variable(bench::kPreloadHalfRead), nullptr, 10);
-    gOrders.halfWrite = strtol(Variable(bench::kPreloadHalfWrite), nullptr, 10);
     gOrders.waitDivisor = strtol(Variable(bench::kPreloadWaitDivisor), nullptr, 10);
     if (gOrders.waitDivisor < 1)
         gOrders.waitDivisor = 1;
@@ -331,16 +326,8 @@ extern "C" int close(int fd)
     return gRealClose(fd);
 }
 
-extern "C" ssize_t read(int fd, void *data, std::size_t size)
-{
-    const bool half = gOrders.on && ++gReads == gOrders.halfRead;
-    return gRealRead(fd, data, half ? size / 2 : size);
-}
-
 extern "C" ssize_t write(int fd, const void *data, std::size_t size)
 {
-    if (gOrders.on && ++gWrites == gOrders.halfWrite)
-        size /= 2;
     const int port = PortOfDescriptor(fd);
     if (port < 0)
         return gRealWrite(fd, data, size);

@@ -17,8 +17,6 @@
 //   HALDENBENCH_REQUEST<N>    the driver request of this ordinal is refused (EIO)
 //   HALDENBENCH_WRITE<N>      the write of this ordinal is refused (EIO); with ":<bytes>" behind the
 //                             ordinal it writes no more than that instead
-//   HALDENBENCH_HALFREAD, HALDENBENCH_HALFWRITE
-//                             the read or write of this ordinal, of any descriptor, gets half its size
 //   HALDENBENCH_BAUD<N>       a write returns when a line of that speed has carried it (11 bits a byte),
 //                             although a pseudo-terminal would take some 12 KiB at once
 //   HALDENBENCH_WAIT_DIVISOR  the main thread's waits without descriptors last only this part of
@@ -45,8 +43,6 @@ constexpr char kPreloadOpt[] = "HALDENBENCH_OPT";
 constexpr char kPreloadOpens[] = "HALDENBENCH_OPENS";
 constexpr char kPreloadRequest[] = "HALDENBENCH_REQUEST";
 constexpr char kPreloadWrite[] = "HALDENBENCH_WRITE";
-constexpr char kPreloadHalfRead[] = "HALDENBENCH_HALFREAD";
-constexpr char kPreloadHalfWrite[] = "HALDENBENCH_HALFWRITE";
 constexpr char kPreloadBaud[] = "HALDENBENCH_BAUD";
 constexpr char kPreloadWaitDivisor[] = "HALDENBENCH_WAIT_DIVISOR";
 
