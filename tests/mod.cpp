@@ -86,25 +86,43 @@ TEST_F(Mod, LogLinesAndDeferredFunctions)
 
 std::string calls, names = "abcdefghijklmXY."; // the callbacks that ran, and those that there are
 
-void Do(ModT *pMod, const std::string &script) // steps of two letters: what to do, and with which callback
+void Do(ModT *pMod, const std::string &script);
+
+eErrorT Step(ModT *pMod, char step, CallbackFuncPtrT note, char *user)
+{
+    UInt32 events = 0;
+    switch (step) {
+    case '+': // add a callback that runs at once
+        return ModAddCallback(pMod, 1, note, user, 0);
+    case '&': // add one that runs on this task
+        return ModAddCallback(pMod, 1, note, user, kModOnTask);
+    case '-':
+        return ModDeleteCallback(pMod, 1, note, user);
+    case '*': // delete all
+        return ModDeleteAllCallbacks(pMod);
+    case 'C': // call them
+        return ModCallCallbacks(pMod, 1, std::string(3000, 'x').data(), 3000);
+    case 'E': // take the event of a deferred one
+        return static_cast<eErrorT>(ev_receive(kModDeferredEvent, kEvNoWait, 0, &events));
+    case 'P': // run those that were deferred to this task
+        ModProcessDeferredCallbacks();
+        return kNoError;
+    default: // 'O': another task calls them, and runs what was deferred to it
+        StartTask("othr", [=] { Do(pMod, "C.P."); });
+        return Eventually([] { return NumTasks() == 1; }) ? kNoError : kTimeOut;
+    }
+}
+
+// A script has steps of two letters: what to do, and with which callback ("." for none).
+void Do(ModT *pMod, const std::string &script)
 {
     const CallbackFuncPtrT note = [](ModT *pCalled, UInt32, void *user, void *pArgs) {
         EXPECT_EQ(std::string(static_cast<char *>(pArgs), kModMaxArgs), std::string(kModMaxArgs, 'x'));
         calls += *static_cast<char *>(user);
         Do(pCalled, calls.back() == 'X' ? "-b-X+d+e+f+g+h+i+j+k+l+m" : calls.back() == 'Y' ? "*." : "");
     };
-    for (UInt32 i = 0, events = 0; i < script.size(); i += 2) {
-        char step = script[i], *user = &names[names.find(script[i + 1])];
-        EXPECT_EQ(kNoError, step == '+'   ? ModAddCallback(pMod, 1, note, user, 0)
-                            : step == '&' ? ModAddCallback(pMod, 1, note, user, kModOnTask)
-                            : step == '-' ? ModDeleteCallback(pMod, 1, note, user)
-                            : step == '*' ? ModDeleteAllCallbacks(pMod)
-                            : step == 'C' ? ModCallCallbacks(pMod, 1, std::string(3000, 'x').data(), 3000)
-                            : step == 'E' ? static_cast<eErrorT>(ev_receive(kModDeferredEvent, kEvNoWait, 0, &events))
-                            : step == 'P' ? (ModProcessDeferredCallbacks(), kNoError)
-                                          : (StartTask("othr", [=] { Do(pMod, "C.P."); }),
-                                             Eventually([] { return NumTasks() == 1; }), kNoError));
-    }
+    for (std::size_t i = 0; i < script.size(); i += 2)
+        EXPECT_EQ(Step(pMod, script[i], note, &names[names.find(script[i + 1])]), kNoError) << script << " " << i;
 }
 
 TEST_F(Mod, CallbacksRunInOrderWhereTheyBelong)

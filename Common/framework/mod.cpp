@@ -740,14 +740,12 @@ eErrorT ModDeleteCallback(ModT *pMod, UInt32 funcIndex, CallbackFuncPtrT pFunc, 
     CheckRecord(pMod);
     os_assert(pFunc, "pFunc");
     ModCallbackT wanted = {pFunc, userDefined, 0, 0, funcIndex};
-    {
-        const SemaphoreHold hold(callbackSemaphore);
-        ModCallbackT *pEntry = FindEntry(pMod, wanted);
-        if (pEntry == nullptr)
-            return kItemNotFound;
-        SetEntry(pEntry, {});
-        DropPendingCallbacks(pMod, &wanted); // still under the semaphore: a new registration keeps its own
-    }
+    const SemaphoreHold hold(callbackSemaphore);
+    ModCallbackT *pEntry = FindEntry(pMod, wanted);
+    if (pEntry == nullptr)
+        return kItemNotFound;
+    SetEntry(pEntry, {});
+    DropPendingCallbacks(pMod, &wanted); // under the semaphore: a new registration keeps its own
     return kNoError;
 }
 
@@ -759,10 +757,8 @@ eErrorT ModDeleteExceptionHandler(ModT *pMod, CallbackFuncPtrT pHandlerFunc, voi
 eErrorT ModDeleteAllCallbacks(ModT *pMod)
 {
     CheckRecord(pMod);
-    {
-        const SemaphoreHold hold(callbackSemaphore);
-        SetArray(pMod, nullptr, 0);
-    }
+    const SemaphoreHold hold(callbackSemaphore);
+    SetArray(pMod, nullptr, 0);
     DropPendingCallbacks(pMod, nullptr);
     return kNoError;
 }
