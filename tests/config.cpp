@@ -39,17 +39,23 @@ TEST(Config, KeepsItemsInCacheAndStore)
     EXPECT_EQ(Read("item") + folders.Get("dat/item.dat"), "defaultdefault\n");
     std::signal(SIGXFSZ, SIG_IGN);
     const rlimit full = {300, RLIM_INFINITY}, empty = {RLIM_INFINITY, RLIM_INFINITY};
-    std::filesystem::create_directory("../dat/folder.dat");
+    for (const char *folder : {"../dat/folder.dat", "../dat/taken.dat.new"})
+        std::filesystem::create_directory(folder);
     testing::internal::CaptureStderr();
     setrlimit(RLIMIT_FSIZE, &full);
     EXPECT_TRUE(ConfigWrite("item", 0, x.c_str()) == kBadParameter && ConfigWrite("folder", 0, "v") == kBadParameter);
+    EXPECT_EQ(ConfigWrite("taken", 0, "v"), kBadParameter);
     setrlimit(RLIMIT_FSIZE, &empty);
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "ConfigStoreWrite: fwrite: File too large\nConfigStoreWrite: fopen: Is a directory\n");
+              "ConfigStoreWrite: fwrite: File too large\nConfigStoreWrite: fopen: Is a directory\n"
+              "ConfigStoreWrite: fopen: File exists\n");
     EXPECT_EQ(Read("item") + Read("folder") + folders.Get("dat/item.dat"), "default-25default\n");
     EXPECT_TRUE(ConfigWrite("item", 0, "new") == kNoError && folders.Get("dat/item.dat") == "new\n");
     EXPECT_EQ(ConfigDelete("item", 0) + ConfigDelete("item", 0), kItemNotFound);
     EXPECT_EQ(Read("item") + folders.Get("dat/item.dat"), "defaultmissing");
+    EXPECT_EQ(ConfigWriteCacheOnly("gone", 0, "v") + ConfigDelete("gone", 0), kNoError);
+    EXPECT_EQ(ConfigRestore("gone", 0) + ConfigRestore("a/b", 0), 2 * kItemNotFound);
+    EXPECT_EQ(ConfigDelete("folder", 0), kBadParameter);
 }
 
 TEST(Config, ReadsAndWritesNumbers)
@@ -61,8 +67,12 @@ TEST(Config, ReadsAndWritesNumbers)
         ConfigWrite("n", 0, row.substr(0, row.find('|')).c_str());
         EXPECT_EQ(Read("n") + get(ConfigReadInt32, 9) + get(ConfigReadInt16, Int16{9}) + get(ConfigReadBool, 9u), row);
     }
-    EXPECT_EQ(ConfigWriteInt32("a", 0, INT32_MIN) + ConfigWriteBool("b", 0, 2) + ConfigWrite3("c", 1, -2, 3, "v"), 0);
-    EXPECT_EQ(Read("a") + Read("b") + Read("c1_-2_3"), "-2147483648Truev");
+    EXPECT_EQ(ConfigReadInt32("none", 0, nullptr), kItemNotFound);
+    EXPECT_EQ(ConfigWriteInt32("a", 0, INT32_MIN) + ConfigWriteBool("b", 0, 2) + ConfigWrite3("c", 1, -2, 3, "w"), 0);
+    EXPECT_EQ(ConfigWriteInt16("d", 0, INT16_MIN) + ConfigWrite2("c", 1, -2, "v"), 0);
+    char two[kConfigValueSize], three[kConfigValueSize];
+    EXPECT_EQ(ConfigRead2("C", 1, -2, two) + ConfigRead3("C", 1, -2, 3, three), 0);
+    EXPECT_EQ(Read("a") + Read("b") + Read("d") + two + three + Read("c1_-2"), "-2147483648True-32768vwv");
 }
 
 void Tell(ModT *pMod, UInt32, void *userDefined, void *pArgs)
@@ -89,8 +99,12 @@ TEST(Config, LogsChangesAndNotifiesTheTasksThatAsked)
     char own[] = "own", all[] = "all", given[] = "given";
     EXPECT_EQ(ConfigAddImmediateCallback("item", 3, Tell, all), kNoError);
     ConfigWrite("item", 3, "by no task");
+    EXPECT_EQ(ConfigAddCallback("item", 3, Tell, own) + ConfigWrite("a/b", 0, "v"), 2 * kBadParameter);
+    EXPECT_EQ(ConfigAddImmediateCallback("a/b", 0, Tell, own), kBadParameter);
     t_attach("here", 10);
-    EXPECT_EQ(ConfigAddCallback("Item", 3, Tell, own), kNoError);
+    EXPECT_EQ(ConfigAddCallback("Item", 3, Tell, own) + ConfigAddCallback2("n", 1, 2, Tell, own), kNoError);
+    EXPECT_EQ(ConfigAddCallback3("n", 1, 2, 3, Tell, own) + ConfigWrite2("n", 1, 2, "2"), kNoError);
+    EXPECT_EQ(ConfigWritePerm("n1_2_3", 0, "3", "ro"), kNoError);
     std::thread([&, here = t_name(0)] {
         t_attach("away", 10);
         EXPECT_EQ(ConfigAddCallbackEx("item", 3, Tell, given, kModOnTask, here), kNoError);
@@ -104,10 +118,15 @@ TEST(Config, LogsChangesAndNotifiesTheTasksThatAsked)
     ModProcessDeferredCallbacks();
     EXPECT_EQ(writer.Drained(),
               "pc[0]: config: item[3]:by no task\n"
+              "pc[0]: config: n1_2[0]:2\npc[0]: n1_2[0]: own here n1_2[0] 0 rw 2\n"
+              "pc[0]: config: n1_2_3[0]:3\npc[0]: n1_2_3[0]: own here n1_2_3[0] 0 ro 3\n"
               "pc[0]: config: delete item[3]\npc[0]: config: item[3]:%d\n"
               "pc[0]: item[3]: all away item[3] 1 rwxy %d\npc[0]: Config[0]: all away item[3] 1 rwxy %d\n"
               "pc[0]: item[3]: own here item[3] 1 rwxy %d\npc[0]: item[3]: given here item[3] 1 rwxy %d\n");
     EXPECT_EQ(ConfigDeleteCallback("ITEM", 3, Tell, own) + ConfigDeleteCallback("ITEM", 3, Tell, own), kItemNotFound);
+    EXPECT_EQ(ConfigDeleteCallback("none", 3, Tell, own), kItemNotFound);
+    WriteItemToCache("Here", 2, "v"), ConfigDumpByName("HERE");
+    EXPECT_EQ(writer.Drained(), "\nConfig item                         value\nhere[2]                             v\n");
 }
 
 } // namespace

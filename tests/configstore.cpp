@@ -90,15 +90,22 @@ TEST(ConfigStore, AsksAndTellsTheMaster)
 {
     testing::internal::CaptureStdout();
     RemMsgPathT path = {{kRemMsgPathOpen}, SendCmd};
+    gRemMsgPaths[2] = &path;
+    for (processor = 0; processor < 2; processor++) // the master tells all others, and has no path to itself
+        EXPECT_EQ(RemMsgSendCmd("all", nullptr, nullptr), 0);
+    EXPECT_EQ(std::exchange(sent, ""), "all|");
     gRemMsgPaths[kMasterProcessor] = &path;
     processor = 1;
+    ConfigFileT file;
+    EXPECT_EQ(ConfigStoreReadOpen("n", 0, &file) + ConfigStoreWriteOpen("n", 0, &file), 2 * kBadParameter);
+    EXPECT_EQ(ConfigStoreDelete("n", 0), kNotImplemented);
     EXPECT_EQ(Read("n", 5), ""); // the caller is no task
     t_attach("test", 10);
     EXPECT_GE(MillisecondsOf([] { EXPECT_EQ(Read("n", -2), ""); }), 2900);
     for (const std::string &text : {"0 1234567 8"s, "0" + std::string(494, ' ') + "12345678"}) {
         ev_send(0, 0x4000); // left over
         answer = "config n " + text;
-        EXPECT_EQ(Read("n", 0, 9) + Read("n", 0, 4), "1234567123");
+        EXPECT_EQ(Read("n", 0, 9) + Read("n", 0, 4) + Read("n", 0, 1), "1234567123");
     }
     path.stateFlags = ~kRemMsgPathOpen;
     std::thread([&] { tm_wkafter(50), path.stateFlags = kRemMsgPathOpen; }).detach();
@@ -114,4 +121,9 @@ TEST(ConfigStore, AsksAndTellsTheMaster)
 extern "C" UInt32 __wrap__Z15GetProcessorNumv() // what the linker asks for: NOLINT(bugprone-reserved-identifier)
 {
     return processor;
+}
+
+extern "C" Int32 __wrap__Z16GetNumProcessorsv() // NOLINT(bugprone-reserved-identifier)
+{
+    return 3;
 }

@@ -161,6 +161,7 @@ TEST(CompletionTask, ServesQueuedReadsWhenDataArrives)
     int ends[2];
     ASSERT_EQ(0, pipe(ends));
     DEVCB *pDev = AddDevice(1);
+    AddDevice(2); // which is not served
     const UInt32 devid = OpenDevice(1);
     pDev->fd = ends[0];
     IORB first = Request(Driver::Completed), second = Request(Driver::Completed);

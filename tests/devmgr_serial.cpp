@@ -121,11 +121,34 @@ TEST_P(BothFamilies, TimedReadReturnsWhatArrived)
     EXPECT_TRUE(Eventually([] { return NumTasks() == 0; }));
     close(fake.master);
     testing::internal::CaptureStdout();
-    EXPECT_EQ("3", port.Read(4, 0)); // SERIAL_READ_ERROR: nobody there
+    EXPECT_EQ("3", port.Read(4, 0) + port.Read(4, 1000)); // SERIAL_READ_ERROR: nobody there
     const std::string output = testing::internal::GetCapturedStdout();
     EXPECT_EQ(isFpga, output.find("DevMgrFPGASerial_Read(): Err: ") == 0 && output.find(" ReqLen: 4\n") > 0) << output;
     port.record->devCB.fd = FD_SETSIZE; // no wait can take it
     EXPECT_EQ("", port.Read(4, 4000000));
+    Seen seen;
+    EXPECT_EQ(0u, port.Enable(PORT_TX_ENABLE | PORT_RX_ENABLE) + port.SetCallbacks(&seen.callbacks));
+    EXPECT_EQ(SERIAL_WRITE_ERROR, port.Write(1000, "x"));
+    EXPECT_TRUE(Eventually([] { return NumTasks() == 0; })); // its task as well
+    port.record->devCB.fd = -1;
+    EXPECT_EQ(SERIAL_INVALID_PARAM, dev_close(port.devid));
+}
+
+TEST_P(BothFamilies, RefuseWhatIsNotThere)
+{
+    const DEVCB &dev = port.record->devCB;
+    const auto err = [](auto call, DEVCB *pDev) {
+        IORB iorb{};
+        return call(pDev, &iorb), iorb.err;
+    };
+    fake.failures["open"] = 1;
+    EXPECT_EQ(SERIAL_ERROR_UNKNOWN + 2 * SERIAL_INVALID_PARAM,
+              dev.open(&port.record->devCB) + dev.open(nullptr) + dev.close(nullptr));
+    for (DEVCB *pDev : {static_cast<DEVCB *>(nullptr), &port.record->devCB}) // a port without a buffer, too
+        EXPECT_EQ(3 * SERIAL_INVALID_PARAM, err(dev.read, pDev) + err(dev.write, pDev) + err(dev.ioctl, pDev));
+    fake.failures["tcsetattr"] = fake.failures["ioctl"] = 1;
+    EXPECT_EQ(SERIAL_ERROR_UNKNOWN, port.Enable(PORT_RX_ENABLE));
+    EXPECT_FALSE(HasTask());
 }
 
 TEST_P(BothFamilies, WriteNeedsAnEnabledTransmitterAndRoom)
@@ -148,6 +171,7 @@ TEST_P(BothFamilies, OnlyAnFpgaPortKeepsItsEnablesAndContext)
     Seen seen;
     EXPECT_EQ(0u, port.SetCallbacks(&seen.callbacks) + port.Enable(PORT_TX_ENABLE | PORT_RX_ENABLE));
     EXPECT_TRUE(HasTask());
+    close(fake.master);                   // the task goes on, though there is nothing to read any more
     EXPECT_EQ(0u, dev_close(port.devid)); // with its task running
     EXPECT_FALSE(HasTask());
     EXPECT_EQ(0u, port.record->asyncThread_running + port.record->threadID);

@@ -60,6 +60,7 @@ TEST(RepeatFilter, CountsWhatItSuppresses)
             loginfo(nullptr, "%c\n", *texts);
     };
     log("aa");
+    EXPECT_EQ(logmsg_spewfilter_load() + logmsg_get_spewfilter(), 0); // there is no setting
     logmsg_set_spewfilter(1);
     log("aabbbbcd");
     logmsg_cullfilter_add("repeated");
@@ -119,8 +120,8 @@ void CheckTable(const std::string &kind, Int32 add(const char *), Int32 remove(c
     for (int i = 4; i < 10; i++)
         EXPECT_EQ(add("c"), 0);
     EXPECT_EQ(Printed([&] { return add("k"); }, -1), "\"k\" " + kind + " filter not added, table full\n");
-    EXPECT_EQ(Printed([&] { return remove("k"); }, 0), "\"k\" " + kind + " filter not found\n");
     EXPECT_EQ(Printed([&] { return remove("B"); }, 0), "");
+    EXPECT_EQ(Printed([&] { return remove("k"); }, 0), "\"k\" " + kind + " filter not found\n");
     EXPECT_EQ(add("free"), 0); // into the first slot that is
     EXPECT_EQ(Printed(dump, 0).find("  \"*\"\n  \"free\"\n  \"b\"\n"), all.find("  \""));
     EXPECT_EQ(remove("*"), 0);
@@ -158,9 +159,12 @@ TEST(Settings, AreReadByTheFirstLineAndSaved)
     EXPECT_EQ(logmsg_get_spewfilter(), 0) << "the first line leaves it alone";
     EXPECT_EQ(logmsg_spewfilter_load(), 0);
     EXPECT_EQ(logmsg_get_spewfilter(), 1);
-    EXPECT_EQ(logmsg_showfilter_save() + logmsg_format_save(), 0);
+    EXPECT_EQ(logmsg_showfilter_save() + logmsg_cullfilter_save() + logmsg_format_save(), 0);
     EXPECT_EQ(folders.Get("dat/showfilter.dat") + folders.Get("dat/showfilter3.dat"), "shown\n\n");
+    EXPECT_EQ(folders.Get("dat/cullfilter.dat") + folders.Get("dat/cullfilter1.dat"), "missing\n"); // the default
     EXPECT_EQ(folders.Get("dat/logformat.dat"), "date time proc \n");
+    EXPECT_EQ(logmsg_showfilter_delete("*") + logmsg_cullfilter_delete("*"), 0);
+    EXPECT_EQ(logmsg_showfilter_load() + 10 * logmsg_cullfilter_load(), 11);
 }
 
 } // namespace

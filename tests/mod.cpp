@@ -19,6 +19,11 @@ TEST_F(Mod, IsFilledInListedDumpedAndChecked)
     std::memset(&last, 0xFF, sizeof last);
     const auto ops = [] { return std::tuple(last.CallCallbacks, last.ThrowException, last.SetOwner, last.GetOwner); };
     const auto own = ops();
+    const std::string heading = "Module               address  task flags\n-------------------- -------- ---- -----\n";
+    testing::internal::CaptureStdout(), ModDumpAll(), ModDump(&owner, 1);
+    EXPECT_TRUE(testing::internal::RE::FullMatch(testing::internal::GetCapturedStdout(),
+                                                 heading + "Config\\[0] .+ main  I   \ncfg\\[3] {15}.{8} main  I   \n" +
+                                                     heading + "\\[0] {18}.{8} {11}\n"));
     for (ModT &each : mods)
         ModInit(&each, "A23456789012345678901234567890123456789", static_cast<Int32>(&each - mods), nullptr);
     EXPECT_EQ(std::tuple(ops(), last.Exit, last.Dump, last.processorNum), std::tuple(own, &ModExit, &ModDump, ~0u));
@@ -26,9 +31,11 @@ TEST_F(Mod, IsFilledInListedDumpedAndChecked)
     ModExit(ModFindByName("a2345678901234567890123456789012", 3997)); // makes room
     ModInit(&last, "CFG", INT32_MIN, nullptr);
     ModAddExceptionHandler(&last, count, nullptr);
-    const char *dump = "Module               address  task flags\n-------------------- -------- ---- -----\n"
-                       "cfg\\[3]               .{8} main  I   \nCFG\\[-2147483648]     .{8} main AI   \n"
-                       "  callbacks: 2147483647:0x.+ \n";
+    ModAddCallback(&last, 5, count, nullptr, 0);
+    ModExit(&mods[9]); // leaves a hole
+    EXPECT_EQ(ModFindByName("none", 5), nullptr);
+    const std::string dump = heading + "cfg\\[3] {15}.{8} main  I   \nCFG\\[-2147483648]     .{8} main AI   \n"
+                                       "  callbacks: 2147483647:0x.+ 5:0x.+ \n";
     testing::internal::CaptureStdout();
     ModDumpByName("Cfg");
     EXPECT_TRUE(testing::internal::RE::FullMatch(testing::internal::GetCapturedStdout(), dump));
@@ -51,9 +58,10 @@ TEST_F(Mod, LogLinesAndDeferredFunctions)
     LogWriter writer(kLogFormatLevel);
     ModInit(&owner, "%s", 0, nullptr);
     ModLog(&mod, kLogError, "%d\n", mod.SetOwner(&mod, &owner));
-    mod.flags |= kModFlagLogOwner;
+    mod.flags |= kModFlagLogOwner, mod.id = 7;
+    EXPECT_EQ(std::tuple(mod.GetOwner(&mod), ModID(&mod), ModGetProcNum(&mod)), std::tuple(&owner, 7u, 0u));
     ModLog(&mod, kLogError, "%d\n", ModTraceFilterDelete("cfg"));
-    for (const char *name : {"CFG", "b", "c", "d", "e", "f", "g", "h", "i", "j"})
+    for (const char *name : {"b", "CFG", "c", "d", "e", "f", "g", "h", "i", "j"})
         EXPECT_EQ(ModTraceFilterAdd(name), kNoError);
     mod.ThrowException(&mod, 0, "why", nullptr, 0);
     ModLog(&mod, kLogError, "%d\n", ModTraceFilterAdd("x"));
@@ -68,6 +76,8 @@ TEST_F(Mod, LogLinesAndDeferredFunctions)
     const DeferredFuncPtrT note = [](void *pArgs, Int32 argLen) { ran += static_cast<char *>(pArgs)[argLen - 1]; };
     EXPECT_EQ(ModDeferFunctionCall(t_name(0), note, nullptr, kModMaxArgs + 1), kBadParameter);
     EXPECT_EQ(ModDeferFunctionCall(64, note, nullptr, 0), kItemNotFound);
+    EXPECT_EQ(ModDeferFunctionCall(0, nullptr, "", 1) + ModDeferFunctionCall(0, note, "", -1), 2 * kBadParameter);
+    EXPECT_EQ(ModName(nullptr) + std::to_string(ModTraceFilterAdd("")), "none-3");
     for (char c = 0; ModDeferFunctionCall(0, note, &c, 1) == kNoError; c++)
         expected += c;
     const char *lines = "WARN  pc\\[0]: MOD: can't defer function call to task \\?{4}, it doesn't exist\n"
@@ -76,12 +86,18 @@ TEST_F(Mod, LogLinesAndDeferredFunctions)
                         "WARN  pc\\[0]: MOD: task main has not responded to deferred func calls for [0-9]+mS\n";
     const std::string text = writer.Drained();
     EXPECT_TRUE(testing::internal::RE::FullMatch(text, lines)) << text;
-    EXPECT_EQ(ModSearchDeferredFunction(64, note), kItemNotFound);
+    EXPECT_EQ(ModSearchDeferredFunction(64, note) + ModSearchDeferredFunction(t_name(0), [](auto...) {}),
+              2 * kItemNotFound);
     EXPECT_EQ(ModSearchDeferredFunction(t_name(0), note), kNoError);
     ModProcessDeferredFunctions();
     EXPECT_EQ(ran, expected);
     DeferredFuncStatsT stats{};
     EXPECT_EQ((ModGetDeferredFunctionStats(t_name(0), &stats), stats.runCount), 384u);
+    EXPECT_EQ(ModGetDeferredFunctionStats(64, &stats) + ModGetDeferredFunctionStats(0, &stats), 2 * kItemNotFound);
+    ModDeferFunctionCall(t_name(0), note, "x", 1), ModDumpDeferredFunctions();
+    EXPECT_TRUE(testing::internal::RE::FullMatch(
+        writer.Drained(),
+        "main func 0x[0-9a-f]+ waiting [0-9]+ms\nmain runs 384 min [0-9]+ms max [0-9]+ms total .+\n"));
 }
 
 std::string calls, names = "abcdefghijklmXY."; // the callbacks that ran, and those that there are
@@ -154,6 +170,8 @@ TEST_F(Mod, CallbacksBalanceWhileTasksAddAndDeleteThem)
             });
         EXPECT_TRUE(Eventually([&] { return ModProcessDeferredCallbacks(), NumTasks() == 1 && ran == round * 480; }));
     }
+    EXPECT_EQ(ModDeleteExceptionHandler(&mod, count, &ran), kNoError);
+    EXPECT_EQ(ModDeleteExceptionHandler(&mod, count, &ran), kItemNotFound);
 }
 
 } // namespace

@@ -131,7 +131,7 @@ TEST(Events, NeedATask)
     EXPECT_EQ(value, 0u);
     EXPECT_EQ(t_name(0), 0u);
     EXPECT_EQ(ev_send(0, 0x1), 0u);
-    EXPECT_EQ(t_setRefCon(0, 1), kTaskNotFound);
+    EXPECT_EQ(t_setRefCon(0, 1) + t_getRefCon(0, &value) + t_setpri(0, 1, nullptr), 3 * kTaskNotFound);
 }
 
 TEST(Tasks, AreFoundByTheirFourNameBytes)
@@ -333,7 +333,7 @@ TEST(Tasks, ReportThemselves)
     EXPECT_EQ(priority, 42u);
     EXPECT_EQ(t_name_from_pid(4711, name), kTaskNotFound);
     UInt32 previous = 0, refcon = 0;
-    EXPECT_EQ(t_setpri(tid, 43, &previous), 0u);
+    EXPECT_EQ(t_setpri(tid, 43, &previous) + t_setpri(tid, 43, nullptr), 0u);
     EXPECT_EQ(previous, 42u);
     EXPECT_EQ(low_pointer<TCB>(tid)->prv_pri.sched_priority, 43);
     EXPECT_EQ(t_setRefCon(tid, 99), 0u);

@@ -138,7 +138,7 @@ TEST(Clock, CountsMonotonicMilliseconds)
         return static_cast<UInt32>(static_cast<UInt64>(time.tv_sec) * 1000 +
                                    static_cast<UInt64>(time.tv_nsec) / 1000000);
     };
-    EXPECT_EQ(stored, now);
+    EXPECT_TRUE(stored == now && millitime(nullptr) >= now);
     EXPECT_LE(now - milliseconds(before), milliseconds(after) - milliseconds(before));
     EXPECT_LE(GetTickCountLinux() - now / 10, 100u);
     EXPECT_LE(RealTime() - now / 1000, 2u);

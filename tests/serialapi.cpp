@@ -60,7 +60,11 @@ class SerialApi : public testing::Test
 protected:
     SerialApi()
     {
+        const std::string end = " Mutex lock failed, err: 9\n-23";
         EXPECT_EQ("SERIALAPI: In Open, Port: 1 Mutex Lock failed...., err: 9\n-23", Trace([] { return Open(kPort); }));
+        EXPECT_EQ("SERIALAPI: In CLOSE, Port: 1" + end, Trace([] { return Serial_Close(kPort); }));
+        EXPECT_EQ("SERIALAPI: In PSH OPEN, Port: 7" + end, Trace([] { return Serial_Open_PSH(7, &kSettings); }));
+        EXPECT_EQ("SERIALAPI: In PSH CLOSE, Port: 7" + end, Trace([] { return Serial_Close_PSH(7); }));
         EXPECT_EQ(0, pipe2(fake.commands, O_NONBLOCK));
         SetSystemHardwareType(kKora);
         DevMgrSerial_Init();
@@ -72,8 +76,8 @@ TEST_F(SerialApi, RefusesPortsOutOfRangeOrClosed)
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EQ(std::vector<int>(6, kBadParameter), EveryCall(8));
     EXPECT_EQ(-9, Open(8) + Serial_Open_PSH(8, &kSettings) + Serial_Close_PSH(8));
-    EXPECT_EQ(-3, Serial_Open(kPort, nullptr, nullptr, nullptr, nullptr));
-    EXPECT_EQ(-3, Serial_Read(kPort, nullptr, 1, 1));
+    EXPECT_EQ(-6, Serial_Open(kPort, nullptr, nullptr, nullptr, nullptr) + Serial_Open_PSH(kPort, nullptr));
+    EXPECT_EQ(-6, Serial_Read(kPort, nullptr, 1, 1) + Serial_GetCfg(kPort, nullptr));
     EXPECT_EQ(std::vector<int>(6, kItemNotFound), EveryCall(7));
     EXPECT_DEATH(Serial_Close(-1), "failed: port >= 0,");
 }
@@ -239,7 +243,9 @@ TEST_F(SerialApi, LeavesAPortOfTheScriptAlone)
     EXPECT_EQ(kAlreadyInUse, Serial_Open_PSH(kCpuPort, &cfg));
     EXPECT_EQ(kAlreadyInUse, Open(kCpuPort));
     EXPECT_EQ((std::vector<int>{-25, 0, 0, -25, -25, 0}), EveryCall(kCpuPort));
-    EXPECT_EQ(kNoError, Serial_Close_PSH(kCpuPort));
+    EXPECT_EQ(0u, Serial_Lock_PortDevids());
+    EXPECT_EQ(kNoError, Serial_Stop_PSHSession(kCpuPort, 1));
+    EXPECT_EQ(0u, Serial_Unlock_PortDevids());
     EXPECT_EQ(std::vector<int>(6, kItemNotFound), EveryCall(kCpuPort));
     fake.answer = "5\n";
     EXPECT_EQ("SERIALAPI: In PSH CLOSE, Port: 4 System call failed, err: 5\n"

@@ -178,6 +178,8 @@ TEST(ClassicCalls, KeepTheirSettings)
         openlog("ident", 1, given);
         EXPECT_EQ(getlogfacility(), kept) << given;
     }
+    openlog(nullptr, 1, 0), setlogfacility(0x11), closelog();
+    EXPECT_EQ(getlogfacility(), 0x11);
     EXPECT_TRUE(setlogmask(0) == 0x1F && setlogmask(3) == 0x1F && getlogmask() == 3);
     EXPECT_TRUE(setloglocalmask(0) == 0xFF && setloglocalmask(5) == 0xFF && getloglocalmask() == 5);
     EXPECT_TRUE(setlogaddr("host") == -1 && *getlogaddr() == '\0');
