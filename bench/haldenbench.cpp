@@ -205,12 +205,6 @@ RunOptions MakeOptions(const Settings &settings, Line &camera, Line &micro)
     return options;
 }
 
-std::string LastLine(std::string text)
-{
-    text.erase(text.find_last_not_of("\r\n") + 1);
-    return text.substr(text.find_last_of("\r\n") + 1);
-}
-
 // Shows or stores what the command printed, as far as it did not do so itself.
 void ShowOutput(const Settings &settings, const RunResult &result)
 {

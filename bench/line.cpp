@@ -64,7 +64,7 @@ void Line::Start()
     eventfd_t wakes = 0;
     eventfd_read(wake_.get(), &wakes);
     due_.clear();
-    carried_ = 0;
+    carried_ = {};
     use_ = Use();
     device_.PowerOn();
     thread_ = std::thread(&Line::Work, this);
@@ -93,6 +93,39 @@ void Line::Work()
         ;
 }
 
+// Hands bytes on to the sink, with the fault if it is one of theirs.
+void Line::Pass(LineFault::Way way, std::span<const std::uint8_t> bytes, const Sink &sink)
+{
+    const std::uint64_t first = carried_[way];
+    carried_[way] += bytes.size();
+    if (fault.way != way || fault.byte < first || fault.byte >= carried_[way])
+        return sink(bytes);
+    const auto at = static_cast<std::ptrdiff_t>(fault.byte - first);
+    Bytes passed(bytes.begin(), bytes.end());
+    switch (fault.kind) {
+    case LineFault::Kind::kNone:
+        break;
+    case LineFault::Kind::kDrop:
+        passed.erase(passed.begin() + at);
+        break;
+    case LineFault::Kind::kFlip:
+        passed.begin()[at] ^= fault.value;
+        break;
+    case LineFault::Kind::kDouble:
+        passed.insert(passed.begin() + at, passed.begin()[at]);
+        break;
+    case LineFault::Kind::kNoise:
+        passed.insert(passed.begin() + at, fault.value);
+        break;
+    case LineFault::Kind::kDelay:
+        sink({passed.begin(), passed.begin() + at});
+        std::this_thread::sleep_for(std::chrono::milliseconds(fault.delayMs));
+        passed.erase(passed.begin(), passed.begin() + at);
+        break;
+    }
+    sink(passed);
+}
+
 // Takes a portion of bytes off the line and gives it to the device when its time on the line is
 // over. Returns false when there was none.
 bool Line::CarrySome(unsigned baud)
@@ -105,15 +138,19 @@ bool Line::CarrySome(unsigned baud)
     clear_ += LineTime(static_cast<std::uint64_t>(count), baud);
     std::this_thread::sleep_until(clear_);
     const unsigned begun = device_.blocksBegun(), ended = device_.blocksEnded();
-    const std::vector<Reply> replies = device_.Receive({portion, static_cast<std::size_t>(count)});
+    const std::uint64_t before = carried_[LineFault::kToDevice];
+    std::vector<Reply> replies;
+    Pass(LineFault::kToDevice, {portion, static_cast<std::size_t>(count)}, [&](auto bytes) {
+        for (Reply &reply : device_.Receive(bytes))
+            replies.push_back(std::move(reply));
+    });
     if (begun == 0 && device_.blocksBegun() > 0) {
         use_.begin = begin;
-        carriedBefore_ = carried_;
+        carriedBefore_ = before;
     }
-    carried_ += static_cast<std::uint64_t>(count);
     if (device_.blocksEnded() > ended) {
         use_.end = Clock::now();
-        use_.bytes = carried_ - carriedBefore_;
+        use_.bytes = carried_[LineFault::kToDevice] - carriedBefore_;
     }
     if (!replies.empty()) {
         clear_ = Clock::now(); // the host waited for this, and the line was idle meanwhile
@@ -134,10 +171,11 @@ void Line::Queue(const std::vector<Reply> &replies)
 void Line::SendDue()
 {
     for (; !due_.empty() && due_.front().when <= Clock::now(); due_.pop_front()) {
-        // A few bytes into an empty buffer: nothing is left over unless nobody reads, and then
-        // nobody misses it.
-        [[maybe_unused]] const ssize_t sent =
-            write(master_.get(), due_.front().bytes.data(), due_.front().bytes.size());
+        Pass(LineFault::kToHost, due_.front().bytes, [this](auto bytes) {
+            // A few bytes into an empty buffer: nothing is left over unless nobody reads, and then
+            // nobody misses it.
+            [[maybe_unused]] const ssize_t sent = write(master_.get(), bytes.data(), bytes.size());
+        });
     }
 }
 

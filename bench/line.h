@@ -8,12 +8,32 @@
 #include "bench/descriptor.h"
 #include "bench/device.h"
 
+#include <array>
 #include <chrono>
 #include <deque>
+#include <functional>
 #include <thread>
 
 namespace bench
 {
+
+// What happens to one byte of a run on its way.
+struct LineFault {
+    enum class Kind {
+        kNone,
+        kDrop,
+        kFlip, // the bits of value change
+        kDouble,
+        kNoise, // a byte of that value comes ahead of it
+        kDelay, // it and all that follow come so many milliseconds later
+    };
+    enum Way { kToDevice, kToHost };
+    Kind kind = Kind::kNone;
+    Way way = kToDevice;
+    std::uint64_t byte = 0; // which of that way, from 0
+    std::uint8_t value = 0;
+    int delayMs = 0;
+};
 
 class Line
 {
@@ -40,6 +60,11 @@ public:
     const std::string &path() const { return path_; }
     unsigned baud() const { return baud_; }
     const Use &use() const { return use_; }
+    // Bytes of the current or latest run.
+    std::uint64_t carried(LineFault::Way way) const { return carried_[way]; }
+
+    // Played in every run from the next Start on, until changed.
+    LineFault fault;
 
     // Drops what is left of an earlier run, turns the device on and begins to carry bytes.
     void Start();
@@ -54,6 +79,8 @@ private:
     };
 
     void Work();
+    using Sink = std::function<void(std::span<const std::uint8_t>)>;
+    void Pass(LineFault::Way way, std::span<const std::uint8_t> bytes, const Sink &sink);
     bool CarrySome(unsigned baud);
     void Queue(const std::vector<Reply> &replies);
     void SendDue();
@@ -65,8 +92,9 @@ private:
     std::string path_;
     std::thread thread_;
     std::deque<Due> due_;
-    Clock::time_point clear_; // when the line has carried all that was taken off it
-    std::uint64_t carried_ = 0, carriedBefore_ = 0;
+    Clock::time_point clear_;                   // when the line has carried all that was taken off it
+    std::array<std::uint64_t, 2> carried_ = {}; // by way
+    std::uint64_t carriedBefore_ = 0;
     Use use_;
 };
 

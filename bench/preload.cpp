@@ -42,6 +42,7 @@ struct Orders {
     bool on;
     const char *relay, *opt;
     std::int64_t waitDivisor;
+    long halfRead, halfWrite, lostClose; // ordinals
     struct {
         const char *path;
         long refusedOpens, refusedRequest, cutWrite;
@@ -56,6 +57,7 @@ struct Counts {
     std::atomic<long> opens, requests, writes;
 };
 Counts gCounts[kPorts];
+std::atomic<long> gReads, gWrites, gCloses; // of all files
 
 // Port of a redirected descriptor plus one; 0 for any other descriptor.
 std::atomic<unsigned char> gPortOf[kDescriptors];
@@ -83,6 +85,7 @@ constinit Real<int(const char *, int, ...)> gRealOpen("open"), gRealOpen64("open
 constinit Real<FILE *(const char *, const char *)> gRealFopen("fopen"), gRealFopen64("fopen64");
 constinit Real<int(const char *, void *)> gRealStat("stat"), gRealStat64("stat64");
 constinit Real<int(int)> gRealClose("close");
+constinit Real<ssize_t(int, void *, std::size_t)> gRealRead("read");
 constinit Real<ssize_t(int, const void *, std::size_t)> gRealWrite("write");
 constinit Real<int(int, unsigned long, ...)> gRealIoctl("ioctl");
 constinit Real<int(int, fd_set *, fd_set *, fd_set *, timeval *)> gRealSelect("select");
@@ -143,6 +146,9 @@ long PortNumber(const char *name, int port)
     gOrders.waitDivisor = strtol(Variable(bench::kPreloadWaitDivisor), nullptr, 10);
     if (gOrders.waitDivisor < 1)
         gOrders.waitDivisor = 1;
+    gOrders.halfRead = strtol(Variable(bench::kPreloadHalfRead), nullptr, 10);
+    gOrders.halfWrite = strtol(Variable(bench::kPreloadHalfWrite), nullptr, 10);
+    gOrders.lostClose = strtol(Variable(bench::kPreloadLostClose), nullptr, 10);
     for (int port = 0; port < kPorts; ++port) {
         auto &orders = gOrders.ports[port];
         orders.path = PortVariable(bench::kPreloadPort, port);
@@ -323,11 +329,22 @@ extern "C" int close(int fd)
         gPortOf[fd] = 0;
         Log("close %d\n", port);
     }
-    return gRealClose(fd);
+    const int result = gRealClose(fd);
+    if (++gCloses != gOrders.lostClose)
+        return result;
+    errno = EIO;
+    return -1;
+}
+
+extern "C" ssize_t read(int fd, void *data, std::size_t size)
+{
+    return gRealRead(fd, data, ++gReads == gOrders.halfRead ? (size + 1) / 2 : size);
 }
 
 extern "C" ssize_t write(int fd, const void *data, std::size_t size)
 {
+    if (++gWrites == gOrders.halfWrite)
+        size = (size + 1) / 2;
     const int port = PortOfDescriptor(fd);
     if (port < 0)
         return gRealWrite(fd, data, size);

@@ -17,6 +17,9 @@
 //   HALDENBENCH_REQUEST<N>    the driver request of this ordinal is refused (EIO)
 //   HALDENBENCH_WRITE<N>      the write of this ordinal is refused (EIO); with ":<bytes>" behind the
 //                             ordinal it writes no more than that instead
+//   HALDENBENCH_HALF_READ, HALDENBENCH_HALF_WRITE
+//                             the call of this ordinal, of all files, asks for no more than half the count
+//   HALDENBENCH_LOST_CLOSE    the close of this ordinal, of all files, fails (EIO) when it is done
 //   HALDENBENCH_BAUD<N>       a write returns when a line of that speed has carried it (11 bits a byte),
 //                             although a pseudo-terminal would take some 12 KiB at once
 //   HALDENBENCH_WAIT_DIVISOR  the main thread's waits without descriptors last only this part of
@@ -43,6 +46,9 @@ constexpr char kPreloadOpt[] = "HALDENBENCH_OPT";
 constexpr char kPreloadOpens[] = "HALDENBENCH_OPENS";
 constexpr char kPreloadRequest[] = "HALDENBENCH_REQUEST";
 constexpr char kPreloadWrite[] = "HALDENBENCH_WRITE";
+constexpr char kPreloadHalfRead[] = "HALDENBENCH_HALF_READ";
+constexpr char kPreloadHalfWrite[] = "HALDENBENCH_HALF_WRITE";
+constexpr char kPreloadLostClose[] = "HALDENBENCH_LOST_CLOSE";
 constexpr char kPreloadBaud[] = "HALDENBENCH_BAUD";
 constexpr char kPreloadWaitDivisor[] = "HALDENBENCH_WAIT_DIVISOR";
 

@@ -157,17 +157,19 @@ public:
         posix_spawn_file_actions_addopen(&actions_, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
         if (options.output != Output::kInherit)
             posix_spawn_file_actions_adddup2(&actions_, errors.fd(), STDERR_FILENO);
-        Redirect(options.output, output);
+        Redirect(options, output);
     }
     ~Preparations() { posix_spawn_file_actions_destroy(&actions_); }
     Preparations(const Preparations &) = delete;
     Preparations &operator=(const Preparations &) = delete;
     const posix_spawn_file_actions_t *get() const { return &actions_; }
+    // The program has its end of the pipe by now.
+    void ClosePipe() { broken_.Close(); }
 
 private:
-    void Redirect(Output choice, const Sink &output)
+    void Redirect(const RunOptions &options, const Sink &output)
     {
-        switch (choice) {
+        switch (options.output) {
         case Output::kInherit:
             break;
         case Output::kCapture:
@@ -176,8 +178,10 @@ private:
         case Output::kBroken: {
             std::array<int, 2> ends = {};
             Checked(pipe2(ends.data(), O_CLOEXEC), "pipe");
-            const Descriptor reader(ends[0]);
             broken_ = Descriptor(ends[1]);
+            reader_ = std::async(std::launch::async, Drain, Descriptor(ends[0]), options.outputRead);
+            if (options.outputRead == 0)
+                reader_.wait(); // it never was there
             posix_spawn_file_actions_adddup2(&actions_, broken_.get(), STDOUT_FILENO);
             break;
         }
@@ -190,7 +194,16 @@ private:
         }
     }
 
+    static void Drain(Descriptor pipe, std::size_t size)
+    {
+        char part[1024];
+        for (ssize_t count = 1; count > 0 && size > 0; size -= static_cast<std::size_t>(count))
+            count = std::max<ssize_t>(read(pipe.get(), part, std::min(size, sizeof part)), 0);
+        pipe.Close();
+    }
+
     posix_spawn_file_actions_t actions_;
+    std::future<void> reader_; // of the pipe; done when broken_ and the program's copy are closed
     Descriptor broken_;
 };
 
@@ -225,6 +238,9 @@ void Await(pid_t pid, const RunOptions &options, RunResult &result)
         while (waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT) < 0 && errno == EINTR)
             ;
     });
+    for (const Signal &signal : options.signals)
+        if (end.wait_for(signal.after) != std::future_status::ready)
+            kill(pid, signal.number);
     result.killed = end.wait_for(options.limit) != std::future_status::ready;
     if (result.killed)
         kill(pid, SIGKILL);
@@ -262,9 +278,10 @@ RunResult Run(const RunOptions &options)
             std::make_unique<ProgressReader>(std::filesystem::path(options.directory) / options.fifo, options.progress);
     {
         const StartedLines lines(options.ports);
-        const Preparations preparations(options, output, errors);
+        Preparations preparations(options, output, errors);
         const auto begin = Line::Clock::now();
         const pid_t pid = Spawn(options, preparations, Environment(options, events));
+        preparations.ClosePipe();
         Await(pid, options, result);
         result.seconds = std::chrono::duration<double>(Line::Clock::now() - begin).count();
         Reap(pid, result);

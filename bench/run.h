@@ -27,9 +27,15 @@ struct Port {
 enum class Output {
     kCapture,
     kInherit, // this process's, standard error too
-    kBroken,  // a pipe that nobody reads
+    kBroken,  // a pipe whose reader goes away after outputRead bytes
     kClosed,  // no descriptor at all
     kFull,    // a device without room
+};
+
+// To be sent to the program, if it is still there.
+struct Signal {
+    std::chrono::milliseconds after; // the start, or the signal before
+    int number;
 };
 
 struct RunOptions {
@@ -43,6 +49,8 @@ struct RunOptions {
     Launcher *launcher = nullptr;                        // of relayed commands; null: no relay there
     unsigned waitDivisor = 1;                            // pure waits last this part of their time
     Output output = Output::kCapture;
+    std::size_t outputRead = 0;
+    std::vector<Signal> signals = {};
     std::string fifo = {}; // progress FIFO to make for the run, relative to directory; empty: none
     ProgressOptions progress = {};
     std::chrono::milliseconds limit{30000}; // after which the program is killed

@@ -49,6 +49,12 @@ std::string Describe(const Bytes &bytes)
     return text;
 }
 
+std::string LastLine(std::string text)
+{
+    text.erase(text.find_last_not_of("\r\n") + 1);
+    return text.substr(text.find_last_of("\r\n") + 1);
+}
+
 std::optional<Bytes> ReadFile(const std::string &path)
 {
     std::ifstream file(path, std::ios::binary);

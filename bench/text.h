@@ -18,6 +18,9 @@ using Bytes = std::vector<std::uint8_t>;
 // "3 bytes: 82 06 77" up to sixteen bytes, "527 bytes, CRC-32 1A2B3C4D" above.
 std::string Describe(const Bytes &bytes);
 
+// The last line that is not empty.
+std::string LastLine(std::string text);
+
 // The whole file, or nothing when it cannot be read.
 std::optional<Bytes> ReadFile(const std::string &path);
 

@@ -1,6 +1,7 @@
-#include "bench/images.h"
-#include "bench/run.h"
+#include "bench/trial.h"
 
+#include <csignal>
+#include <fcntl.h>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <numeric>
@@ -410,6 +411,32 @@ TEST_F(BenchRun, APacedLineTakesItsTime)
     EXPECT_GT(slow.use().Efficiency(115200), 0.2);
 }
 
+TEST_F(BenchRun, ALineSpoilsOneByte)
+{
+    using Kind = LineFault::Kind;
+    struct Row {
+        LineFault fault;
+        Bytes heard; // of the status reply's first four bytes, soon
+    };
+    for (const Row &row : {Row{{Kind::kNone, LineFault::kToHost, 1}, {0xFF, 0x14, 0x72, 0x73}},
+                           Row{{Kind::kDrop, LineFault::kToHost, 1}, {0xFF, 0x72, 0x73, 0x20}},
+                           Row{{Kind::kFlip, LineFault::kToHost, 2, 0x81}, {0xFF, 0x14, 0xF3, 0x73}},
+                           Row{{Kind::kDouble, LineFault::kToHost, 0}, {0xFF, 0xFF, 0x14, 0x72}},
+                           Row{{Kind::kNoise, LineFault::kToHost, 3, 0x5A}, {0xFF, 0x14, 0x72, 0x5A}},
+                           Row{{Kind::kDelay, LineFault::kToHost, 2, 0, 1000}, {0xFF, 0x14}},
+                           Row{{Kind::kDrop, LineFault::kToDevice, 4}, {}}}) {
+        microLine.fault = row.fault;
+        microLine.Start();
+        const Descriptor port(Checked(open(microLine.path().c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK), "port"));
+        Checked(static_cast<int>(write(port.get(), kStatusRequest.data(), kStatusRequest.size())), "port");
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        Bytes heard(4);
+        heard.resize(static_cast<std::size_t>(std::max<ssize_t>(read(port.get(), heard.data(), heard.size()), 0)));
+        microLine.Stop();
+        EXPECT_EQ(heard, row.heard);
+    }
+}
+
 TEST_F(BenchRun, TellsHowAProgramEnded)
 {
     options.preload = "";
@@ -452,6 +479,40 @@ TEST_F(BenchRun, ReadsOneNumberPerOpen)
 }
 
 // ---- The command
+
+// ---- Fault sweeps
+
+TEST_F(BenchRun, ATrialFindsWhatEndsBadly)
+{
+    const Session session = {"micro", {"micro"}, {}, 20};
+    const auto findings = [&](const char *program, const Trial &trial) {
+        return Rig(program, HALDENBENCH_PRELOAD, options.directory).Try(trial).findings;
+    };
+    Trial trial = {.name = "", .session = &session};
+    EXPECT_EQ(findings(HALDENFLASH_BINARY, trial), Texts());
+    EXPECT_EQ(findings("/bin/true", trial).size(), 2U) << "the end is not known; the next run sends nothing";
+    trial.waits = true;
+    EXPECT_EQ(findings(HALDENFLASH_BINARY, trial), Texts{"did not wait"});
+    trial.waits = false;
+    trial.harmless = true;
+    trial.micro = ParseFaults("version=none");
+    EXPECT_EQ(findings(HALDENFLASH_BINARY, trial).size(), 1U) << "fails, and should not";
+    trial.harmless = false;
+    trial.micro = ParseFaults("block5=nack");
+    const Outcome outcome = Rig(HALDENFLASH_BINARY, HALDENBENCH_PRELOAD, options.directory).Try(trial);
+    EXPECT_TRUE(outcome.noVerdict);
+    EXPECT_EQ(outcome.findings, Texts());
+}
+
+TEST(Recovery, KnowsEveryEndAndIsWrittenDown)
+{
+    EXPECT_EQ(FindRecovery(0, "out of the blue\n"), nullptr);
+    EXPECT_EQ(FindRecovery(3, "#######[FAILED] HALDEN FLASH UPDATE [all] ....\n"), nullptr);
+    EXPECT_EQ(FindRecovery(255, "cut off"), nullptr);
+    EXPECT_NE(FindRecovery(255, "cut off", true), nullptr);
+    const Bytes page = ReadFile(TESTS_DIR "/../docs/recovery.md").value_or(Bytes());
+    EXPECT_EQ(string(page.begin(), page.end()), RecoveryPage()) << "haldenfaults --recovery >docs/recovery.md";
+}
 
 TEST_F(BenchRun, CommandJudgesTheUpdate)
 {

@@ -4,6 +4,7 @@
 // records/ for comparison. What every run must hold to is asserted besides.
 #include "bench/images.h"
 #include "bench/launcher.h"
+#include "bench/recovery.h"
 #include "bench/run.h"
 
 #include <algorithm>
@@ -373,6 +374,10 @@ void ExpectDecentRun(const Case &test, const bench::RunResult &result)
     EXPECT_FALSE(result.killed);
     EXPECT_EQ(result.errors.substr(0, result.errors.find(", file ")), test.errors);
     EXPECT_EQ(result.status, test.status);
+    EXPECT_NE(bench::FindRecovery(result.signal != 0 ? 128 + result.signal : result.status, result.output,
+                                  test.output != bench::Output::kCapture),
+              nullptr)
+        << "this end is not in docs/recovery.md";
     for (const char *port : {"0", "1"})
         EXPECT_EQ(Count(result.events, Format("open %s", port)), Count(result.events, Format("close %s", port)))
             << "a port was left open";

@@ -4,7 +4,22 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
+
+namespace
+{
+
+// Whether what has been read is all that there is. A file that ends before its size is one that could not
+// be read: sent as it is, the device would end up with a part of an image that calls itself whole.
+bool AtEnd(int image)
+{
+    struct stat status;
+    return fstat(image, &status) != 0 || !S_ISREG(status.st_mode) || lseek(image, 0, SEEK_CUR) >= status.st_size;
+}
+
+} // namespace
 
 int OpenImage(const char *name)
 {
@@ -19,9 +34,9 @@ Int32 ReadImage(int image, void *buffer, Int32 size)
         const ssize_t count = read(image, static_cast<char *>(buffer) + done, static_cast<size_t>(size - done));
         if (count > 0)
             done += static_cast<Int32>(count);
-        else if (count == 0)
+        else if (count == 0 && AtEnd(image))
             break;
-        else if (errno != EINTR)
+        else if (count == 0 || errno != EINTR)
             return -1;
     }
     return done;
@@ -43,8 +58,6 @@ Int32 FillBlock(UInt8 *block, Int32 number, Int32 blockSize, int image, const ch
 
 Boolean CloseImage(int *image)
 {
-    if (*image != kNoImage && close(*image) != 0)
-        return 0;
-    *image = kNoImage;
-    return 1;
+    const int fd = std::exchange(*image, kNoImage);
+    return fd == kNoImage || close(fd) == 0 ? 1 : 0;
 }

@@ -10,7 +10,7 @@ constexpr int kNoImage = -1;
 int OpenImage(const char *name);
 
 // Reads up to size bytes from the current offset on; fewer only at the end of the file. Returns the
-// count, or -1 on a read error.
+// count, or -1 on a read error; a file that ends before its size is one.
 Int32 ReadImage(int image, void *buffer, Int32 size);
 
 constexpr Int32 kBlockHeaderSize = 2; // the block number, high byte first
@@ -20,6 +20,6 @@ constexpr Int32 kBlockHeaderSize = 2; // the block number, high byte first
 // with readError (conversions: bytes asked for, name, -1).
 Int32 FillBlock(UInt8 *block, Int32 number, Int32 blockSize, int image, const char *name, const char *readError);
 
-// Closes an image. Returns 1 and sets *image to kNoImage when the close succeeded, else 0 with
-// *image unchanged. kNoImage is left alone, with result 1.
+// Closes an image and sets *image to kNoImage. Returns 1, or 0 when the close failed: the descriptor is gone
+// all the same, and a procedure that went on with it would never end. kNoImage is left alone, with result 1.
 Boolean CloseImage(int *image);

@@ -276,7 +276,6 @@ eErrorT SendNextMicroDataBlock(HaldenMicroUpdateInfoS *updateInfo)
     if (updateInfo->currentBlock == updateInfo->totalBlock && updateInfo->currentBlock >= 1) {
         if (CloseImage(&updateInfo->micro_file) == 0)
             std::printf("########## Can't close the file: %s ...\n", kMicroImage);
-        updateInfo->micro_file = kNoImage;
         updateInfo->currentBlock = 0;
         return kEndOfFile;
     }

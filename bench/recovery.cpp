@@ -1,0 +1,191 @@
+#include "bench/recovery.h"
+
+#include "bench/text.h"
+
+namespace bench
+{
+
+namespace
+{
+
+constexpr int kBySignal = 128; // any status above it
+constexpr unsigned kWhole = kBefore | kImage;
+constexpr unsigned kAny = kBefore | kPart | kImage;
+
+constexpr char kSuccess[] = "#######[SUCCESSFULLY] HALDEN FLASH UPDATE";
+constexpr char kFailed[] = "#######[FAILED] HALDEN FLASH UPDATE";
+constexpr char kUnknownVerdict[] = "UNKNOWN RESPONSE FROM FARSIGHT DURING";
+constexpr char kNoVerdict[] = "GOT A [NACK] FROM HALDEN MICRO CONTROLLER";
+
+// clang-format off
+
+// The first row that fits counts, so that the special stands above the general.
+constexpr RecoveryRow kRows[] = {
+    {0, kSuccess, "Could not open Halden Microcontroller BIN file", kBefore, kWhole, kWhole,
+     "There was no image for the microcontroller, or it could not be opened.",
+     "If the microcontroller was to be updated, provide `haldenmicro.bin` and run again."},
+    {0, kSuccess, "Failed reading the version of Halden Microcontroller BIN file", kBefore, kWhole, kWhole,
+     "The microcontroller's image is empty, begins with the version 0, or could not be read.",
+     "If the microcontroller was to be updated, provide another `haldenmicro.bin` and run again."},
+    {0, kSuccess, "Already up to date", kWhole, kWhole, kWhole,
+     "What was not sent was up to date.", "Nothing."},
+    {0, kSuccess, "", kImage, kImage, kImage,
+     "The devices that were asked for hold their images, or are up to date.", "Nothing."},
+    {0, "########## NO Halden Image(s) Update Required", "", kBefore, kBefore, kBefore,
+     "Query: the devices are up to date.", "Nothing."},
+    {1, "########## Halden Image(s) Update Required", "", kBefore, kBefore, kBefore,
+     "Query: an image differs from what a device runs.", "Run the update."},
+    {255, "Usage: haldenflash", "", kBefore, kBefore, kBefore,
+     "No target was named.", "Name `all`, `micro` or `farsight`."},
+
+    {255, kFailed, "Failed open port: 1,", kBefore, kBefore, kBefore,
+     "The microcontroller's port did not open.", "Look for who else uses the port; run again."},
+    {255, kFailed, "Failed to enable serial port[1]", kBefore, kBefore, kBefore,
+     "The microcontroller's port could not be configured.", "Run again; then look at the driver."},
+    {255, kFailed, "Failed open port: 0,", kWhole, kBefore, kBefore,
+     "The camera's port did not open; the microcontroller is done.", "Look for who else uses the port; run again."},
+    {255, kFailed, "Failed to enable serial port[0]", kWhole, kBefore, kBefore,
+     "The camera's port could not be configured; the microcontroller is done.", "Run again; then look at the driver."},
+    {255, kFailed, "#### Failed sending the farsight data block", kWhole, kAny, kAny,
+     "The camera refused a block, or a block could not be read or sent.",
+     "Run again: what is not whole is sent anew. An image that the camera always refuses is not for it."},
+    {255, kFailed, "GOT A [NACK] FARSIGHT", kWhole, kAny, kAny,
+     "The camera gave no verdict on a block in 4 s, or an unknown one.",
+     "Look at the camera's power and cable; run again: what is not whole is sent anew."},
+    {255, kFailed, "FarSight FW update with, camNumBlocks", kWhole, kAny, kAny,
+     "The camera's port failed while blocks were sent, or could not be closed.", "Run again."},
+    {255, kFailed, "########### calling flash_farsight()", kWhole, kBefore, kBefore,
+     "The camera did not answer, or a file of it could not be read; it was sent nothing. The microcontroller is done.",
+     "The lines before the last tell which: provide the files, or look at the camera's power and cable; run again."},
+    {255, kFailed, "Flashing Halden Micro Controller Image block", kAny, kBefore, kBefore,
+     "A block could not be read or sent, or the microcontroller's port could not be closed.",
+     "Run again: the image is sent anew unless the microcontroller already runs it."},
+    {255, kFailed, "", kBefore, kBefore, kBefore,
+     "The microcontroller did not answer, or not completely; it was sent nothing.",
+     "Look at its power and cable; run again."},
+
+    {127, "", "", kBefore, kBefore, kBefore,
+     "The program could not be loaded.", "Install it again, with the libraries that it needs; run again."},
+    {134, "", "", kBefore, kBefore, kBefore,
+     "An assertion stopped the program before anything was sent. It is on standard error; on a board other than KORA "
+     "it is the missing configuration folder.", "Mend what it names; run again."},
+    {kBySignal, "", "", kAny, kAny, kAny,
+     "A signal ended the program, which sends nothing more.", "Run again: what is not whole is sent anew."},
+};
+
+// Ends whose result line got lost with standard output: the status holds.
+constexpr RecoveryRow kMuteRows[] = {
+    {0, "", "", kWhole, kWhole, kWhole,
+     "Standard output was lost; the status holds: the devices hold their images; in query mode they are up to date.", "Nothing."},
+    {1, "", "", kBefore, kBefore, kBefore,
+     "Standard output was lost; the status holds: an image differs.", "Run the update."},
+    {255, "", "", kAny, kAny, kAny,
+     "Standard output was lost; the status holds: an update failed.", "Run again, with its output kept."},
+};
+
+// clang-format on
+
+bool Fits(const RecoveryRow &row, int status, const std::string &last, const std::string &output)
+{
+    if (status != row.status && !(row.status == kBySignal && status > kBySignal && status < 255))
+        return false;
+    return last.find(row.last) != std::string::npos && output.find(row.reason) != std::string::npos;
+}
+
+std::string NamesOf(unsigned held)
+{
+    if (held == kAny)
+        return "anything";
+    std::string names;
+    const char *between = "";
+    for (const auto &[bit, name] : {std::pair{kBefore, "what it held"}, {kPart, "a part"}, {kImage, "the image"}}) {
+        if ((held & bit) == 0)
+            continue;
+        names += between;
+        names += name;
+        between = " or ";
+    }
+    return names;
+}
+
+std::string Line(const RecoveryRow &row)
+{
+    std::string end = row.status == kBySignal ? "above 128" : std::to_string(row.status);
+    if (row.last[0] != '\0')
+        end += std::string(", `") + row.last + "`";
+    const std::string reason = row.reason[0] == '\0' ? "" : std::string("`") + row.reason + "`";
+    return "| " + end + " | " + reason + " | " + row.meaning + " | " + NamesOf(row.micro) + " | " +
+           NamesOf(row.camera) + " | " + NamesOf(row.system) + " | " + row.next + " |\n";
+}
+
+constexpr char kHead[] =
+    "# After a run\n"
+    "\n"
+    "What each end of `haldenflash` says, what each device may hold then if it was asked for, and what to do. The\n"
+    "first row counts whose status, last line and line of the trace are there. `./do faults` holds every run of its\n"
+    "sweeps against this table; `haldenfaults --recovery` prints this page.\n"
+    "\n"
+    "Whatever the row says: after the line `GOT A [NACK] FROM HALDEN MICRO CONTROLLER` the microcontroller may hold\n"
+    "anything, because its silence, its third refusal and a block that it refused once all leave the status as it\n"
+    "is. `haldenflash micro` sends the image again if the version differs. If the trace has a second `Iteration` of a\n"
+    "block, the refused block is missing, even if the version is the new one: send an image of another version first.\n"
+    "\n"
+    "A device that holds a part of an image answers the next run, which sends the whole image again.\n"
+    "\n"
+    "| Exit status, last line | In the trace | Meaning | Microcontroller | Camera image | System image | What to do |\n"
+    "|---|---|---|---|---|---|---|\n";
+
+} // namespace
+
+const RecoveryRow *FindRecovery(int status, const std::string &output, bool mute)
+{
+    const std::string last = LastLine(output);
+    for (const RecoveryRow &row : kRows)
+        if (Fits(row, status, last, output))
+            return &row;
+    for (const RecoveryRow &row : kMuteRows)
+        if (mute && Fits(row, status, last, output))
+            return &row;
+    return nullptr;
+}
+
+bool NoVerdict(const std::string &output)
+{
+    return output.find(kNoVerdict) != std::string::npos;
+}
+
+bool Endless(const std::string &output)
+{
+    constexpr int kMany = 20;
+    int count = 0;
+    for (std::size_t at = 0; (at = output.find(kUnknownVerdict, at)) != std::string::npos; at++)
+        count++;
+    return count >= kMany;
+}
+
+const char *NameOf(Held held)
+{
+    switch (held) {
+    case kBefore:
+        return "before";
+    case kPart:
+        return "part";
+    case kImage:
+        return "image";
+    case kNotAsked:
+        break;
+    }
+    return "-";
+}
+
+std::string RecoveryPage()
+{
+    std::string page = kHead;
+    for (const RecoveryRow &row : kRows)
+        page += Line(row);
+    for (const RecoveryRow &row : kMuteRows)
+        page += Line(row);
+    return page;
+}
+
+} // namespace bench

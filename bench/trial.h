@@ -1,0 +1,84 @@
+// One run of the updater with one fault, the judgement of how it ended, and the clean run that has to
+// mend it.
+// Owner: the caller; a Rig works for one thread at a time.
+#pragma once
+
+#include "bench/images.h"
+#include "bench/recovery.h"
+#include "bench/run.h"
+
+#include <array>
+
+namespace bench
+{
+
+// What is asked of the updater, and of how much.
+struct Session {
+    const char *name;
+    std::vector<std::string> words; // behind the program's name; the first one is the target
+    Samples samples;
+    std::size_t microSize; // of its image
+};
+
+struct Trial {
+    std::string name; // tells the fault
+    const Session *session;
+    Faults micro = {}, camera = {};                 // of the devices
+    LineFault microLine = {}, cameraLine = {};      // of their lines
+    Port microPort = {}, cameraPort = {};           // of the driver; without lines
+    std::string injection = {};                     // of a system call, as strace takes it
+    std::map<std::string, std::string> orders = {}; // to the preload library
+    Output output = Output::kCapture;
+    std::size_t outputRead = 0;
+    std::vector<Signal> signals = {};
+    ProgressOptions progress = {};
+    bool waits = false;    // has to wait until it is stopped
+    bool loading = false;  // hits the loader, which may end the program as it likes
+    bool harmless = false; // has to do all the same what it would do without the fault
+    bool mute = false;     // may lose its result line
+};
+
+struct Outcome {
+    RunResult run;
+    std::string last;                          // line of its output
+    std::array<Held, 3> held = {};             // of micro, camera image, system image
+    const RecoveryRow *row = nullptr;          // that the end fits
+    double fullSeconds = 0;                    // what it takes with its pauses in full
+    std::array<std::uint64_t, 4> carried = {}; // bytes: to micro, from micro, to camera, from camera
+    bool noVerdict = false;                    // the microcontroller was silent or refused a block
+    bool hole = false;                         // and ran the new version without having all of it
+    bool loading = false;                      // the trial's
+    std::vector<std::string> findings;
+    std::vector<std::string> once; // findings of a first try that the second did not have
+};
+
+// Every run ends within this time, pauses in full, but for those that have to wait.
+constexpr double kBoundSeconds = 120;
+
+// Devices, lines and images, for any number of trials.
+class Rig
+{
+public:
+    // The updater and the preload library; a working folder of the rig's own, which exists.
+    Rig(std::string program, std::string preload, std::string directory);
+
+    Outcome Try(const Trial &trial);
+
+    // Tries again if there are findings: a busy machine may make a device too late.
+    Outcome TryTwice(const Trial &trial);
+
+    // The names of the system calls of a run without a fault, in order, as strace sees them.
+    std::vector<std::string> Calls(const Session &session);
+
+private:
+    struct Devices;
+    RunOptions Options(const Trial &trial, Devices &devices) const;
+    void MakeImages(const Session &session) const;
+    std::array<Held, 3> Holdings(const Session &session, const Devices &devices) const;
+    void Judge(const Trial &trial, Outcome &outcome) const;
+    void Mend(const Trial &trial, Devices &devices, Outcome &outcome) const;
+
+    const std::string program_, preload_, directory_;
+};
+
+} // namespace bench
