@@ -31,6 +31,8 @@ usage: ./do COMMAND
                    90 per cent, and when docs/coverage.md does not explain what is missed
   fuzz [SECONDS [TARGET...]]
                    run each fuzz target, or those named, that long, 60 if not said
+  faults [quick]   every fault at every step of an update, failing allocations and a stress of the tasks; quick:
+                   a fixed part of it
   bench            speed and size, with the bars they have to meet
   lint             both compilers without a warning, clang-format, clang-tidy, cppcheck, manual page
   format           format the sources
@@ -131,6 +133,27 @@ fuzz() {
     echo "fuzz: no findings"
 }
 
+# The suite's own sweeps, for longer: rows that they print.
+run_stress() {
+    local test
+    for test in allocation taskstress; do
+        (cd build/default/tests && STRESS_SECONDS=$1 "./test_$test") >"build/faults/$test.log" 2>&1 ||
+            die "$test failed; see build/faults/$test.log"
+        grep "^$test: " "build/faults/$test.log"
+    done
+}
+
+faults() {
+    local every=1 seconds=60
+    [ $# -eq 0 ] || [ "$1" = quick ] || die "faults: not \"$1\", but \"quick\" or nothing"
+    [ $# -eq 0 ] || { every=13 seconds=5; }
+    need $test_packages strace
+    build default
+    mkdir -p build/faults
+    run_stress "$seconds"
+    exec build/default/haldenfaults --every "$every" --list build/faults/runs.txt
+}
+
 sources() {
     git ls-files -- '*.cpp' '*.h'
 }
@@ -163,6 +186,10 @@ test) run_tests "${2:-}" ;;
 demo) demo ;;
 coverage) coverage ;;
 fuzz) fuzz "${@:2}" ;;
+faults)
+    shift
+    faults "$@"
+    ;;
 bench)
     need $bench_packages
     build default
