@@ -28,7 +28,7 @@ constexpr char kHelp[] =
     "Usage: haldenfaults [options]\n"
     "Runs haldenflash, from beside this program, with one fault a run, judges how it ended and whether the next\n"
     "run brings the devices to their images.\n"
-    "  --sweep NAME     only this one: calls, wire, power, supervisor\n"
+    "  --sweep NAME     only this one: calls, wire, power, answers, supervisor\n"
     "  --every N        only every Nth run of each sweep\n"
     "  --jobs N         runs at a time (default: 16)\n"
     "  --show TEXT      only runs whose name has TEXT, with all that they print\n"
@@ -189,17 +189,48 @@ std::vector<Trial> Wire(Rig &rig)
 
 // ---- Power
 
+struct DeviceRow {
+    const char *name;
+    Faults Trial::*faults;
+    unsigned blocks; // of the full session
+};
+constexpr DeviceRow kDevices[] = {{"micro", &Trial::micro, 12}, {"camera", &Trial::camera, 3}};
+
 std::vector<Trial> Power(Rig &)
 {
     std::vector<Trial> trials;
-    for (const auto &[device, blocks] : {std::pair{&Trial::micro, 12}, {&Trial::camera, 3}})
-        for (int block = 0; block < blocks; block++)
+    for (const DeviceRow &device : kDevices)
+        for (unsigned block = 0; block < device.blocks; block++)
             for (const bool middle : {true, false}) {
-                Trial trial = {.name = Format("%s: block %d%s", device == &Trial::micro ? "micro" : "camera", block,
-                                              middle ? ", half of it" : ""),
+                Trial trial = {.name = Format("%s: block %u%s", device.name, block, middle ? ", half of it" : ""),
                                .session = &kFull};
-                (trial.*device).cutBlock = block;
-                (trial.*device).cutMiddle = middle;
+                (trial.*device.faults).cutBlock = static_cast<int>(block);
+                (trial.*device.faults).cutMiddle = middle;
+                trials.push_back(trial);
+            }
+    return trials;
+}
+
+// ---- Answers
+
+std::vector<Trial> Answers(Rig &)
+{
+    constexpr struct {
+        const char *name;
+        BlockFault fault;
+        int times;
+    } kAnswers[] = {
+        {"refused", {kNack, {}}, 1},       {"refused twice", {kNack, {}}, 2}, {"refused three times", {kNack, {}}, 3},
+        {"unknown", {0x42, {}}, 1},        {"silence", {-1, {0, 0}}, 1},      {"one byte", {-1, {1, 0}}, 1},
+        {"30 ms late", {-1, {-1, 30}}, 1}, {"5 s late", {-1, {-1, 5000}}, 1},
+    };
+    std::vector<Trial> trials;
+    for (const DeviceRow &device : kDevices)
+        for (unsigned block = 0; block < device.blocks; block++)
+            for (const auto &answer : kAnswers) {
+                Trial trial = {.name = Format("%s: block %u %s", device.name, block, answer.name), .session = &kFull};
+                for (int i = 0; i < answer.times; i++)
+                    (trial.*device.faults).blocks[block + static_cast<unsigned>(i)] = answer.fault;
                 trials.push_back(trial);
             }
     return trials;
@@ -269,6 +300,7 @@ constexpr Sweep kSweeps[] = {
     {"calls", "system calls", Calls},
     {"wire", "the wire", Wire},
     {"power", "power", Power},
+    {"answers", "answers", Answers},
     {"supervisor", "the supervisor", Supervisor},
 };
 

@@ -53,7 +53,7 @@ struct Outcome {
 };
 
 // Every run ends within this time, pauses in full, but for those that have to wait.
-constexpr double kBoundSeconds = 120;
+constexpr double kBoundSeconds = 60;
 
 // Devices, lines and images, for any number of trials.
 class Rig
