@@ -16,6 +16,7 @@
 #include <map>
 #include <sys/select.h>
 #include <sys/types.h>
+#include <utility>
 
 class Board
 {
@@ -155,6 +156,7 @@ private:
         const bool seconds = Happens(kSecondsLeft);
         if (!script_.empty() && (!IsEvent(script_[0]) || static_cast<UInt8>(script_[0]) == kReadFails)) {
             *limit = seconds ? timeval{1, 0} : timeval{0, limit->tv_usec - 1};
+            isReadable_ = true;
             return 1;
         }
         script_.remove_prefix(script_.empty() ? 0 : 1);
@@ -164,7 +166,8 @@ private:
 
     ssize_t ReadPort(char *buffer, std::size_t size)
     {
-        CHECK(portOpen && !exchanges.empty()); // the host speaks first
+        CHECK(portOpen && !exchanges.empty());    // the host speaks first
+        CHECK(std::exchange(isReadable_, false)); // or the read would wait without limit
         if (Happens(kReadFails))
             return -1;
         const auto end = std::find_if(script_.begin(), script_.end(), IsEvent);
@@ -194,6 +197,7 @@ private:
 
     Files files_;
     std::string_view script_; // what is left of it
+    bool isReadable_ = false; // as a wait has said
     std::size_t callsLeft_;
 };
 
@@ -209,7 +213,7 @@ inline std::string Noise(std::size_t size)
 {
     std::string noise(size, '\0');
     for (std::size_t i = 0; i < size; i++)
-        noise[i] = static_cast<char>(i % 5 == 0 ? 0xFE + i % 2 : i * 37 >> 4);
+        noise[i] = static_cast<char>(i % 11 == 0 ? 0xFE + i % 2 : i * 37 >> 4);
     return noise;
 }
 
