@@ -314,7 +314,7 @@ struct Settings {
 
 // What came of a sweep.
 struct Tally {
-    std::size_t runs = 0, findings = 0, once = 0, unproven = 0, holes = 0;
+    std::size_t runs = 0, findings = 0, once = 0, unproven = 0, holes = 0, misread = 0;
     double slowest = 0;
     std::string slowestName;
     std::map<std::string, std::size_t> ends; // runs by status and last line
@@ -367,6 +367,7 @@ void Note(const Settings &settings, const Trial &trial, const Outcome &outcome, 
     tally.once += outcome.once.empty() ? 0 : 1;
     tally.unproven += Unproven(outcome) ? 1 : 0;
     tally.holes += outcome.hole ? 1 : 0;
+    tally.misread += outcome.misread ? 1 : 0;
     tally.ends[EndOf(outcome)]++;
     if (!outcome.run.killed && outcome.fullSeconds > tally.slowest) {
         tally.slowest = outcome.fullSeconds;
@@ -395,11 +396,15 @@ void Report(const Sweep &sweep, const Tally &tally)
                         sweep.title, tally.runs, tally.findings, tally.once, tally.slowest, tally.slowestName.c_str());
     for (const auto &[end, runs] : tally.ends)
         std::cout << Format("  %6zu  %s\n", runs, end.c_str());
-    if (tally.unproven + tally.holes > 0)
-        std::cout << Format(
-            "  %6zu  of status 0 with a microcontroller that was silent or refused a block and does not hold "
-            "its image; %zu that run its version all the same\n",
-            tally.unproven, tally.holes);
+    // The cases in which status 0 does not prove that a device holds its image.
+    const std::pair<std::size_t, const char *> excuses[] = {
+        {tally.unproven, "with status 0 after a microcontroller that was silent or refused a block"},
+        {tally.holes, "of these run the new version all the same"},
+        {tally.misread, "with status 0 after a version reply that the line made the image's version"},
+    };
+    for (const auto &[runs, excuse] : excuses)
+        if (runs > 0)
+            std::cout << Format("  %6zu  %s\n", runs, excuse);
     std::cout << std::flush;
 }
 

@@ -74,6 +74,22 @@ double SecondsSaved(const std::vector<std::string> &events)
     return microseconds / 1e6 * (1 - 1.0 / kWaitDivisor);
 }
 
+// One image, for judgement.
+struct Image {
+    const char *name;
+    unsigned allowed; // of Held, by the table
+    bool anything;    // is excused
+    const LineFault *fault;
+};
+
+// A version reply has no checksum: flipped bits can make it the image's version.
+bool TakesForUpToDate(const LineFault &fault, const std::string &output)
+{
+    return fault.kind == LineFault::Kind::kFlip && fault.way == LineFault::kToHost &&
+           (output.find("Already up to date") != std::string::npos ||
+            output.find("Halden Micro controller update is NEEDED.") == std::string::npos);
+}
+
 bool Whole(Held held)
 {
     return held == kImage || held == kNotAsked;
@@ -176,17 +192,31 @@ void Rig::Judge(const Trial &trial, Outcome &outcome) const
                            outcome.last);
         return;
     }
-    const char *const names[] = {"microcontroller", "camera image", "system image"};
+    JudgeHoldings(trial, outcome);
+}
+
+// Adds what is wrong with what the devices hold. They had older versions: after an update that calls itself
+// a success they hold their images, unless the trace says why not.
+void Rig::JudgeHoldings(const Trial &trial, Outcome &outcome) const
+{
+    const RunResult &run = outcome.run;
+    const RecoveryRow &row = *outcome.row;
+    const bool success = run.status == 0 && !Has(trial.session->words, "q");
     outcome.noVerdict = NoVerdict(run.output);
-    std::array<unsigned, 3> allowed = {outcome.row->micro, outcome.row->camera, outcome.row->system};
-    if (outcome.noVerdict)
-        allowed[0] = kBefore | kPart | kImage;
-    for (std::size_t i = 0; i < allowed.size(); i++)
-        if ((outcome.held[i] & ~allowed[i]) != 0)
-            findings.push_back(Format("%s: holds %s after status %d: ", names[i], NameOf(outcome.held[i]), run.status) +
-                               outcome.row->reason);
+    const Image images[] = {{"microcontroller", row.micro, outcome.noVerdict, &trial.microLine},
+                            {"camera image", row.camera, false, &trial.cameraLine},
+                            {"system image", row.system, false, &trial.cameraLine}};
+    for (std::size_t i = 0; i < std::size(images); i++) {
+        const Held held = outcome.held[i];
+        const bool misread = success && held == kBefore && TakesForUpToDate(*images[i].fault, run.output);
+        outcome.misread = outcome.misread || misread;
+        const unsigned allowed = success && images[i].allowed != kBefore && !misread ? kImage : images[i].allowed;
+        if (!images[i].anything && (held & ~allowed) != 0)
+            outcome.findings.push_back(
+                Format("%s: holds %s after status %d: %s", images[i].name, NameOf(held), run.status, row.reason));
+    }
     if (trial.harmless && !(run.status == 0 && std::all_of(outcome.held.begin(), outcome.held.end(), Whole)))
-        findings.push_back("does not do what it does without the fault: " + outcome.last);
+        outcome.findings.push_back("does not do what it does without the fault: " + outcome.last);
 }
 
 // The run without a fault that has to bring the devices to their images, whatever they hold.

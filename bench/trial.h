@@ -47,6 +47,7 @@ struct Outcome {
     std::array<std::uint64_t, 4> carried = {}; // bytes: to micro, from micro, to camera, from camera
     bool noVerdict = false;                    // the microcontroller was silent or refused a block
     bool hole = false;                         // and ran the new version without having all of it
+    bool misread = false;                      // a version was, and its image therefore not sent
     bool loading = false;                      // the trial's
     std::vector<std::string> findings;
     std::vector<std::string> once; // findings of a first try that the second did not have
@@ -76,6 +77,7 @@ private:
     void MakeImages(const Session &session) const;
     std::array<Held, 3> Holdings(const Session &session, const Devices &devices) const;
     void Judge(const Trial &trial, Outcome &outcome) const;
+    void JudgeHoldings(const Trial &trial, Outcome &outcome) const;
     void Mend(const Trial &trial, Devices &devices, Outcome &outcome) const;
 
     const std::string program_, preload_, directory_;
