@@ -32,7 +32,7 @@ TEST(Config, KeepsItemsInCacheAndStore)
     EXPECT_EQ(Read("item") + folders.Get("dat/item.dat"), "cachedsecond");
     EXPECT_EQ(ConfigWrite((longest + "more").c_str(), 2, x.c_str()), kNoError);
     EXPECT_EQ(Read(longest, 2) + folders.Get("dat/" + longest + "2.dat"), x.substr(0, 740) + "\n");
-    ConfigExit();
+    ConfigExit(), ConfigExit(); // once
     EXPECT_EQ(Read("item") + Read(longest + "MORE", 2), "second" + x.substr(0, 369));
     folders.Put("choice/item.choice", "default");
     EXPECT_FALSE(ConfigWrite("item", 0, "mine") || ConfigRestore("ITEM", 0));
@@ -125,6 +125,7 @@ TEST(Config, LogsChangesAndNotifiesTheTasksThatAsked)
               "pc[0]: item[3]: own here item[3] 1 rwxy %d\npc[0]: item[3]: given here item[3] 1 rwxy %d\n");
     EXPECT_EQ(ConfigDeleteCallback("ITEM", 3, Tell, own) + ConfigDeleteCallback("ITEM", 3, Tell, own), kItemNotFound);
     EXPECT_EQ(ConfigDeleteCallback("none", 3, Tell, own), kItemNotFound);
+    ConfigAddImmediateCallback("here", 7, Tell, all); // an item that has no value yet
     WriteItemToCache("Here", 2, "v"), ConfigDumpByName("HERE");
     EXPECT_EQ(writer.Drained(), "\nConfig item                         value\nhere[2]                             v\n");
 }

@@ -32,7 +32,7 @@ TEST_F(Mod, IsFilledInListedDumpedAndChecked)
     ModInit(&last, "CFG", INT32_MIN, nullptr);
     ModAddExceptionHandler(&last, count, nullptr);
     ModAddCallback(&last, 5, count, nullptr, 0);
-    ModExit(&mods[9]); // leaves a hole
+    ModExit(&mods[9]), ModExit(&mods[3998]); // leaves a hole, and was never in
     EXPECT_EQ(ModFindByName("none", 5), nullptr);
     const std::string dump = heading + "cfg\\[3] {15}.{8} main  I   \nCFG\\[-2147483648]     .{8} main AI   \n"
                                        "  callbacks: 2147483647:0x.+ 5:0x.+ \n";
