@@ -13,6 +13,7 @@
 #include <cstring>
 #include <ctime>
 #include <sys/time.h>
+#include <utility>
 
 namespace
 {
@@ -24,7 +25,9 @@ constexpr Int32 kRingLimit = kRingSize - 2; // no line ends behind it
 
 char buf[kRingSize + 10];
 std::atomic<Int32> log_buffer_tail; // moved under log_Semaphore, once the line is complete
-std::atomic<Int32> log_buffer_head; // moved by the writer, once the line is copied out
+std::atomic<Int32> log_buffer_head; // moved by the writer, once the line is copied out, and by a lap
+std::atomic<UInt32> laps;           // wraps over lines that wait for the writer; odd while one is under way
+UInt32 lapsSeen;                    // the writer's
 
 std::atomic<Int32> syslogLevel{kLogDebug};
 std::atomic<UInt32> log_Semaphore;
@@ -72,15 +75,28 @@ void Store(Int32 at, const char *line, Int32 size)
     log_buffer_tail = at + size;
 }
 
+// Starts again at the front. The head is not asked for room: a writer that is almost a whole ring behind
+// loses everything before this line.
+void WrapLine(const char *line, Int32 size)
+{
+    const Int32 tail = log_buffer_tail;
+    const Int32 head = log_buffer_head;
+    const UInt32 lapped = head > tail || head <= size ? 1 : 0;
+    laps += lapped;
+    if (lapped != 0)
+        log_buffer_head = 0;
+    std::memset(buf + tail, 0, static_cast<std::size_t>(kRingSize - tail));
+    Store(0, line, size);
+    laps += lapped;
+}
+
 // size counts the NUL.
 void StoreLine(const char *line, Int32 size)
 {
     const Int32 tail = log_buffer_tail;
     const Int32 head = log_buffer_head;
     if (tail + size > kRingLimit) {
-        // The head is not looked at: a writer that is almost a whole ring behind loses what is overwritten.
-        std::memset(buf + tail, 0, static_cast<std::size_t>(kRingSize - tail));
-        Store(0, line, size);
+        WrapLine(line, size);
     } else if (head > tail && head <= tail + size) {
         std::fputs(OVERFLOW_MSG, stderr);
         if (tail + kOverflowSize < head)
@@ -105,10 +121,15 @@ void StopIfCorrupt(Int32 next, Int32 tail)
     os_assert(false, "0");
 }
 
-// Copies the next line to printedLine; an empty one where a pass begins on the filling. False when
-// there is none.
+// Copies the next line to printedLine; an empty one where a pass begins on the filling, or where a lap came
+// between: what was copied may be half of one line and half of another. False when there is none.
 bool TakeLine()
 {
+    const UInt32 lap = laps;
+    if (lap % 2 != 0)
+        return false; // who is wrapping sends an event afterwards
+    if (std::exchange(lapsSeen, lap) != lap)
+        log_buffer_head = 0; // again: this task may have moved it since
     const Int32 tail = log_buffer_tail;
     const Int32 head = log_buffer_head;
     if (head == tail)
@@ -116,7 +137,12 @@ bool TakeLine()
     const std::size_t size = std::strlen(buf + head) + 1;
     std::memcpy(printedLine, buf + head, size);
     Int32 next = head + static_cast<Int32>(size);
-    if (next != tail && buf[next] == '\0') {
+    const bool filling = next != tail && buf[next] == '\0';
+    if (laps.fetch_add(0) != lap) { // not a plain read, which could come before the copy
+        printedLine[0] = '\0';
+        return true;
+    }
+    if (filling) {
         StopIfCorrupt(next, tail);
         next = 0;
     }

@@ -9,7 +9,9 @@
 
 // Queues one completed line (six characters of level, seven of processor tag, text, newline), or
 // drops it: it is empty, its level is above the threshold, there is no writer, or the ring is full
-// (announced on standard error and, if there is room, in the ring). msglen is not used.
+// (announced on standard error and, if there is room, in the ring). A line that does not fit in the rest of
+// the ring goes to its front without a look at the writer: one that is almost a whole ring behind loses what
+// it has not printed yet. msglen is not used.
 void syslogAdd(const char *msg, Int32 msglen);
 
 // Level of a line by its first character: "E" 3, "C" 2, "I" 6, "W" 4, anything else 7.
