@@ -15,6 +15,7 @@
 #include <cstring>
 #include <map>
 #include <sys/select.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <utility>
 
@@ -33,6 +34,8 @@ public:
         kInterrupted, // a read of a file
         kFileBroken,  // a read of a file fails
         kShortRead,   // of a file, of as many bytes as the next byte says and one
+        kCutFile,     // a file says at its end that it is longer
+        kCloseFails,  // of a file, which is closed all the same
     };
     static bool IsEvent(char byte) { return (byte & 0xF0) == 0xE0; }
     static constexpr std::size_t kScriptSize = 500;   // what comes behind would be more of the same
@@ -90,7 +93,7 @@ public:
         bool &open = fd == kPort ? portOpen : UseOf(fd).open;
         CHECK(open);
         open = false;
-        return 0;
+        return fd != kPort && Happens(kCloseFails) ? -1 : 0;
     }
 
     int Ioctl()
@@ -132,6 +135,17 @@ public:
         return fd == kPort ? ReadPort(static_cast<char *>(buffer), size)
                            : ReadFile(UseOf(fd), static_cast<char *>(buffer), size);
     }
+
+    int Status(int fd, struct stat *status)
+    {
+        FileUse &use = UseOf(fd);
+        use.failed = Happens(kCutFile);
+        status->st_mode = S_IFREG;
+        status->st_size = static_cast<off_t>(use.read) + (use.failed ? 1 : 0);
+        return 0;
+    }
+
+    off_t Position(int fd) { return static_cast<off_t>(UseOf(fd).read); }
 
 private:
     static constexpr int kPort = 400, kFiles = 500;
@@ -317,6 +331,25 @@ int BoardOpen(const char *path, int flags, ...) __asm__("__wrap_open");
 int BoardOpen(const char *path, int flags, ...)
 {
     return Board::here != nullptr ? Board::here->Open(path) : RealOpen(path, flags, 0666);
+}
+
+int BoardOpen64(const char *path, int flags, ...) __asm__("__wrap_open64");
+int BoardOpen64(const char *path, int flags, ...)
+{
+    return BoardOpen(path, flags);
+}
+
+// Only of files on the board.
+int BoardStatus(int fd, struct stat *status) __asm__("__wrap_fstat64");
+int BoardStatus(int fd, struct stat *status)
+{
+    return Board::here->Status(fd, status);
+}
+
+off_t BoardPosition(int fd, off_t offset, int from) __asm__("__wrap_lseek64");
+off_t BoardPosition(int fd, off_t /*offset*/, int /*from*/)
+{
+    return Board::here->Position(fd);
 }
 
 int RealClose(int fd) __asm__("__real_close");
