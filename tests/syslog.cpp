@@ -104,7 +104,7 @@ TEST(LogRing, GoesRoundWithoutALoss)
     }
     syslogAdd(std::string(600000, 'E').c_str(), 0); // more than the ring holds
     syslogAdd("\n", 0);
-    EXPECT_LT(writer.Drained().size(), 0x80000u);
+    EXPECT_LT(writer.Drained().size(), 600000u); // cut, if it was not overwritten before
 }
 
 // Adds lines while the writer cannot print, because this thread holds standard output.
