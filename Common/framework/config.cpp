@@ -235,17 +235,17 @@ private:
     }
 };
 
-// Gives the item the value. Returns false when it has it already. *ppWatched is the item if anybody
-// watches it, else null.
-bool ChangeCache(const KeyT &key, Int32 instance, const char *value, ConfigItemT **ppWatched)
+// Gives the item the value. Returns kAlreadyExists when it has it already, kOutOfMemory when it could not be
+// added. *ppWatched is the item if anybody watches it, else null.
+eErrorT ChangeCache(const KeyT &key, Int32 instance, const char *value, ConfigItemT **ppWatched)
 {
     const SemaphoreHold hold(configSemaphore);
     ConfigItemT *pItem = FindItem(key, instance);
     if (pItem != nullptr && pItem->known != 0 && std::strcmp(pItem->value, value) == 0)
-        return false;
+        return kAlreadyExists;
     pItem = PutItem(key, instance, value);
     *ppWatched = pItem != nullptr && pItem->mod.pCallbacks != nullptr ? pItem : nullptr;
-    return true;
+    return pItem != nullptr ? kNoError : kOutOfMemory;
 }
 
 // *pChanged is false when there was nothing to do.
@@ -253,10 +253,13 @@ eErrorT ChangeItem(const KeyT &key, const ConfigNotifyT &notify, bool *pChanged,
 {
     const auto instance = static_cast<Int32>(notify.instance);
     const StoreChangeScope change;
-    *pChanged = ChangeCache(key, instance, notify.value, ppWatched);
+    const eErrorT cached = ChangeCache(key, instance, notify.value, ppWatched);
+    *pChanged = cached != kAlreadyExists;
     if (!*pChanged)
         return kNoError;
-    if ((notify.flags & kConfigCacheOnly) != 0 || ConfigStoreWrite(key.text, instance, notify.value) == kNoError)
+    if ((notify.flags & kConfigCacheOnly) != 0)
+        return cached;
+    if (ConfigStoreWrite(key.text, instance, notify.value) == kNoError)
         return kNoError;
     DropItem(key, instance); // the next read gets what the store has, and the next write tries again
     return kBadParameter;
@@ -312,8 +315,8 @@ eErrorT ConfigInit()
     const MutexHold hold(&startMutex);
     if (gConfigInitialized != 0)
         return kNoError;
-    sm_create("cnfg", 1, 2, &configSemaphore);
-    sm_create("cnfc", 1, 2, &changeSemaphore);
+    if (sm_create("cnfg", 1, 2, &configSemaphore) == 0)
+        sm_create("cnfc", 1, 2, &changeSemaphore); // without the other nothing may change
     gConfig = {};
     ModInit(&gConfig.mod, "Config", 0, nullptr);
     ConfigStoreInit(); // the flush task that it starts logs, and waits for this to be over if that needs settings

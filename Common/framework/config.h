@@ -13,7 +13,8 @@
 //          time, so that cache and files agree. Neither is held while a callback runs or a line is
 //          logged. Elsewhere than on the master the second one is held while the message path opens.
 // Results: kNoError 0; kItemNotFound -25: there is no such item; kBadParameter -3: the name is not
-//          allowed, or the store could not write; kSemUnavail -23: the database is being shut down.
+//          allowed, or the store could not write; kSemUnavail -23: the database is being shut down, or
+//          had no memory for its semaphores when it started: then only the store is read.
 #pragma once
 
 #include "Common/framework/configstore.h"
@@ -61,7 +62,8 @@ eErrorT ConfigReadBool(const char *pName, Int32 instance, Boolean *pValue);
 // Writes an item to cache and store, logs it unless it is sensitive, and notifies the callbacks of the
 // item and then those of getConfigModule(). Does nothing when the cached value is the same, even if it
 // never reached the store. When the store cannot write, the item is as it is there, a value that only the
-// cache had is lost, and nobody is notified. access: at most four characters, such as "rw". Notifications of tasks that
+// cache had is lost, and nobody is notified; likewise, with kOutOfMemory, when a value for the cache only finds
+// no memory. access: at most four characters, such as "rw". Notifications of tasks that
 // write the same item at the same time may come in any order; a thread that is no task notifies nobody.
 eErrorT ConfigWriteEx(const char *pName, Int32 instance, const char *value, const char *access, UInt32 flags);
 eErrorT ConfigWrite(const char *pName, Int32 instance, const char *value); // access "rw"

@@ -99,9 +99,11 @@ bool IsNamed(const ModT *pMod, const char *pName)
     return strcasecmp(pMod->name, pName) == 0;
 }
 
+// Without memory for the lock there are no blocks either.
 template <class Block, std::size_t Count> void FillFreeList(const DeferredQueueT &queue, Block (&blocks)[Count])
 {
-    sm_create("#region", 1, 2, &queue.region);
+    if (sm_create("#region", 1, 2, &queue.region) != 0)
+        return;
     const SemaphoreHold hold(queue.region);
     for (Block &block : blocks)
         ListEnqueueUnprot(&queue.pFree, &block.list);
@@ -224,7 +226,7 @@ eErrorT ModAddCallbackCommon(ModT *pMod, const ModCallbackT &callback)
         const SemaphoreHold hold(callbackSemaphore);
         if (FindEntry(pMod, callback) != nullptr)
             return kNoError;
-        if (ModCallbackT *pEntry = FreeEntry(pMod)) {
+        if (ModCallbackT *pEntry = hold.result() == 0 ? FreeEntry(pMod) : nullptr) {
             SetEntry(pEntry, callback);
             return kNoError;
         }

@@ -172,8 +172,9 @@ struct DeferredFuncStatsT {
 
 // Asks a task (0: the caller) to call pFunc with a copy of the first argLen bytes of pArgs, and sends it
 // kModDeferredEvent. Returns kNoError; kBadParameter for no function or more than kModMaxArgs bytes;
-// kItemNotFound when there is no such task, kOutOfResources when all 384 blocks are waiting, both
-// with a line in the log. After a failure nothing is queued.
+// kItemNotFound when there is no such task, kOutOfResources when all 384 blocks are waiting, or there was no
+// memory for their lock when the first record was made, both with a line in the log. After a failure nothing
+// is queued.
 eErrorT ModDeferFunctionCall(UInt32 taskID, DeferredFuncPtrT pFunc, const void *pArgs, Int32 argLen);
 
 // Runs the calls for the calling task in the order they were asked for, until none is left.

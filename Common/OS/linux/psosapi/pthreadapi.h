@@ -71,7 +71,8 @@ extern pthread_mutex_t tcblistmutex;
 // 1 when the thread library gives every thread its own kernel id. Left at 0, the first deletion of
 // a task empties the tree, and no task started before finds itself any more: ev_receive answers 6
 // and t_ident answers 9. A program whose threads have their own ids sets it to 1 before its first
-// task, and nothing is lost by a deletion.
+// task, and nothing is lost by a deletion. Either way a task for whose entry there is no memory, when it starts
+// or the tree is built again, does not find itself; without memory for the tree the program stops.
 extern Int32 gLibPThreadNPTL;
 
 // Scheduling policy of tasks with a nonzero priority; 0 (SCHED_OTHER) at start, where priorities

@@ -5,7 +5,8 @@
 //          that has expired for good is back in the pool by itself.
 // Locking: tmcblistmutex guards the pool and the running list. Callbacks and event posts run in the
 //          timer task "tmtk" with it held, so a callback must not start or cancel timers.
-// The timer task starts with the first timer, safely from several threads at once.
+// The timer task starts with the first timer, safely from several threads at once. While it cannot be started,
+// timers stand still; every new one tries again.
 #pragma once
 
 #include "Common/types.h"
