@@ -183,7 +183,7 @@ void Rig::Judge(const Trial &trial, Outcome &outcome) const
                 findings.push_back("left port " + port + " open");
     } else if (trial.loading) {
         return;
-    } else if (!endless && !Killed(trial, run.signal)) {
+    } else if (!run.killed && !Killed(trial, run.signal)) {
         findings.push_back(Format("crashed by signal %d: ", run.signal) + run.errors);
     }
     outcome.row = FindRecovery(run.signal != 0 ? 128 + run.signal : run.status, run.output, trial.mute);

@@ -6,9 +6,11 @@
 #include "Common/OS/osassert.h"
 #include "devlib/serialapi.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <sys/select.h>
@@ -181,6 +183,17 @@ UInt32 ClosePort(DEVCB *pDev)
 }
 
 // Returns how many bytes arrived in time.
+// A port that is readable but cannot be read, such as one that hung up, costs select no time: without this
+// the time limit would not run down.
+void PauseAfterFailure(timeval *remaining)
+{
+    constexpr Int64 kPause = 1000, kSecond = 1000000; // microseconds
+    constexpr timespec kNap = {0, kPause * 1000};
+    nanosleep(&kNap, nullptr);
+    const Int64 left = std::max<Int64>(Int64{remaining->tv_sec} * kSecond + remaining->tv_usec - kPause, 0);
+    *remaining = {static_cast<Int32>(left / kSecond), static_cast<Int32>(left % kSecond)};
+}
+
 UInt32 ReadWithin(Int32 fd, char *pBuffer, UInt32 size, UInt32 timeout)
 {
     timeval remaining = Microseconds(timeout);
@@ -194,6 +207,8 @@ UInt32 ReadWithin(Int32 fd, char *pBuffer, UInt32 size, UInt32 timeout)
         const ssize_t result = read(fd, pBuffer + got, size - got);
         if (result > 0)
             got += static_cast<UInt32>(result);
+        else
+            PauseAfterFailure(&remaining);
     }
     return got;
 }
