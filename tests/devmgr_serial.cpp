@@ -171,7 +171,7 @@ TEST_P(BothFamilies, OnlyAnFpgaPortKeepsItsEnablesAndContext)
     Seen seen;
     EXPECT_EQ(0u, port.SetCallbacks(&seen.callbacks) + port.Enable(PORT_TX_ENABLE | PORT_RX_ENABLE));
     EXPECT_TRUE(HasTask());
-    close(fake.master);                   // the task goes on, though there is nothing to read any more
+    close(fake.master), tm_wkafter(2);    // the task goes on, though there is nothing to read any more
     EXPECT_EQ(0u, dev_close(port.devid)); // with its task running
     EXPECT_FALSE(HasTask());
     EXPECT_EQ(0u, port.record->asyncThread_running + port.record->threadID);

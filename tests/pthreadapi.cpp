@@ -328,7 +328,7 @@ TEST(Tasks, ReportThemselves)
     EXPECT_GT(low_pointer<TCB>(tid)->usrtime + low_pointer<TCB>(tid)->systime + 1, 0);
     char name[5] = "";
     UInt32 priority = 0;
-    EXPECT_EQ(t_name_and_pri_from_pid(getpid(), name, &priority), 0u);
+    EXPECT_EQ(t_name_and_pri_from_pid(getpid(), name, &priority) + t_name_from_pid(getpid(), name), 0u);
     EXPECT_STREQ(name, "dump");
     EXPECT_EQ(priority, 42u);
     EXPECT_EQ(t_name_from_pid(4711, name), kTaskNotFound);
