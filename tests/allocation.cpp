@@ -106,7 +106,8 @@ Int32 Look(auto look)
 Int32 Write(eErrorT (*write)(const char *, Int32, const char *))
 {
     const eErrorT result = write("item", 0, "value");
-    return Look([=] { return result != kNoError ? result : ConfigRead("item", 0, text) | std::strcmp(text, "value"); });
+    return Look(
+        [=] { return result != kNoError ? result : ConfigRead("item", 0, text) - (std::strcmp(text, "value") != 0); });
 }
 
 // On a thread of its own, which ends as a task: becomes one, deletes another, and finds itself or does not.

@@ -174,7 +174,7 @@ TEST(TaskStress, LosesNothing)
             100000, &tmid, [](void *) { return 0; }, nullptr);
     std::for_each(pool, std::end(pool), tm_cancel);
     std::printf("taskstress: seed %u, %u events, %u timers, %u time-outs, %u tasks, %u takes, %u calls\n", seed,
-                +events, +timers, +timeouts, +tasks, +takes, +ran);
+                events.load(), timers.load(), timeouts.load(), tasks.load(), takes.load(), ran.load());
 }
 
 constexpr UInt32 kRing = 0x80000, kAdders = 4;
