@@ -13,6 +13,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <map>
 #include <sys/select.h>
 #include <sys/stat.h>
@@ -36,6 +37,7 @@ public:
         kShortRead,   // of a file, of as many bytes as the next byte says and one
         kCutFile,     // a file says at its end that it is longer
         kCloseFails,  // of a file, which is closed all the same
+        kHangUp,      // the port is readable from now on, and there is nothing to read
     };
     static bool IsEvent(char byte) { return (byte & 0xF0) == 0xE0; }
     static constexpr std::size_t kScriptSize = 500;   // what comes behind would be more of the same
@@ -167,6 +169,12 @@ private:
 
     int WaitForInput(timeval *limit)
     {
+        if (Happens(kHangUp)) {
+            hungUp_ = true;
+            callsLeft_ += 10000; // the longest wait takes 4000 pauses
+        }
+        if (hungUp_)
+            return isReadable_ = true;
         const bool seconds = Happens(kSecondsLeft);
         if (!script_.empty() && (!IsEvent(script_[0]) || static_cast<UInt8>(script_[0]) == kReadFails)) {
             *limit = seconds ? timeval{1, 0} : timeval{0, limit->tv_usec - 1};
@@ -182,8 +190,8 @@ private:
     {
         CHECK(portOpen && !exchanges.empty());    // the host speaks first
         CHECK(std::exchange(isReadable_, false)); // or the read would wait without limit
-        if (Happens(kReadFails))
-            return -1;
+        if (hungUp_ || Happens(kReadFails))
+            return hungUp_ ? 0 : -1;
         const auto end = std::find_if(script_.begin(), script_.end(), IsEvent);
         const std::size_t count = std::min(size, static_cast<std::size_t>(end - script_.begin()));
         std::memcpy(buffer, script_.data(), count);
@@ -212,6 +220,7 @@ private:
     Files files_;
     std::string_view script_; // what is left of it
     bool isReadable_ = false; // as a wait has said
+    bool hungUp_ = false;
     std::size_t callsLeft_;
 };
 
@@ -371,6 +380,13 @@ int BoardSelect(int fdCount, fd_set *reads, fd_set *writes, fd_set *others, time
 {
     return Board::here != nullptr ? Board::here->Select(fdCount, reads, writes, limit)
                                   : RealSelect(fdCount, reads, writes, others, limit);
+}
+
+int RealSleep(const timespec *time, timespec *left) __asm__("__real_nanosleep");
+int BoardSleep(const timespec *time, timespec *left) __asm__("__wrap_nanosleep");
+int BoardSleep(const timespec *time, timespec *left)
+{
+    return Board::here != nullptr ? 0 : RealSleep(time, left);
 }
 
 ssize_t RealWrite(int fd, const void *data, std::size_t size) __asm__("__real_write");
