@@ -70,6 +70,8 @@ TEST(ConfigStore, FlushesOnceWhenTheLastWriteIsOldEnough)
     writer.Until("pc[0]: config: sync complete ");
     tm_wkafter(300);
     EXPECT_EQ(writer.Drained().find("config"), std::string::npos);
+    EXPECT_EQ(ConfigStoreDelete("item", 0), kNoError);
+    writer.Until("pc[0]: config: sync complete ");
 }
 
 std::atomic<UInt32> processor; // the one that the run-time takes itself for
@@ -89,8 +91,9 @@ Int32 SendCmd(RemMsgPathT *pPath, const char *command, RemMsgRspT completion, vo
 TEST(ConfigStore, AsksAndTellsTheMaster)
 {
     testing::internal::CaptureStdout();
-    RemMsgPathT path = {{kRemMsgPathOpen}, SendCmd};
-    gRemMsgPaths[2] = &path;
+    RemMsgPathT path = {{kRemMsgPathOpen}, SendCmd}, mute = {};
+    gRemMsgPaths[1] = &mute;
+    gRemMsgPaths[2] = gRemMsgPaths[3] = &path;      // there is no processor 3
     for (processor = 0; processor < 2; processor++) // the master tells all others, and has no path to itself
         EXPECT_EQ(RemMsgSendCmd("all", nullptr, nullptr), 0);
     EXPECT_EQ(std::exchange(sent, ""), "all|");

@@ -170,8 +170,11 @@ TEST(ListSearch, VisitsEveryElementOnce)
 TEST(ListLocks, KeepTheListWholeAndTheUnprotFormsTakeNone)
 {
     list = nullptr;
-    const auto work = [](Item *first, Item *second) {
+    static ListT *queue;
+    const auto work = [](Item *first, Item *second, ListT *taken) {
         for (int i = 0; i < 3000; i++) {
+            kLocked.enqueue(&queue, taken);
+            taken = kLocked.dequeue(&queue); // whoever's
             kLocked.enqueueIfAbsent(&list, &first->link);
             kLocked.insertAfter(&list, &first->link, &second->link);
             kLocked.extract(&list, &first->link);
@@ -184,9 +187,9 @@ TEST(ListLocks, KeepTheListWholeAndTheUnprotFormsTakeNone)
             kLocked.extract(&list, &second->link);
         }
     };
-    Item items[4] = {};
-    std::thread other(work, &items[0], &items[1]);
-    work(&items[2], &items[3]);
+    Item items[6] = {};
+    std::thread other(work, &items[0], &items[1], &items[4].link);
+    work(&items[2], &items[3], &items[5].link);
     other.join();
     const InterruptsOffHold hold;
     EXPECT_EQ(Names(), "");

@@ -126,6 +126,7 @@ void CheckTable(const std::string &kind, Int32 add(const char *), Int32 remove(c
     EXPECT_EQ(Printed(dump, 0).find("  \"*\"\n  \"free\"\n  \"b\"\n"), all.find("  \""));
     EXPECT_EQ(remove("*"), 0);
     EXPECT_EQ(Printed(dump, 0), kind + " filters:\n");
+    EXPECT_EQ(add("last") + remove("LAST"), 0);
     EXPECT_EQ(logmsg_print("unfiltered", 10), 10);
 }
 

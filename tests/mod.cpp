@@ -78,6 +78,8 @@ TEST_F(Mod, LogLinesAndDeferredFunctions)
     EXPECT_EQ(ModDeferFunctionCall(64, note, nullptr, 0), kItemNotFound);
     EXPECT_EQ(ModDeferFunctionCall(0, nullptr, "", 1) + ModDeferFunctionCall(0, note, "", -1), 2 * kBadParameter);
     EXPECT_EQ(ModName(nullptr) + std::to_string(ModTraceFilterAdd("")), "none-3");
+    EXPECT_EQ(ModDeferFunctionCall(0, note, std::string(kModMaxArgs, '#').data(), kModMaxArgs), kNoError);
+    expected = "#";
     for (char c = 0; ModDeferFunctionCall(0, note, &c, 1) == kNoError; c++)
         expected += c;
     const char *lines = "WARN  pc\\[0]: MOD: can't defer function call to task \\?{4}, it doesn't exist\n"

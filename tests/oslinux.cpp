@@ -25,7 +25,7 @@ TEST(CommandRelay, CarriesACommandAndItsResult)
     const struct {
         const char *answer;
         Int32 result;
-    } kAnswers[] = {{"0\n", 0}, {"\n", -1}, {"", -1}, {"-17\nrest", -17}, {"12 monkeys\n", 12}, {"word\n", 0}};
+    } kAnswers[] = {{"0\n", 0}, {"\n", -1}, {"", -1}, {"-17\nrest", -17}, {"012 monkeys\n", 12}, {"word\n", 0}};
     for (const auto &row : kAnswers) {
         const bench::Launcher launcher(row.answer, kRelay);
         EXPECT_EQ(system_pthread("./config_port close ttyFPGAS4"), row.result) << row.answer;
@@ -45,8 +45,8 @@ TEST(Commands, ReadTheirFirstLine)
     EXPECT_STREQ(small, "abcd");
     for (int i = 0; i < 2; i++)
         EXPECT_EQ(is_NFS(), system("mount | grep -q 'on / type nfs'") == 0 ? 1u : 0u);
-    prctl(PR_SET_NAME, "findme-please");
-    EXPECT_EQ(find_pid("findme-please"), getpid());
+    prctl(PR_SET_NAME, "findme-please-do"); // of which 15 characters count
+    EXPECT_EQ(find_pid("findme-please-do"), getpid());
     EXPECT_EQ(find_pid("no such process"), -1);
     setenv("OSLINUX_TEST", "abcdefgh", 1);
     EXPECT_EQ(read_env("OSLINUX_TEST", small, sizeof small), 0);

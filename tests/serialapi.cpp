@@ -3,6 +3,7 @@
 
 #include "Common/OS/linux/oslinux.h"
 #include "Common/OS/linux/psosapi/ptimer.h"
+#include "devlib/haldenflash/framing.h"
 #include "tests/fakeports.h"
 #include "tests/tasks.h"
 
@@ -98,6 +99,10 @@ TEST_F(SerialApi, CarriesBytesOnceOpenAndEnabled)
     EXPECT_EQ(2, Serial_Read(kPort, buffer, 2, 1000000));
     EXPECT_STREQ("in", buffer);
     EXPECT_EQ("0", Trace([&] { return Serial_Read(kPort, buffer, 2, 1000); }));
+    while (Serial_Write(kPort, "x", 1, 1000) != 0) // as long as there is room
+        continue;
+    StartTask("read", [] { tm_wkafter(5), fake.Receive(100000, fake.master); });
+    EXPECT_EQ(2, genericWriteRs232Port(kPort, reinterpret_cast<const UInt8 *>("ok"), 2)); // however long it takes
     close(fake.master);
     const std::string trace = Trace([&] { return Serial_Read(kPort, buffer, 2, 0); });
     EXPECT_LT(trace.find("SERIALAPI: In READ, Port: 1 Device Manager read failed, err: 3\n0"), trace.size());

@@ -133,6 +133,25 @@ TEST(LogRing, OverflowLosesLinesAndSaysSo)
     EXPECT_LE(announced, lost);
 }
 
+// A line that would end where the writer has got to: the ring would look empty.
+TEST(LogRing, IsNeverFilledToTheLastByte)
+{
+    LogWriter writer(kLogFormatLevel);
+    std::string expected;
+    const auto add = [&](int number, std::size_t size) {
+        syslogAdd((expected += Line(number, size)).c_str() + expected.size() - size, 0);
+    };
+    for (int i : {0, 1}) // the second one is the first in the ring
+        add(i, 300000), expected.erase(0, writer.Until(Line(i, 300000)).size());
+    testing::internal::CaptureStderr();
+    flockfile(stdout);
+    add(2, 1000), usleep(100000); // until the writer has taken it
+    add(3, 219999), add(4, 199999);
+    syslogAdd(Line(5, 101001).c_str(), 0);
+    funlockfile(stdout);
+    EXPECT_EQ(writer.Drained(), expected + testing::internal::GetCapturedStderr());
+}
+
 TEST(LogRing, TakesLinesOfManyTasks)
 {
     constexpr int kTasks = 4, kLines = 800, kRounds = 6; // in all more than once round the ring

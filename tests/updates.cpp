@@ -26,6 +26,8 @@ TEST(Updates, AnswerCallersOtherThanMain)
     const auto count = [&](CameraFirmwareTypeT type) {
         return GetFarSightCameraImageBlockNumber(type, &number, &none);
     };
+    UInt8 filled[3] = {9, 9, 9};
+    EXPECT_EQ(FillBlock(filled, 0x102, 1, folder, "", "") + filled[0] * 100 + filled[1] * 10 + filled[2], 119);
     testing::internal::CaptureStdout();
     EXPECT_EQ(count(CAMERA_FW_TYPE_CAMERA) + number, 10);
     EXPECT_EQ(count(CAMERA_FW_TYPE_SYSTEM) + number + none, 0);
