@@ -133,24 +133,27 @@ fuzz() {
     echo "fuzz: no findings"
 }
 
-# The suite's own sweeps, for longer: rows that they print.
-run_stress() {
-    local test
-    for test in allocation taskstress; do
-        (cd build/default/tests && STRESS_SECONDS=$1 "./test_$test") >"build/faults/$test.log" 2>&1 ||
-            die "$test failed; see build/faults/$test.log"
-        grep "^$test: " "build/faults/$test.log"
-    done
+# One of the suite's own sweeps, in a process of its own; prints its count.
+stress() { # PRESET PROGRAM FILTER SECONDS
+    local log=$PWD/build/faults/$1-${3//[^a-zA-Z]/}.log
+    (cd "build/$1/tests" && TSAN_OPTIONS=halt_on_error=1 STRESS_SECONDS=$4 "./$2" "--gtest_filter=$3") >"$log" 2>&1 ||
+        die "$2 failed; see $log"
+    echo "$1: $(grep -E '^(allocation|taskstress|ringstress): ' "$log")"
 }
 
 faults() {
-    local every=1 seconds=60
+    local every=1 seconds=60 presets="default tsan" preset
     [ $# -eq 0 ] || [ "$1" = quick ] || die "faults: not \"$1\", but \"quick\" or nothing"
-    [ $# -eq 0 ] || { every=7 seconds=5; }
+    [ $# -eq 0 ] || { every=7 seconds=5 presets=default; }
     need $test_packages strace
     build default
     mkdir -p build/faults
-    run_stress "$seconds"
+    stress default test_allocation '*' 0
+    for preset in $presets; do
+        build "$preset" --target test_taskstress
+        stress "$preset" test_taskstress '*LosesNothing' "$seconds"
+        stress "$preset" test_taskstress '*RingTearsNoLine' "$seconds"
+    done
     exec build/default/haldenfaults --every "$every" --list build/faults/runs.txt
 }
 
