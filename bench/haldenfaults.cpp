@@ -1,20 +1,16 @@
 // The command haldenfaults: plays every fault at every step of an update, on the binary that ships, and
 // holds each run against the table of ends; see trial.h for what is asked of a run.
-#include "bench/preload.h"
-#include "bench/trial.h"
+#include "bench/sweeps.h"
 
 #include <algorithm>
 #include <atomic>
-#include <csignal>
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <getopt.h>
 #include <iostream>
 #include <map>
 #include <mutex>
-#include <random>
 #include <stdexcept>
 
 namespace
@@ -22,7 +18,6 @@ namespace
 
 namespace fs = std::filesystem;
 using namespace bench;
-using std::chrono::milliseconds;
 
 constexpr char kHelp[] =
     "Usage: haldenfaults [options]\n"
@@ -36,276 +31,6 @@ constexpr char kHelp[] =
     "  --recovery       prints the table of ends, docs/recovery.md, and stops\n"
     "Exit status: 0 no finding, 1 findings, 2 usage.\n";
 
-const Session kFull = {"full", {"all", "-p", "progress", "0", "100"}, {.cameraSize = 70000, .systemSize = 300}, 6144};
-const Session kQuery = {"query", {"all", "q", "-p", "progress", "0", "100"}, kFull.samples, 6144};
-const Session kFullDisk = {"full disk", {"all", "-p", "/dev/full", "0", "100"}, kFull.samples, 6144};
-const Session kFile = {"file", {"all", "-p", "position", "0", "100"}, kFull.samples, 6144};
-const Session kShortMicro = {"micro", {"micro"}, {}, 20};
-const Session kShortCamera = {"camera", {"farsight"}, {.cameraSize = 20, .systemSize = 10}, 6144};
-
-// ---- System calls
-
-// What a call can fail with, as strace takes it; '+': from then on for good.
-struct FailureRow {
-    const char *call;
-    std::vector<const char *> failures;
-};
-const FailureRow kFailures[] = {
-    {"read", {"error=EINTR", "error=EIO", "error=EAGAIN", "retval=0", "error=EIO+"}},
-    {"write", {"error=EINTR", "error=EIO", "error=EAGAIN", "error=ENOSPC", "error=ENOSPC+"}},
-    {"openat", {"error=EINTR", "error=EIO", "error=EMFILE", "error=ENOMEM", "error=ENOSPC", "error=EMFILE+"}},
-    {"futex", {"error=EINTR", "error=EAGAIN"}},
-    {"close", {}},           // see kOrders: a close that fails is done all the same
-    {"set_tid_address", {}}, // never fails
-    {"select", {"error=EINTR", "error=ENOMEM"}},
-    {"pselect6", {"error=EINTR", "error=ENOMEM"}},
-    {"mmap", {"error=ENOMEM"}},
-    {"munmap", {"error=ENOMEM"}},
-    {"brk", {"retval=0", "retval=0+"}}, // tells a failure by the end that it leaves
-    {"execve", {}},                     // the program would not be there
-    {"exit_group", {}},                 // nor end
-};
-const std::vector<const char *> kAnyFailure = {"error=EINTR", "error=EIO", "error=ENOMEM"}; // of all others
-
-// What the preload library plays.
-struct OrderRow {
-    const char *call, *failure, *order;
-};
-constexpr OrderRow kOrders[] = {
-    {"read", "half", kPreloadHalfRead},
-    {"write", "half", kPreloadHalfWrite},
-    {"close", "fails", kPreloadLostClose},
-};
-
-const std::vector<const char *> &FailuresOf(const std::string &call)
-{
-    for (const FailureRow &row : kFailures)
-        if (call == row.call)
-            return row.failures;
-    return kAnyFailure;
-}
-
-Trial CallTrial(const Session &session, const std::string &call, int ordinal, const std::string &failure)
-{
-    const bool lasting = failure.ends_with('+');
-    const std::string what = failure.substr(0, failure.size() - (lasting ? 1 : 0));
-    Trial trial = {.name = Format("%s: %s %d %s", session.name, call.c_str(), ordinal, failure.c_str()),
-                   .session = &session};
-    trial.injection = call + ":" + what + Format(":when=%d%s", ordinal, lasting ? "+" : "");
-    trial.mute = call == "write";
-    return trial;
-}
-
-void AddCalls(std::vector<Trial> &trials, Rig &rig, const Session &session)
-{
-    std::map<std::string, int> counts;
-    bool loading = true;
-    for (const std::string &call : rig.Calls(session)) {
-        const int ordinal = ++counts[call];
-        loading = loading && call != "fcntl"; // the program's first
-        for (const char *failure : FailuresOf(call)) {
-            trials.push_back(CallTrial(session, call, ordinal, failure));
-            trials.back().loading = loading;
-        }
-    }
-    for (const OrderRow &row : kOrders)
-        for (int ordinal = 1; ordinal <= counts[row.call]; ordinal++)
-            trials.push_back({.name = Format("%s: %s %d %s", session.name, row.call, ordinal, row.failure),
-                              .session = &session,
-                              .orders = {{row.order, std::to_string(ordinal)}}});
-}
-
-// The driver's requests and opens, which never reach the kernel here: more ordinals than there are.
-void AddRequests(std::vector<Trial> &trials)
-{
-    constexpr unsigned kMost = 12;
-    for (unsigned ordinal = 1; ordinal <= kMost; ordinal++)
-        for (const auto &[request, name] :
-             {std::pair{&Port::refusedRequest, "request"}, {&Port::refusedOpens, "opens"}}) {
-            Trial micro = {.name = Format("micro: %s %u refused", name, ordinal), .session = &kFull};
-            Trial camera = {.name = Format("camera: %s %u refused", name, ordinal), .session = &kFull};
-            micro.microPort.*request = camera.cameraPort.*request = ordinal;
-            trials.insert(trials.end(), {micro, camera});
-        }
-}
-
-std::vector<Trial> Calls(Rig &rig)
-{
-    std::vector<Trial> trials;
-    AddCalls(trials, rig, kFull);
-    AddCalls(trials, rig, kQuery);
-    AddRequests(trials);
-    return trials;
-}
-
-// ---- The wire
-
-struct LineRow {
-    const char *name;
-    LineFault::Kind kind;
-    std::uint8_t value;
-    int delayMs;
-};
-constexpr LineRow kLineFaults[] = {
-    {"dropped", LineFault::Kind::kDrop, 0, 0},
-    {"inverted", LineFault::Kind::kFlip, 0xFF, 0},
-    {"lowest bit flipped", LineFault::Kind::kFlip, 0x01, 0},
-    {"doubled", LineFault::Kind::kDouble, 0, 0},
-    {"behind 5A", LineFault::Kind::kNoise, 0x5A, 0},
-    {"behind FF", LineFault::Kind::kNoise, 0xFF, 0},
-    {"10 ms late", LineFault::Kind::kDelay, 0, 10},
-    {"200 ms late", LineFault::Kind::kDelay, 0, 200},   // too late for the microcontroller
-    {"4500 ms late", LineFault::Kind::kDelay, 0, 4500}, // and for the camera
-};
-
-std::vector<Trial> Wire(Rig &rig)
-{
-    struct Place {
-        const char *name;
-        const Session *session;
-        LineFault Trial::*fault;
-        LineFault::Way way;
-        std::size_t carried; // position in Outcome::carried
-    };
-    constexpr Place kPlaces[] = {
-        {"to micro", &kShortMicro, &Trial::microLine, LineFault::kToDevice, 0},
-        {"from micro", &kShortMicro, &Trial::microLine, LineFault::kToHost, 1},
-        {"to camera", &kShortCamera, &Trial::cameraLine, LineFault::kToDevice, 2},
-        {"from camera", &kShortCamera, &Trial::cameraLine, LineFault::kToHost, 3},
-    };
-    std::vector<Trial> trials;
-    for (const Place &place : kPlaces) {
-        const std::uint64_t bytes = rig.Try({.name = "", .session = place.session}).carried[place.carried];
-        for (std::uint64_t byte = 0; byte < bytes; byte++)
-            for (const LineRow &row : kLineFaults) {
-                Trial trial = {.name = Format("%s: byte %u %s", place.name, static_cast<unsigned>(byte), row.name),
-                               .session = place.session};
-                trial.*place.fault = {row.kind, place.way, byte, row.value, row.delayMs};
-                trials.push_back(trial);
-            }
-    }
-    return trials;
-}
-
-// ---- Power
-
-struct DeviceRow {
-    const char *name;
-    Faults Trial::*faults;
-    unsigned blocks; // of the full session
-};
-constexpr DeviceRow kDevices[] = {{"micro", &Trial::micro, 12}, {"camera", &Trial::camera, 3}};
-
-std::vector<Trial> Power(Rig &)
-{
-    std::vector<Trial> trials;
-    for (const DeviceRow &device : kDevices)
-        for (unsigned block = 0; block < device.blocks; block++)
-            for (const bool middle : {true, false}) {
-                Trial trial = {.name = Format("%s: block %u%s", device.name, block, middle ? ", half of it" : ""),
-                               .session = &kFull};
-                (trial.*device.faults).cutBlock = static_cast<int>(block);
-                (trial.*device.faults).cutMiddle = middle;
-                trials.push_back(trial);
-            }
-    return trials;
-}
-
-// ---- Answers
-
-std::vector<Trial> Answers(Rig &)
-{
-    constexpr struct {
-        const char *name;
-        BlockFault fault;
-        int times;
-    } kAnswers[] = {
-        {"refused", {kNack, {}}, 1},       {"refused twice", {kNack, {}}, 2}, {"refused three times", {kNack, {}}, 3},
-        {"unknown", {0x42, {}}, 1},        {"silence", {-1, {0, 0}}, 1},      {"one byte", {-1, {1, 0}}, 1},
-        {"30 ms late", {-1, {-1, 30}}, 1}, {"5 s late", {-1, {-1, 5000}}, 1},
-    };
-    std::vector<Trial> trials;
-    for (const DeviceRow &device : kDevices)
-        for (unsigned block = 0; block < device.blocks; block++)
-            for (const auto &answer : kAnswers) {
-                Trial trial = {.name = Format("%s: block %u %s", device.name, block, answer.name), .session = &kFull};
-                for (int i = 0; i < answer.times; i++)
-                    (trial.*device.faults).blocks[block + static_cast<unsigned>(i)] = answer.fault;
-                trials.push_back(trial);
-            }
-    return trials;
-}
-
-// ---- The supervisor
-
-constexpr unsigned kMoments = 40;
-constexpr int kRunMs = 800; // what a run takes, about
-
-std::vector<Trial> Moments()
-{
-    std::mt19937 random(1);
-    std::uniform_int_distribution<int> moment(1, kRunMs), pause(1, 300);
-    std::vector<Trial> trials;
-    for (unsigned i = 0; i < kMoments; i++) {
-        const milliseconds at(moment(random));
-        trials.push_back({.name = Format("stopped and continued %u", i),
-                          .session = &kFull,
-                          .signals = {{at, SIGSTOP}, {milliseconds(pause(random)), SIGCONT}},
-                          .harmless = true});
-        trials.push_back({.name = Format("killed %u", i), .session = &kFull, .signals = {{at, SIGKILL}}});
-        trials.push_back({.name = Format("terminated %u", i), .session = &kFull, .signals = {{at, SIGTERM}}});
-    }
-    return trials;
-}
-
-std::vector<Trial> Supervisor(Rig &)
-{
-    using Reader = ProgressOptions::Reader;
-    const auto slow = [](const std::string &) { std::this_thread::sleep_for(milliseconds(100)); };
-    std::vector<Trial> trials = {
-        {.name = "file", .session = &kFile, .harmless = true},
-        {.name = "full disk", .session = &kFullDisk, .harmless = true},
-        {.name = "slow reader", .session = &kFull, .progress = {.seen = slow}, .harmless = true},
-        {.name = "no output", .session = &kFull, .output = Output::kClosed, .harmless = true, .mute = true},
-        {.name = "full output", .session = &kFull, .output = Output::kFull, .harmless = true, .mute = true},
-    };
-    for (const std::size_t numbers : {0, 1, 5, 9}) {
-        trials.push_back({.name = Format("reader killed after %zu numbers", numbers),
-                          .session = &kFull,
-                          .progress = {Reader::kDies, numbers},
-                          .harmless = true});
-        trials.push_back({.name = Format("no reader after %zu numbers", numbers),
-                          .session = &kFull,
-                          .progress = {Reader::kLeaves, numbers},
-                          .waits = true});
-    }
-    for (const std::size_t bytes : {0, 1, 1000, 4000, 8000})
-        trials.push_back({.name = Format("output broken after %zu bytes", bytes),
-                          .session = &kFull,
-                          .output = Output::kBroken,
-                          .outputRead = bytes,
-                          .harmless = true,
-                          .mute = true});
-    std::vector<Trial> moments = Moments();
-    trials.insert(trials.end(), moments.begin(), moments.end());
-    return trials;
-}
-
-struct Sweep {
-    const char *name;
-    const char *title;
-    std::vector<Trial> (*trials)(Rig &rig);
-};
-constexpr Sweep kSweeps[] = {
-    {"calls", "system calls", Calls},
-    {"wire", "the wire", Wire},
-    {"power", "power", Power},
-    {"answers", "answers", Answers},
-    {"supervisor", "the supervisor", Supervisor},
-};
-
-// ---- The command
-
 struct Settings {
     std::string sweep, show, list;
     std::size_t every = 1, jobs = 16;
@@ -314,11 +39,12 @@ struct Settings {
 
 // What came of a sweep.
 struct Tally {
-    std::size_t runs = 0, findings = 0, once = 0, unproven = 0, holes = 0, misread = 0;
+    std::size_t runs = 0, findings = 0, passing = 0, idle = 0, versionsOnly = 0;
     double slowest = 0;
     std::string slowestName;
-    std::map<std::string, std::size_t> ends; // runs by status and last line
-    std::vector<std::string> list;           // one line a run
+    std::map<std::string, std::size_t> ends;     // runs by status and last line
+    std::map<std::string, std::size_t> unproven; // successes that leave a device without its image, by reason
+    std::vector<std::string> list;               // one line a run
 };
 
 // Folders of the rigs, gone at the end.
@@ -349,25 +75,20 @@ std::string EndOf(const Outcome &outcome)
     if (outcome.run.killed)
         return outcome.row == nullptr ? "waits for a reader" : "goes on, by requirement";
     if (outcome.run.signal != 0)
-        return Format("signal %d%s", outcome.run.signal, outcome.loading ? " while loading" : "");
+        return Format("signal %d%s", outcome.run.signal, outcome.inLoader ? " while loading" : "");
     const std::string last = outcome.row == nullptr || outcome.row->last[0] == '\0' ? "(none)" : outcome.row->last;
     return Format("%3d %s", outcome.run.status, last.c_str());
-}
-
-// The one success that proves nothing: a microcontroller that gave no verdict on a block or refused one.
-bool Unproven(const Outcome &outcome)
-{
-    return outcome.run.status == 0 && (outcome.held[0] == kPart || (outcome.held[0] == kBefore && outcome.noVerdict));
 }
 
 void Note(const Settings &settings, const Trial &trial, const Outcome &outcome, Tally &tally)
 {
     tally.runs++;
     tally.findings += outcome.findings.empty() ? 0 : 1;
-    tally.once += outcome.once.empty() ? 0 : 1;
-    tally.unproven += Unproven(outcome) ? 1 : 0;
-    tally.holes += outcome.hole ? 1 : 0;
-    tally.misread += outcome.misread ? 1 : 0;
+    tally.passing += outcome.passing.empty() ? 0 : 1;
+    tally.idle += outcome.struck ? 0 : 1;
+    tally.versionsOnly += outcome.versionWithoutImage ? 1 : 0;
+    if (outcome.unproven != nullptr)
+        tally.unproven[outcome.unproven]++;
     tally.ends[EndOf(outcome)]++;
     if (!outcome.run.killed && outcome.fullSeconds > tally.slowest) {
         tally.slowest = outcome.fullSeconds;
@@ -378,9 +99,13 @@ void Note(const Settings &settings, const Trial &trial, const Outcome &outcome, 
         held += std::string(" ") + NameOf(one);
     const char *reason = outcome.row == nullptr ? "?" : outcome.row->reason;
     tally.list.push_back(trial.name + " |" + held + " | " + EndOf(outcome) + " | " + reason);
+    if (outcome.unproven != nullptr)
+        tally.list.back() += std::string(" | ") + outcome.unproven;
+    if (!outcome.struck)
+        tally.list.back() += " | the fault did not come to pass";
     for (const std::string &finding : outcome.findings)
         std::cout << "! " << trial.name << ": " << finding << "\n";
-    for (const std::string &finding : outcome.once)
+    for (const std::string &finding : outcome.passing)
         std::cout << "? " << trial.name << ": not when repeated: " << finding << "\n";
     if (settings.show.empty())
         return;
@@ -393,18 +118,16 @@ void Note(const Settings &settings, const Trial &trial, const Outcome &outcome, 
 void Report(const Sweep &sweep, const Tally &tally)
 {
     std::cout << Format("%-15s %5zu runs, %zu with findings, %zu clean when repeated; longest %.1f s (%s)\n",
-                        sweep.title, tally.runs, tally.findings, tally.once, tally.slowest, tally.slowestName.c_str());
+                        sweep.title, tally.runs, tally.findings, tally.passing, tally.slowest,
+                        tally.slowestName.c_str());
     for (const auto &[end, runs] : tally.ends)
         std::cout << Format("  %6zu  %s\n", runs, end.c_str());
-    // The cases in which status 0 does not prove that a device holds its image.
-    const std::pair<std::size_t, const char *> excuses[] = {
-        {tally.unproven, "with status 0 after a microcontroller that was silent or refused a block"},
-        {tally.holes, "of these run the new version all the same"},
-        {tally.misread, "with status 0 after a version reply that the line made the image's version"},
-    };
-    for (const auto &[runs, excuse] : excuses)
-        if (runs > 0)
-            std::cout << Format("  %6zu  %s\n", runs, excuse);
+    for (const auto &[reason, runs] : tally.unproven)
+        std::cout << Format("  %6zu  with status 0 and without an image after %s\n", runs, reason.c_str());
+    if (tally.versionsOnly > 0)
+        std::cout << Format("  %6zu  of these run the new version all the same\n", tally.versionsOnly);
+    if (tally.idle > 0)
+        std::cout << Format("  %6zu  whose fault did not come to pass\n", tally.idle);
     std::cout << std::flush;
 }
 
@@ -489,6 +212,8 @@ void WriteList(const std::string &path, std::vector<std::string> lines)
 
 int Work(const Settings &settings)
 {
+    if (fs::exists("/dev/fpgaserial0") || fs::exists("/dev/fpgaserial1"))
+        throw std::runtime_error("this machine has such ports itself; a fault in the loader would lead to them");
     const fs::path beside = fs::read_symlink("/proc/self/exe").parent_path();
     const Folders folders;
     std::vector<Rig> rigs;
@@ -496,7 +221,7 @@ int Work(const Settings &settings)
         rigs.emplace_back(beside / "haldenflash", beside / "haldenbench-preload.so", folders.Make(i));
     std::size_t runs = 0, findings = 0;
     std::vector<std::string> list;
-    for (const Sweep &sweep : kSweeps) {
+    for (const Sweep &sweep : Sweeps()) {
         if (!settings.sweep.empty() && settings.sweep != sweep.name)
             continue;
         const Tally tally = Play(settings, sweep.trials(rigs.front()), rigs);

@@ -332,19 +332,26 @@ extern "C" int close(int fd)
     const int result = gRealClose(fd);
     if (++gCloses != gOrders.lostClose)
         return result;
+    Log("lost close\n");
     errno = EIO;
     return -1;
 }
 
 extern "C" ssize_t read(int fd, void *data, std::size_t size)
 {
-    return gRealRead(fd, data, ++gReads == gOrders.halfRead ? (size + 1) / 2 : size);
+    if (++gReads == gOrders.halfRead) {
+        size = (size + 1) / 2;
+        Log("half read\n");
+    }
+    return gRealRead(fd, data, size);
 }
 
 extern "C" ssize_t write(int fd, const void *data, std::size_t size)
 {
-    if (++gWrites == gOrders.halfWrite)
+    if (++gWrites == gOrders.halfWrite) {
         size = (size + 1) / 2;
+        Log("half write\n");
+    }
     const int port = PortOfDescriptor(fd);
     if (port < 0)
         return gRealWrite(fd, data, size);

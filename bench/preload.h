@@ -8,6 +8,7 @@
 //                               config <N>: mask <n> baud <n> parity <n> stop <n> flow <n> data <n>
 //                               rx <N> enabled | rx <N> disabled     (either with " refused" behind it)
 //                               write <N>: <n> of <n> bytes | write <N> refused
+//                               half read | half write | lost close
 //                               wait <microseconds asked for>           (of the main thread)
 //   HALDENBENCH_PORT<N>       file that "/dev/fpgaserial<N>" leads to; a port without one is ENOENT
 //   HALDENBENCH_RELAY         FIFO that "/tmp/plaunch" leads to; without one it is ENOENT

@@ -29,6 +29,9 @@ constexpr RecoveryRow kRows[] = {
      "If the microcontroller was to be updated, provide another `haldenmicro.bin` and run again."},
     {0, kSuccess, "", kWhole, kWhole, kWhole,
      "The devices that were asked for hold their images, or gave the images' versions for theirs.", "Nothing."},
+    {0, "########## NO Halden Image(s) Update Required", "Could not open Halden Microcontroller BIN file", kBefore,
+     kBefore, kBefore, "Query: there is no image for the microcontroller, so that nothing is known of it.",
+     "Provide `haldenmicro.bin` and ask again."},
     {0, "########## NO Halden Image(s) Update Required", "", kBefore, kBefore, kBefore,
      "Query: the devices are up to date.", "Nothing."},
     {1, "########## Halden Image(s) Update Required", "", kBefore, kBefore, kBefore,
@@ -37,13 +40,21 @@ constexpr RecoveryRow kRows[] = {
      "No target was named.", "Name `all`, `micro` or `farsight`."},
 
     {255, kFailed, "Failed open port: 1,", kBefore, kBefore, kBefore,
-     "The microcontroller's port did not open.", "Look for who else uses the port; run again."},
+     "The microcontroller's port did not open, or could not be configured.", "Look for who else uses the port; run again."},
     {255, kFailed, "Failed to enable serial port[1]", kBefore, kBefore, kBefore,
-     "The microcontroller's port could not be configured.", "Run again; then look at the driver."},
+     "The microcontroller's port could not be switched on.", "Run again; then look at the driver."},
     {255, kFailed, "Failed open port: 0,", kWhole, kBefore, kBefore,
-     "The camera's port did not open; the microcontroller is done.", "Look for who else uses the port; run again."},
+     "The camera's port did not open, or could not be configured.", "Look for who else uses the port; run again."},
     {255, kFailed, "Failed to enable serial port[0]", kWhole, kBefore, kBefore,
-     "The camera's port could not be configured; the microcontroller is done.", "Run again; then look at the driver."},
+     "The camera's port could not be switched on.", "Run again; then look at the driver."},
+    {255, kFailed, "ERROR reading: farsight", kWhole, kAny, kAny,
+     "An image of the camera could not be read.", "Look at the file; run again."},
+    {255, kFailed, "camNumBlocks:0 ", kWhole, kAny, kAny,
+     "The camera image was empty, or could not be opened when its blocks were counted.",
+     "Provide `farsightcam.bin`; run again."},
+    {255, kFailed, "sysNUmBlocks:0 ", kWhole, kAny, kAny,
+     "The system image was empty, or could not be opened when its blocks were counted.",
+     "Provide `farsightsys.bin`; run again."},
     {255, kFailed, "#### Failed sending the farsight data block", kWhole, kAny, kAny,
      "The camera refused a block, or a block could not be read or sent.",
      "Run again: what is not whole is sent anew. An image that the camera always refuses is not for it."},
@@ -52,14 +63,22 @@ constexpr RecoveryRow kRows[] = {
      "Look at the camera's power and cable; run again: what is not whole is sent anew."},
     {255, kFailed, "FarSight FW update with, camNumBlocks", kWhole, kAny, kAny,
      "The camera's port failed while blocks were sent, or could not be closed.", "Run again."},
+    {255, kFailed, "Failed to disable serial port[0]", kWhole, kBefore, kBefore,
+     "The camera needed no update, or was only asked; its port could not be switched off.", "Run again."},
     {255, kFailed, "########### calling flash_farsight()", kWhole, kBefore, kBefore,
-     "The camera did not answer, or a file of it could not be read; it was sent nothing. The microcontroller is done.",
+     "The camera did not answer, or a file of it could not be read; it was sent no block.",
      "The lines before the last tell which: provide the files, or look at the camera's power and cable; run again."},
+    {255, kFailed, "ABORT Micro programming", kAny, kBefore, kBefore,
+     "The microcontroller's image could not be read.", "Look at the file; run again."},
     {255, kFailed, "Flashing Halden Micro Controller Image block", kAny, kBefore, kBefore,
-     "A block could not be read or sent, or the microcontroller's port could not be closed.",
+     "A block could not be sent, or the microcontroller's port could not be switched off.",
      "Run again: the image is sent anew unless the microcontroller already runs it."},
+    {255, kFailed, "Failed to disable serial port[1]", kBefore, kBefore, kBefore,
+     "The microcontroller needed no update, or was only asked; its port could not be switched off.", "Run again."},
+    {255, kFailed, "Could not open Halden Microcontroller BIN file", kBefore, kBefore, kBefore,
+     "The microcontroller's image could not be opened a second time; nothing was sent.", "Run again."},
     {255, kFailed, "", kBefore, kBefore, kBefore,
-     "The microcontroller did not answer, or not completely; it was sent nothing.",
+     "The microcontroller could not be asked, or did not answer completely; it was sent no block.",
      "Look at its power and cable; run again."},
 
     {127, "", "", kBefore, kBefore, kBefore,
@@ -74,7 +93,8 @@ constexpr RecoveryRow kRows[] = {
 // Ends whose result line got lost with standard output: the status holds.
 constexpr RecoveryRow kMuteRows[] = {
     {0, "", "", kWhole, kWhole, kWhole,
-     "Standard output was lost; the status holds: the devices hold their images; in query mode they are up to date.", "Nothing."},
+     "Standard output was lost: the host saw no failure, but nothing tells whether the microcontroller gave its verdicts.",
+     "Ask with `haldenflash micro q`."},
     {1, "", "", kBefore, kBefore, kBefore,
      "Standard output was lost; the status holds: an image differs.", "Run the update."},
     {255, "", "", kAny, kAny, kAny,
@@ -120,15 +140,20 @@ constexpr char kHead[] =
     "# After a run\n"
     "\n"
     "What each end of `haldenflash` says, what each device may hold then if it was asked for, and what to do. The\n"
-    "first row counts whose status, last line and line of the trace are there. `./do faults` holds every run of its\n"
-    "sweeps against this table; `haldenfaults --recovery` prints this page.\n"
+    "first row counts whose status, last line and line of the trace are there; the microcontroller is done where a "
+    "row\n"
+    "speaks of the camera. `./do faults` holds the end of each run of its sweeps against this table;\n"
+    "`haldenfaults --recovery` prints this page.\n"
     "\n"
     "Whatever the row says: after the line `GOT A [NACK] FROM HALDEN MICRO CONTROLLER` the microcontroller may hold\n"
-    "anything, because its silence, its third refusal and a block that it refused once all leave the status as it\n"
-    "is. `haldenflash micro` sends the image again if the version differs. If the trace has a second `Iteration` of a\n"
-    "block, the refused block is missing, even if the version is the new one: send an image of another version first.\n"
+    "anything, because its silence, its third refusal, a block that it refused once and a verdict that is neither all\n"
+    "leave the status as it is. `haldenflash micro` sends the image again if the version differs. If the trace has a\n"
+    "second `Iteration` of a block, or `UNKNOWN RESPONSE FROM FARSIGHT DURING HALDEN MICRO`, bytes are missing even "
+    "if\n"
+    "the version is the new one: send an image of another version first.\n"
     "\n"
-    "A device that holds a part of an image answers the next run, which sends the whole image again.\n"
+    "Devices like those of the bench answer the next run whatever they hold of an image, and are sent all of it "
+    "again.\n"
     "\n"
     "| Exit status, last line | In the trace | Meaning | Microcontroller | Camera image | System image | What to do |\n"
     "|---|---|---|---|---|---|---|\n";

@@ -1,5 +1,5 @@
 // What the end of a run says about the devices, and what to do next: the table behind docs/recovery.md,
-// which the fault sweeps hold every run against.
+// which the fault sweeps hold the end of a run against.
 #pragma once
 
 #include <string>

@@ -6,6 +6,7 @@
 #include <fstream>
 #include <map>
 #include <sstream>
+#include <stdexcept>
 
 namespace bench
 {
@@ -17,6 +18,9 @@ constexpr int kCameraPort = 0;
 constexpr int kMicroPort = 1;
 constexpr unsigned kWaitDivisor = 20;
 constexpr char kStrace[] = "/usr/bin/strace";
+constexpr char kStraceFile[] = "calls";
+constexpr char kUnknownMicroVerdict[] = "UNKNOWN RESPONSE FROM FARSIGHT DURING HALDEN MICRO";
+constexpr int kNotLoaded = 127;      // status
 constexpr char kFifo[] = "progress"; // in a session's words: a FIFO with a reader
 constexpr std::chrono::seconds kLimit{25}, kWaitLimit{2};
 
@@ -74,20 +78,31 @@ double SecondsSaved(const std::vector<std::string> &events)
     return microseconds / 1e6 * (1 - 1.0 / kWaitDivisor);
 }
 
-// One image, for judgement.
-struct Image {
-    const char *name;
-    unsigned allowed; // of Held, by the table
-    bool anything;    // is excused
-    const LineFault *fault;
-};
-
-// A version reply has no checksum: flipped bits can make it the image's version.
-bool TakesForUpToDate(const LineFault &fault, const std::string &output)
+bool Has(const std::string &text, const char *part)
 {
-    return fault.kind == LineFault::Kind::kFlip && fault.way == LineFault::kToHost &&
-           (output.find("Already up to date") != std::string::npos ||
-            output.find("Halden Micro controller update is NEEDED.") == std::string::npos);
+    return text.find(part) != std::string::npos;
+}
+
+// Why a success may leave a device without image i (microcontroller, camera image, system image), which has
+// an older version; null if there is no excuse.
+const char *Excuse(const Trial &trial, const Outcome &outcome, std::size_t i)
+{
+    const std::string &output = outcome.run.output;
+    const LineFault &fault = i == 0 ? trial.microLine : trial.cameraLine;
+    constexpr std::uint64_t kVersionReply = 15; // bytes, of either device; it has no checksum
+    const char *const sent = i == 0 ? "Halden Micro controller update is NEEDED." : "Already up to date";
+    if (fault.kind == LineFault::Kind::kFlip && fault.way == LineFault::kToHost && fault.byte < kVersionReply &&
+        outcome.held[i] == kBefore && Has(output, sent) == (i != 0))
+        return "a version reply that the line made the image's version";
+    if (i != 0)
+        return nullptr;
+    if (outcome.row->micro == kBefore && outcome.held[i] == kBefore)
+        return "an image for the microcontroller that could not be read";
+    if (trial.injection.starts_with("select") || trial.injection.starts_with("pselect"))
+        return "a wait for the microcontroller that was made to fail";
+    if (Has(output, kUnknownMicroVerdict))
+        return "an unknown verdict of the microcontroller";
+    return NoVerdict(output) ? "a microcontroller that was silent or refused a block" : nullptr;
 }
 
 bool Whole(Held held)
@@ -143,8 +158,8 @@ RunOptions Rig::Options(const Trial &trial, Devices &devices) const
     if (Has(trial.session->words, kFifo))
         options.fifo = kFifo;
     if (!trial.injection.empty())
-        RunUnderStrace(options, {"strace", "-D", "-f", "--seccomp-bpf", "-qq", "-o", "/dev/null", "-e",
-                                 "trace=" + trial.injection.substr(0, trial.injection.find(':')), "-e",
+        RunUnderStrace(options, {"strace", "-D", "-f", "--seccomp-bpf", "-qq", "-o", directory_ + "/" + kStraceFile,
+                                 "-e", "trace=" + trial.injection.substr(0, trial.injection.find(':')), "-e",
                                  "inject=" + trial.injection});
     return options;
 }
@@ -162,60 +177,93 @@ std::array<Held, 3> Rig::Holdings(const Session &session, const Devices &devices
     return held;
 }
 
-// Adds what is wrong with the way that a run ended.
-void Rig::Judge(const Trial &trial, Outcome &outcome) const
+// Whether the trace of strace, which may come a little later than the end, or the preload library tells that
+// the fault was played. What neither plays is taken for played.
+bool Rig::Struck(const Trial &trial, const RunResult &run) const
 {
-    std::vector<std::string> &findings = outcome.findings;
-    const RunResult &run = outcome.run;
-    if (trial.waits) {
-        if (!run.killed)
-            findings.push_back("did not wait");
-        return;
+    if (!trial.orders.empty())
+        return std::any_of(run.events.begin(), run.events.end(), [](const std::string &event) {
+            return event.starts_with("half ") || event.starts_with("lost ");
+        });
+    for (int tries = 0; !trial.injection.empty(); tries++) {
+        const Bytes text = ReadFile(directory_ + "/" + kStraceFile).value_or(Bytes());
+        if (Has(std::string(text.begin(), text.end()), "(INJECTED)"))
+            return true;
+        if (tries == 20)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
-    const bool endless = run.killed && Endless(run.output);
-    if (run.killed && !endless)
-        findings.push_back("did not end");
-    if (outcome.fullSeconds > kBoundSeconds && !run.killed)
-        findings.push_back(Format("takes %.1f s", outcome.fullSeconds));
-    if (run.signal == 0) {
-        for (const auto &[port, open] : OpenPorts(run.events))
-            if (open != 0)
-                findings.push_back("left port " + port + " open");
-    } else if (trial.loading) {
-        return;
-    } else if (!run.killed && !Killed(trial, run.signal)) {
-        findings.push_back(Format("crashed by signal %d: ", run.signal) + run.errors);
-    }
-    outcome.row = FindRecovery(run.signal != 0 ? 128 + run.signal : run.status, run.output, trial.mute);
-    if (outcome.row == nullptr) {
-        findings.push_back(Format("status %d, signal %d and this last line are not known: ", run.status, run.signal) +
-                           outcome.last);
-        return;
-    }
-    JudgeHoldings(trial, outcome);
+    return true;
 }
 
-// Adds what is wrong with what the devices hold. They had older versions: after an update that calls itself
-// a success they hold their images, unless the trace says why not.
+// Adds what is wrong with a run.
+void Rig::Judge(const Trial &trial, const Devices &devices, Outcome &outcome) const
+{
+    outcome.struck = Struck(trial, outcome.run);
+    if (!trial.spoilsWire && !trial.inLoader && !trial.waits)
+        JudgeProtocol(devices, outcome);
+    if (trial.waits) {
+        if (!outcome.run.killed || outcome.run.progress.size() != trial.progress.count)
+            outcome.findings.push_back("did not wait, or not with its progress delivered");
+        return;
+    }
+    JudgeEnd(trial, outcome);
+    if (outcome.row != nullptr)
+        JudgeHoldings(trial, outcome);
+}
+
+// What the devices object to. An image whose blocks cannot be counted is announced with none, which they do.
+void Rig::JudgeProtocol(const Devices &devices, Outcome &outcome) const
+{
+    const bool none = Has(outcome.run.output, "camNumBlocks:0 ") || Has(outcome.run.output, "sysNUmBlocks:0 ");
+    for (const Device *device :
+         {static_cast<const Device *>(&devices.micro), static_cast<const Device *>(&devices.camera)})
+        for (const std::string &finding : device->findings())
+            if (!none || !finding.starts_with("flash mode "))
+                outcome.findings.push_back("a device objects: " + finding);
+}
+
+// How it ended, and the row of that end.
+void Rig::JudgeEnd(const Trial &trial, Outcome &outcome) const
+{
+    constexpr std::uint64_t kManyVerdicts = 40; // bytes from the devices
+    std::vector<std::string> &findings = outcome.findings;
+    const RunResult &run = outcome.run;
+    if (trial.inLoader && (run.signal != 0 || run.status == kNotLoaded))
+        return;
+    if (run.killed && !(Endless(run.output) && outcome.carried[1] + outcome.carried[3] >= kManyVerdicts))
+        findings.push_back("did not end");
+    if (!run.killed && outcome.fullSeconds > kBoundSeconds)
+        findings.push_back(Format("takes %.1f s", outcome.fullSeconds));
+    for (const auto &[port, open] : OpenPorts(run.events))
+        if (open != 0 && run.signal == 0)
+            findings.push_back("left port " + port + " open");
+    if (run.signal != 0 && !run.killed && !Killed(trial, run.signal))
+        findings.push_back(Format("crashed by signal %d: ", run.signal) + run.errors);
+    outcome.row = FindRecovery(run.signal != 0 ? 128 + run.signal : run.status, run.output, trial.mayLoseOutput);
+    if (outcome.row == nullptr)
+        findings.push_back(Format("status %d, signal %d and this last line are not known: ", run.status, run.signal) +
+                           outcome.last);
+}
+
+// What the devices hold. They had older versions: after an update that calls itself a success they hold
+// their images, and no query finds that none is required.
 void Rig::JudgeHoldings(const Trial &trial, Outcome &outcome) const
 {
-    const RunResult &run = outcome.run;
-    const RecoveryRow &row = *outcome.row;
-    const bool success = run.status == 0 && !Has(trial.session->words, "q");
-    outcome.noVerdict = NoVerdict(run.output);
-    const Image images[] = {{"microcontroller", row.micro, outcome.noVerdict, &trial.microLine},
-                            {"camera image", row.camera, false, &trial.cameraLine},
-                            {"system image", row.system, false, &trial.cameraLine}};
-    for (std::size_t i = 0; i < std::size(images); i++) {
+    const bool success = outcome.run.status == 0;
+    const char *const names[] = {"microcontroller", "camera image", "system image"};
+    const unsigned allowed[] = {outcome.row->micro, outcome.row->camera, outcome.row->system};
+    for (std::size_t i = 0; i < outcome.held.size(); i++) {
         const Held held = outcome.held[i];
-        const bool misread = success && held == kBefore && TakesForUpToDate(*images[i].fault, run.output);
-        outcome.misread = outcome.misread || misread;
-        const unsigned allowed = success && images[i].allowed != kBefore && !misread ? kImage : images[i].allowed;
-        if (!images[i].anything && (held & ~allowed) != 0)
-            outcome.findings.push_back(
-                Format("%s: holds %s after status %d: %s", images[i].name, NameOf(held), run.status, row.reason));
+        const char *excuse = success && !Whole(held) ? Excuse(trial, outcome, i) : nullptr;
+        const bool anything = i == 0 && NoVerdict(outcome.run.output);
+        const bool fits = success ? Whole(held) || excuse != nullptr : anything || (held & ~allowed[i]) == 0;
+        outcome.unproven = excuse != nullptr ? excuse : outcome.unproven;
+        if (!fits)
+            outcome.findings.push_back(Format("%s: holds %s after status %d: %s", names[i], NameOf(held),
+                                              outcome.run.status, outcome.row->reason));
     }
-    if (trial.harmless && !(run.status == 0 && std::all_of(outcome.held.begin(), outcome.held.end(), Whole)))
+    if (trial.harmless && !(success && std::all_of(outcome.held.begin(), outcome.held.end(), Whole)))
         outcome.findings.push_back("does not do what it does without the fault: " + outcome.last);
 }
 
@@ -229,14 +277,19 @@ void Rig::Mend(const Trial &trial, Devices &devices, Outcome &outcome) const
     const Trial clean = {.name = "", .session = &session};
     RunResult run = Run(Options(clean, devices));
     std::array<Held, 3> held = Holdings(session, devices);
-    outcome.hole = outcome.noVerdict && run.status == 0 && held[0] == kPart;
-    if (outcome.hole) { // runs the new version, so that it takes another one to be sent anything
+    outcome.versionWithoutImage = outcome.unproven != nullptr && run.status == 0 && held[0] == kPart;
+    if (outcome.versionWithoutImage) { // runs the new version, so that it takes another one to be sent anything
         Bytes image = ReadFile(directory_ + "/" + kMicroImage).value();
         image.front()++;
         WriteFile(directory_ + "/" + kMicroImage, image);
         run = Run(Options(clean, devices));
         held = Holdings(session, devices);
     }
+    if (!devices.micro.findings().empty() || !devices.camera.findings().empty())
+        outcome.findings.push_back("a device objects to the next run");
+    for (const auto &[port, open] : OpenPorts(run.events))
+        if (open != 0)
+            outcome.findings.push_back("the next run left port " + port + " open");
     if (run.status != 0 || !std::all_of(held.begin(), held.end(), Whole))
         outcome.findings.push_back(Format("the next run ends with status %d, and the devices hold %s, %s, %s: ",
                                           run.status, NameOf(held[0]), NameOf(held[1]), NameOf(held[2])) +
@@ -246,13 +299,14 @@ void Rig::Mend(const Trial &trial, Devices &devices, Outcome &outcome) const
 Outcome Rig::Try(const Trial &trial)
 {
     Outcome outcome;
-    outcome.loading = trial.loading;
+    outcome.inLoader = trial.inLoader;
     Devices devices;
     MakeImages(*trial.session);
     devices.micro.faults = trial.micro;
     devices.camera.faults = trial.camera;
     devices.microLine.fault = trial.microLine;
     devices.cameraLine.fault = trial.cameraLine;
+    std::filesystem::remove(directory_ + "/" + kStraceFile);
     outcome.run = Run(Options(trial, devices));
     outcome.last = LastLine(outcome.run.output);
     outcome.held = Holdings(*trial.session, devices);
@@ -260,7 +314,7 @@ Outcome Rig::Try(const Trial &trial)
     outcome.carried = {devices.microLine.carried(LineFault::kToDevice), devices.microLine.carried(LineFault::kToHost),
                        devices.cameraLine.carried(LineFault::kToDevice),
                        devices.cameraLine.carried(LineFault::kToHost)};
-    Judge(trial, outcome);
+    Judge(trial, devices, outcome);
     Mend(trial, devices, outcome);
     return outcome;
 }
@@ -268,11 +322,11 @@ Outcome Rig::Try(const Trial &trial)
 Outcome Rig::TryTwice(const Trial &trial)
 {
     Outcome first = Try(trial);
-    if (first.findings.empty())
+    if (first.findings.empty() || !trial.signals.empty())
         return first;
     Outcome second = Try(trial);
     if (second.findings.empty())
-        second.once = std::move(first.findings);
+        second.passing = std::move(first.findings);
     return second;
 }
 
@@ -281,14 +335,16 @@ std::vector<std::string> Rig::Calls(const Session &session)
     Devices devices;
     MakeImages(session);
     RunOptions options = Options({.name = "", .session = &session}, devices);
-    const std::string list = directory_ + "/calls";
+    const std::string list = directory_ + "/" + kStraceFile;
     RunUnderStrace(options, {"strace", "-qq", "-o", list});
-    Run(options);
+    const RunResult run = Run(options);
     std::vector<std::string> names;
     std::ifstream file(list);
     for (std::string line; std::getline(file, line);)
         if (const std::size_t end = line.find('('); end != std::string::npos && line.front() >= 'a')
             names.push_back(line.substr(0, end));
+    if (FindRecovery(run.status, run.output) == nullptr || run.status > 1 || names.empty())
+        throw std::runtime_error("no calls could be traced: " + run.output + run.errors);
     return names;
 }
 

@@ -32,10 +32,11 @@ struct Trial {
     std::size_t outputRead = 0;
     std::vector<Signal> signals = {};
     ProgressOptions progress = {};
-    bool waits = false;    // has to wait until it is stopped
-    bool loading = false;  // hits the loader, which may end the program as it likes
-    bool harmless = false; // has to do all the same what it would do without the fault
-    bool mute = false;     // may lose its result line
+    bool waits = false;         // has to wait until it is stopped, with its progress so far delivered
+    bool harmless = false;      // has to do all the same what it would do without the fault
+    bool spoilsWire = false;    // a device may hear what it cannot make sense of
+    bool mayLoseOutput = false; // and the result line with it
+    bool inLoader = false;      // before main: the program may end as the loader likes
 };
 
 struct Outcome {
@@ -45,12 +46,12 @@ struct Outcome {
     const RecoveryRow *row = nullptr;          // that the end fits
     double fullSeconds = 0;                    // what it takes with its pauses in full
     std::array<std::uint64_t, 4> carried = {}; // bytes: to micro, from micro, to camera, from camera
-    bool noVerdict = false;                    // the microcontroller was silent or refused a block
-    bool hole = false;                         // and ran the new version without having all of it
-    bool misread = false;                      // a version was, and its image therefore not sent
-    bool loading = false;                      // the trial's
+    const char *unproven = nullptr;            // why status 0 leaves a device without its image
+    bool versionWithoutImage = false;          // and the microcontroller runs the new version all the same
+    bool struck = true;                        // the fault came to pass
+    bool inLoader = false;                     // the trial's
     std::vector<std::string> findings;
-    std::vector<std::string> once; // findings of a first try that the second did not have
+    std::vector<std::string> passing; // findings of a first try that the second did not have
 };
 
 // Every run ends within this time, pauses in full, but for those that have to wait.
@@ -65,10 +66,12 @@ public:
 
     Outcome Try(const Trial &trial);
 
-    // Tries again if there are findings: a busy machine may make a device too late.
+    // Tries again if there are findings: a busy machine may make a device too late. Signals at random
+    // moments are a race already and get no second try.
     Outcome TryTwice(const Trial &trial);
 
-    // The names of the system calls of a run without a fault, in order, as strace sees them.
+    // The names of the system calls of a run without a fault, in order, as strace sees them. Throws
+    // std::runtime_error when that run fails.
     std::vector<std::string> Calls(const Session &session);
 
 private:
@@ -76,7 +79,10 @@ private:
     RunOptions Options(const Trial &trial, Devices &devices) const;
     void MakeImages(const Session &session) const;
     std::array<Held, 3> Holdings(const Session &session, const Devices &devices) const;
-    void Judge(const Trial &trial, Outcome &outcome) const;
+    bool Struck(const Trial &trial, const RunResult &run) const;
+    void Judge(const Trial &trial, const Devices &devices, Outcome &outcome) const;
+    void JudgeProtocol(const Devices &devices, Outcome &outcome) const;
+    void JudgeEnd(const Trial &trial, Outcome &outcome) const;
     void JudgeHoldings(const Trial &trial, Outcome &outcome) const;
     void Mend(const Trial &trial, Devices &devices, Outcome &outcome) const;
 

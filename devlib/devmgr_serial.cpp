@@ -182,7 +182,6 @@ UInt32 ClosePort(DEVCB *pDev)
     return SERIAL_NOERROR;
 }
 
-// Returns how many bytes arrived in time.
 // A port that is readable but cannot be read, such as one that hung up, costs select no time: without this
 // the time limit would not run down.
 void PauseAfterFailure(timeval *remaining)
@@ -194,6 +193,7 @@ void PauseAfterFailure(timeval *remaining)
     *remaining = {static_cast<Int32>(left / kSecond), static_cast<Int32>(left % kSecond)};
 }
 
+// Returns how many bytes arrived in time.
 UInt32 ReadWithin(Int32 fd, char *pBuffer, UInt32 size, UInt32 timeout)
 {
     timeval remaining = Microseconds(timeout);

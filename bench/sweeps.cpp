@@ -1,0 +1,314 @@
+#include "bench/sweeps.h"
+
+#include "bench/preload.h"
+
+#include <algorithm>
+#include <csignal>
+#include <map>
+#include <random>
+#include <stdexcept>
+#include <thread>
+
+namespace bench
+{
+
+namespace
+{
+
+using std::chrono::milliseconds;
+
+const Session kFull = {"full", {"all", "-p", "progress", "0", "100"}, {.cameraSize = 70000, .systemSize = 300}, 6144};
+const Session kQuery = {"query", {"all", "q", "-p", "progress", "0", "100"}, kFull.samples, 6144};
+const Session kFullDisk = {"full disk", {"all", "-p", "/dev/full", "0", "100"}, kFull.samples, 6144};
+const Session kFile = {"file", {"all", "-p", "position", "0", "100"}, kFull.samples, 6144};
+const Session kShortMicro = {"micro", {"micro"}, {}, 20};
+const Session kShortCamera = {"camera", {"farsight"}, {.cameraSize = 20, .systemSize = 10}, 6144};
+
+// ---- System calls
+
+// What a call can fail with, as strace takes it; '+': from then on for good.
+struct FailureRow {
+    const char *call;
+    std::vector<const char *> failures;
+};
+const FailureRow kFailures[] = {
+    {"read", {"error=EINTR", "error=EIO", "error=EAGAIN", "retval=0", "error=EIO+"}},
+    {"write", {"error=EINTR", "error=EIO", "error=EAGAIN", "error=ENOSPC", "error=ENOSPC+"}},
+    {"openat", {"error=EINTR", "error=EIO", "error=EMFILE", "error=ENOMEM", "error=ENOSPC", "error=EMFILE+"}},
+    {"futex", {"error=EINTR", "error=EAGAIN"}},
+    {"close", {}},           // see kOrders: a close that fails is done all the same
+    {"set_tid_address", {}}, // never fails
+    {"select", {"error=EINTR", "error=ENOMEM"}},
+    {"pselect6", {"error=EINTR", "error=ENOMEM"}},
+    {"mmap", {"error=ENOMEM"}},
+    {"munmap", {"error=ENOMEM"}},
+    {"brk", {"retval=0", "retval=0+"}}, // tells a failure by the end that it leaves
+    {"execve", {}},                     // the program would not be there
+    {"exit_group", {}},                 // nor end
+};
+const std::vector<const char *> kAnyFailure = {"error=EINTR", "error=EIO", "error=ENOMEM"}; // of all others
+
+// What the preload library plays.
+struct OrderRow {
+    const char *call, *failure, *order;
+    bool harmless;
+    int most; // of them; the C library's own calls do not come there
+};
+constexpr OrderRow kOrders[] = {
+    {"read", "half", kPreloadHalfRead, true, 1000},
+    {"write", "half", kPreloadHalfWrite, false, 30},
+    {"close", "fails", kPreloadLostClose, true, 1000},
+};
+
+const std::vector<const char *> &FailuresOf(const std::string &call)
+{
+    for (const FailureRow &row : kFailures)
+        if (call == row.call)
+            return row.failures;
+    return kAnyFailure;
+}
+
+Trial CallTrial(const Session &session, const std::string &call, int ordinal, const std::string &failure)
+{
+    const bool lasting = failure.ends_with('+');
+    const std::string what = failure.substr(0, failure.size() - (lasting ? 1 : 0));
+    Trial trial = {.name = Format("%s: %s %d %s", session.name, call.c_str(), ordinal, failure.c_str()),
+                   .session = &session};
+    trial.injection = call + ":" + what + Format(":when=%d%s", ordinal, lasting ? "+" : "");
+    trial.mayLoseOutput = trial.spoilsWire = call == "write";
+    return trial;
+}
+
+void AddCalls(std::vector<Trial> &trials, Rig &rig, const Session &session)
+{
+    std::map<std::string, int> counts;
+    std::map<std::string, int> own; // those behind the loader's
+    bool inLoader = true;
+    for (const std::string &call : rig.Calls(session)) {
+        const int ordinal = ++counts[call];
+        inLoader = inLoader && call != "fcntl"; // the first of main
+        own[call] += inLoader ? 0 : 1;
+        for (const char *failure : FailuresOf(call)) {
+            trials.push_back(CallTrial(session, call, ordinal, failure));
+            trials.back().inLoader = inLoader;
+        }
+    }
+    for (const OrderRow &row : kOrders)
+        for (int ordinal = 1; ordinal <= std::min(own[row.call], row.most); ordinal++)
+            trials.push_back({.name = Format("%s: %s %d %s", session.name, row.call, ordinal, row.failure),
+                              .session = &session,
+                              .orders = {{row.order, std::to_string(ordinal)}},
+                              .harmless = row.harmless && session.words == kFull.words,
+                              .spoilsWire = !row.harmless});
+}
+
+// The driver's requests and opens, which never reach the kernel here. Nine opens that are refused are made
+// up for.
+void AddRequests(std::vector<Trial> &trials, const Session &session)
+{
+    constexpr struct {
+        const char *name;
+        unsigned Port::*refused;
+        unsigned count, harmless;
+    } kRefusals[] = {{"request", &Port::refusedRequest, 3, 0}, {"opens", &Port::refusedOpens, 10, 9}};
+    for (const auto &row : kRefusals)
+        for (unsigned ordinal = 1; ordinal <= row.count; ordinal++)
+            for (const auto &[port, device] : {std::pair{&Trial::microPort, "micro"}, {&Trial::cameraPort, "camera"}}) {
+                Trial trial = {.name = Format("%s: %s, %s %u refused", session.name, device, row.name, ordinal),
+                               .session = &session,
+                               .harmless = ordinal <= row.harmless && session.words == kFull.words};
+                (trial.*port).*row.refused = ordinal;
+                trials.push_back(trial);
+            }
+}
+
+std::vector<Trial> Calls(Rig &rig)
+{
+    std::vector<Trial> trials;
+    for (const Session *session : {&kFull, &kQuery}) {
+        AddCalls(trials, rig, *session);
+        AddRequests(trials, *session);
+    }
+    return trials;
+}
+
+// ---- The wire
+
+struct LineRow {
+    const char *name;
+    LineFault::Kind kind;
+    std::uint8_t value;
+    int delayMs;
+};
+constexpr LineRow kLineFaults[] = {
+    {"dropped", LineFault::Kind::kDrop, 0, 0},
+    {"inverted", LineFault::Kind::kFlip, 0xFF, 0},
+    {"lowest bit flipped", LineFault::Kind::kFlip, 0x01, 0},
+    {"doubled", LineFault::Kind::kDouble, 0, 0},
+    {"behind 5A", LineFault::Kind::kNoise, 0x5A, 0},
+    {"behind FF", LineFault::Kind::kNoise, 0xFF, 0},
+    {"10 ms late", LineFault::Kind::kDelay, 0, 10},
+    {"200 ms late", LineFault::Kind::kDelay, 0, 200},   // too late for the microcontroller
+    {"4500 ms late", LineFault::Kind::kDelay, 0, 4500}, // and for the camera
+};
+
+std::vector<Trial> Wire(Rig &rig)
+{
+    struct Place {
+        const char *name;
+        const Session *session;
+        LineFault Trial::*fault;
+        LineFault::Way way;
+        std::size_t carried; // position in Outcome::carried
+    };
+    constexpr Place kPlaces[] = {
+        {"to micro", &kShortMicro, &Trial::microLine, LineFault::kToDevice, 0},
+        {"from micro", &kShortMicro, &Trial::microLine, LineFault::kToHost, 1},
+        {"to camera", &kShortCamera, &Trial::cameraLine, LineFault::kToDevice, 2},
+        {"from camera", &kShortCamera, &Trial::cameraLine, LineFault::kToHost, 3},
+    };
+    std::vector<Trial> trials;
+    for (const Place &place : kPlaces) {
+        const std::uint64_t bytes = rig.Try({.name = "", .session = place.session}).carried[place.carried];
+        for (std::uint64_t byte = 0; byte < bytes; byte++)
+            for (const LineRow &row : kLineFaults) {
+                Trial trial = {.name = Format("%s: byte %u %s", place.name, static_cast<unsigned>(byte), row.name),
+                               .session = place.session};
+                trial.spoilsWire = true;
+                trial.*place.fault = {row.kind, place.way, byte, row.value, row.delayMs};
+                trials.push_back(trial);
+            }
+    }
+    return trials;
+}
+
+// ---- Power
+
+struct DeviceRow {
+    const char *name;
+    Faults Trial::*faults;
+    unsigned blocks; // of the full session
+};
+constexpr DeviceRow kDevices[] = {{"micro", &Trial::micro, 12}, {"camera", &Trial::camera, 3}};
+
+std::vector<Trial> Power(Rig &)
+{
+    std::vector<Trial> trials;
+    for (const DeviceRow &device : kDevices)
+        for (unsigned block = 0; block < device.blocks; block++)
+            for (const bool middle : {true, false}) {
+                Trial trial = {.name = Format("%s: block %u%s", device.name, block, middle ? ", half of it" : ""),
+                               .session = &kFull};
+                (trial.*device.faults).cutBlock = static_cast<int>(block);
+                (trial.*device.faults).cutMiddle = middle;
+                trials.push_back(trial);
+            }
+    return trials;
+}
+
+// ---- Answers
+
+std::vector<Trial> Answers(Rig &)
+{
+    constexpr struct {
+        const char *name;
+        BlockFault fault;
+        int times;
+        bool spoilsWire; // the next bytes are not the block's, or the reply is taken for the next block's
+        bool harmless;   // to the camera, which has 4 s
+    } kAnswers[] = {
+        {"refused", {kNack, {}}, 1, false, false},
+        {"refused twice", {kNack, {}}, 2, false, false},
+        {"refused three times", {kNack, {}}, 3, false, false},
+        {"unknown", {0x42, {}}, 1, true, false},
+        {"silence", {-1, {0, 0}}, 1, false, false},
+        {"one byte", {-1, {1, 0}}, 1, false, false},
+        {"30 ms late", {-1, {-1, 30}}, 1, false, true},
+        {"5 s late", {-1, {-1, 5000}}, 1, false, false},
+    };
+    std::vector<Trial> trials;
+    for (const DeviceRow &device : kDevices)
+        for (unsigned block = 0; block < device.blocks; block++)
+            for (const auto &answer : kAnswers) {
+                Trial trial = {.name = Format("%s: block %u %s", device.name, block, answer.name), .session = &kFull};
+                for (int i = 0; i < answer.times; i++)
+                    (trial.*device.faults).blocks[block + static_cast<unsigned>(i)] = answer.fault;
+                trial.spoilsWire = answer.spoilsWire;
+                trial.harmless = answer.harmless && device.faults == &Trial::camera;
+                trials.push_back(trial);
+            }
+    return trials;
+}
+
+// ---- The supervisor
+
+constexpr unsigned kMoments = 40;
+constexpr int kRunMs = 800; // what a run takes, about
+
+std::vector<Trial> Moments()
+{
+    std::mt19937 random(1);
+    std::uniform_int_distribution<int> moment(1, kRunMs), pause(1, 300);
+    std::vector<Trial> trials;
+    for (unsigned i = 0; i < kMoments; i++) {
+        const milliseconds at(moment(random));
+        trials.push_back({.name = Format("stopped and continued %u", i),
+                          .session = &kFull,
+                          .signals = {{at, SIGSTOP}, {milliseconds(pause(random)), SIGCONT}},
+                          .harmless = true});
+        for (const auto &[name, signal] : {std::pair{"killed", SIGKILL}, {"terminated", SIGTERM}})
+            trials.push_back(
+                {.name = Format("%s %u", name, i), .session = &kFull, .signals = {{at, signal}}, .spoilsWire = true});
+    }
+    return trials;
+}
+
+std::vector<Trial> Supervisor(Rig &)
+{
+    using Reader = ProgressOptions::Reader;
+    const auto slow = [](const std::string &) { std::this_thread::sleep_for(milliseconds(100)); };
+    std::vector<Trial> trials = {
+        {.name = "file", .session = &kFile, .harmless = true},
+        {.name = "full disk", .session = &kFullDisk, .harmless = true},
+        {.name = "slow reader", .session = &kFull, .progress = {.seen = slow}, .harmless = true},
+        {.name = "no output", .session = &kFull, .output = Output::kClosed, .harmless = true, .mayLoseOutput = true},
+        {.name = "full output", .session = &kFull, .output = Output::kFull, .harmless = true, .mayLoseOutput = true},
+    };
+    for (const std::size_t numbers : {0, 1, 5, 9}) {
+        trials.push_back({.name = Format("reader killed after %zu numbers", numbers),
+                          .session = &kFull,
+                          .progress = {Reader::kDies, numbers},
+                          .harmless = true});
+        trials.push_back({.name = Format("no reader after %zu numbers", numbers),
+                          .session = &kFull,
+                          .progress = {Reader::kLeaves, numbers},
+                          .waits = true});
+    }
+    for (const std::size_t bytes : {0, 1, 1000, 4000, 8000})
+        trials.push_back({.name = Format("output broken after %zu bytes", bytes),
+                          .session = &kFull,
+                          .output = Output::kBroken,
+                          .outputRead = bytes,
+                          .harmless = true,
+                          .mayLoseOutput = true});
+    std::vector<Trial> moments = Moments();
+    trials.insert(trials.end(), moments.begin(), moments.end());
+    return trials;
+}
+
+constexpr Sweep kSweeps[] = {
+    {"calls", "system calls", Calls},
+    {"wire", "the wire", Wire},
+    {"power", "power", Power},
+    {"answers", "answers", Answers},
+    {"supervisor", "the supervisor", Supervisor},
+};
+
+} // namespace
+
+std::span<const Sweep> Sweeps()
+{
+    return kSweeps;
+}
+
+} // namespace bench

@@ -1,0 +1,18 @@
+// The sweeps of haldenfaults: which faults there are, as data.
+#pragma once
+
+#include "bench/trial.h"
+
+namespace bench
+{
+
+struct Sweep {
+    const char *name;  // on the command line
+    const char *title; // in the report
+    // The rig is for runs that tell what there is to fail. Throws std::runtime_error when such a run fails.
+    std::vector<Trial> (*trials)(Rig &rig);
+};
+
+std::span<const Sweep> Sweeps();
+
+} // namespace bench
