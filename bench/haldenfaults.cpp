@@ -61,7 +61,7 @@ public:
     Folders &operator=(const Folders &) = delete;
     std::string Make(std::size_t number) const
     {
-        const std::string path = root_ + "/" + std::to_string(number);
+        std::string path = root_ + "/" + std::to_string(number);
         fs::create_directory(path);
         return path;
     }
@@ -147,6 +147,7 @@ Tally Play(const Settings &settings, const std::vector<Trial> &trials, std::vect
         }
     };
     std::vector<std::future<void>> workers;
+    workers.reserve(rigs.size());
     for (Rig &rig : rigs)
         workers.push_back(std::async(std::launch::async, work, std::ref(rig)));
     for (std::future<void> &worker : workers)

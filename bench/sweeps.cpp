@@ -274,7 +274,7 @@ std::vector<Trial> Supervisor(Rig &)
         {.name = "no output", .session = &kFull, .output = Output::kClosed, .harmless = true, .mayLoseOutput = true},
         {.name = "full output", .session = &kFull, .output = Output::kFull, .harmless = true, .mayLoseOutput = true},
     };
-    for (const std::size_t numbers : {0, 1, 5, 9}) {
+    for (const std::size_t numbers : {0U, 1U, 5U, 9U}) {
         trials.push_back({.name = Format("reader killed after %zu numbers", numbers),
                           .session = &kFull,
                           .progress = {Reader::kDies, numbers},
@@ -284,7 +284,7 @@ std::vector<Trial> Supervisor(Rig &)
                           .progress = {Reader::kLeaves, numbers},
                           .waits = true});
     }
-    for (const std::size_t bytes : {0, 1, 1000, 4000, 8000})
+    for (const std::size_t bytes : {0U, 1U, 1000U, 4000U, 8000U})
         trials.push_back({.name = Format("output broken after %zu bytes", bytes),
                           .session = &kFull,
                           .output = Output::kBroken,

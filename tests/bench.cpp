@@ -484,7 +484,7 @@ TEST_F(BenchRun, ReadsOneNumberPerOpen)
 
 TEST_F(BenchRun, ATrialFindsWhatEndsBadly)
 {
-    const Session session = {"micro", {"micro"}, {}, 20};
+    const Session session = {"micro", {"micro"}, {}, 6144};
     const auto findings = [&](const char *program, const Trial &trial) {
         return Rig(program, HALDENBENCH_PRELOAD, options.directory).Try(trial).findings;
     };
@@ -502,7 +502,7 @@ TEST_F(BenchRun, ATrialFindsWhatEndsBadly)
     const Outcome outcome = Rig(HALDENFLASH_BINARY, HALDENBENCH_PRELOAD, options.directory).Try(trial);
     EXPECT_NE(outcome.unproven, nullptr);
     EXPECT_EQ(outcome.findings, Texts());
-    trial.micro = ParseFaults("block5=verdict:42");
+    trial.micro = ParseFaults("block5=nack,block6=verdict:42");
     EXPECT_TRUE(findings(HALDENFLASH_BINARY, trial).at(0).starts_with("a device objects: "));
 }
 
