@@ -4,6 +4,7 @@
 #include "Common/OS/linux/oslinux.h"
 #include "Common/OS/linux/psosapi/ptimer.h"
 #include "devlib/haldenflash/framing.h"
+#include "devlib/haldenflash/updateport.h"
 #include "tests/fakeports.h"
 #include "tests/tasks.h"
 
@@ -213,6 +214,8 @@ TEST_F(SerialApi, CrossesTheSingleDirectionsOfDisable)
     EXPECT_EQ("SERIALAPI: In DISABLE" + end, Trace([] { return Serial_Disable(kPort, SERIAL_DIRECTION_TX); }));
     EXPECT_EQ((std::vector<unsigned long>{0, 0, 1, 1, 0, 1}), fake.reception);
     EXPECT_EQ(0, enables(0)); // a refused request changes nothing
+    EXPECT_EQ(3, enables(Serial_Enable(kPort, SERIAL_DIRECTION_BOTH)));
+    EXPECT_EQ(0, enables(ReleaseUpdatePort(kPort)));
 }
 
 TEST(SerialErrors, HaveATextAndAResult)
