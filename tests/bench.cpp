@@ -490,7 +490,7 @@ TEST_F(BenchRun, ATrialFindsWhatEndsBadly)
     };
     Trial trial = {.name = "", .session = &session};
     EXPECT_EQ(findings(HALDENFLASH_BINARY, trial), Texts());
-    EXPECT_EQ(findings("/bin/true", trial).size(), 2U) << "the end is not known; the next run sends nothing";
+    EXPECT_EQ(findings(HALDENBENCH_BINARY, trial).size(), 2U) << "the end is not known; the next run sends nothing";
     trial.waits = true;
     EXPECT_EQ(findings(HALDENFLASH_BINARY, trial), Texts{"did not wait, or not with its progress delivered"});
     trial.waits = false;
