@@ -170,15 +170,21 @@ TCB *NewTcb(const char *name, UInt32 priority)
     return tcb;
 }
 
-// A task that was joined a moment ago may still be in the tree while its thread's handle is already
-// in use again.
-void ForgetEndedTaskLocked(UInt32 key)
+// A task that was joined a moment ago may still be listed while its thread's handle is already in use
+// again, by its successor. It must not be found in the tree, and not be taken for the task itself
+// when that one is deleted.
+void ForgetEndedTaskLocked(const TCB *successor)
 {
-    TCB *ended = static_cast<TCB *>(SearchTree(gTCBTree, key));
-    if (ended == nullptr || ended->claimed == 0)
-        return;
-    ended->tid = 0;
-    RebuildTreeLocked();
+    bool found = false;
+    for (TCB *tcb = tcblist; tcb != nullptr; tcb = tcb->next) {
+        if (tcb == successor || tcb->claimed == 0 || pthread_equal(tcb->thread, successor->thread) == 0)
+            continue;
+        tcb->thread = pthread_t{};
+        tcb->tid = 0;
+        found = true;
+    }
+    if (found)
+        RebuildTreeLocked();
 }
 
 // Makes the calling thread known as the task's thread. The log line is written after the lock is
@@ -193,7 +199,7 @@ void EnterTask(TCB *tcb)
         tcb->thread = thread;
         tcb->pid = pid;
         TreeStubLocked();
-        ForgetEndedTaskLocked(ThreadKey(thread));
+        ForgetEndedTaskLocked(tcb);
         tcb->tid = tid; // not earlier: rebuilding the tree enters every task that has one
         os_assert(InsertItem(gTCBTree, ThreadKey(thread), tcb) == 0,
                   "InsertItem(gTCBTree, tcb->thread, (void *) tcb) == 0");
