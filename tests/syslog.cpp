@@ -102,7 +102,7 @@ TEST(LogRing, GoesRoundWithoutALoss)
             ASSERT_EQ(line.substr(11) + "\n", Line(number, 5003)); // one stamp: none for the filling
         ASSERT_EQ(number, last);
     }
-#ifndef __SANITIZE_THREAD__ // a copy that is overwritten and thrown away is a race to it
+#ifndef __SANITIZE_THREAD__                         // a copy that is overwritten and thrown away is a race to it
     syslogAdd(std::string(600000, 'E').c_str(), 0); // more than the ring holds
     syslogAdd("\n", 0);
     EXPECT_LT(writer.Drained().size(), 600000u); // cut, if it was not overwritten before
