@@ -79,17 +79,34 @@ bool KeepsSettings()
     return GetProcessorNum() == 0;
 }
 
-// ---- Filter tables. The first character of a slot publishes its text, so that the tasks that log
-// while the settings are being read see a filter whole or not at all.
+// ---- Filter tables. They are not locked. A task that logs while a slot is filled again may match a mixture
+// of the old and the new text, but one that ends; nothing else touches a slot's text without these.
 
 bool IsOccupied(FilterSlotT &slot)
 {
     return std::atomic_ref(slot[0]).load(std::memory_order_acquire) != '\0';
 }
 
-void SetFirstCharacter(FilterSlotT &slot, char first)
+void SetCharacter(FilterSlotT &slot, std::size_t index, char character)
 {
-    std::atomic_ref(slot[0]).store(first, std::memory_order_release);
+    std::atomic_ref(slot[index]).store(character, std::memory_order_release);
+}
+
+struct FilterTextT {
+    FilterSlotT text;
+};
+
+FilterTextT TextOf(FilterSlotT &slot)
+{
+    FilterTextT copy;
+    std::size_t length = 0;
+    for (char &character : slot) {
+        copy.text[length] = std::atomic_ref(character).load(std::memory_order_acquire);
+        if (copy.text[length] == '\0')
+            break;
+        length++;
+    }
+    return copy;
 }
 
 Int32 AddFilter(const FilterTableT &table, const char *text)
@@ -98,10 +115,9 @@ Int32 AddFilter(const FilterTableT &table, const char *text)
         if (IsOccupied(slot))
             continue;
         const std::size_t length = strnlen(text, kFilterSize - 1);
-        if (length > 1)
-            std::memcpy(slot + 1, text + 1, length - 1);
-        slot[std::max<std::size_t>(length, 1)] = '\0';
-        SetFirstCharacter(slot, text[0]);
+        SetCharacter(slot, length, '\0');
+        for (std::size_t i = length; i > 0; i--) // the first, which makes it a filter, last
+            SetCharacter(slot, i - 1, text[i - 1]);
         table.count++;
         return 0;
     }
@@ -114,13 +130,13 @@ Int32 DeleteFilter(const FilterTableT &table, const char *text)
 {
     if (std::strcmp(text, "*") == 0) {
         for (FilterSlotT &slot : table.slots)
-            SetFirstCharacter(slot, '\0');
+            SetCharacter(slot, 0, '\0');
         table.count = 0;
         return 0;
     }
     for (FilterSlotT &slot : table.slots) {
-        if (IsOccupied(slot) && strcasecmp(slot, text) == 0) {
-            SetFirstCharacter(slot, '\0');
+        if (IsOccupied(slot) && strcasecmp(TextOf(slot).text, text) == 0) {
+            SetCharacter(slot, 0, '\0');
             table.count--;
             return 0;
         }
@@ -150,7 +166,7 @@ Int32 SaveFilters(const FilterTableT &table)
     if (!KeepsSettings())
         return 0;
     for (Int32 instance = 0; instance < kFilterSlots; instance++)
-        ConfigWrite(table.key, instance, table.slots[instance]);
+        ConfigWrite(table.key, instance, TextOf(table.slots[instance]).text);
     return 0;
 }
 
@@ -159,7 +175,7 @@ Int32 DumpFilters(const FilterTableT &table)
     std::fputs(table.heading, stdout);
     for (FilterSlotT &slot : table.slots) {
         if (IsOccupied(slot))
-            std::printf("  \"%s\"\n", slot);
+            std::printf("  \"%s\"\n", TextOf(slot).text);
     }
     return 0;
 }
@@ -172,8 +188,10 @@ void LoadAndShowFilters(const FilterTableT &table)
 
 bool AnyFilterMatches(const FilterTableT &table, const char *line)
 {
-    return std::any_of(std::begin(table.slots), std::end(table.slots),
-                       [line](FilterSlotT &slot) { return IsOccupied(slot) && std::strstr(line, slot) != nullptr; });
+    return std::any_of(std::begin(table.slots), std::end(table.slots), [line](FilterSlotT &slot) {
+        const FilterTextT filter = TextOf(slot); // every line contains an empty one
+        return filter.text[0] != '\0' && std::strstr(line, filter.text) != nullptr;
+    });
 }
 
 bool IsFilteredOut(const char *line)
