@@ -1,6 +1,5 @@
 #include "bench/faults.h"
 
-#include <charconv>
 #include <limits>
 #include <sstream>
 #include <stdexcept>
@@ -22,11 +21,10 @@ struct Item {
 
 int Number(const Item &item, const std::string &text, int base = 10, int limit = std::numeric_limits<int>::max())
 {
-    int number = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number, base);
-    if (error != std::errc() || end != text.data() + text.size() || number < 0 || number > limit)
+    const auto number = ParseNumber(text, base, static_cast<unsigned>(limit));
+    if (!number)
         Refuse(item, base == 16 ? "hexadecimal bytes expected" : "number expected");
-    return number;
+    return static_cast<int>(*number);
 }
 
 Bytes HexBytes(const Item &item)

@@ -46,7 +46,7 @@ using UsageError = std::invalid_argument;
 
 struct Settings {
     std::string directory = ".";
-    std::optional<unsigned long> microVersion, cameraVersion, systemVersion;
+    std::optional<unsigned> microVersion, cameraVersion, systemVersion;
     std::string configuration;
     std::optional<std::string> launcherResult;
     bool fast = false;
@@ -57,13 +57,12 @@ struct Settings {
     std::vector<std::string> command;
 };
 
-unsigned long Number(const char *option, const std::string &text, int base, unsigned long limit)
+unsigned Number(const char *option, const std::string &text, int base, unsigned limit)
 {
-    char *end = nullptr;
-    const unsigned long number = std::strtoul(text.c_str(), &end, base);
-    if (text.empty() || std::isxdigit(static_cast<unsigned char>(text[0])) == 0 || *end != '\0' || number > limit)
+    const auto number = ParseNumber(text, base, limit);
+    if (!number)
         throw UsageError("--" + std::string(option) + ": \"" + text + "\" is no fitting number");
-    return number;
+    return *number;
 }
 
 void SetFaults(Settings &settings, const std::string &text)
@@ -93,9 +92,7 @@ constexpr OptionRow kOptions[] = {
     {"launcher", true, [](Settings &s, const char *, const std::string &value) { s.launcherResult = value; }},
     {"fast", false, [](Settings &s, const char *, const std::string &) { s.fast = true; }},
     {"baud", true,
-     [](Settings &s, const char *n, const std::string &value) {
-         s.baud = static_cast<unsigned>(Number(n, value, 10, 10000000));
-     }},
+     [](Settings &s, const char *n, const std::string &value) { s.baud = Number(n, value, 10, 10000000); }},
     {"faults", true, [](Settings &s, const char *, const std::string &value) { SetFaults(s, value); }},
     {"bar", false, [](Settings &s, const char *, const std::string &) { s.bar = true; }},
     {"trace", true, [](Settings &s, const char *, const std::string &value) { s.trace = value; }},
@@ -147,15 +144,15 @@ std::string Executable(const std::string &word)
 Micro MakeMicro(const Settings &settings)
 {
     const std::optional<Bytes> image = ReadFile(settings.directory + "/" + kMicroImage);
-    const unsigned long older = image && !image->empty() ? image->front() - 1UL : 0;
+    const unsigned older = image && !image->empty() ? image->front() - 1U : 0;
     return Micro(static_cast<std::uint8_t>(settings.microVersion.value_or(older)));
 }
 
-Camera::Image MakeImage(const std::string &versionFile, const std::optional<unsigned long> &version)
+Camera::Image MakeImage(const std::string &versionFile, std::optional<unsigned> version)
 {
     const std::string newVersion = ReadVersion(versionFile).value_or("0001");
-    const unsigned long older = std::strtoul(newVersion.c_str(), nullptr, 16) - 1;
-    return {Format("%04lX", version.value_or(older) & 0xFFFF), newVersion};
+    const unsigned older = ParseNumber(newVersion, 16, 0xFFFF).value_or(1) - 1;
+    return {Format("%04X", version.value_or(older) & 0xFFFF), newVersion};
 }
 
 std::map<std::string, std::string> OwnEnvironment()

@@ -157,45 +157,44 @@ Tally Play(const Settings &settings, const std::vector<Trial> &trials, std::vect
 
 std::size_t Number(const char *text)
 {
-    const int number = std::atoi(text);
-    if (number < 1)
+    const auto number = ParseNumber(text, 10, 1000000);
+    if (!number || *number == 0)
         throw std::invalid_argument(std::string("no fitting number: ") + text);
-    return static_cast<std::size_t>(number);
+    return *number;
 }
+
+// One row an option: its name, and what its value, if it takes one, does.
+struct OptionRow {
+    const char *name;
+    int takesValue;
+    void (*apply)(Settings &settings, const char *value);
+};
+constexpr OptionRow kOptions[] = {
+    {"sweep", required_argument, [](Settings &s, const char *value) { s.sweep = value; }},
+    {"every", required_argument, [](Settings &s, const char *value) { s.every = Number(value); }},
+    {"jobs", required_argument, [](Settings &s, const char *value) { s.jobs = Number(value); }},
+    {"show", required_argument, [](Settings &s, const char *value) { s.show = value; }},
+    {"list", required_argument, [](Settings &s, const char *value) { s.list = value; }},
+    {"recovery", no_argument, [](Settings &s, const char *) { s.recovery = true; }},
+    {"help", no_argument,
+     [](Settings &, const char *) {
+         std::cout << kHelp;
+         std::exit(0);
+     }},
+};
 
 Settings ParseArguments(int argc, char *argv[])
 {
-    const option options[] = {{"sweep", required_argument, nullptr, 's'}, {"every", required_argument, nullptr, 'e'},
-                              {"jobs", required_argument, nullptr, 'j'},  {"show", required_argument, nullptr, 'o'},
-                              {"list", required_argument, nullptr, 'l'},  {"recovery", no_argument, nullptr, 'r'},
-                              {"help", no_argument, nullptr, 'h'},        {}};
+    std::vector<option> options;
+    for (const OptionRow &row : kOptions)
+        options.push_back({row.name, row.takesValue, nullptr, 0});
+    options.push_back({});
     Settings settings;
-    for (int result = 0; (result = getopt_long(argc, argv, "", options, nullptr)) != -1;) {
-        switch (result) {
-        case 's':
-            settings.sweep = optarg;
-            break;
-        case 'e':
-            settings.every = Number(optarg);
-            break;
-        case 'j':
-            settings.jobs = Number(optarg);
-            break;
-        case 'o':
-            settings.show = optarg;
-            break;
-        case 'l':
-            settings.list = optarg;
-            break;
-        case 'r':
-            settings.recovery = true;
-            break;
-        case 'h':
-            std::cout << kHelp;
-            std::exit(0);
-        default:
+    int index = 0;
+    for (int result = 0; (result = getopt_long(argc, argv, "", options.data(), &index)) != -1;) {
+        if (result != 0)
             throw std::invalid_argument("see haldenfaults --help");
-        }
+        kOptions[index].apply(settings, optarg);
     }
     if (optind < argc)
         throw std::invalid_argument(std::string("not understood: ") + argv[optind]);

@@ -152,32 +152,37 @@ constexpr LineRow kLineFaults[] = {
     {"4500 ms late", LineFault::Kind::kDelay, 0, 4500}, // and for the camera
 };
 
+struct WireRow {
+    const char *name;
+    const Session *session;
+    LineFault Trial::*fault;
+    LineFault::Way way;
+    std::size_t carried; // position in Outcome::carried
+};
+constexpr WireRow kWires[] = {
+    {"to micro", &kShortMicro, &Trial::microLine, LineFault::kToDevice, 0},
+    {"from micro", &kShortMicro, &Trial::microLine, LineFault::kToHost, 1},
+    {"to camera", &kShortCamera, &Trial::cameraLine, LineFault::kToDevice, 2},
+    {"from camera", &kShortCamera, &Trial::cameraLine, LineFault::kToHost, 3},
+};
+
+Trial WireTrial(const WireRow &wire, std::uint64_t byte, const LineRow &row)
+{
+    Trial trial = {.name = Format("%s: byte %u %s", wire.name, static_cast<unsigned>(byte), row.name),
+                   .session = wire.session};
+    trial.spoilsWire = true;
+    trial.*wire.fault = {row.kind, wire.way, byte, row.value, row.delayMs};
+    return trial;
+}
+
 std::vector<Trial> Wire(Rig &rig)
 {
-    struct Place {
-        const char *name;
-        const Session *session;
-        LineFault Trial::*fault;
-        LineFault::Way way;
-        std::size_t carried; // position in Outcome::carried
-    };
-    constexpr Place kPlaces[] = {
-        {"to micro", &kShortMicro, &Trial::microLine, LineFault::kToDevice, 0},
-        {"from micro", &kShortMicro, &Trial::microLine, LineFault::kToHost, 1},
-        {"to camera", &kShortCamera, &Trial::cameraLine, LineFault::kToDevice, 2},
-        {"from camera", &kShortCamera, &Trial::cameraLine, LineFault::kToHost, 3},
-    };
     std::vector<Trial> trials;
-    for (const Place &place : kPlaces) {
-        const std::uint64_t bytes = rig.Try({.name = "", .session = place.session}).carried[place.carried];
+    for (const WireRow &wire : kWires) {
+        const std::uint64_t bytes = rig.Try({.name = "", .session = wire.session}).carried[wire.carried];
         for (std::uint64_t byte = 0; byte < bytes; byte++)
-            for (const LineRow &row : kLineFaults) {
-                Trial trial = {.name = Format("%s: byte %u %s", place.name, static_cast<unsigned>(byte), row.name),
-                               .session = place.session};
-                trial.spoilsWire = true;
-                trial.*place.fault = {row.kind, place.way, byte, row.value, row.delayMs};
-                trials.push_back(trial);
-            }
+            for (const LineRow &row : kLineFaults)
+                trials.push_back(WireTrial(wire, byte, row));
     }
     return trials;
 }
@@ -263,17 +268,11 @@ std::vector<Trial> Moments()
     return trials;
 }
 
-std::vector<Trial> Supervisor(Rig &)
+// The reader of the progress goes, and the output breaks, after so much.
+std::vector<Trial> Losses()
 {
     using Reader = ProgressOptions::Reader;
-    const auto slow = [](const std::string &) { std::this_thread::sleep_for(milliseconds(100)); };
-    std::vector<Trial> trials = {
-        {.name = "file", .session = &kFile, .harmless = true},
-        {.name = "full disk", .session = &kFullDisk, .harmless = true},
-        {.name = "slow reader", .session = &kFull, .progress = {.seen = slow}, .harmless = true},
-        {.name = "no output", .session = &kFull, .output = Output::kClosed, .harmless = true, .mayLoseOutput = true},
-        {.name = "full output", .session = &kFull, .output = Output::kFull, .harmless = true, .mayLoseOutput = true},
-    };
+    std::vector<Trial> trials;
     for (const std::size_t numbers : {0U, 1U, 5U, 9U}) {
         trials.push_back({.name = Format("reader killed after %zu numbers", numbers),
                           .session = &kFull,
@@ -291,8 +290,21 @@ std::vector<Trial> Supervisor(Rig &)
                           .outputRead = bytes,
                           .harmless = true,
                           .mayLoseOutput = true});
-    std::vector<Trial> moments = Moments();
-    trials.insert(trials.end(), moments.begin(), moments.end());
+    return trials;
+}
+
+std::vector<Trial> Supervisor(Rig &)
+{
+    const auto slow = [](const std::string &) { std::this_thread::sleep_for(milliseconds(100)); };
+    std::vector<Trial> trials = {
+        {.name = "file", .session = &kFile, .harmless = true},
+        {.name = "full disk", .session = &kFullDisk, .harmless = true},
+        {.name = "slow reader", .session = &kFull, .progress = {.seen = slow}, .harmless = true},
+        {.name = "no output", .session = &kFull, .output = Output::kClosed, .harmless = true, .mayLoseOutput = true},
+        {.name = "full output", .session = &kFull, .output = Output::kFull, .harmless = true, .mayLoseOutput = true},
+    };
+    for (const std::vector<Trial> &more : {Losses(), Moments()})
+        trials.insert(trials.end(), more.begin(), more.end());
     return trials;
 }
 

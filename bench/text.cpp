@@ -1,5 +1,6 @@
 #include "bench/text.h"
 
+#include <charconv>
 #include <cstdarg>
 #include <cstdio>
 #include <filesystem>
@@ -47,6 +48,16 @@ std::string Describe(const Bytes &bytes)
     for (std::size_t i = 0; i < bytes.size(); ++i)
         text += Format("%s%02X", i == 0 ? ": " : " ", bytes[i]);
     return text;
+}
+
+std::optional<unsigned> ParseNumber(const std::string &text, int base, unsigned limit)
+{
+    const char *end = text.data() + text.size();
+    unsigned number = 0;
+    const auto parsed = std::from_chars(text.data(), end, number, base);
+    if (parsed.ec != std::errc() || parsed.ptr != end || number > limit)
+        return std::nullopt;
+    return number;
 }
 
 std::string LastLine(std::string text)

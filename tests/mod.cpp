@@ -95,6 +95,7 @@ TEST_F(Mod, LogLinesAndDeferredFunctions)
     EXPECT_EQ(ran, expected);
     DeferredFuncStatsT stats{};
     EXPECT_EQ((ModGetDeferredFunctionStats(t_name(0), &stats), stats.runCount), 384u);
+    EXPECT_TRUE(stats.minTime <= stats.maxTime && stats.maxTime <= stats.totalTime);
     EXPECT_EQ(ModGetDeferredFunctionStats(64, &stats) + ModGetDeferredFunctionStats(0, &stats), 2 * kItemNotFound);
     ModDeferFunctionCall(t_name(0), note, "x", 1), ModDumpDeferredFunctions();
     EXPECT_TRUE(testing::internal::RE::FullMatch(
