@@ -99,13 +99,10 @@ struct FilterTextT {
 FilterTextT TextOf(FilterSlotT &slot)
 {
     FilterTextT copy;
-    std::size_t length = 0;
-    for (char &character : slot) {
-        copy.text[length] = std::atomic_ref(character).load(std::memory_order_acquire);
-        if (copy.text[length] == '\0')
-            break;
-        length++;
-    }
+    std::size_t i = 0;
+    do
+        copy.text[i] = std::atomic_ref(slot[i]).load(std::memory_order_acquire);
+    while (copy.text[i++] != '\0'); // which the last character of a slot always is
     return copy;
 }
 
