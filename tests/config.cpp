@@ -49,7 +49,8 @@ TEST(Config, KeepsItemsInCacheAndStore)
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "ConfigStoreWrite: fwrite: File too large\nConfigStoreWrite: fopen: Is a directory\n"
               "ConfigStoreWrite: fopen: File exists\n");
-    EXPECT_EQ(Read("item") + Read("folder") + folders.Get("dat/item.dat"), "default-25default\n");
+    EXPECT_EQ(Read("item") + Read("folder") + folders.Get("dat/item.dat") + folders.Get("dat/item.dat.new"),
+              "default-25default\nmissing");
     EXPECT_TRUE(ConfigWrite("item", 0, "new") == kNoError && folders.Get("dat/item.dat") == "new\n");
     EXPECT_EQ(ConfigDelete("item", 0) + ConfigDelete("item", 0), kItemNotFound);
     EXPECT_EQ(Read("item") + folders.Get("dat/item.dat"), "defaultmissing");
@@ -103,7 +104,7 @@ TEST(Config, LogsChangesAndNotifiesTheTasksThatAsked)
     EXPECT_EQ(ConfigAddImmediateCallback("a/b", 0, Tell, own), kBadParameter);
     t_attach("here", 10);
     EXPECT_EQ(ConfigAddCallback("Item", 3, Tell, own) + ConfigAddCallback2("n", 1, 2, Tell, own), kNoError);
-    EXPECT_EQ(ConfigAddCallback3("n", 1, 2, 3, Tell, own) + ConfigWrite2("n", 1, 2, "2"), kNoError);
+    EXPECT_EQ(ConfigAddCallback3("n", 1, 2, 3, Tell, own) + ConfigWrite2("n", 1, 2, ""), kNoError);
     EXPECT_EQ(ConfigWritePerm("n1_2_3", 0, "3", "ro"), kNoError);
     std::thread([&, here = t_name(0)] {
         t_attach("away", 10);
@@ -118,7 +119,7 @@ TEST(Config, LogsChangesAndNotifiesTheTasksThatAsked)
     ModProcessDeferredCallbacks();
     EXPECT_EQ(writer.Drained(),
               "pc[0]: config: item[3]:by no task\n"
-              "pc[0]: config: n1_2[0]:2\npc[0]: n1_2[0]: own here n1_2[0] 0 rw 2\n"
+              "pc[0]: config: n1_2[0]:\npc[0]: n1_2[0]: own here n1_2[0] 0 rw \n"
               "pc[0]: config: n1_2_3[0]:3\npc[0]: n1_2_3[0]: own here n1_2_3[0] 0 ro 3\n"
               "pc[0]: config: delete item[3]\npc[0]: config: item[3]:%d\n"
               "pc[0]: item[3]: all away item[3] 1 rwxy %d\npc[0]: Config[0]: all away item[3] 1 rwxy %d\n"

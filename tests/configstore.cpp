@@ -108,7 +108,7 @@ TEST(ConfigStore, AsksAndTellsTheMaster)
     for (const std::string &text : {"0 1234567 8"s, "0" + std::string(494, ' ') + "12345678"}) {
         ev_send(0, 0x4000); // left over
         answer = "config n " + text;
-        EXPECT_EQ(Read("n", 0, 9) + Read("n", 0, 4) + Read("n", 0, 1), "1234567123");
+        EXPECT_EQ(Read("n", 0, 9) + Read("n", 0, 1) + Read("n", 0, 4), "1234567123");
     }
     path.stateFlags = ~kRemMsgPathOpen;
     std::thread([&] { tm_wkafter(50), path.stateFlags = kRemMsgPathOpen; }).detach();

@@ -124,7 +124,9 @@ TEST(Requests, WithACompletionAreQueuedButForWritesAndTheFirstControl)
     EXPECT_EQ(&read, pDev->readIORBs.pTail);
     EXPECT_EQ(0, reads);
     EXPECT_EQ(1, writes);
+    pDev->flags = 1;
     OpenDevice(1); // forgets them
+    EXPECT_EQ(0u, pDev->flags);
     EXPECT_EQ(0, iorb_list_avail(&pDev->readIORBs) + iorb_list_avail(&pDev->ioctlIORBs));
     EXPECT_EQ(nullptr, pDev->readIORBs.pHead);
     EXPECT_EQ(0, completions);

@@ -186,7 +186,7 @@ std::vector<Case> Files()
         {.name = "system_image_directory", .words = {"farsight"}, .status = 255,
          .prepare = Directory("farsightsys.bin"), .findings = true},
         {.name = "camera_image_missing_progress", .words = {"farsight", "q", "-p", "progress", "0", "100"}, .status = 1,
-         .prepare = Without("farsightcam.bin"), .progress = true},
+         .versions = "20 0203 0307", .prepare = Without("farsightcam.bin"), .progress = true},
         {.name = "camera_image_empty", .words = {"farsight", "-p", "progress", "0", "100"}, .status = 255,
          .versions = "20 0203 0307", .prepare = With("farsightcam.bin", ""), .progress = true},
         {.name = "camera_image_empty_system_not", .words = {"farsight"}, .status = 255,

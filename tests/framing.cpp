@@ -2,10 +2,13 @@
 
 #include "bench/frame.h"
 
+#include <chrono>
+#include <csignal>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <numeric>
 #include <random>
+#include <unistd.h>
 
 namespace
 {
@@ -100,6 +103,15 @@ TEST(Frames, OfOtherTypesAreRefused)
         EXPECT_EQ(valid ? 7 : 0, size) << type;
         EXPECT_EQ(valid ? 1u : 0u, validateKoraHaldenMessageType(static_cast<UInt8>(type)));
     }
+}
+
+TEST(Delays, StartOverWhenInterrupted)
+{
+    std::signal(SIGALRM, [](int) {});
+    const auto start = std::chrono::steady_clock::now();
+    ualarm(20000, 0);
+    Delay(200000);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(220));
 }
 
 TEST(HexadecimalText, HasUpToSixDigits)

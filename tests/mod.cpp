@@ -20,9 +20,10 @@ TEST_F(Mod, IsFilledInListedDumpedAndChecked)
     const auto ops = [] { return std::tuple(last.CallCallbacks, last.ThrowException, last.SetOwner, last.GetOwner); };
     const auto own = ops();
     const std::string heading = "Module               address  task flags\n-------------------- -------- ---- -----\n";
-    testing::internal::CaptureStdout(), ModDumpAll(), ModDump(&owner, 1);
+    const std::string line = "cfg\\[3] {15}.{8} main  I   \n";
+    testing::internal::CaptureStdout(), ModDumpAll(), ModDumpRange(1, 1), ModDump(&owner, 1);
     EXPECT_TRUE(testing::internal::RE::FullMatch(testing::internal::GetCapturedStdout(),
-                                                 heading + "Config\\[0] .+ main  I   \ncfg\\[3] {15}.{8} main  I   \n" +
+                                                 heading + "Config\\[0] .+ main  I   \n" + line + heading + line +
                                                      heading + "\\[0] {18}.{8} {11}\n"));
     for (ModT &each : mods)
         ModInit(&each, "A23456789012345678901234567890123456789", static_cast<Int32>(&each - mods), nullptr);
@@ -34,8 +35,8 @@ TEST_F(Mod, IsFilledInListedDumpedAndChecked)
     ModAddCallback(&last, 5, count, nullptr, 0);
     ModExit(&mods[9]), ModExit(&mods[3998]); // leaves a hole, and was never in
     EXPECT_EQ(ModFindByName("none", 5), nullptr);
-    const std::string dump = heading + "cfg\\[3] {15}.{8} main  I   \nCFG\\[-2147483648]     .{8} main AI   \n"
-                                       "  callbacks: 2147483647:0x.+ 5:0x.+ \n";
+    const std::string dump =
+        heading + line + "CFG\\[-2147483648]     .{8} main AI   \n  callbacks: 2147483647:0x.+ 5:0x.+ \n";
     testing::internal::CaptureStdout();
     ModDumpByName("Cfg");
     EXPECT_TRUE(testing::internal::RE::FullMatch(testing::internal::GetCapturedStdout(), dump));
@@ -91,11 +92,11 @@ TEST_F(Mod, LogLinesAndDeferredFunctions)
     EXPECT_EQ(ModSearchDeferredFunction(64, note) + ModSearchDeferredFunction(t_name(0), [](auto...) {}),
               2 * kItemNotFound);
     EXPECT_EQ(ModSearchDeferredFunction(t_name(0), note), kNoError);
-    ModProcessDeferredFunctions();
+    usleep(2000), ModProcessDeferredFunctions(); // all have waited
     EXPECT_EQ(ran, expected);
     DeferredFuncStatsT stats{};
     EXPECT_EQ((ModGetDeferredFunctionStats(t_name(0), &stats), stats.runCount), 384u);
-    EXPECT_TRUE(stats.minTime <= stats.maxTime && stats.maxTime <= stats.totalTime);
+    EXPECT_TRUE(stats.minTime <= stats.maxTime && stats.maxTime < stats.totalTime);
     EXPECT_EQ(ModGetDeferredFunctionStats(64, &stats) + ModGetDeferredFunctionStats(0, &stats), 2 * kItemNotFound);
     ModDeferFunctionCall(t_name(0), note, "x", 1), ModDumpDeferredFunctions();
     EXPECT_TRUE(testing::internal::RE::FullMatch(

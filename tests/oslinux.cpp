@@ -5,9 +5,11 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <string>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
@@ -33,6 +35,11 @@ TEST(CommandRelay, CarriesACommandAndItsResult)
         EXPECT_EQ(launcher.commands(),
                   (std::vector<std::string>{"./config_port close ttyFPGAS4\n", "./config_port close ttyFPGAS5\n"}));
     }
+    mkfifo(kRelay, 0600);
+    const int held = open(kRelay, O_RDWR); // a launcher that stays, and sends the command back
+    EXPECT_EQ(system_pthread("5"), 5);
+    close(held);
+    unlink(kRelay);
 }
 
 TEST(Commands, ReadTheirFirstLine)

@@ -342,9 +342,9 @@ TEST(Tasks, ReportThemselves)
     EXPECT_EQ(priority, 42u);
     EXPECT_EQ(t_name_from_pid(4711, name), kTaskNotFound);
     UInt32 previous = 0, refcon = 0;
-    EXPECT_EQ(t_setpri(tid, 43, &previous) + t_setpri(tid, 43, nullptr), 0u);
+    EXPECT_EQ(t_setpri(tid, 99, &previous) + t_setpri(tid, 99, nullptr), 0u);
     EXPECT_EQ(previous, 42u);
-    EXPECT_EQ(low_pointer<TCB>(tid)->prv_pri.sched_priority, 43);
+    EXPECT_EQ(low_pointer<TCB>(tid)->prv_pri.sched_priority, 99);
     EXPECT_EQ(t_setRefCon(tid, 99), 0u);
     EXPECT_EQ(t_getRefCon(tid, &refcon), 0u);
     EXPECT_EQ(refcon, 99u);

@@ -25,7 +25,8 @@ void InAThread(const std::function<void()> &body)
 TEST(Semaphores, AreTakenAndGivenBack)
 {
     UInt32 smid = 0;
-    low_free(std::memset(low_calloc(sizeof(SMCB)), 1, sizeof(SMCB))); // used before
+    for (void *block : {low_calloc(sizeof(SMCB)), low_calloc(sizeof(SMCB))})
+        low_free(std::memset(block, 1, sizeof(SMCB))); // used before, to the last byte
     ASSERT_EQ(sm_create("ab", 7, 0xFFFF, &smid), 0u);
     EXPECT_EQ(std::memcmp(low_pointer<char>(smid), "SEMAab\0", 8), 0);
     EXPECT_EQ(sm_p(smid, kSmNoWait, 0), 0u);
