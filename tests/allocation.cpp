@@ -157,7 +157,7 @@ const RowT kRows[] = {
          return t_start(
              id, 0, [](auto...) { tm_wkafter(100000); }, nullptr);
      },
-     [] { t_delete(id); }, "1", false, [] { t_create("test", 1, 0, 0, 0, &id); }},
+     [] { t_delete(id), t_create("test", 1, 0, 0, 0, &id); }, "1", false, [] { t_create("test", 1, 0, 0, 0, &id); }},
     {"t_attach", [] { return Attach(false); }, [] {}, "14.. !pTree 6 0..", true},
     {"t_delete", [] { return Attach(true); }, [] {}, "0 6"},
     {"tm_callback_after",
