@@ -20,7 +20,7 @@ usage() {
 usage: ./do COMMAND
 
   setup            install everything that the other commands need (Debian 12, root or sudo)
-  build [PRESET]   build into build/PRESET: default, clang, asan, tsan, coverage, powerpc
+  build [PRESET]   build into build/PRESET: default, clang, asan, tsan, coverage, powerpc, fuzz
   test [PRESET]    build and run the whole suite
   demo             flash a virtual microcontroller and camera with the binary that ships
   board            run the whole suite on an emulated board; "board shell" gives a prompt there,
@@ -62,7 +62,10 @@ need() {
 build() {
     local preset=${1:-default}
     need $build_packages
-    [ "$preset" != powerpc ] || need $cross_packages
+    case $preset in
+    powerpc) need $cross_packages ;;
+    clang | fuzz) need $fuzz_packages ;;
+    esac
     cmake --preset "$preset" >/dev/null || die "no such preset, or the configuration failed: $preset"
     cmake --build "build/$preset" -j "$jobs" "${@:2}"
 }
@@ -138,7 +141,7 @@ stress() { # PRESET PROGRAM FILTER SECONDS
     local log=$PWD/build/faults/$1-${3//[^a-zA-Z]/}.log
     (cd "build/$1/tests" && TSAN_OPTIONS=halt_on_error=1 STRESS_SECONDS=$4 "./$2" "--gtest_filter=$3") >"$log" 2>&1 ||
         die "$2 failed; see $log"
-    echo "$1: $(grep -E '^(allocation|taskstress|ringstress): ' "$log")"
+    sed -n "s/^\(allocation\|taskstress\|ringstress\): /$1: &/p" "$log" | grep . || die "$2 has no $3 any more"
 }
 
 faults() {
@@ -202,7 +205,10 @@ board)
     shift
     need $board_packages
     build powerpc
-    [ $# -gt 0 ] || build default # to compare with
+    if [ $# -eq 0 ]; then # its tests and records are compared with
+        build default
+        [ -d build/default/records ] || run_tests default
+    fi
     exec target/board "$@"
     ;;
 footprint)

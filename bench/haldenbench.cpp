@@ -248,6 +248,9 @@ bool Report(const std::string &directory, const Micro &micro, const Camera &came
 
 int Rehearse(const Settings &settings)
 {
+    for (const std::string &path : {settings.trace, settings.transcript})
+        if (!path.empty())
+            WriteFile(path, {}); // a bad path is refused before the run, not after it
     Micro micro = MakeMicro(settings);
     Camera camera(MakeImage(settings.directory + "/" + kCameraVersion, settings.cameraVersion),
                   MakeImage(settings.directory + "/" + kSystemVersion, settings.systemVersion));

@@ -214,6 +214,8 @@ int Work(const Settings &settings)
 {
     if (fs::exists("/dev/fpgaserial0") || fs::exists("/dev/fpgaserial1"))
         throw std::runtime_error("this machine has such ports itself; a fault in the loader would lead to them");
+    if (!settings.list.empty())
+        WriteFile(settings.list, {}); // a bad path is refused before the runs, not after them
     const fs::path beside = fs::read_symlink("/proc/self/exe").parent_path();
     const Folders folders;
     std::vector<Rig> rigs;

@@ -19,7 +19,7 @@
 //   HALDENBENCH_WRITE<N>      the write of this ordinal is refused (EIO); with ":<bytes>" behind the
 //                             ordinal it writes no more than that instead
 //   HALDENBENCH_HALF_READ, HALDENBENCH_HALF_WRITE
-//                             the call of this ordinal, of all files, asks for no more than half the count
+//                             the call of this ordinal, of all files, asks for half the count, rounded up
 //   HALDENBENCH_LOST_CLOSE    the close of this ordinal, of all files, fails (EIO) when it is done
 //   HALDENBENCH_BAUD<N>       a write returns when a line of that speed has carried it (11 bits a byte),
 //                             although a pseudo-terminal would take some 12 KiB at once

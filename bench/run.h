@@ -53,7 +53,7 @@ struct RunOptions {
     std::vector<Signal> signals = {};
     std::string fifo = {}; // progress FIFO to make for the run, relative to directory; empty: none
     ProgressOptions progress = {};
-    std::chrono::milliseconds limit{30000}; // after which the program is killed
+    std::chrono::milliseconds limit{30000}; // after the last signal, then the program is killed
 };
 
 struct RunResult {

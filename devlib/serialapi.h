@@ -4,8 +4,8 @@
 // Locking: the semaphore "SERI" serialises opening, closing and hand-over to the port script. Reads,
 //          writes, enables and disables do not take it: nobody may close a port that is in use.
 // Units:   microseconds; 0: no time limit.
-// Every failure prints one line on standard output. A port number above 7 gives kBadParameter
-// everywhere; a negative one is a programming error and stops the program.
+// Failures of the driver, the port script and the semaphore are printed on standard output. A port number above 7 gives
+// kBadParameter everywhere; a negative one is a programming error and stops the program.
 #pragma once
 
 #include "Common/types.h"
@@ -79,11 +79,13 @@ void Serial_Init();
 // Opens and configures a port; callbacks may be null. A device that does not open is tried ten
 // times, 2 ticks apart. Returns kNoError; kBadParameter (port, null or impossible settings);
 // kSemUnavail; kAlreadyInUse at once when the port is open; kItemNotFound when all ten tries
-// failed; or the driver's refusal as Serial_Get_AppErr maps it. After a failure the port is closed.
+// failed; or the driver's refusal as Serial_Get_AppErr maps it. After any other failure than
+// kAlreadyInUse the port is closed.
 eErrorT Serial_Open(int port, SerialTxCallbackFuncPtrT txCallbackFuncPtr, SerialRxCallbackFuncPtrT rxCallbackFuncPtr,
                     void *rxCallbackContext, const RS232Cfg *serialCfg);
 
-// Returns kNoError, kBadParameter, kSemUnavail, or kItemNotFound when the port is not open.
+// Returns kNoError, kBadParameter, kSemUnavail, or kItemNotFound when the port is not open. What
+// closing the device file returns is ignored.
 eErrorT Serial_Close(int port);
 
 // Enable and disable sending, receiving or both. Return kNoError, also without effect while the

@@ -101,7 +101,7 @@ const char *dev_name(UInt32 devid);
 
 // ---- Request blocks and their queues
 
-// Fills a block. Returns 0.
+// Fills a block, which the caller has zeroed: the other fields keep their values. Returns 0.
 UInt32 iorb_init(IORB *pIORB, char *pBuffer, char *pDstBuffer, UInt32 reqLen, UserCompletionFuncT pUserCompFunc,
                  UInt32 timeout);
 
@@ -124,7 +124,7 @@ Int32 iorb_list_avail(IORBList *pIORBList); // blocks in the queue
 // Flags an open device (opening it clears the flag) and, once, starts the completion task "devc",
 // which serves the devices that are flagged by the time it first runs: it runs a queued read in its
 // own context when data is there, then calls the block's completion function with the block. Data
-// without a queued read is logged and waits.
+// without a queued read is logged and waits. A device that is served stays open.
 void add_dev_to_comp_task(DEVCB *pDev);
 void io_comp_task(UInt32, UInt32, UInt32, UInt32);
 

@@ -54,7 +54,7 @@ eErrorT buildKoraToHaldenMsg(KORA_HALDEN_MESAGE_TYPE msgType, Int32 orgMsgSize, 
                              Int32 *ptrNewMsgSize, UInt8 *ptrNewMsg);
 
 // Writes to a serial port, without a time-out and without a second try; a short write is printed.
-// Returns the count written.
+// Returns what Serial_Write does.
 int genericWriteRs232Port(int portNum, const UInt8 *buf, int buflen);
 
 // Value of up to six hexadecimal digits; stops at the first other character. ":" to "?" count as

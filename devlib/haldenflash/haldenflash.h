@@ -6,7 +6,7 @@
 extern Boolean gbDoMicro;        // update the microcontroller
 extern Boolean gbDoFarsight;     // update the camera
 extern Boolean gbQueryOnly;      // compare versions, flash nothing
-extern Boolean gbUpdateRequired; // the last comparison of versions, in query mode any, found a difference
+extern Boolean gbUpdateRequired; // the microcontroller's versions differ, in query mode either device's
 
 // Prints the usage line.
 void print_usage();

@@ -17,8 +17,7 @@ int CloseUpdatePort(int port);
 // is closed in any case if it can be.
 int ReleaseUpdatePort(int port);
 
-// Reads from a port within a time limit in microseconds. Returns the bytes read, 0 for none or a
-// driver's failure.
+// Reads from a port within a time limit in microseconds. Returns what Serial_Read does.
 Int32 ReadReply(int port, UInt8 *buffer, Int32 size, Int32 microseconds);
 
 // Prints the first count bytes of a reply, one line each.

@@ -70,7 +70,8 @@ Int32 read_command(const char *command, char *out, UInt32 size);
 // 1 when the root file system is on NFS. Asks once and remembers.
 Boolean is_NFS();
 
-// Process id of the first process whose command name equals name, or -1.
+// Process id of the first process whose command name, of which the kernel keeps 15 characters,
+// equals name in them, or -1.
 Int32 find_pid(const char *name);
 
 // Copies an environment variable into out (size bytes, cut to fit). Returns 0, or -1 with out empty
