@@ -15,9 +15,6 @@
 namespace bench
 {
 
-inline constexpr std::uint8_t kAck = 0x06;
-inline constexpr std::uint8_t kNack = 0x0F;
-
 struct Reply {
     Bytes bytes;
     int delayMs = 0; // to be held back so long

@@ -60,9 +60,9 @@ void SetReply(const Item &item, ReplyFault &reply)
 void SetBlock(const Item &item, BlockFault &block)
 {
     if (item.value == "ack")
-        block.verdict = 0x06;
+        block.verdict = kAck;
     else if (item.value == "nack")
-        block.verdict = 0x0F;
+        block.verdict = kNack;
     else if (const auto verdict = Behind(item.value, "verdict:"))
         block.verdict = Number(item, *verdict, 16, 0xFF);
     else

@@ -14,6 +14,10 @@ struct ReplyFault {
     int lateMs = 0; // milliseconds it is held back
 };
 
+// Verdicts on a block.
+inline constexpr std::uint8_t kAck = 0x06;
+inline constexpr std::uint8_t kNack = 0x0F;
+
 struct BlockFault {
     int verdict = -1; // the second byte of the reply; -1: what the device finds
     ReplyFault reply;

@@ -1,14 +1,13 @@
 // The command haldenbench: rehearses an update with the binary that ships and two peripherals in
 // software.
 #include "bench/images.h"
+#include "bench/options.h"
 #include "bench/run.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <getopt.h>
 #include <iostream>
-#include <stdexcept>
 
 namespace
 {
@@ -19,8 +18,6 @@ using namespace bench;
 constexpr int kGood = 0;
 constexpr int kBad = 1;
 constexpr int kUsage = 2;
-constexpr int kCameraPort = 0;
-constexpr int kMicroPort = 1;
 constexpr unsigned kFastDivisor = 100;
 
 constexpr char kHelp[] =
@@ -42,8 +39,6 @@ constexpr char kHelp[] =
     "  --make-images DIR     writes sample images and stops\n"
     "Exit status: 0 the command succeeded and all is as it should be, 1 not so, 2 usage.\n";
 
-using UsageError = std::invalid_argument;
-
 struct Settings {
     std::string directory = ".";
     std::optional<unsigned> microVersion, cameraVersion, systemVersion;
@@ -57,14 +52,6 @@ struct Settings {
     std::vector<std::string> command;
 };
 
-unsigned Number(const char *option, const std::string &text, int base, unsigned limit)
-{
-    const auto number = ParseNumber(text, base, limit);
-    if (!number)
-        throw UsageError("--" + std::string(option) + ": \"" + text + "\" is no fitting number");
-    return *number;
-}
-
 void SetFaults(Settings &settings, const std::string &text)
 {
     const std::size_t colon = text.find(':');
@@ -74,25 +61,25 @@ void SetFaults(Settings &settings, const std::string &text)
     (device == "micro" ? settings.microFaults : settings.cameraFaults) = ParseFaults(text.substr(colon + 1));
 }
 
-// One row an option: its name, and what its value, if it takes one, does.
-struct OptionRow {
-    const char *name;
-    bool takesValue;
-    void (*apply)(Settings &settings, const char *name, const std::string &value);
-};
-constexpr OptionRow kOptions[] = {
+constexpr OptionRow<Settings> kOptions[] = {
     {"dir", true, [](Settings &s, const char *, const std::string &value) { s.directory = value; }},
     {"micro-version", true,
-     [](Settings &s, const char *n, const std::string &value) { s.microVersion = Number(n, value, 16, 0xFF); }},
+     [](Settings &s, const char *n, const std::string &value) {
+         s.microVersion = OptionNumber(n, value, 16, 0, 0xFF);
+     }},
     {"camera-version", true,
-     [](Settings &s, const char *n, const std::string &value) { s.cameraVersion = Number(n, value, 16, 0xFFFF); }},
+     [](Settings &s, const char *n, const std::string &value) {
+         s.cameraVersion = OptionNumber(n, value, 16, 0, 0xFFFF);
+     }},
     {"system-version", true,
-     [](Settings &s, const char *n, const std::string &value) { s.systemVersion = Number(n, value, 16, 0xFFFF); }},
+     [](Settings &s, const char *n, const std::string &value) {
+         s.systemVersion = OptionNumber(n, value, 16, 0, 0xFFFF);
+     }},
     {"config", true, [](Settings &s, const char *, const std::string &value) { s.configuration = value; }},
     {"launcher", true, [](Settings &s, const char *, const std::string &value) { s.launcherResult = value; }},
     {"fast", false, [](Settings &s, const char *, const std::string &) { s.fast = true; }},
     {"baud", true,
-     [](Settings &s, const char *n, const std::string &value) { s.baud = Number(n, value, 10, 10000000); }},
+     [](Settings &s, const char *n, const std::string &value) { s.baud = OptionNumber(n, value, 10, 0, 10000000); }},
     {"faults", true, [](Settings &s, const char *, const std::string &value) { SetFaults(s, value); }},
     {"bar", false, [](Settings &s, const char *, const std::string &) { s.bar = true; }},
     {"trace", true, [](Settings &s, const char *, const std::string &value) { s.trace = value; }},
@@ -107,20 +94,11 @@ constexpr OptionRow kOptions[] = {
 
 Settings ParseArguments(int argc, char *argv[])
 {
-    std::vector<option> options;
-    for (const OptionRow &row : kOptions)
-        options.push_back({row.name, row.takesValue ? required_argument : no_argument, nullptr, 0});
-    options.push_back({});
     Settings settings;
-    int index = 0;
-    for (int result = 0; (result = getopt_long(argc, argv, "+", options.data(), &index)) != -1;) {
-        if (result != 0)
-            throw UsageError("see haldenbench --help");
-        kOptions[index].apply(settings, kOptions[index].name, optarg == nullptr ? "" : optarg);
-    }
+    ReadOptions<Settings>(kOptions, argc, argv, settings);
     settings.command.assign(argv + optind, argv + argc);
     if (settings.command.empty() && settings.makeImages.empty())
-        throw UsageError("no command; see haldenbench --help");
+        throw UsageError("no command; see --help");
     if (!fs::is_directory(settings.directory))
         throw UsageError("--dir: there is no directory " + settings.directory);
     if (!settings.configuration.empty() && !fs::is_directory(settings.configuration))

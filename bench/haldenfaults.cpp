@@ -1,5 +1,6 @@
 // The command haldenfaults: plays every fault at every step of an update, on the binary that ships, and
 // holds each run against the table of ends; see trial.h for what is asked of a run.
+#include "bench/options.h"
 #include "bench/sweeps.h"
 
 #include <algorithm>
@@ -7,11 +8,9 @@
 #include <cstdio>
 #include <filesystem>
 #include <functional>
-#include <getopt.h>
 #include <iostream>
 #include <map>
 #include <mutex>
-#include <stdexcept>
 
 namespace
 {
@@ -155,29 +154,18 @@ Tally Play(const Settings &settings, const std::vector<Trial> &trials, std::vect
     return tally;
 }
 
-std::size_t Number(const char *text)
-{
-    const auto number = ParseNumber(text, 10, 1000000);
-    if (!number || *number == 0)
-        throw std::invalid_argument(std::string("no fitting number: ") + text);
-    return *number;
-}
-
-// One row an option: its name, and what its value, if it takes one, does.
-struct OptionRow {
-    const char *name;
-    int takesValue;
-    void (*apply)(Settings &settings, const char *value);
-};
-constexpr OptionRow kOptions[] = {
-    {"sweep", required_argument, [](Settings &s, const char *value) { s.sweep = value; }},
-    {"every", required_argument, [](Settings &s, const char *value) { s.every = Number(value); }},
-    {"jobs", required_argument, [](Settings &s, const char *value) { s.jobs = Number(value); }},
-    {"show", required_argument, [](Settings &s, const char *value) { s.show = value; }},
-    {"list", required_argument, [](Settings &s, const char *value) { s.list = value; }},
-    {"recovery", no_argument, [](Settings &s, const char *) { s.recovery = true; }},
-    {"help", no_argument,
-     [](Settings &, const char *) {
+constexpr unsigned kMost = 1000000; // of the numbers that options take
+constexpr OptionRow<Settings> kOptions[] = {
+    {"sweep", true, [](Settings &s, const char *, const std::string &value) { s.sweep = value; }},
+    {"every", true,
+     [](Settings &s, const char *n, const std::string &value) { s.every = OptionNumber(n, value, 10, 1, kMost); }},
+    {"jobs", true,
+     [](Settings &s, const char *n, const std::string &value) { s.jobs = OptionNumber(n, value, 10, 1, kMost); }},
+    {"show", true, [](Settings &s, const char *, const std::string &value) { s.show = value; }},
+    {"list", true, [](Settings &s, const char *, const std::string &value) { s.list = value; }},
+    {"recovery", false, [](Settings &s, const char *, const std::string &) { s.recovery = true; }},
+    {"help", false,
+     [](Settings &, const char *, const std::string &) {
          std::cout << kHelp;
          std::exit(0);
      }},
@@ -185,19 +173,10 @@ constexpr OptionRow kOptions[] = {
 
 Settings ParseArguments(int argc, char *argv[])
 {
-    std::vector<option> options;
-    for (const OptionRow &row : kOptions)
-        options.push_back({row.name, row.takesValue, nullptr, 0});
-    options.push_back({});
     Settings settings;
-    int index = 0;
-    for (int result = 0; (result = getopt_long(argc, argv, "", options.data(), &index)) != -1;) {
-        if (result != 0)
-            throw std::invalid_argument("see haldenfaults --help");
-        kOptions[index].apply(settings, optarg);
-    }
+    ReadOptions<Settings>(kOptions, argc, argv, settings);
     if (optind < argc)
-        throw std::invalid_argument(std::string("not understood: ") + argv[optind]);
+        throw UsageError(std::string("not understood: ") + argv[optind]);
     return settings;
 }
 
@@ -235,7 +214,7 @@ int Work(const Settings &settings)
     if (!settings.list.empty())
         WriteList(settings.list, list);
     if (runs == 0)
-        throw std::invalid_argument("no such run; see haldenfaults --help");
+        throw UsageError("no such run; see --help");
     std::cout << Format("faults: %zu runs, %zu with findings\n", runs, findings);
     return findings == 0 ? 0 : 1;
 }
@@ -250,7 +229,7 @@ int main(int argc, char *argv[])
             return Work(settings);
         std::cout << RecoveryPage();
         return 0;
-    } catch (const std::invalid_argument &error) {
+    } catch (const UsageError &error) {
         std::cerr << "haldenfaults: " << error.what() << "\n";
         return 2;
     } catch (const std::exception &error) {

@@ -33,7 +33,8 @@ void WriteSamples(const std::string &directory, const Samples &samples);
 std::optional<std::string> ReadVersion(const std::string &path);
 
 // Whether a device ended its run as it should: it found nothing wrong, holds exactly the image that
-// it was sent, and runs that version. A device or an image that had no part in the run is good.
+// it was sent, and runs that version. A device that had no part in the run is good; so is an image that
+// was not sent because the device runs it already.
 struct Verdict {
     bool good;
     std::string text; // one line

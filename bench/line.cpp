@@ -35,12 +35,6 @@ std::size_t PortionSize(unsigned baud)
 
 } // namespace
 
-double Line::Use::Efficiency(unsigned baud) const
-{
-    const std::chrono::duration<double> ideal = LineTime(bytes, baud), taken = end - begin;
-    return taken.count() > 0 ? ideal / taken : 0;
-}
-
 Line::Line(Device &device, unsigned baud)
     : device_(device), baud_(baud), master_(Checked(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC | O_NONBLOCK), "pty")),
       wake_(Checked(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd"))
@@ -65,7 +59,7 @@ void Line::Start()
     eventfd_read(wake_.get(), &wakes);
     due_.clear();
     carried_ = {};
-    use_ = Use();
+    clear_ = Clock::now();
     device_.PowerOn();
     thread_ = std::thread(&Line::Work, this);
 }
@@ -134,24 +128,13 @@ bool Line::CarrySome(unsigned baud)
     const ssize_t count = read(master_.get(), portion, PortionSize(baud));
     if (count <= 0)
         return false;
-    const Clock::time_point begin = clear_;
     clear_ += LineTime(static_cast<std::uint64_t>(count), baud);
     std::this_thread::sleep_until(clear_);
-    const unsigned begun = device_.blocksBegun(), ended = device_.blocksEnded();
-    const std::uint64_t before = carried_[LineFault::kToDevice];
     std::vector<Reply> replies;
     Pass(LineFault::kToDevice, {portion, static_cast<std::size_t>(count)}, [&](auto bytes) {
         for (Reply &reply : device_.Receive(bytes))
             replies.push_back(std::move(reply));
     });
-    if (begun == 0 && device_.blocksBegun() > 0) {
-        use_.begin = begin;
-        carriedBefore_ = before;
-    }
-    if (device_.blocksEnded() > ended) {
-        use_.end = Clock::now();
-        use_.bytes = carried_[LineFault::kToDevice] - carriedBefore_;
-    }
     if (!replies.empty()) {
         clear_ = Clock::now(); // the host waited for this, and the line was idle meanwhile
         Queue(replies);

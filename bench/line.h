@@ -2,7 +2,7 @@
 // so that a program that closes it does not look like a hang-up.
 // Owner:   the caller keeps the device as long as the line.
 // Locking: between Start and Stop one thread of the line's own works the device; before and after,
-//          device and use() belong to the caller.
+//          the device belongs to the caller.
 #pragma once
 
 #include "bench/descriptor.h"
@@ -41,14 +41,6 @@ public:
     using Clock = std::chrono::steady_clock;
     static constexpr double kBitsPerByte = 11; // start, eight data, parity, stop
 
-    // What the block frames of a run took: from the first byte of the first to the last of the last.
-    struct Use {
-        Clock::time_point begin, end;
-        std::uint64_t bytes = 0;
-        // Time that the bytes need on the line as a part of the time that they took.
-        double Efficiency(unsigned baud) const;
-    };
-
     // baud 0: bytes are taken off the line as fast as they come; otherwise no faster than that, and
     // the device sees them when their time on the line is over. Throws std::system_error.
     explicit Line(Device &device, unsigned baud = 0);
@@ -59,7 +51,6 @@ public:
     // The file to open in place of the serial port.
     const std::string &path() const { return path_; }
     unsigned baud() const { return baud_; }
-    const Use &use() const { return use_; }
     // Bytes of the current or latest run.
     std::uint64_t carried(LineFault::Way way) const { return carried_[way]; }
 
@@ -94,8 +85,6 @@ private:
     std::deque<Due> due_;
     Clock::time_point clear_;                   // when the line has carried all that was taken off it
     std::array<std::uint64_t, 2> carried_ = {}; // by way
-    std::uint64_t carriedBefore_ = 0;
-    Use use_;
 };
 
 } // namespace bench

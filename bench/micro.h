@@ -7,6 +7,8 @@
 namespace bench
 {
 
+inline constexpr int kMicroPort = 1; // number of its device file
+
 class Micro : public Device
 {
 public:

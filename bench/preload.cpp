@@ -33,8 +33,6 @@ constexpr int kDescriptors = 1024;
 constexpr char kRelay[] = "/tmp/plaunch"; // of commands
 constexpr char kOpt[] = "/opt/talvora";   // configuration
 constexpr std::size_t kPlace = PATH_MAX + 1;
-constexpr std::uint32_t kSetConfig = 0x80260001;
-constexpr std::uint32_t kDisableRx = 0x80260002;
 
 // What the environment says; written once, before main. A path that it does not name is "", which
 // the system answers with ENOENT.
@@ -198,7 +196,7 @@ int RequestPort(int port, std::uint32_t request, const void *argument)
 {
     const bool refused = ++gCounts[port].requests == gOrders.ports[port].refusedRequest;
     const char *ending = refused ? " refused" : "";
-    if (request == kSetConfig) {
+    if (request == bench::kSetConfig) {
         std::uint32_t field[6];
         memcpy(field, argument, sizeof field);
         Log("config %d: mask %u baud %u parity %u stop %u flow %u data %u%s\n", port, field[0], field[1], field[2],
@@ -377,7 +375,7 @@ extern "C" int ioctl(int fd, unsigned long request, ...)
     va_end(arguments);
     const int port = PortOfDescriptor(fd);
     const auto code = static_cast<std::uint32_t>(request); // may come with its sign extended
-    if (port >= 0 && (code == kSetConfig || code == kDisableRx))
+    if (port >= 0 && (code == bench::kSetConfig || code == bench::kDisableRx))
         return RequestPort(port, code, argument);
     return gRealIoctl(fd, request, argument);
 }

@@ -40,6 +40,10 @@ struct EventLog {
     char text[1 << 20];
 };
 
+// Requests of the ports' driver.
+constexpr std::uint32_t kSetConfig = 0x80260001;
+constexpr std::uint32_t kDisableRx = 0x80260002;
+
 constexpr char kPreloadLog[] = "HALDENBENCH_LOG";
 constexpr char kPreloadPort[] = "HALDENBENCH_PORT";
 constexpr char kPreloadRelay[] = "HALDENBENCH_RELAY";

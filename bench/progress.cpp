@@ -16,7 +16,7 @@ namespace bench
 ProgressReader::ProgressReader(std::string path, ProgressOptions options)
     : path_(std::move(path)), nextPath_(path_ + ".next"), options_(std::move(options))
 {
-    Checked(mkfifo(path_.c_str(), 0600), path_.c_str()); // fails where something is; Replace would not
+    Checked(mkfifo(path_.c_str(), 0600), path_.c_str()); // fails where something is; the renames below would not
     if (!Leaving(0))
         work_ = std::async(std::launch::async, [this, gate = Arm()]() mutable { Work(std::move(gate)); });
 }

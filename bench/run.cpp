@@ -13,7 +13,6 @@
 #include <spawn.h>
 #include <sstream>
 #include <sys/mman.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
@@ -247,22 +246,14 @@ void Await(pid_t pid, const RunOptions &options, RunResult &result)
     end.wait();
 }
 
-double Seconds(const timeval &time)
-{
-    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
-}
-
 void Reap(pid_t pid, RunResult &result)
 {
     int status = 0;
-    rusage usage = {};
-    Checked(wait4(pid, &status, 0, &usage), "wait");
+    Checked(waitpid(pid, &status, 0), "wait");
     if (WIFEXITED(status))
         result.status = WEXITSTATUS(status);
     else
         result.signal = WTERMSIG(status);
-    result.cpuSeconds = Seconds(usage.ru_utime) + Seconds(usage.ru_stime);
-    result.maxRssKiB = usage.ru_maxrss;
 }
 
 } // namespace

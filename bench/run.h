@@ -64,8 +64,6 @@ struct RunResult {
     std::vector<std::string> events; // lines of the preload library's log
     std::vector<std::string> progress;
     double seconds = 0;
-    double cpuSeconds = 0; // user and system
-    long maxRssKiB = 0;
 };
 
 // Starts the lines, runs the program to its end, and stops the lines. Throws std::system_error when

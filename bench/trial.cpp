@@ -14,8 +14,6 @@ namespace bench
 namespace
 {
 
-constexpr int kCameraPort = 0;
-constexpr int kMicroPort = 1;
 constexpr unsigned kWaitDivisor = 20;
 constexpr char kStrace[] = "/usr/bin/strace";
 constexpr char kStraceFile[] = "calls";
@@ -83,6 +81,14 @@ bool Has(const std::string &text, const char *part)
     return text.find(part) != std::string::npos;
 }
 
+// The program took image i for one that the device runs already.
+bool TookForCurrent(const std::string &output, std::size_t i)
+{
+    constexpr const char *kCurrent[] = {"FarSight Camera Firmware is Already up to date",
+                                        "FarSight System Firmware is Already up to date"};
+    return i == 0 ? !Has(output, "Halden Micro controller update is NEEDED.") : Has(output, kCurrent[i - 1]);
+}
+
 // Why a success may leave a device without image i (microcontroller, camera image, system image), which has
 // an older version; null if there is no excuse.
 const char *Excuse(const Trial &trial, const Outcome &outcome, std::size_t i)
@@ -90,9 +96,8 @@ const char *Excuse(const Trial &trial, const Outcome &outcome, std::size_t i)
     const std::string &output = outcome.run.output;
     const LineFault &fault = i == 0 ? trial.microLine : trial.cameraLine;
     constexpr std::uint64_t kVersionReply = 15; // bytes, of either device; it has no checksum
-    const char *const sent = i == 0 ? "Halden Micro controller update is NEEDED." : "Already up to date";
     if (fault.kind == LineFault::Kind::kFlip && fault.way == LineFault::kToHost && fault.byte < kVersionReply &&
-        outcome.held[i] == kBefore && Has(output, sent) == (i != 0))
+        outcome.held[i] == kBefore && TookForCurrent(output, i))
         return "a version reply that the line made the image's version";
     if (i != 0)
         return nullptr;
@@ -246,8 +251,8 @@ void Rig::JudgeEnd(const Trial &trial, Outcome &outcome) const
                            outcome.last);
 }
 
-// What the devices hold. They had older versions: after an update that calls itself a success they hold
-// their images, and no query finds that none is required.
+// What the devices hold is what the table has. They had older versions: after an update that calls itself a
+// success they hold their images, and no query finds that none is required.
 void Rig::JudgeHoldings(const Trial &trial, Outcome &outcome) const
 {
     const bool success = outcome.run.status == 0;
@@ -257,7 +262,8 @@ void Rig::JudgeHoldings(const Trial &trial, Outcome &outcome) const
         const Held held = outcome.held[i];
         const char *excuse = success && !Whole(held) ? Excuse(trial, outcome, i) : nullptr;
         const bool anything = i == 0 && NoVerdict(outcome.run.output);
-        const bool fits = success ? Whole(held) || excuse != nullptr : anything || (held & ~allowed[i]) == 0;
+        const bool expected = anything || (held & ~allowed[i]) == 0;
+        const bool fits = expected && (!success || Whole(held) || excuse != nullptr);
         outcome.unproven = excuse != nullptr ? excuse : outcome.unproven;
         if (!fits)
             outcome.findings.push_back(Format("%s: holds %s after status %d: %s", names[i], NameOf(held),

@@ -79,8 +79,8 @@ void Serial_Init();
 // Opens and configures a port; callbacks may be null. A device that does not open is tried ten
 // times, 2 ticks apart. Returns kNoError; kBadParameter (port, null or impossible settings);
 // kSemUnavail; kAlreadyInUse at once when the port is open; kItemNotFound when all ten tries
-// failed; or the driver's refusal as Serial_Get_AppErr maps it. After any other failure than
-// kAlreadyInUse the port is closed.
+// failed; or the driver's refusal as Serial_Get_AppErr maps it. kAlreadyInUse, kSemUnavail, a bad port
+// and null settings leave everything as it was; after the other failures the port is closed.
 eErrorT Serial_Open(int port, SerialTxCallbackFuncPtrT txCallbackFuncPtr, SerialRxCallbackFuncPtrT rxCallbackFuncPtr,
                     void *rxCallbackContext, const RS232Cfg *serialCfg);
 
@@ -90,7 +90,8 @@ eErrorT Serial_Close(int port);
 
 // Enable and disable sending, receiving or both. Return kNoError, also without effect while the
 // script owns the port; kBadParameter; kItemNotFound when the port is not open; or the driver's
-// refusal. The single directions of Serial_Disable are crossed, see there.
+// refusal. The single directions of Serial_Disable are crossed: RX ends sending, TX receiving; users
+// count on it.
 eErrorT Serial_Enable(int port, SerialDirectionType serialDir);
 eErrorT Serial_Disable(int port, SerialDirectionType serialDir);
 

@@ -5,6 +5,7 @@
 // usage: probe PROGRAM
 #include "bench/images.h"
 #include "bench/line.h"
+#include "bench/preload.h"
 
 #include <csignal>
 #include <cstddef>
@@ -54,7 +55,7 @@ void Trace(__ptrace_request request, pid_t pid, unsigned long address, long data
 bool IsDriverRequest(const SyscallInfo &info)
 {
     const auto request = static_cast<std::uint32_t>(info.entry.args[1]);
-    return info.entry.nr == SYS_ioctl && (request == 0x80260001 || request == 0x80260002);
+    return info.entry.nr == SYS_ioctl && (request == kSetConfig || request == kDisableRx);
 }
 
 // Makes the call that has just ended a success.
@@ -151,6 +152,8 @@ int Probe(const char *program)
     cameraLine.Start();
     microLine.Start();
     const Findings findings = Watch(pid);
+    cameraLine.Stop();
+    microLine.Stop();
     fs::remove("/dev/fpgaserial0");
     fs::remove("/dev/fpgaserial1");
     const bool good = Judge(micro, ".").good && JudgeCamera(camera, ".").good && JudgeSystem(camera, ".").good;

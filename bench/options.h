@@ -1,0 +1,52 @@
+// The long options of a command, as a table.
+#pragma once
+
+#include "bench/text.h"
+
+#include <cstddef>
+#include <getopt.h>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace bench
+{
+
+using UsageError = std::invalid_argument;
+
+// One row an option: its name, and what its value, if it takes one, does.
+template <typename Settings> struct OptionRow {
+    const char *name;
+    bool takesValue;
+    void (*apply)(Settings &settings, const char *name, const std::string &value);
+};
+
+// Applies the options of a command line in their order, as far as the first word that is none; optind
+// then counts what has been read. Throws UsageError, behind getopt's own message.
+template <typename Settings>
+void ReadOptions(std::span<const OptionRow<Settings>> rows, int argc, char *argv[], Settings &settings)
+{
+    std::vector<option> options;
+    for (const OptionRow<Settings> &row : rows)
+        options.push_back({row.name, row.takesValue ? required_argument : no_argument, nullptr, 0});
+    options.push_back({});
+    int index = 0;
+    for (int result = 0; (result = getopt_long(argc, argv, "+", options.data(), &index)) != -1;) {
+        if (result != 0)
+            throw UsageError("see --help");
+        const OptionRow<Settings> &row = rows[static_cast<std::size_t>(index)];
+        row.apply(settings, row.name, optarg == nullptr ? "" : optarg);
+    }
+}
+
+// The number that an option's value is, or throws UsageError.
+inline unsigned OptionNumber(const char *name, const std::string &text, int base, unsigned first, unsigned last)
+{
+    const auto number = ParseNumber(text, base, last);
+    if (!number || *number < first)
+        throw UsageError(std::string("--") + name + ": \"" + text + "\" is no fitting number");
+    return *number;
+}
+
+} // namespace bench
