@@ -19,7 +19,7 @@ using Boolean = UInt32;
 using Bool = UInt32;
 
 // Result code of the framework's calls: 0 is success, failures are negative.
-// The enumeration runs down to kMaxError; only the codes with a use are named.
+// The enumeration runs down to kMaxError.
 enum eErrorT : Int32 {
     kNoError = 0,
     kFuncReturnedError = -1,

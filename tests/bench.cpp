@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <numeric>
+#include <poll.h>
 
 namespace
 {
@@ -429,9 +430,10 @@ TEST_F(BenchRun, ALineSpoilsOneByte)
         microLine.Start();
         const Descriptor port(Checked(open(microLine.path().c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK), "port"));
         Checked(static_cast<int>(write(port.get(), kStatusRequest.data(), kStatusRequest.size())), "port");
-        std::this_thread::sleep_for(std::chrono::milliseconds(200));
-        Bytes heard(4);
-        heard.resize(static_cast<std::size_t>(std::max<ssize_t>(read(port.get(), heard.data(), heard.size()), 0)));
+        Bytes heard;
+        pollfd polled = {port.get(), POLLIN, 0};
+        while (heard.size() < 4 && poll(&polled, 1, heard.size() < row.heard.size() ? 5000 : 200) > 0)
+            Checked(static_cast<int>(read(port.get(), &heard.emplace_back(), 1)), "port");
         microLine.Stop();
         EXPECT_EQ(heard, row.heard);
     }
@@ -472,13 +474,11 @@ TEST_F(BenchRun, ReadsOneNumberPerOpen)
     EXPECT_EQ(dies.output, "lost 3\n");
 
     options.progress = {ProgressOptions::Reader::kLeaves, 2, {}};
-    options.limit = std::chrono::milliseconds(500);
+    options.limit = std::chrono::seconds(2);
     const RunResult leaves = Shell(write);
     EXPECT_EQ(leaves.progress, (Texts{"1", "2"}));
     EXPECT_TRUE(leaves.killed);
 }
-
-// ---- The command
 
 // ---- Fault sweeps
 
@@ -515,6 +515,8 @@ TEST(Recovery, KnowsEveryEndAndIsWrittenDown)
     const Bytes page = ReadFile(TESTS_DIR "/../docs/recovery.md").value_or(Bytes());
     EXPECT_EQ(string(page.begin(), page.end()), RecoveryPage()) << "haldenfaults --recovery >docs/recovery.md";
 }
+
+// ---- The command
 
 TEST_F(BenchRun, CommandJudgesTheUpdate)
 {

@@ -99,7 +99,9 @@ TEST(Events, ThatMeetTheTimeoutLeaveOtherTimersAlone)
         StartTask("race", [&] {
             for (UInt32 tmid = 0, events = 0; !stop; ev_receive(0x1, 0, 2, &events))
                 tm_evafter(2, 0x1, &tmid);
-            tm_wkafter(10); // lets the last event timer run out
+            UInt32 tmid = 0, events = 0;
+            tm_evafter(5, 0x4, &tmid);
+            ev_receive(0x4, 0, 0, &events); // the other timers have run out before this one
         });
         StartTask("wait", [&, i] {
             for (UInt32 events = 0; !stop; timeouts[i]++)
@@ -353,8 +355,10 @@ TEST(Tasks, ReportThemselves)
 
 TEST(Tasks, AnAttachedThreadIsATask)
 {
+    static std::atomic<bool> attached = false;
     const auto attach = [](void *) -> void * {
         EXPECT_EQ(t_attach("main", 5), 0u);
+        attached = true;
         EXPECT_STREQ(task_name(Self()), "main");
         UInt32 events = 0;
         ev_send(0, 0x4);
@@ -364,7 +368,13 @@ TEST(Tasks, AnAttachedThreadIsATask)
     };
     pthread_t thread;
     ASSERT_EQ(pthread_create(&thread, nullptr, attach, nullptr), 0);
-    EXPECT_TRUE(Eventually([] { return NumTasks() == 0; }));
+    EXPECT_TRUE(Eventually([] { return attached && NumTasks() == 0; }));
+    for (const char *name : {"once", "more"}) // returning is not enough, and brings the handle back
+        std::thread([name] {
+            EXPECT_EQ(t_attach(name, 5), 0u);
+            EXPECT_STREQ(task_name(Self()), name);
+        }).join();
+    EXPECT_EQ(NumTasks(), 2);
 }
 
 TEST(Tasks, WithoutMemoryNothingChanges)

@@ -100,10 +100,13 @@ TEST_F(SerialApi, CarriesBytesOnceOpenAndEnabled)
     EXPECT_EQ(2, Serial_Read(kPort, buffer, 2, 1000000));
     EXPECT_STREQ("in", buffer);
     EXPECT_EQ("0", Trace([&] { return Serial_Read(kPort, buffer, 2, 1000); }));
+    std::size_t written = 0;
     while (Serial_Write(kPort, "x", 1, 1000) != 0) // as long as there is room
-        continue;
-    StartTask("read", [] { tm_wkafter(5), fake.Receive(100000, fake.master); });
+        written++;
+    StartTask("read", [written] { tm_wkafter(5), fake.Receive(written + 2, fake.master); });
     EXPECT_EQ(2, genericWriteRs232Port(kPort, reinterpret_cast<const UInt8 *>("ok"), 2)); // however long it takes
+    UInt32 tid = 0;
+    EXPECT_TRUE(Eventually([&] { return t_ident("read", 0, &tid) != 0; })); // closing does not end its read
     close(fake.master);
     const std::string trace = Trace([&] { return Serial_Read(kPort, buffer, 2, 0); });
     EXPECT_LT(trace.find("SERIALAPI: In READ, Port: 1 Device Manager read failed, err: 3\n0"), trace.size());

@@ -27,10 +27,13 @@ TEST(Updates, AnswerCallersOtherThanMain)
         return GetFarSightCameraImageBlockNumber(type, &number, &none);
     };
     UInt8 filled[3] = {9, 9, 9};
-    EXPECT_EQ(FillBlock(filled, 0x102, 1, folder, "", "") + filled[0] * 100 + filled[1] * 10 + filled[2], 119);
+    EXPECT_EQ(FillBlock(filled, 0x102, 1, folder, "", ""), -1);
+    EXPECT_EQ(filled[0] * 100 + filled[1] * 10 + filled[2], 120);
     testing::internal::CaptureStdout();
-    EXPECT_EQ(count(CAMERA_FW_TYPE_CAMERA) + number, 10);
-    EXPECT_EQ(count(CAMERA_FW_TYPE_SYSTEM) + number + none, 0);
+    EXPECT_EQ(count(CAMERA_FW_TYPE_CAMERA), kNoError);
+    EXPECT_EQ(number, 10);
+    EXPECT_EQ(count(CAMERA_FW_TYPE_SYSTEM), kNoError);
+    EXPECT_EQ(number + none, 0);
     EXPECT_EQ(count(CAMERA_FW_TYPE_UNKNOWN), kBadParameter);
     EXPECT_EQ(sendFarSightFlashDataBlock(block, 2, CONTROLLER_FLASH_TYPE_HALDENMICRO), kBadParameter);
     EXPECT_EQ(SendNextFarSightDataBlock(&camera), kFuncReturnedError);

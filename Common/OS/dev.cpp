@@ -4,6 +4,7 @@
 #include "Common/OS/linux/oslinux.h"
 #include "Common/OS/linux/psosapi/pthreadapi.h"
 #include "Common/OS/linux/psosapi/ptimer.h"
+#include "Common/OS/logmsg.h"
 #include "Common/OS/osassert.h"
 #include "Common/OS/syslog.h"
 
@@ -18,7 +19,6 @@ constexpr UInt32 kServedByCompTask = 1; // bit of DEVCB flags
 constexpr UInt32 kMaxPolled = 50;
 constexpr UInt32 kCompTaskPriority = 55;
 constexpr UInt32 kCompTaskStack = 8192;
-constexpr Int32 kLevelCritical = 2;
 
 DEVCB *gpDEVCBHead, *gpDEVCBTail; // the table, in order of addition
 UInt32 io_comp_task_id;           // 0 until the task exists
@@ -104,7 +104,7 @@ void ServeQueuedRead(DEVCB *pDev)
 {
     IORB *pIORB = iorb_list_dequeue(&pDev->readIORBs);
     if (pIORB == nullptr) {
-        cm_syslog(kLevelCritical, "No read IORB, device %s\n", pDev->name);
+        cm_syslog(kLogCrit, "No read IORB, device %s\n", pDev->name);
         tm_wkafter(1);
         return;
     }

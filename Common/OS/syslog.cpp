@@ -1,6 +1,7 @@
 #include "Common/OS/syslog.h"
 
 #include "Common/OS/linux/hostsyslog.h"
+#include "Common/OS/linux/lowmem.h"
 #include "Common/OS/linux/psosapi/pthreadapi.h"
 #include "Common/OS/linux/psosapi/ptimer.h"
 #include "Common/OS/linux/psosapi/semaphore.h"
@@ -117,7 +118,7 @@ void StopIfCorrupt(Int32 next, Int32 tail)
 {
     if (tail <= next)
         return;
-    std::printf("syslog: empty string @ 0x%x\n", static_cast<UInt32>(reinterpret_cast<std::uintptr_t>(buf + next)));
+    std::printf("syslog: empty string @ 0x%x\n", AddressWord(buf + next));
     os_assert(false, "0");
 }
 

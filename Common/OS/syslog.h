@@ -1,8 +1,8 @@
 // The system log writer: a ring of completed lines and the task "logw" that prints them.
 //
 // Before InitSyslogInterface, and in a process that never calls it, every line is dropped.
-// Locking: any task may add lines; log_Semaphore serialises them. The writer task alone moves the
-//          head and reads the ring without the semaphore.
+// Locking: any task may add lines; log_Semaphore serialises them. The writer task reads the ring
+//          without the semaphore and moves the head, which a task that laps the writer sets back.
 #pragma once
 
 #include "Common/types.h"

@@ -33,8 +33,8 @@ UInt32 changeSemaphore; // one change of cache and store at a time; taken before
 std::atomic<Int32> gConfigInitialized;
 pthread_mutex_t startMutex = PTHREAD_MUTEX_INITIALIZER; // ConfigInit and ConfigExit
 
-// Under configSemaphore: a sequence counter, odd while a change is on its way to the store. What was
-// read from the store meanwhile must not overwrite the cache.
+// Under configSemaphore: a sequence counter of the changes, odd while one is on its way to the store. What
+// was read from the store meanwhile must not overwrite the cache.
 UInt32 gStoreSequence;
 
 // Items whose values are never shown, and how many characters of a name decide.
@@ -573,8 +573,10 @@ ConfigItemT *WriteItemToCache(const char *pName, UInt32 instance, const char *va
     ConfigInit();
     {
         const SemaphoreHold hold(configSemaphore);
-        if (hold.result() == 0)
+        if (hold.result() == 0) {
+            gStoreSequence += 2;
             return PutItem(key, static_cast<Int32>(instance), value);
+        }
     }
     ReportNoAccess("can't acquire config database semaphore for writing, task=\"%s\"\n");
     return nullptr;

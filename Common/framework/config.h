@@ -2,7 +2,7 @@
 // front of the files of the configuration store.
 //
 // Names:   compared and stored in lower case; at most 32 characters count, the rest is dropped. A name
-//          that is empty or has a "/" or a control character in it can neither be written nor found.
+//          that is empty or has a "/" or a control character in it has no file: it is at most cached.
 // Values:  at most 370 characters, the rest is dropped. Only the first line reaches the file, and only
 //          369 characters of it come back after a restart. Until then the cache has the whole.
 // Files:   instances below 1 have one file, and a cache entry each, and so have instance 1 of "a" and
@@ -80,7 +80,7 @@ eErrorT ConfigRestore(const char *pName, Int32 instance);
 
 // Removes an item from cache and store; it then reads as its default. Callbacks on it stay. Returns
 // kNoError; kItemNotFound when it was in neither; what ConfigStoreDelete returned when the file could
-// not be removed.
+// not be removed: the item then reads as what the file has.
 eErrorT ConfigDelete(const char *pName, Int32 instance);
 
 // Callbacks on an item, which need not exist: pFunc(item, 0, userDefined, ConfigNotifyT *). Add: runs on
@@ -117,8 +117,8 @@ ConfigItemT *AddItemToCache(const char *pName, UInt32 instance, const char *pVal
 // The cached item, or null.
 ConfigItemT *LookupItemInCache(const char *pName, Int32 instance);
 
-// Takes an item out of the cache and leaves its file. An item that has or once had callbacks stays, with an
-// empty value. Logs nothing. Returns kNoError, kItemNotFound or kSemUnavail.
+// Takes an item out of the cache and leaves its file. An item with a list of callbacks, even an empty
+// one, stays with an empty value. Logs nothing. Returns kNoError, kItemNotFound or kSemUnavail.
 eErrorT DeleteItemFromCache(const char *pName, Int32 instance);
 
 // 1 when the item has that name, ignoring case, and that instance, else 0.

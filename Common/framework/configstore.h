@@ -6,9 +6,9 @@
 // one line feed; only its first line is ever read back. A task "csyn" flushes the file systems some
 // seconds after the last write.
 //
-// Names:   lower case, 1 to 32 characters, no "/" and no control character: any other name has no file,
-//          so that no item reaches out of its folder, or the message path's line. Instances below 1 share the file
-//          without a number, and item "a1" has the same file as instance 1 of "a".
+// Names:   1 to 32 characters, no "/" and no control character: any other name has no file, so that no
+//          item reaches out of its folder, or the message path's line. Callers pass lower case. Instances below 1 share
+//          the file without a number, and item "a1" has the same file as instance 1 of "a".
 // Locking: none: files are opened and closed within each call. Two tasks must not write the same item
 //          at the same time.
 #pragma once
@@ -64,8 +64,8 @@ eErrorT ConfigStoreWrite(const char *name, Int32 instance, const char *value);
 eErrorT ConfigStoreDelete(const char *name, Int32 instance);
 
 // The completion of a remote read: hands the answer over and wakes the reader. The context is the one
-// that came with the command. An answer that comes after the reader gave up is dropped, unless 64 more
-// reads have begun by then.
+// that came with the command. There are 64, used in turn: an answer that comes after the reader gave up is
+// dropped, unless its context is in use again by then.
 void remoteRspCallback(RemMsgPathT *pHandle, const char *response, void *context);
 
 // ---- Line by line, for items of several lines. Only on the master: elsewhere nothing opens.

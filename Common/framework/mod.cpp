@@ -350,18 +350,18 @@ void CopyArgs(UInt8 (&args)[kModMaxArgs], const void *pArgs, Int32 argLen)
         std::memcpy(args, pArgs, static_cast<std::size_t>(length));
 }
 
-// The task of a queue's oldest pending block, its name, and for how long the block has been waiting.
-struct OldestT {
+// The name of the task that a pending block is for, and for how long the block has been waiting.
+struct WaitT {
     char name[kTaskNameSize];
     UInt32 waited; // milliseconds
 };
 
-OldestT OldestOf(UInt32 taskID, UInt32 time)
+WaitT WaitOf(UInt32 taskID, UInt32 time)
 {
-    OldestT oldest;
-    t_copy_name(taskID, oldest.name);
-    oldest.waited = RealTimeMilliSeconds() - time;
-    return oldest;
+    WaitT wait;
+    t_copy_name(taskID, wait.name);
+    wait.waited = RealTimeMilliSeconds() - time;
+    return wait;
 }
 
 [[noreturn]] void StopOutOfBlocks(ModT *pMod, UInt32 funcIndex)
@@ -370,7 +370,7 @@ OldestT OldestOf(UInt32 taskID, UInt32 time)
     {
         const SemaphoreHold hold(deferredCallbackRegion);
         if (const ModDeferredCallbackT *pOldest = AsCallback(ListFirstElement(gPendDeferredCallbackList))) {
-            const OldestT oldest = OldestOf(pOldest->callback.destTaskID, pOldest->time);
+            const WaitT oldest = WaitOf(pOldest->callback.destTaskID, pOldest->time);
             std::printf("ERROR, task %4.4s has not responded to deferred callbacks for %dmS\n", oldest.name,
                         static_cast<Int32>(oldest.waited));
         }
@@ -400,13 +400,17 @@ void DeferCallback(ModT *pMod, const ModCallbackT &callback, const void *pArgs, 
 
 // ---- Log lines
 
-bool IsTraceFilteredOut(const ModT *pMod)
+// Without a filter all modules' lines are wanted.
+bool WantsLines(const ModT *pMod, const char *format)
 {
+    os_assert(pMod, "pMod");
+    os_assert(format, "format");
+    CheckSignature(pMod);
     if (NumTraceFilters == 0)
-        return false;
+        return true;
     const InterruptsOffHold hold;
-    return std::none_of(std::begin(traceFilters), std::end(traceFilters),
-                        [pMod](const char *filter) { return strcasecmp(filter, pMod->name) == 0; });
+    return std::any_of(std::begin(traceFilters), std::end(traceFilters),
+                       [pMod](const char *filter) { return strcasecmp(filter, pMod->name) == 0; });
 }
 
 bool ShowsOwner(const ModT *pMod)
@@ -470,7 +474,7 @@ void ReportOutOfFuncBlocks(UInt32 taskID, DeferredFuncPtrT pFunc)
         oldestTask = pOldest->destTaskID;
         time = pOldest->time;
     }
-    const OldestT oldest = OldestOf(oldestTask, time);
+    const WaitT oldest = WaitOf(oldestTask, time);
     logwarn("MOD", "task %4.4s has not responded to deferred func calls for %dmS\n", oldest.name, oldest.waited);
 }
 
@@ -617,10 +621,7 @@ void ModDumpRange(Int32 first, Int32 last)
 
 void ModLog(ModT *pMod, LogLevelT level, const char *format, ...)
 {
-    os_assert(pMod, "pMod");
-    os_assert(format, "format");
-    CheckSignature(pMod);
-    if (IsTraceFilteredOut(pMod))
+    if (!WantsLines(pMod, format))
         return;
     char whole[kFormatSize];
     const FormatNameT name(pMod);
@@ -637,10 +638,7 @@ void ModLog(ModT *pMod, LogLevelT level, const char *format, ...)
 
 void ModTrace(ModT *pMod, const char *format, ...)
 {
-    os_assert(pMod, "pMod");
-    os_assert(format, "format");
-    CheckSignature(pMod);
-    if (IsTraceFilteredOut(pMod))
+    if (!WantsLines(pMod, format))
         return;
     char component[kFormatSize];
     if (ShowsOwner(pMod))

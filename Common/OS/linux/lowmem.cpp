@@ -57,7 +57,7 @@ char *regionNext; // first byte never handed out; null before the first use
 char *regionEnd;
 BlockHeader *freeBlocks[kLargestClass + 1];
 
-char *MapAt([[maybe_unused]] std::uintptr_t hint)
+char *MapAt(std::uintptr_t hint)
 {
 #ifdef MAP_32BIT
     constexpr int kWhere = MAP_32BIT;

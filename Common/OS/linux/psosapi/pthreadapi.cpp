@@ -170,14 +170,14 @@ TCB *NewTcb(const char *name, UInt32 priority)
     return tcb;
 }
 
-// A task that was joined a moment ago may still be listed while its thread's handle is already in use
-// again, by its successor. It must not be found in the tree, and not be taken for the task itself
-// when that one is deleted.
+// A task that was joined a moment ago, or an attached thread that returned, may still be listed while its
+// handle is already in use again, by its successor. It must not be found in the tree, and not be taken for
+// the task itself when that one is deleted.
 void ForgetEndedTaskLocked(const TCB *successor)
 {
     bool found = false;
     for (TCB *tcb = tcblist; tcb != nullptr; tcb = tcb->next) {
-        if (tcb == successor || tcb->claimed == 0 || pthread_equal(tcb->thread, successor->thread) == 0)
+        if (tcb == successor || pthread_equal(tcb->thread, successor->thread) == 0)
             continue;
         tcb->thread = pthread_t{};
         tcb->tid = 0;

@@ -93,12 +93,14 @@ UInt32 t_create(const char *name, UInt32 priority, UInt32 sstack, UInt32 ustack,
 
 // Starts a created task at start(args[0..3]); args may be null for zeros and is copied. A task
 // whose start function returns deletes itself. Returns 0, or kTaskNotStarted with the reason on
-// standard error; the task is then still there to be deleted or started again.
+// standard error; the task is then still there to be deleted or started again. Under a real-time policy
+// a priority above 99 stops the program.
 UInt32 t_start(UInt32 tid, UInt32 mode, TaskStartT start, const UInt32 *args);
 
 // Deletes a task: another one by cancelling its thread and joining it, the caller (0 or its own
 // identifier) by ending its thread, without return. A task that has ended by itself, or that
-// somebody else is deleting, is left alone. Returns 0.
+// somebody else is deleting, is left alone, and so is every other one by a caller that is being deleted
+// itself. Returns 0. (With gLibPThreadNPTL 0, 0 designates nobody once a task has been deleted.)
 UInt32 t_delete(UInt32 tid);
 
 // Finds the first task in creation order whose stored four name bytes equal the first four of name,
@@ -118,7 +120,8 @@ UInt32 t_copy_name(UInt32 tid, char *name_out);
 UInt32 t_setpri(UInt32 tid, UInt32 newpri, UInt32 *previous_out);
 
 // Makes a task of the calling thread, which then may wait for events. priority is 1 to 99,
-// otherwise the program stops. Returns 0 or kTaskNoMemory.
+// otherwise the program stops. Returns 0 or kTaskNoMemory. t_delete frees the task; a thread that returns
+// without it leaves its TCB behind, as one that attaches again leaves its former one.
 UInt32 t_attach(const char *name, UInt32 priority);
 
 // One word of caller data. Both return 0, or kTaskNotFound when tid is 0 and the caller is no task.
