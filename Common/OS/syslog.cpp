@@ -91,8 +91,9 @@ void WrapLine(const char *line, Int32 size)
     laps += lapped;
 }
 
-// size counts the NUL.
-void StoreLine(const char *line, Int32 size)
+// size counts the NUL. False when the writer finds the line without an event: it has not taken the one before
+// yet, and looks at the tail again once it has moved the head.
+bool StoreLine(const char *line, Int32 size)
 {
     const Int32 tail = log_buffer_tail;
     const Int32 head = log_buffer_head;
@@ -104,7 +105,9 @@ void StoreLine(const char *line, Int32 size)
             Store(tail, OVERFLOW_MSG, kOverflowSize);
     } else {
         Store(tail, line, size);
+        return log_buffer_head == tail;
     }
+    return true;
 }
 
 // ---- Printing, in the writer task only
@@ -199,11 +202,12 @@ void syslogAdd(const char *msg, Int32 /*msglen*/)
         return;
     // A line that the whole ring could not hold is cut.
     const auto length = static_cast<Int32>(strnlen(msg, kRingLimit - 1));
+    bool unnoticed = true;
     {
         const SemaphoreHold hold(semaphore);
-        StoreLine(msg, length + 1);
+        unnoticed = StoreLine(msg, length + 1);
     }
-    if (const UInt32 writer = logTaskID; writer != 0)
+    if (const UInt32 writer = logTaskID; writer != 0 && unnoticed)
         ev_send(writer, kLineEvent);
 }
 
