@@ -4,8 +4,8 @@
 // Locking: the semaphore "SERI" serialises opening, closing and hand-over to the port script. Reads,
 //          writes, enables and disables do not take it: nobody may close a port that is in use.
 // Units:   microseconds; 0: no time limit.
-// Failures of the driver, the port script and the semaphore are printed on standard output. A port number above 7 gives
-// kBadParameter everywhere; a negative one is a programming error and stops the program.
+// Failures of the driver, the port script and the semaphore are printed on standard output. A port number
+// above 7 gives kBadParameter everywhere; a negative one is a programming error and stops the program.
 #pragma once
 
 #include "Common/types.h"

@@ -4,9 +4,9 @@
 // Owner:   drivers own their DEVCB and keep it while it is in the table; a request block belongs to
 //          its caller, and the layer keeps a pointer only while it is queued. Device blocks lie
 //          below 4 GiB (low_calloc), because a device handle is the 32-bit address of its DEVCB.
-// Locking: the table is not locked: devices are added, and served, at start-up, by one task. Request queues change
-// under the
-//          interrupt lock. Requests run in the caller's task, so two tasks may be in one driver.
+// Locking: the table is not locked: devices are added, and served, at start-up, by one task. Request
+//          queues change under the interrupt lock. Requests run in the caller's task, so two tasks may
+//          be in one driver.
 // Null devices, requests, queues and buffers to write are programming errors and stop the program.
 #pragma once
 
@@ -115,8 +115,8 @@ IORB *iorb_list_dequeue(IORBList *pIORBList);
 void iorb_list_extract(IORBList *pIORBList, IORB *pIORB);
 
 // Fills a queue with numIORBs fresh blocks from one allocation. Returns 0, or kIorbNoMemory with an
-// empty queue; none at all is a programming error. iorb_list_free gives them back; the first one must be at the head by
-// then.
+// empty queue; none at all is a programming error. iorb_list_free gives them back; the first one must
+// be at the head by then.
 UInt32 iorb_list_alloc(IORBList *pIORBList, Int32 numIORBs);
 void iorb_list_free(IORBList *pIORBList);
 Int32 iorb_list_avail(IORBList *pIORBList); // blocks in the queue

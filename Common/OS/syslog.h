@@ -20,9 +20,9 @@ Int32 mapLogLevel(char levelChar);
 // Lines above this level are dropped. 7 at start: all pass.
 void syslogSetLogLevel(Int32 level);
 
-// Empties the ring and starts the writer; to be called once. A failing writer task is
-// reported through logcrit and leaves lines queued and never printed; without memory for the semaphore
-// "logw" all lines are dropped.
+// Empties the ring and starts the writer; to be called once. A failing writer task is reported through
+// logcrit and leaves lines queued and never printed; without memory for the semaphore "logw" all lines
+// are dropped.
 void InitSyslogInterface();
 
 // Body of the writer task; prints everything queued. Only the writer task may call it.

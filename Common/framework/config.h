@@ -85,9 +85,9 @@ eErrorT ConfigDelete(const char *pName, Int32 instance);
 
 // Callbacks on an item, which need not exist: pFunc(item, 0, userDefined, ConfigNotifyT *). Add: runs on
 // the calling task; AddEx: with whenFlags and on the task given, as ModAddCallbackToTask has them;
-// Immediate: on the task that writes. Return kNoError; kBadParameter, kOutOfMemory or
-// kSemUnavail with nothing added, the first also for a thread that is no task and names none (the program
-// stops when there is no memory for the list of an item's callbacks); Delete returns kItemNotFound when there is none.
+// Immediate: on the task that writes. Return kNoError; kBadParameter, kOutOfMemory or kSemUnavail with
+// nothing added, the first also for a thread that is no task and names none. Without memory for the list
+// of an item's callbacks the program stops. Delete returns kItemNotFound when there is none.
 eErrorT ConfigAddCallback(const char *pName, Int32 instance, CallbackFuncPtrT pFunc, void *userDefined);
 eErrorT ConfigAddCallbackEx(const char *pName, Int32 instance, CallbackFuncPtrT pFunc, void *userDefined,
                             UInt32 whenFlags, UInt32 taskID);
@@ -110,8 +110,8 @@ void ConfigDumpByName(const char *pName);
 // Changes or adds an item. Returns it, or null when the database does not run or memory is short.
 ConfigItemT *WriteItemToCache(const char *pName, UInt32 instance, const char *value);
 
-// Adds an item; only for the database itself, which holds its semaphore "cnfg". Returns it, or null when memory is
-// short.
+// Adds an item; only for the database itself, which holds its semaphore "cnfg". Returns it, or null when
+// memory is short.
 ConfigItemT *AddItemToCache(const char *pName, UInt32 instance, const char *pValue);
 
 // The cached item, or null.

@@ -7,8 +7,9 @@
 // seconds after the last write.
 //
 // Names:   1 to 32 characters, no "/" and no control character: any other name has no file, so that no
-//          item reaches out of its folder, or the message path's line. Callers pass lower case. Instances below 1 share
-//          the file without a number, and item "a1" has the same file as instance 1 of "a".
+//          item reaches out of its folder, or the message path's line. Callers pass lower case.
+//          Instances below 1 share the file without a number, and item "a1" has the same file as
+//          instance 1 of "a".
 // Locking: none: files are opened and closed within each call. Two tasks must not write the same item
 //          at the same time.
 #pragma once

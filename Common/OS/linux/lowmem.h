@@ -7,8 +7,8 @@
 #include "Common/types.h"
 
 // Returns size zeroed bytes, aligned for any type, or null when there is no memory left (64-bit
-// hosts: when the region of 16 MiB is used up, or for more than 1 MiB less 16 bytes). The caller owns the block and
-// gives it to low_free.
+// hosts: when the region of 16 MiB is used up, or for more than 1 MiB less 16 bytes). The caller owns
+// the block and gives it to low_free.
 void *low_calloc(UInt32 size);
 
 // Gives a block back; null is ignored.

@@ -232,8 +232,9 @@ Int32 system_pthread(const char *command)
 {
     const SemaphoreHold hold(RelaySemaphore());
     Int32 result = -1;
-    errno = ENOMEM; // why there may be no semaphore
-    if (hold.result() == 0 && SendCommand(command) && ReceiveResult(&result)) {
+    if (hold.result() != 0) {
+        errno = ENOMEM; // why there is no semaphore
+    } else if (SendCommand(command) && ReceiveResult(&result)) {
         loginfo("system_pthread", "%s [%d]\n", command, result);
         return result;
     }

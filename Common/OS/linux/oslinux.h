@@ -60,8 +60,8 @@ void sstackBackTrace(UInt32 taskID); // prints that it is not implemented
 
 // Relays a shell command to the launcher outside the program through "/tmp/plaunch" and waits for
 // its answer; one command at a time. Returns the launcher's decimal result; -1 when the relay
-// cannot be opened or there is no memory for its lock (both logged), or when it answers with an empty line. The relay
-// is never created here.
+// cannot be opened or there is no memory for its lock (both logged), or when it answers with an empty
+// line. The relay is never created here.
 Int32 system_pthread(const char *command);
 
 // Runs a command through the shell and stores its first output line, trimmed at both ends, in out

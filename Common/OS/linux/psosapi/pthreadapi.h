@@ -115,8 +115,8 @@ UInt32 t_name(UInt32 tid);
 UInt32 t_copy_name(UInt32 tid, char *name_out);
 
 // Changes a task's priority (at most 99, otherwise the program stops). Stores the old one in
-// previous_out (unless null). Returns 0; kTaskNotFound for 0 from a thread that is no task; or under a real-time policy
-// the error number with which the system refused; the new value is stored all the same.
+// previous_out (unless null). Returns 0; kTaskNotFound for 0 from a thread that is no task; or under a
+// real-time policy the error number with which the system refused; the new value is stored all the same.
 UInt32 t_setpri(UInt32 tid, UInt32 newpri, UInt32 *previous_out);
 
 // Makes a task of the calling thread, which then may wait for events. priority is 1 to 99,

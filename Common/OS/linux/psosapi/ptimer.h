@@ -2,8 +2,8 @@
 //
 // Units:   ticks of 10 ms, unless a name says otherwise.
 // Owner:   timers come from a fixed pool of 50; the 51st running at once stops the program, and so
-//          does a first one without memory for the pool. A timer
-//          that has expired for good is back in the pool by itself.
+//          does a first one without memory for the pool. A timer that has expired for good is back in
+//          the pool by itself.
 // Locking: tmcblistmutex guards the pool and the running list. Callbacks and event posts run in the
 //          timer task "tmtk" with it held, so a callback must not start or cancel timers.
 // The timer task starts with the first timer, safely from several threads at once. While it cannot be started,
