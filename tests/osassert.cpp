@@ -64,7 +64,7 @@ TEST(Assertion, WaitsForAThreadThatIsPrinting)
 TEST(Assertion, StopsWhileNobodyReadsTheOutput)
 {
     EXPECT_EQ(Fail([] {
-                  new FullPipe(STDOUT_FILENO);
+                  static const FullPipe full(STDOUT_FILENO);
                   std::printf("before ");
               }),
               kMessage);
@@ -76,7 +76,7 @@ TEST(Assertion, StopsWhileAThreadWaitsInTheOutput)
     GTEST_SKIP() << "ThreadSanitizer's abort flushes all streams";
 #endif
     EXPECT_EQ(Fail([] {
-                  new FullPipe(STDOUT_FILENO);
+                  static const FullPipe full(STDOUT_FILENO);
                   std::thread([] { std::printf("%05000d", 1); }).detach();
                   std::this_thread::sleep_for(std::chrono::milliseconds(100));
               }),
@@ -97,7 +97,7 @@ TEST(Assertion, StopsWhenTheReaderHasGone)
 
 TEST(Assertion, StopsWhileNobodyReadsTheMessage)
 {
-    EXPECT_EQ(Fail([] { new FullPipe(STDERR_FILENO); }), "");
+    EXPECT_EQ(Fail([] { static const FullPipe full(STDERR_FILENO); }), "");
 }
 
 } // namespace

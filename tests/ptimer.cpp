@@ -257,10 +257,11 @@ TEST_P(Machine, HasAClockOrNot)
     EXPECT_EQ(RealTimeMilliSeconds() == 4800, hasClock);
 }
 
+using std::string_literals::operator""s;
 const MachineCase kMachines[] = {
     {"ByItsProcessor", "/proc/cpuinfo", "processor\t: 0\ncpu\t\t: e300c4\nplatform\t: MPC834x SYS\n", true},
-    {"ByItsCompatibles", "/proc/device-tree/compatible", std::string("maker,kora\0fsl,mpc8349ea", 25), true},
-    {"ByItsModel", "/proc/device-tree/model", std::string("MPC8349EMDS", 12), true},
+    {"ByItsCompatibles", "/proc/device-tree/compatible", "maker,kora\0fsl,mpc8349ea\0"s, true},
+    {"ByItsModel", "/proc/device-tree/model", "MPC8349EMDS\0"s, true},
     {"NotAnother", "/proc/cpuinfo", "machine\t\t: PowerMac1,1\n", false},
 };
 INSTANTIATE_TEST_SUITE_P(Named, Machine, testing::ValuesIn(kMachines), [](auto &i) { return i.param.name; });
