@@ -58,10 +58,14 @@ TMCB *AllocTimer()
     os_assert(!inCallback, "!inCallback");
     if (timerid == 0)
         StartSystemTimer();
-    MutexHold hold(&tmcblistmutex);
-    TMCB *pTimer = freetimerList;
+    TMCB *pTimer = nullptr;
+    {
+        MutexHold hold(&tmcblistmutex);
+        pTimer = freetimerList;
+        if (pTimer != nullptr)
+            freetimerList = pTimer->next;
+    }
     os_assert(pTimer != nullptr, "pTimer");
-    freetimerList = pTimer->next;
     *pTimer = TMCB{};
     return pTimer;
 }
