@@ -708,7 +708,6 @@ void DevMgrSerial_Start_AsyncThread(DevMgrSerial_CB_t *pPort, UInt32 *pErr)
 UInt32 DevMgrSerial_Stop_AsyncThread(DevMgrSerial_CB_t *pPort)
 {
     os_assert(pPort != nullptr, "pPort");
-    const CancelOffHold whole; // who is deleted meanwhile leaves no port without a task that counts as running
     UInt32 result = 0;
     const UInt32 tid = pPort->threadID.exchange(0);
     if (servedPort != pPort) {

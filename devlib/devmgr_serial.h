@@ -5,8 +5,8 @@
 // Locking: callbacks run in the port's asynchronous task while the application may read and write
 //          in its own; whoever receives by callback does not read as well. The two share atomics (the
 //          enables, which task serves the port) and the callbacks (copied under the interrupt lock).
-//          Opening, closing and control requests of one port are for one task of the application at a
-//          time; a callback of the port may make them meanwhile.
+//          Opening, closing and control requests of one port are for one task at a time; only a
+//          callback of the port may make control requests meanwhile.
 // Units:   time-outs in microseconds, 0: wait without limit.
 //
 // What a callback may do: read, write, and make control requests to any port. It may also stop its own port:

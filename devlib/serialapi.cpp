@@ -321,7 +321,7 @@ Int32 StartPshSession(int port, const RS232Cfg &cfg)
     return err;
 }
 
-// What the script's result means; the lock is not held, because a failure is printed.
+// What the script's result means. A failure is printed, so the lock is given back first.
 eErrorT ScriptResult(const char *request, int port, Int32 err)
 {
     if (err == 0)

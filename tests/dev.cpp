@@ -181,6 +181,10 @@ TEST(CompletionTask, ServesQueuedReadsWhenDataArrives)
     dev_read(devid, &second); // the second byte has waited for it
     ASSERT_TRUE(Eventually([] { return completions == 2; }));
     EXPECT_EQ('b', second.pBuffer[0]);
+    IORB third = Request(); // queued by hand: nobody is to be told
+    iorb_list_enqueue(&pDev->readIORBs, &third);
+    ASSERT_EQ(1, write(ends[1], "c", 1));
+    EXPECT_TRUE(Eventually([] { return reads == 3; }));
     UInt32 tid = 0;
     ASSERT_EQ(0u, t_ident("devc", 0, &tid));
     EXPECT_EQ(55u, low_pointer<TCB>(tid)->priority);

@@ -68,7 +68,8 @@ bool HasTask()
 struct Seen {
     std::atomic<UInt32> bytes{0}, writes{0};
     char text[64] = {};
-    std::function<void()> action; // of the next receive callback
+    UInt32 writesThen = 0;        // at the end of the last receive callback
+    std::function<void()> action; // of the next one
     DevmgrSerial_CBInfo_t callbacks = {nullptr, Receive, this};
 
     static void Receive(void *context, void *data)
@@ -78,6 +79,7 @@ struct Seen {
         std::memcpy(seen->text + seen->bytes, received->buff, received->NumBytes);
         if (const auto action = std::exchange(seen->action, nullptr))
             action();
+        seen->writesThen = seen->writes;
         seen->bytes += received->NumBytes;
     }
     static void Transmit(void *context) { static_cast<Seen *>(context)->writes++; }
@@ -247,9 +249,14 @@ TEST_P(BothFamilies, LetACallbackStopItsOwnPort)
     ASSERT_EQ(0, pipe2(ends, O_NONBLOCK));
     ASSERT_EQ(1, write(ends[1], "x", 1));
     const auto disable = [this] { port.Enable(PORT_TX_DISABLE | PORT_RX_DISABLE); };
+    const auto restart = [&] {
+        disable(), port.Enable(PORT_RX_ENABLE);
+        EXPECT_EQ(1, NumTasks()); // it goes on in the same task
+    };
     const StopRow rows[] = {
         {"both directions", disable, false},
-        {"and on again", [&] { disable(), port.Enable(PORT_RX_ENABLE); }, true},
+        {"and on again", restart, true},
+        {"only the task", [this] { DevMgrSerial_Stop_AsyncThread(port.record); }, false},
         {"no callbacks", [this] { port.SetCallbacks(nullptr); }, false},
         {"close", [&] { dev_close(port.devid), dup2(ends[0], port.record->devCB.fd); }, false},
     };
@@ -257,10 +264,12 @@ TEST_P(BothFamilies, LetACallbackStopItsOwnPort)
         SCOPED_TRACE(row.name);
         Seen seen;
         seen.action = row.action;
+        seen.callbacks.txCBFunc = Seen::Transmit;
         EXPECT_EQ(0u, port.SetCallbacks(&seen.callbacks));
-        EXPECT_EQ(0u, port.Enable(PORT_RX_ENABLE));
+        EXPECT_EQ(0u, port.Enable(PORT_RX_ENABLE | PORT_TX_ENABLE));
         fake.Send("a");
         EXPECT_TRUE(Eventually([&] { return seen.bytes == 1 && HasTask() == row.hasTask; }));
+        EXPECT_TRUE(row.hasTask || seen.writes == seen.writesThen);
         const Port open(GetParam());
         EXPECT_EQ(0u, port.SetCallbacks(&seen.callbacks));
         EXPECT_EQ(0u, port.Enable(PORT_RX_ENABLE));
@@ -276,6 +285,7 @@ TEST_P(BothFamilies, WaitForACallbackThatStoppedItsOwnPort)
 {
     std::atomic<bool> stopped{false}, go{false};
     const auto stopAndStay = [&] {
+        const CancelOffHold computing;
         port.Enable(PORT_TX_DISABLE | PORT_RX_DISABLE);
         stopped = true;
         while (!go)
@@ -297,8 +307,33 @@ TEST_P(BothFamilies, WaitForACallbackThatStoppedItsOwnPort)
     EXPECT_EQ(0u, port.SetCallbacks(&second.callbacks));
     fake.Send("c");
     EXPECT_TRUE(Eventually([&] { return stopped.load(); }));
+    StartTask("wait", [&] { tm_wkafter(5), go = true; });
     EXPECT_EQ(0u, dev_close(port.devid));
+    EXPECT_EQ(1u, second.bytes); // the callback has returned
     EXPECT_FALSE(HasTask());
+}
+
+TEST_P(BothFamilies, AreClosedWholeByATaskThatIsDeleted)
+{
+    std::atomic<bool> called{false}, go{false};
+    Seen seen;
+    seen.action = [&] {
+        const CancelOffHold computing;
+        called = true;
+        while (!go)
+            tm_wkafter(1);
+    };
+    EXPECT_EQ(0u, port.SetCallbacks(&seen.callbacks));
+    EXPECT_EQ(0u, port.Enable(PORT_RX_ENABLE));
+    fake.Send("a");
+    EXPECT_TRUE(Eventually([&] { return called.load(); }));
+    const UInt32 tid = StartTask("clos", [this] { dev_close(port.devid); });
+    tm_wkafter(3); // it waits for the callback
+    StartTask("wait", [&] { tm_wkafter(3), go = true; });
+    t_delete(tid);
+    EXPECT_FALSE(HasTask());
+    EXPECT_EQ(0u, port.record->asyncThread_running);
+    EXPECT_EQ(0u, port.record->devCB.state);
 }
 
 TEST(SerialAssertion, StopsTheProgram)

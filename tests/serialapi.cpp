@@ -206,13 +206,14 @@ TEST_F(SerialApi, RefusesACallbackWhatWouldWaitForItself)
     static std::vector<int> results;
     static std::atomic<int> calls;
     const auto callback = [](void *, void *) {
-        results = {Serial_Close(kPort),
-                   Open(kCpuPort),
-                   Serial_Close_PSH(7),
-                   Serial_Open_PSH(7, &kSettings),
-                   Serial_Stop_PSHSession(7, 1),
-                   static_cast<int>(Serial_Lock_PortDevids()),
-                   Serial_Write(kPort, "x", 1, 1000)};
+        if (calls == 0)
+            results = {Serial_Close(kPort),
+                       Open(kCpuPort),
+                       Serial_Close_PSH(7),
+                       Serial_Open_PSH(7, &kSettings),
+                       Serial_Stop_PSHSession(7, 1),
+                       static_cast<int>(Serial_Lock_PortDevids()),
+                       Serial_Write(kPort, "x", 1, 1000)};
         calls++;
     };
     EXPECT_EQ(kNoError, Serial_Open(kPort, nullptr, callback, nullptr, &kSettings));
@@ -220,8 +221,8 @@ TEST_F(SerialApi, RefusesACallbackWhatWouldWaitForItself)
     for (const int call : {1, 2}) { // it still delivers
         fake.Send("a");
         ASSERT_TRUE(Eventually([call] { return calls == call; }));
-        EXPECT_EQ((std::vector<int>{-4, -4, -4, -4, -4, kSmNotAvailable, 1}), results);
     }
+    EXPECT_EQ((std::vector<int>{-4, -4, -4, -4, -4, kSmNotAvailable, 1}), results);
     EXPECT_EQ("", fake.Receive(99, fake.commands[0])); // the script was not asked
     EXPECT_EQ(kNoError, Serial_Close(kPort));
 }

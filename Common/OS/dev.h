@@ -4,7 +4,7 @@
 // Owner:   drivers own their DEVCB and keep it while it is in the table; a request block belongs to
 //          its caller, and the layer keeps a pointer only while it is queued. Device blocks lie
 //          below 4 GiB (low_calloc), because a device handle is the 32-bit address of its DEVCB.
-// Locking: the table is not locked: devices are added, and served, at start-up, by one task. Request
+// Locking: the table is not locked: devices are added at start-up, by one task. Request
 //          queues change under the interrupt lock. Requests run in the caller's task, so two tasks may
 //          be in one driver.
 // Null devices, names, requests, queues, buffers to write and places for a result are programming errors and
