@@ -709,11 +709,11 @@ UInt32 DevMgrSerial_Stop_AsyncThread(DevMgrSerial_CB_t *pPort)
 {
     os_assert(pPort != nullptr, "pPort");
     UInt32 result = 0;
-    const UInt32 tid = pPort->threadID.exchange(0);
     if (servedPort != pPort) {
-        result = DeleteIfAny(tid);
+        result = DeleteIfAny(pPort->threadID);
         DeleteIfAny(pPort->servingID);
     }
+    pPort->threadID = 0;
     pPort->asyncThread_running = 0;
     return result;
 }
