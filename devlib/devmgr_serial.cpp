@@ -1,8 +1,10 @@
 #include "devlib/devmgr_serial.h"
 
 #include "Common/OS/linux/lowmem.h"
+#include "Common/OS/linux/mutexhold.h"
 #include "Common/OS/linux/oslinux.h"
 #include "Common/OS/linux/psosapi/pthreadapi.h"
+#include "Common/OS/linux/psosapi/ptimer.h"
 #include "Common/OS/osassert.h"
 #include "devlib/serialapi.h"
 
@@ -149,12 +151,6 @@ int WaitForPort(Int32 fd, ReadinessT *pReadiness, timeval *pLimit)
     return ready;
 }
 
-void StopAsyncThreadIfRunning(DevMgrSerial_CB_t *pPort)
-{
-    if (pPort->asyncThread_running == 1)
-        DevMgrSerial_Stop_AsyncThread(pPort);
-}
-
 // ---- Opening, closing, reading and writing: the same for both families
 
 // Returns the descriptor, negative when the device file cannot be opened.
@@ -170,12 +166,14 @@ int OpenPort(DEVCB *pDev)
 }
 
 // The asynchronous task goes first: it would fail on the closed descriptor, or on whatever file gets
-// the same number next. fd is kept.
+// the same number next. fd is kept. A closing task that is deleted closes the port whole: half-way the next
+// close would be of somebody else's descriptor.
 UInt32 ClosePort(DEVCB *pDev)
 {
     if (pDev == nullptr || pDev->fd < 0)
         return SERIAL_INVALID_PARAM;
-    StopAsyncThreadIfRunning(PortOf(pDev));
+    const CancelOffHold whole;
+    DevMgrSerial_Stop_AsyncThread(PortOf(pDev));
     close(pDev->fd);
     pDev->state = 0;
     pDev->numCloses++;
@@ -216,6 +214,7 @@ UInt32 ReadWithin(Int32 fd, char *pBuffer, UInt32 size, UInt32 timeout)
 // Returns the result of the system call of a read without time-out.
 ssize_t ReadPort(const DEVCB *pDev, IORB *pIORB)
 {
+    os_assert(pIORB != nullptr, "pIORB");
     if (pDev == nullptr || pIORB->pBuffer == nullptr) {
         pIORB->err = SERIAL_INVALID_PARAM;
         return 0;
@@ -246,6 +245,7 @@ UInt32 WaitUntilWritable(Int32 fd, UInt32 timeout)
 
 void WritePort(DEVCB *pDev, IORB *pIORB)
 {
+    os_assert(pIORB != nullptr, "pIORB");
     if (pDev == nullptr || pIORB->pBuffer == nullptr) {
         pIORB->err = SERIAL_INVALID_PARAM;
         return;
@@ -284,7 +284,7 @@ void SetCallbacks(DevMgrSerial_CB_t *pPort, IORB *pIORB)
 {
     const auto *pCBInfo = ControlRecord<const DevmgrSerial_CBInfo_t *>(pIORB);
     if (pCBInfo == nullptr) {
-        StopAsyncThreadIfRunning(pPort);
+        DevMgrSerial_Stop_AsyncThread(pPort);
         StoreCallbacks(pPort, {});
         return;
     }
@@ -296,12 +296,10 @@ void SetCallbacks(DevMgrSerial_CB_t *pPort, IORB *pIORB)
 // The end of control code 3 of both families: wanted says whether an enabled port needs the task.
 void StartOrStopAsyncThread(DevMgrSerial_CB_t *pPort, bool wanted, UInt32 *pErr)
 {
-    if (pPort->asyncThread_running == 0) {
-        if (wanted)
-            DevMgrSerial_Start_AsyncThread(pPort, pErr);
-    } else if (pPort->tx_enabled == 0 && pPort->rx_enabled == 0) {
+    if (pPort->tx_enabled == 0 && pPort->rx_enabled == 0)
         DevMgrSerial_Stop_AsyncThread(pPort);
-    }
+    else if (pPort->asyncThread_running == 0 && wanted)
+        DevMgrSerial_Start_AsyncThread(pPort, pErr);
 }
 
 // Sending is gated in software only.
@@ -311,6 +309,81 @@ void SwitchTransmitter(DevMgrSerial_CB_t *pPort, UInt32 portStatus)
         pPort->tx_enabled = 1;
     else if ((portStatus & PORT_TX_DISABLE) != 0)
         pPort->tx_enabled = 0;
+}
+
+// The port that the calling task serves, if it is an asynchronous task, and the task's identifier.
+thread_local const DevMgrSerial_CB_t *servedPort;
+thread_local UInt32 servingTask;
+
+// Whether the calling task still serves the port. Once a callback has stopped it the descriptor is not ours:
+// it may be closed, and its number be another file's.
+bool StillServing(const DevMgrSerial_CB_t *pPort)
+{
+    return pPort->threadID == servingTask;
+}
+
+void ClearIf(std::atomic<UInt32> *pWord, UInt32 value)
+{
+    pWord->compare_exchange_strong(value, 0);
+}
+
+// A task's service of a port. Whatever ends it, its deletion included, the record forgets the task: nobody may
+// delete a stranger by an identifier that was left there.
+class ServiceHold
+{
+public:
+    ServiceHold(DevMgrSerial_CB_t *pPort, UInt32 tid) : pPort_(pPort)
+    {
+        servedPort = pPort;
+        servingTask = tid;
+    }
+    ~ServiceHold()
+    {
+        ClearIf(&pPort_->threadID, servingTask);
+        ClearIf(&pPort_->servingID, servingTask);
+        servedPort = nullptr;
+    }
+    ServiceHold(const ServiceHold &) = delete;
+    ServiceHold &operator=(const ServiceHold &) = delete;
+
+private:
+    DevMgrSerial_CB_t *pPort_;
+};
+
+// A task that its callback stopped is in that callback until it returns. Its successor waits for that, so that
+// callbacks of one port never run at the same time.
+void AwaitTurn(DevMgrSerial_CB_t *pPort)
+{
+    UInt32 former = 0;
+    while (StillServing(pPort) && !pPort->servingID.compare_exchange_strong(former, servingTask)) {
+        tm_wkafter(1);
+        former = 0;
+    }
+}
+
+// Returns false, with the reason printed, when the task cannot be started.
+bool StartAsyncTask(DevMgrSerial_CB_t *pPort)
+{
+    UInt32 tid = 0;
+    if (t_create("seri", kAsyncPriority, kAsyncStack, kAsyncStack, 0, &tid) != 0) {
+        std::puts("DevMgrCPUSerial_Start_AsyncThread(): Async thread create error");
+        return false;
+    }
+    pPort->threadID = tid; // before the task runs, which looks for itself there
+    // t_start copies them, so no two ports ever share a set.
+    const UInt32 asyncTask_Args[4] = {low_id(pPort), tid};
+    if (t_start(tid, 0, DevMgrSerial_asyncDataSendRecv, asyncTask_Args) == 0)
+        return true;
+    std::puts("DevMgrCPUSerial_Start_AsyncThread(): Async thread start error");
+    pPort->threadID = 0;
+    t_delete(tid);
+    return false;
+}
+
+// t_delete takes 0 for the caller.
+UInt32 DeleteIfAny(UInt32 tid)
+{
+    return tid != 0 ? t_delete(tid) : 0;
 }
 
 // Returns false when there was nothing to read after all.
@@ -337,7 +410,7 @@ bool ServePort(const DevMgrSerial_CB_t *pPort)
         return false;
     if (readiness.read && !DeliverInput(pPort))
         return true;
-    if (readiness.write) {
+    if (readiness.write && StillServing(pPort)) {
         const DevmgrSerial_CBInfo_t callbacks = Callbacks(pPort);
         if (callbacks.txCBFunc != nullptr && pPort->tx_enabled == 1)
             callbacks.txCBFunc(callbacks.Context_Data);
@@ -532,6 +605,7 @@ void DevMgrCPUSerial_Write(DEVCB *pDev, IORB *pIORB)
 
 void DevMgrCPUSerial_Ioctl(DEVCB *pDev, IORB *pIORB)
 {
+    os_assert(pIORB != nullptr, "pIORB");
     if (pDev == nullptr || pIORB->pBuffer == nullptr) {
         pIORB->err = SERIAL_INVALID_PARAM;
         return;
@@ -576,7 +650,7 @@ UInt32 DevMgrFPGASerial_Close(DEVCB *pDev)
     // Deliberately not the context and the enables: a port that was enabled for transmission must
     // take a write at once after it is opened again.
     if (result == SERIAL_NOERROR)
-        StoreCallbacks(PortOf(pDev), {nullptr, nullptr, PortOf(pDev)->cbInfo.Context_Data});
+        StoreCallbacks(PortOf(pDev), {nullptr, nullptr, Callbacks(PortOf(pDev)).Context_Data});
     return result;
 }
 
@@ -596,6 +670,7 @@ void DevMgrFPGASerial_Write(DEVCB *pDev, IORB *pIORB)
 
 void DevMgrFPGASerial_Ioctl(DEVCB *pDev, IORB *pIORB)
 {
+    os_assert(pIORB != nullptr, "pIORB");
     if (pDev == nullptr || pIORB->pBuffer == nullptr) {
         pIORB->err = SERIAL_INVALID_PARAM;
         return;
@@ -618,35 +693,43 @@ void DevMgrFPGASerial_Ioctl(DEVCB *pDev, IORB *pIORB)
 
 void DevMgrSerial_Start_AsyncThread(DevMgrSerial_CB_t *pPort, UInt32 *pErr)
 {
-    *pErr = SERIAL_ERROR_UNKNOWN;
-    if (t_create("seri", kAsyncPriority, kAsyncStack, kAsyncStack, 0, &pPort->threadID) != 0) {
-        std::puts("DevMgrCPUSerial_Start_AsyncThread(): Async thread create error");
-        return;
-    }
-    // t_start copies them, so no two ports ever share a set.
-    const UInt32 asyncTask_Args[4] = {low_id(pPort)};
-    if (t_start(pPort->threadID, 0, DevMgrSerial_asyncDataSendRecv, asyncTask_Args) != 0) {
-        std::puts("DevMgrCPUSerial_Start_AsyncThread(): Async thread start error");
-        t_delete(pPort->threadID);
-        pPort->threadID = 0;
-        return;
-    }
-    pPort->asyncThread_running = 1;
+    os_assert(pPort != nullptr, "pPort");
+    os_assert(pErr != nullptr, "pErr");
     *pErr = SERIAL_NOERROR;
+    pPort->asyncThread_running = 1; // first: a callback of the new task may clear it at once
+    if (servedPort == pPort) {
+        pPort->threadID = servingTask;
+    } else if (!StartAsyncTask(pPort)) {
+        pPort->asyncThread_running = 0;
+        *pErr = SERIAL_ERROR_UNKNOWN;
+    }
 }
 
 UInt32 DevMgrSerial_Stop_AsyncThread(DevMgrSerial_CB_t *pPort)
 {
-    const UInt32 result = t_delete(pPort->threadID);
+    os_assert(pPort != nullptr, "pPort");
+    UInt32 result = 0;
+    if (servedPort != pPort) {
+        result = DeleteIfAny(pPort->threadID);
+        DeleteIfAny(pPort->servingID);
+    }
     pPort->threadID = 0;
     pPort->asyncThread_running = 0;
     return result;
 }
 
-// A failed wait ends the task; asyncThread_running stays 1 until the port is closed.
-void DevMgrSerial_asyncDataSendRecv(UInt32 portRecord, UInt32, UInt32, UInt32)
+// A failed wait ends the task; asyncThread_running stays 1 until the port is stopped.
+void DevMgrSerial_asyncDataSendRecv(UInt32 portRecord, UInt32 tid, UInt32, UInt32)
 {
-    const auto *pPort = low_pointer<DevMgrSerial_CB_t>(portRecord);
-    while (ServePort(pPort))
+    auto *pPort = low_pointer<DevMgrSerial_CB_t>(portRecord);
+    os_assert(pPort != nullptr, "pPort");
+    const ServiceHold hold(pPort, tid);
+    AwaitTurn(pPort);
+    while (StillServing(pPort) && ServePort(pPort))
         continue;
+}
+
+bool DevMgrSerial_InCallback()
+{
+    return servedPort != nullptr;
 }

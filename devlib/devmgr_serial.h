@@ -3,10 +3,20 @@
 //
 // Owner:   the eight port records live for the whole process.
 // Locking: callbacks run in the port's asynchronous task while the application may read and write
-//          in its own; whoever receives by callback does not read as well. The two share the enables
-//          (atomics) and the callbacks (copied under the interrupt lock). Opening, closing and
-//          control requests of one port are for one task at a time.
+//          in its own; whoever receives by callback does not read as well. The two share atomics (the
+//          enables, which task serves the port) and the callbacks (copied under the interrupt lock).
+//          Opening, closing and control requests of one port are for one task at a time; only a
+//          callback of the port may make control requests meanwhile.
 // Units:   time-outs in microseconds, 0: wait without limit.
+//
+// What a callback may do: read, write, and make control requests to any port. It may also stop its own port:
+// disable both directions, set its callbacks to none, or dev_close a device that was not opened by the Serial
+// API. The task then ends when the callback returns, and does not touch the descriptor again. If the callback
+// enables the port again, the task goes on.
+// Callbacks of one port never run at the same time. When another task stops or closes the port, no callback of
+// that port runs any more when the call returns: a callback that waits is cancelled there, one that computes is
+// waited for. A callback therefore must not wait for a task that stops or closes its port.
+// Opening and closing ports by the Serial API is not for callbacks; see there.
 #pragma once
 
 #include "Common/OS/dev.h"
@@ -93,10 +103,11 @@ struct DevMgrSerial_CB_t {
     DEVCB devCB;               // fd: the open descriptor; instance: port + 1
     SerialPortType_t portType; // left at 0: the entry points carry the family
     DevmgrSerial_CBInfo_t cbInfo;
-    UInt32 asyncThread_running; // 1 while the asynchronous task exists
+    std::atomic<UInt32> asyncThread_running; // 1 from the task's start until it is stopped, even if it ended before
     std::atomic<Int8> tx_enabled, rx_enabled;
-    UInt32 threadID; // the asynchronous task
+    std::atomic<UInt32> threadID; // the asynchronous task; 0 when there is none, or when its wait failed
     UInt32 portnum;
+    std::atomic<UInt32> servingID; // the task that may be in a callback: threadID, or one that its callback stopped
 };
 
 // The array of the eight port records; null before DevMgrSerial_Init.
@@ -148,6 +159,7 @@ UInt32 DevMgrSerial_Init();
 // and enables, an FPGA port keeps its context and its enables, so that a port enabled before it was
 // closed can be written at once after it is opened again.
 // read with a time-out returns what has arrived by then, nothing included, without an error.
+// A null pIORB is a programming error and stops the program.
 UInt32 DevMgrCPUSerial_Open(DEVCB *pDev);
 UInt32 DevMgrCPUSerial_Close(DEVCB *pDev);
 void DevMgrCPUSerial_Read(DEVCB *pDev, IORB *pIORB);
@@ -159,11 +171,21 @@ void DevMgrFPGASerial_Read(DEVCB *pDev, IORB *pIORB);
 void DevMgrFPGASerial_Write(DEVCB *pDev, IORB *pIORB);
 void DevMgrFPGASerial_Ioctl(DEVCB *pDev, IORB *pIORB);
 
-// Start and stop the asynchronous task "seri" of a port, which hands received bytes to the receive
-// callback and calls the transmit callback when the port takes output. A failed start sets *pErr to
-// SERIAL_ERROR_UNKNOWN and leaves no task. Stop returns the result of the deletion.
+// Starts the asynchronous task "seri" of a port. The task hands received bytes to the receive callback and calls
+// the transmit callback when the port takes output. Called by a callback of the port, it keeps the task that runs
+// the callback. Stores in *pErr:
+// SERIAL_NOERROR        the port has a task.
+// SERIAL_ERROR_UNKNOWN  there is none; the reason is printed.
 void DevMgrSerial_Start_AsyncThread(DevMgrSerial_CB_t *pPort, UInt32 *pErr);
+
+// Deletes the port's task, if there is one, and waits for its end; a callback of the port ends its own task by
+// returning. threadID and asyncThread_running are 0 afterwards. Returns the result of the deletion, 0.
 UInt32 DevMgrSerial_Stop_AsyncThread(DevMgrSerial_CB_t *pPort);
 
-// Body of the asynchronous task; the first argument designates the port's record.
-void DevMgrSerial_asyncDataSendRecv(UInt32 portRecord, UInt32, UInt32, UInt32);
+// Body of the asynchronous task. portRecord designates the port's record, tid is the task's own identifier. It
+// serves the port as long as threadID is tid. When it ends, also by a failed wait or by its deletion, threadID is
+// no longer tid.
+void DevMgrSerial_asyncDataSendRecv(UInt32 portRecord, UInt32 tid, UInt32, UInt32);
+
+// Whether the caller is the asynchronous task of a port, and so runs a callback.
+bool DevMgrSerial_InCallback();

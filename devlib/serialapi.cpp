@@ -1,6 +1,7 @@
 #include "devlib/serialapi.h"
 
 #include "Common/OS/dev.h"
+#include "Common/OS/linux/mutexhold.h"
 #include "Common/OS/linux/oslinux.h"
 #include "Common/OS/linux/psosapi/ptimer.h"
 #include "Common/OS/linux/psosapi/semaphore.h"
@@ -33,7 +34,7 @@ constexpr UInt32 kPshMode = 1;
 UInt32 portdevids_lock;
 std::atomic<UInt32> port_devids[kNumSerialPorts]; // kClosed, kReserved or the device handle
 std::atomic<UInt32> Serialport_Modes[kNumSerialPorts];
-RS232Cfg port_cfgs[kNumSerialPorts]; // last applied
+RS232Cfg port_cfgs[kNumSerialPorts]; // last applied; changed under the interrupt lock
 
 // The rows of these are indexed by the setting's code. word and count are what the port script gets.
 constexpr UInt32 kBitRates[] = {115200, 57600, 38400, 19200, 14400, 9600, 4800, 2400, 1200};
@@ -154,10 +155,16 @@ template <class Record> UInt32 Control(UInt32 devid, UInt32 ctlCode, Record *pRe
     return iorb.err;
 }
 
+void StoreSettings(int port, const RS232Cfg &cfg)
+{
+    const InterruptsOffHold hold;
+    port_cfgs[port] = cfg;
+}
+
 // ---- Steps of Serial_Open
 
-// A port from its reservation to the end of Serial_Open: closed again on every way out, the end of
-// the calling task included, unless it is kept.
+// A port from its reservation to the end of Serial_Open: closed again on every way out, the deletion
+// of the calling task included, unless it is kept.
 class Reservation
 {
 public:
@@ -166,6 +173,9 @@ public:
     {
         if (result_ != kNoError || kept_)
             return;
+        const CancelOffHold whole;
+        if (port_devids[port_] != kReserved)
+            dev_close(port_devids[port_]);
         const SemaphoreHold hold(portdevids_lock);
         port_devids[port_] = kClosed;
     }
@@ -195,15 +205,18 @@ private:
     bool kept_ = false;
 };
 
-// Returns false when all attempts failed.
-bool OpenDevice(int port, UInt32 *pDevid)
+// Opens the device into the port's slot: its callbacks may run, and write, before Serial_Open returns. Returns
+// false when all attempts failed.
+bool OpenDevice(int port)
 {
+    UInt32 devid = 0;
     UInt32 err = 0;
     for (int attempt = 1; attempt <= kOpenAttempts; attempt++) {
         if (attempt > 1)
             tm_wkafter(kOpenPauseTicks);
-        err = dev_open("Ser", static_cast<UInt32>(port) + 1, pDevid);
+        err = dev_open("Ser", static_cast<UInt32>(port) + 1, &devid);
         if (err == 0) {
+            port_devids[port] = devid;
             std::printf("SERIALAPI: Serial_Open() is SUCCESSFUL at Iteration:%d ...\n", attempt);
             return true;
         }
@@ -214,8 +227,9 @@ bool OpenDevice(int port, UInt32 *pDevid)
 }
 
 // Hands settings and callbacks to the driver. Returns the driver's error, already printed.
-UInt32 SetUpDevice(int port, UInt32 devid, DevmgrSerial_Config_t config, DevmgrSerial_CBInfo_t callbacks)
+UInt32 SetUpDevice(int port, DevmgrSerial_Config_t config, DevmgrSerial_CBInfo_t callbacks)
 {
+    const UInt32 devid = port_devids[port];
     UInt32 err = Control(devid, kSerialConfigure, &config);
     if (err != 0) {
         std::printf("SERIALAPI: In OPEN, Port: %d Device Manager config failed, err: %d\n", port,
@@ -275,28 +289,45 @@ eErrorT PrepareTransfer(int port, char *buf, int size, int numOfMicroseconds, IO
 
 // ---- The port script; the lock is held
 
-eErrorT StopPshSession(int port)
+void StoreState(int port, UInt32 devid, UInt32 mode)
+{
+    Serialport_Modes[port] = mode;
+    port_devids[port] = devid;
+}
+
+// Returns the script's result.
+Int32 StopPshSession(int port)
 {
     char command[kScriptCommandSize];
     std::snprintf(command, sizeof command, "%s close %s", kPortScript, Serilport_ttynames[port]);
     const Int32 err = system_pthread(command);
-    if (err != 0) {
-        std::printf("SERIALAPI: In PSH CLOSE, Port: %d System call failed, err: %d\n", port, err);
-        return kSystemCallFailed;
-    }
-    Serialport_Modes[port] = kDeviceManagerMode;
-    port_devids[port] = kClosed;
-    return kNoError;
+    if (err == 0)
+        StoreState(port, kClosed, kDeviceManagerMode);
+    return err;
 }
 
-Int32 RunOpenScript(int port, const RS232Cfg &cfg)
+// Returns the script's result. When it fails the port is closed.
+Int32 StartPshSession(int port, const RS232Cfg &cfg)
 {
+    StoreState(port, kReserved, kPshMode);
     char command[kScriptCommandSize];
     std::snprintf(command, sizeof command, "%s open %s %d %d %s %d %s", kPortScript, Serilport_ttynames[port],
                   static_cast<int>(cfg.bitRate < std::size(kBitRates) ? kBitRates[cfg.bitRate] : kScriptDefaultBitRate),
                   RowOrLast(kDataBits, cfg.dataBits).count, RowOrLast(kParities, cfg.parityBits).word,
                   RowOrLast(kStopBits, cfg.stopBits).count, ChooseFlowControl(kScriptFlowControls, cfg).word);
-    return system_pthread(command);
+    const Int32 err = system_pthread(command);
+    if (err != 0)
+        StoreState(port, kClosed, kDeviceManagerMode);
+    return err;
+}
+
+// What the script's result means. A failure is printed, so the lock is given back first.
+eErrorT ScriptResult(const char *request, int port, Int32 err)
+{
+    if (err == 0)
+        return kNoError;
+    std::printf("SERIALAPI: In PSH %s, Port: %d System call failed, err: %d\n", request, port, err);
+    return kSystemCallFailed;
 }
 
 } // namespace
@@ -319,24 +350,20 @@ eErrorT Serial_Open(int port, SerialTxCallbackFuncPtrT txCallbackFuncPtr, Serial
 {
     if (!IsPort(port) || serialCfg == nullptr)
         return kBadParameter;
+    if (DevMgrSerial_InCallback())
+        return kBadState;
     Reservation reservation(port);
     if (reservation.result() != kNoError)
         return reservation.result();
-    UInt32 devid = 0;
-    if (!OpenDevice(port, &devid))
+    if (!OpenDevice(port))
         return kItemNotFound;
-    port_devids[port] = devid; // callbacks may run, and write, before this call returns
     DevmgrSerial_Config_t config{};
-    if (!MakeDriverConfig(*serialCfg, &config)) {
-        dev_close(devid);
+    if (!MakeDriverConfig(*serialCfg, &config))
         return kBadParameter;
-    }
-    const UInt32 err = SetUpDevice(port, devid, config, {txCallbackFuncPtr, rxCallbackFuncPtr, rxCallbackContext});
-    if (err != 0) {
-        dev_close(devid);
+    const UInt32 err = SetUpDevice(port, config, {txCallbackFuncPtr, rxCallbackFuncPtr, rxCallbackContext});
+    if (err != 0)
         return Serial_Get_AppErr(static_cast<DevMgrSerial_error_t>(err));
-    }
-    port_cfgs[port] = *serialCfg;
+    StoreSettings(port, *serialCfg);
     Serialport_Modes[port] = kDeviceManagerMode;
     reservation.keep();
     return kNoError;
@@ -346,6 +373,8 @@ eErrorT Serial_Close(int port)
 {
     if (!IsPort(port))
         return kBadParameter;
+    if (DevMgrSerial_InCallback())
+        return kBadState;
     const SemaphoreHold hold(portdevids_lock);
     if (hold.result() != 0) {
         std::printf("SERIALAPI: In CLOSE, Port: %d Mutex lock failed, err: %d\n", port,
@@ -422,7 +451,7 @@ eErrorT Serial_Get_AppErr(DevMgrSerial_error_t sererr)
 
 UInt32 Serial_Lock_PortDevids()
 {
-    return sm_p(portdevids_lock, 0, 0);
+    return DevMgrSerial_InCallback() ? kSmNotAvailable : sm_p(portdevids_lock, 0, 0);
 }
 
 UInt32 Serial_Unlock_PortDevids()
@@ -434,24 +463,24 @@ eErrorT Serial_Open_PSH(int port, const RS232Cfg *serialCfg)
 {
     if (!IsPort(port) || serialCfg == nullptr)
         return kBadParameter;
-    const SemaphoreHold hold(portdevids_lock);
-    if (hold.result() != 0) {
-        std::printf("SERIALAPI: In PSH OPEN, Port: %d Mutex lock failed, err: %d\n", port,
-                    static_cast<int>(hold.result()));
-        return kSemUnavail;
+    if (DevMgrSerial_InCallback())
+        return kBadState;
+    Int32 closeErr = 0;
+    Int32 openErr = 0;
+    {
+        const SemaphoreHold hold(portdevids_lock);
+        if (hold.result() != 0) {
+            std::printf("SERIALAPI: In PSH OPEN, Port: %d Mutex lock failed, err: %d\n", port,
+                        static_cast<int>(hold.result()));
+            return kSemUnavail;
+        }
+        if (port_devids[port] != kClosed)
+            return kAlreadyInUse;
+        closeErr = StopPshSession(port);
+        openErr = StartPshSession(port, *serialCfg);
     }
-    if (port_devids[port] != kClosed)
-        return kAlreadyInUse;
-    StopPshSession(port); // of an earlier run, maybe: the result does not matter
-    port_devids[port] = kReserved;
-    Serialport_Modes[port] = kPshMode;
-    const Int32 err = RunOpenScript(port, *serialCfg);
-    if (err == 0)
-        return kNoError;
-    std::printf("SERIALAPI: In PSH OPEN, Port: %d System call failed, err: %d\n", port, err);
-    Serialport_Modes[port] = kDeviceManagerMode;
-    port_devids[port] = kClosed;
-    return kSystemCallFailed;
+    ScriptResult("CLOSE", port, closeErr); // of an earlier run's session, maybe: it does not matter
+    return ScriptResult("OPEN", port, openErr);
 }
 
 eErrorT Serial_Close_PSH(int port)
@@ -463,15 +492,21 @@ eErrorT Serial_Stop_PSHSession(int port, int port_locked)
 {
     if (!IsPort(port))
         return kBadParameter;
+    if (DevMgrSerial_InCallback())
+        return kBadState;
     if (port_locked != 0)
-        return StopPshSession(port);
-    const SemaphoreHold hold(portdevids_lock);
-    if (hold.result() != 0) {
-        std::printf("SERIALAPI: In PSH CLOSE, Port: %d Mutex lock failed, err: %d\n", port,
-                    static_cast<int>(hold.result()));
-        return kSemUnavail;
+        return ScriptResult("CLOSE", port, StopPshSession(port));
+    Int32 err = 0;
+    {
+        const SemaphoreHold hold(portdevids_lock);
+        if (hold.result() != 0) {
+            std::printf("SERIALAPI: In PSH CLOSE, Port: %d Mutex lock failed, err: %d\n", port,
+                        static_cast<int>(hold.result()));
+            return kSemUnavail;
+        }
+        err = StopPshSession(port);
     }
-    return StopPshSession(port);
+    return ScriptResult("CLOSE", port, err);
 }
 
 eErrorT Serial_GetCfg(int port, const RS232Cfg *cfgPtr)
@@ -480,6 +515,6 @@ eErrorT Serial_GetCfg(int port, const RS232Cfg *cfgPtr)
         return kBadParameter;
     if (port_devids[port] == kClosed)
         return kItemNotFound;
-    port_cfgs[port] = *cfgPtr;
+    StoreSettings(port, *cfgPtr);
     return kNoError;
 }

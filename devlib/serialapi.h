@@ -3,6 +3,13 @@
 // Order:   Serial_Open, Serial_Enable, any number of reads and writes, Serial_Disable, Serial_Close.
 // Locking: the semaphore "SERI" serialises opening, closing and hand-over to the port script. Reads,
 //          writes, enables and disables do not take it: nobody may close a port that is in use.
+//          Closing holds it until a callback of the port that is running has returned.
+// Callbacks: a callback may call Serial_Read, Serial_Write, Serial_Enable, Serial_Disable and Serial_GetCfg, also
+//          for its own port; it may disable both directions, and enable again. What takes "SERI" is refused with
+//          kBadState to every callback, of whatever port: Serial_Open, Serial_Close, Serial_Open_PSH,
+//          Serial_Close_PSH, Serial_Stop_PSHSession; Serial_Lock_PortDevids answers kSmNotAvailable. Whoever
+//          closes the callback's port holds "SERI" while waiting for the callback, and the callback would wait
+//          for "SERI". A callback that wants its port closed tells a task, and does not wait for it.
 // Units:   microseconds; 0: no time limit.
 // Failures of the driver, the port script and the semaphore are printed on standard output. A port number
 // above 7 gives kBadParameter everywhere; a negative one is a programming error and stops the program.
@@ -50,7 +57,7 @@ enum SerialDirectionType : UInt32 {
 };
 
 // Settings of a port. Of several flow controls one is used: RTS/CTS, else XON/XOFF, else DTR/DSR.
-struct RS232Cfg {
+struct rs232_cfg_t {
     SerialBaudRateType bitRate;
     SerialDataBitsType dataBits;
     SerialParityType parityBits;
@@ -59,7 +66,7 @@ struct RS232Cfg {
     Bool hwFlowControlRtsCts;
     Bool swFlowControlXonXoff;
 };
-using rs232_cfg_t = RS232Cfg;
+using RS232Cfg = rs232_cfg_t;
 
 // Callbacks, passed through to the driver. The receive callback's data is a SerialCallbackData.
 struct SerialCallbackData {
@@ -77,15 +84,16 @@ extern const char *const Serilport_ttynames[kNumSerialPorts];
 void Serial_Init();
 
 // Opens and configures a port; callbacks may be null. A device that does not open is tried ten
-// times, 2 ticks apart. Returns kNoError; kBadParameter (port, null or impossible settings);
-// kSemUnavail; kAlreadyInUse at once when the port is open; kItemNotFound when all ten tries
-// failed; or the driver's refusal as Serial_Get_AppErr maps it. kAlreadyInUse, kSemUnavail, a bad port
-// and null settings leave everything as it was; after the other failures the port is closed.
+// times, 2 ticks apart. Returns kNoError; kBadParameter (port, null or impossible settings); kBadState
+// to a callback; kSemUnavail; kAlreadyInUse at once when the port is open; kItemNotFound when all ten
+// tries failed; or the driver's refusal as Serial_Get_AppErr maps it. kAlreadyInUse, kBadState,
+// kSemUnavail, a bad port and null settings leave everything as it was; after the other failures, and
+// when the calling task is deleted, the port is closed.
 eErrorT Serial_Open(int port, SerialTxCallbackFuncPtrT txCallbackFuncPtr, SerialRxCallbackFuncPtrT rxCallbackFuncPtr,
                     void *rxCallbackContext, const RS232Cfg *serialCfg);
 
-// Returns kNoError, kBadParameter, kSemUnavail, or kItemNotFound when the port is not open. What
-// closing the device file returns is ignored.
+// Returns kNoError, kBadParameter, kBadState to a callback (nothing is touched), kSemUnavail, or
+// kItemNotFound when the port is not open. What closing the device file returns is ignored.
 eErrorT Serial_Close(int port);
 
 // Enable and disable sending, receiving or both. Return kNoError, also without effect while the
@@ -105,18 +113,20 @@ int Serial_Write(int port, const char *writeBuf, int writeSize, int numOfMicrose
 // and prints nothing.
 eErrorT Serial_Get_AppErr(DevMgrSerial_error_t sererr);
 
-// Take and give the lock of the port table; the semaphore call's result.
+// Take and give the lock of the port table. Return the semaphore call's result; taking it returns
+// kSmNotAvailable to a callback.
 UInt32 Serial_Lock_PortDevids();
 UInt32 Serial_Unlock_PortDevids();
 
 // ---- Ports run by the script "./config_port" (PSH sessions)
 
-// Hands a closed port to the script. Returns kNoError, kBadParameter, kSemUnavail, kAlreadyInUse,
-// or kSystemCallFailed with the port closed.
+// Hands a closed port to the script. Returns kNoError, kBadParameter, kBadState to a callback,
+// kSemUnavail, kAlreadyInUse, or kSystemCallFailed with the port closed.
 eErrorT Serial_Open_PSH(int port, const RS232Cfg *serialCfg);
 
 // Take a port back from the script; only for ports that are not open through Serial_Open. Return
-// kNoError, kBadParameter, kSemUnavail or kSystemCallFailed. port_locked: the caller has the lock.
+// kNoError, kBadParameter, kBadState to a callback (nothing is touched), kSemUnavail or
+// kSystemCallFailed. port_locked: the caller has the lock.
 eErrorT Serial_Close_PSH(int port);
 eErrorT Serial_Stop_PSHSession(int port, int port_locked);
 

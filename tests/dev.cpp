@@ -24,7 +24,7 @@ struct Driver {
 
 DEVCB *AddDevice(UInt32 instance)
 {
-    auto *pDev = static_cast<DEVCB *>(low_calloc(sizeof(DEVCB)));
+    auto *pDev = static_cast<struct DeviceControlBlock *>(low_calloc(sizeof(DEVCB)));
     dev_init(pDev, "Ser", instance, Driver::Open, Driver::Close, Driver::Read, Driver::Write, Driver::Ioctl);
     dev_add(pDev);
     return pDev;
@@ -54,6 +54,8 @@ TEST(DeviceTable, FindsTheFirstOfNameAndInstance)
     EXPECT_EQ(kDevNotFound, dev_open("Ser", 9, &devid));
     EXPECT_EQ(kDevNotFound, dev_open("Se", 1, &devid));
     EXPECT_EQ(5u, devid);
+    EXPECT_EQ(first, gpDEVCBHead);
+    EXPECT_EQ(duplicate, gpDEVCBTail);
     EXPECT_EQ(low_id(first), OpenDevice(1));
     EXPECT_STREQ("Ser", dev_name(low_id(first)));
     dev_delete(first);
@@ -143,7 +145,8 @@ TEST(Requests, CarryTheCallingTask)
 
 TEST(RequestQueue, KeepsItsOrderThroughRemovals)
 {
-    IORBList list{};
+    struct IORequestBlockList list {
+    };
     ASSERT_EQ(0u, iorb_list_alloc(&list, 5));
     IORB *block = list.pHead;
     for (const int i : {0, 2, 4, 4}) // head, middle, tail, and one that is gone
@@ -166,7 +169,7 @@ TEST(CompletionTask, ServesQueuedReadsWhenDataArrives)
     AddDevice(2); // which is not served
     const UInt32 devid = OpenDevice(1);
     pDev->fd = ends[0];
-    IORB first = Request(Driver::Completed), second = Request(Driver::Completed);
+    struct DeviceIORequestBlock first = Request(Driver::Completed), second = Request(Driver::Completed);
     dev_read(devid, &first);
     add_dev_to_comp_task(pDev);
     add_dev_to_comp_task(pDev); // no second task
@@ -178,6 +181,10 @@ TEST(CompletionTask, ServesQueuedReadsWhenDataArrives)
     dev_read(devid, &second); // the second byte has waited for it
     ASSERT_TRUE(Eventually([] { return completions == 2; }));
     EXPECT_EQ('b', second.pBuffer[0]);
+    IORB third = Request(); // queued by hand: nobody is to be told
+    iorb_list_enqueue(&pDev->readIORBs, &third);
+    ASSERT_EQ(1, write(ends[1], "c", 1));
+    EXPECT_TRUE(Eventually([] { return reads == 3; }));
     UInt32 tid = 0;
     ASSERT_EQ(0u, t_ident("devc", 0, &tid));
     EXPECT_EQ(55u, low_pointer<TCB>(tid)->priority);
@@ -185,6 +192,25 @@ TEST(CompletionTask, ServesQueuedReadsWhenDataArrives)
     EXPECT_EQ(kTaskNotFound, t_ident("devc", 0, &tid));
     const pollfd list[] = {{3, POLLIN, 0}, {4, POLLIN, POLLIN}, {5, POLLIN, POLLHUP}};
     EXPECT_EQ(1, UFD_ISSET(3, list, 3) + UFD_ISSET(4, list, 3) + UFD_ISSET(5, list, 2));
+}
+
+TEST(CompletionTask, IsStartedOnceByTwoThreads)
+{
+    DEVCB *pDev = AddDevice(1);
+    for (int round = 0; round < 100; round++) {
+        std::atomic<int> ready{0};
+        const auto add = [&] {
+            for (ready++; ready < 2;)
+                std::this_thread::yield();
+            add_dev_to_comp_task(pDev);
+        };
+        std::thread other(add);
+        add();
+        other.join();
+        ASSERT_EQ(1, NumTasks());
+        t_delete(io_comp_task_id);
+        io_comp_task_id = 0;
+    }
 }
 
 TEST(DeviceAssertion, StopsTheProgram)
@@ -205,6 +231,14 @@ TEST(DeviceAssertion, StopsTheProgram)
     linked.pNext = &iorb;
     EXPECT_DEATH(iorb_list_enqueue(&list, &linked), "failed: pIORB->pNext == \\(\\(void \\*\\)0\\),");
     EXPECT_DEATH(iorb_list_alloc(&list, 0), "failed: numIORBs > 0,");
+    UInt32 id = 0;
+    DEVCB dev{};
+    EXPECT_DEATH(dev_init(&dev, nullptr, 1, nullptr, nullptr, nullptr, nullptr, nullptr), "failed: name,");
+    EXPECT_DEATH(dev_open(nullptr, 1, &id), "failed: name,");
+    EXPECT_DEATH(dev_open("Ser", 1, nullptr), "failed: devid_out,");
+    low_pointer<DEVCB>(devid)->ioctl = nullptr;
+    EXPECT_DEATH(dev_ioctl(devid, &iorb, 1), "failed: pDev->ioctl,");
+    EXPECT_DEATH(UFD_ISSET(3, nullptr, 1), "failed: pPollList,");
 }
 
 } // namespace

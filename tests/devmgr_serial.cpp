@@ -6,6 +6,8 @@
 #include "tests/fakeports.h"
 #include "tests/tasks.h"
 
+#include <utility>
+
 namespace
 {
 
@@ -66,6 +68,8 @@ bool HasTask()
 struct Seen {
     std::atomic<UInt32> bytes{0}, writes{0};
     char text[64] = {};
+    UInt32 writesThen = 0;        // at the end of the last receive callback
+    std::function<void()> action; // of the next one
     DevmgrSerial_CBInfo_t callbacks = {nullptr, Receive, this};
 
     static void Receive(void *context, void *data)
@@ -73,9 +77,19 @@ struct Seen {
         auto *seen = static_cast<Seen *>(context);
         const auto *received = static_cast<DevmgrSerial_CBdata_t *>(data);
         std::memcpy(seen->text + seen->bytes, received->buff, received->NumBytes);
+        if (const auto action = std::exchange(seen->action, nullptr))
+            action();
+        seen->writesThen = seen->writes;
         seen->bytes += received->NumBytes;
     }
     static void Transmit(void *context) { static_cast<Seen *>(context)->writes++; }
+};
+
+// How a callback stops its own port.
+struct StopRow {
+    const char *name;
+    std::function<void()> action;
+    bool hasTask; // afterwards
 };
 
 TEST(SerialInit, RegistersEightPortsOnce)
@@ -205,6 +219,136 @@ TEST_P(BothFamilies, CallbacksRunInTheTaskUntilBothDirectionsAreOff)
     EXPECT_TRUE(HasTask());
     EXPECT_EQ(0u, port.SetCallbacks(nullptr));
     EXPECT_FALSE(HasTask());
+}
+
+TEST_P(BothFamilies, ForgetATaskWhoseWaitFailed)
+{
+    const int fd = std::exchange(port.record->devCB.fd, FD_SETSIZE);
+    Seen seen;
+    EXPECT_EQ(0u, port.SetCallbacks(&seen.callbacks));
+    EXPECT_EQ(0u, port.Enable(PORT_RX_ENABLE));
+    EXPECT_TRUE(Eventually([] { return NumTasks() == 0; }));
+    EXPECT_EQ(1u, port.record->asyncThread_running);
+    EXPECT_EQ(0u, port.record->threadID);
+    std::atomic<bool> over{false};
+    StartTask("othr", [&] {
+        while (!over)
+            tm_wkafter(1);
+    });
+    port.record->devCB.fd = fd;
+    EXPECT_EQ(0u, dev_close(port.devid));
+    EXPECT_EQ(0u, port.record->asyncThread_running);
+    EXPECT_EQ(1, NumTasks()); // it lives
+    over = true;
+    EXPECT_TRUE(Eventually([] { return NumTasks() == 0; }));
+}
+
+TEST_P(BothFamilies, LetACallbackStopItsOwnPort)
+{
+    int ends[2];
+    ASSERT_EQ(0, pipe2(ends, O_NONBLOCK));
+    ASSERT_EQ(1, write(ends[1], "x", 1));
+    const auto disable = [this] { port.Enable(PORT_TX_DISABLE | PORT_RX_DISABLE); };
+    const auto restart = [&] {
+        disable(), port.Enable(PORT_RX_ENABLE);
+        EXPECT_EQ(1, NumTasks()); // it goes on in the same task
+    };
+    const StopRow rows[] = {
+        {"both directions", disable, false},
+        {"and on again", restart, true},
+        {"only the task", [this] { DevMgrSerial_Stop_AsyncThread(port.record); }, false},
+        {"no callbacks", [this] { port.SetCallbacks(nullptr); }, false},
+        {"close", [&] { dev_close(port.devid), dup2(ends[0], port.record->devCB.fd); }, false},
+    };
+    for (const StopRow &row : rows) {
+        SCOPED_TRACE(row.name);
+        Seen seen;
+        seen.action = row.action;
+        seen.callbacks.txCBFunc = Seen::Transmit;
+        EXPECT_EQ(0u, port.SetCallbacks(&seen.callbacks));
+        EXPECT_EQ(0u, port.Enable(PORT_RX_ENABLE | PORT_TX_ENABLE));
+        fake.Send("a");
+        EXPECT_TRUE(Eventually([&] { return seen.bytes == 1 && HasTask() == row.hasTask; }));
+        EXPECT_TRUE(row.hasTask || seen.writes == seen.writesThen);
+        const Port open(GetParam());
+        EXPECT_EQ(0u, port.SetCallbacks(&seen.callbacks));
+        EXPECT_EQ(0u, port.Enable(PORT_RX_ENABLE));
+        fake.Send("b");
+        EXPECT_TRUE(Eventually([&] { return seen.bytes == 2; }));
+        disable();
+        EXPECT_FALSE(HasTask());
+    }
+    EXPECT_EQ("x", fake.Receive(1, ends[0])); // nobody read from the closed port's descriptor
+}
+
+TEST_P(BothFamilies, WaitForACallbackThatStoppedItsOwnPort)
+{
+    std::atomic<bool> stopped{false}, go{false};
+    const auto stopAndStay = [&] {
+        const CancelOffHold computing;
+        port.Enable(PORT_TX_DISABLE | PORT_RX_DISABLE);
+        stopped = true;
+        while (!go)
+            tm_wkafter(1);
+    };
+    Seen first, second;
+    first.action = second.action = stopAndStay;
+    EXPECT_EQ(0u, port.SetCallbacks(&first.callbacks));
+    EXPECT_EQ(0u, port.Enable(PORT_RX_ENABLE));
+    fake.Send("a");
+    EXPECT_TRUE(Eventually([&] { return stopped.load(); }));
+    EXPECT_EQ(0u, port.Enable(PORT_RX_ENABLE)); // a second task
+    fake.Send("b");
+    tm_wkafter(5);
+    EXPECT_EQ(0u, first.bytes); // which waits
+    go = true;
+    EXPECT_TRUE(Eventually([&] { return first.bytes == 2; }));
+    stopped = go = false;
+    EXPECT_EQ(0u, port.SetCallbacks(&second.callbacks));
+    fake.Send("c");
+    EXPECT_TRUE(Eventually([&] { return stopped.load(); }));
+    StartTask("wait", [&] { tm_wkafter(5), go = true; });
+    EXPECT_EQ(0u, dev_close(port.devid));
+    EXPECT_EQ(1u, second.bytes); // the callback has returned
+    EXPECT_FALSE(HasTask());
+}
+
+TEST_P(BothFamilies, AreClosedWholeByATaskThatIsDeleted)
+{
+    std::atomic<bool> called{false}, go{false};
+    Seen seen;
+    seen.action = [&] {
+        const CancelOffHold computing;
+        called = true;
+        while (!go)
+            tm_wkafter(1);
+    };
+    EXPECT_EQ(0u, port.SetCallbacks(&seen.callbacks));
+    EXPECT_EQ(0u, port.Enable(PORT_RX_ENABLE));
+    fake.Send("a");
+    EXPECT_TRUE(Eventually([&] { return called.load(); }));
+    const UInt32 tid = StartTask("clos", [this] { dev_close(port.devid); });
+    tm_wkafter(3); // it waits for the callback
+    StartTask("wait", [&] { tm_wkafter(3), go = true; });
+    t_delete(tid);
+    EXPECT_FALSE(HasTask());
+    EXPECT_EQ(0u, port.record->asyncThread_running);
+    EXPECT_EQ(0u, port.record->devCB.state);
+}
+
+TEST(SerialAssertion, StopsTheProgram)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    Port port(kCpu);
+    UInt32 err = 0;
+    EXPECT_DEATH(DevMgrCPUSerial_Read(&port.record->devCB, nullptr), "failed: pIORB,");
+    EXPECT_DEATH(DevMgrFPGASerial_Write(nullptr, nullptr), "failed: pIORB,");
+    EXPECT_DEATH(DevMgrCPUSerial_Ioctl(nullptr, nullptr), "failed: pIORB,");
+    EXPECT_DEATH(DevMgrFPGASerial_Ioctl(nullptr, nullptr), "failed: pIORB,");
+    EXPECT_DEATH(DevMgrSerial_Start_AsyncThread(nullptr, &err), "failed: pPort,");
+    EXPECT_DEATH(DevMgrSerial_Start_AsyncThread(port.record, nullptr), "failed: pErr,");
+    EXPECT_DEATH(DevMgrSerial_Stop_AsyncThread(nullptr), "failed: pPort,");
+    EXPECT_DEATH(DevMgrSerial_asyncDataSendRecv(0, 0, 0, 0), "failed: pPort,");
 }
 
 TEST(FpgaConfigure, SendsWhatTheInstanceTakes)

@@ -12,6 +12,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <map>
+#include <pthread.h>
 #include <string>
 #include <sys/ioctl.h>
 #include <termios.h>
@@ -20,6 +21,7 @@
 
 struct FakePorts {
     std::atomic<bool> hold{false};           // while it is set, no open of a device file returns
+    std::atomic<bool> cancel{false};         // the next open of one finds its thread cancelled when it returns
     std::map<std::string, int> failures;     // per call: n fails the next n, -n the n-th from now
     std::vector<std::string> opened;         // device files, failed opens included
     std::vector<fpgaserial_config_t> config; // sent to the FPGA driver
@@ -87,7 +89,10 @@ int open(const char *path, int flags, ...)
     fake.opened.emplace_back(path);
     while (fake.hold)
         usleep(1000);
-    return fake.Fails("open") ? -1 : OpenPty();
+    const int fd = fake.Fails("open") ? -1 : OpenPty();
+    if (fake.cancel.exchange(false))
+        pthread_cancel(pthread_self());
+    return fd;
 }
 
 int ioctl(int fd, unsigned long request, ...) noexcept

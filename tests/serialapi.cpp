@@ -3,6 +3,7 @@
 
 #include "Common/OS/linux/oslinux.h"
 #include "Common/OS/linux/psosapi/ptimer.h"
+#include "Common/OS/linux/psosapi/semaphore.h"
 #include "devlib/haldenflash/framing.h"
 #include "devlib/haldenflash/updateport.h"
 #include "tests/fakeports.h"
@@ -18,7 +19,7 @@ RS232Cfg Settings(const std::array<UInt32, 7> &fields)
 {
     return std::bit_cast<RS232Cfg>(fields);
 }
-const RS232Cfg kSettings = Settings({0, 3, 0, 0});
+const struct rs232_cfg_t kSettings = Settings({0, 3, 0, 0});
 
 eErrorT Open(int port, const RS232Cfg &cfg = kSettings)
 {
@@ -199,6 +200,46 @@ TEST_F(SerialApi, ConfiguresATerminalLine)
         EXPECT_EQ(kNoError, Serial_Close(kCpuPort));
     }
 }
+
+TEST_F(SerialApi, RefusesACallbackWhatWouldWaitForItself)
+{
+    static std::vector<int> results;
+    static std::atomic<int> calls;
+    const auto callback = [](void *, void *) {
+        if (calls == 0)
+            results = {Serial_Close(kPort),
+                       Open(kCpuPort),
+                       Serial_Close_PSH(7),
+                       Serial_Open_PSH(7, &kSettings),
+                       Serial_Stop_PSHSession(7, 1),
+                       static_cast<int>(Serial_Lock_PortDevids()),
+                       Serial_Write(kPort, "x", 1, 1000)};
+        calls++;
+    };
+    EXPECT_EQ(kNoError, Serial_Open(kPort, nullptr, callback, nullptr, &kSettings));
+    EXPECT_EQ(kNoError, Serial_Enable(kPort, SERIAL_DIRECTION_BOTH));
+    for (const int call : {1, 2}) { // it still delivers
+        fake.Send("a");
+        ASSERT_TRUE(Eventually([call] { return calls == call; }));
+    }
+    EXPECT_EQ((std::vector<int>{-4, -4, -4, -4, -4, kSmNotAvailable, 1}), results);
+    EXPECT_EQ("", fake.Receive(99, fake.commands[0])); // the script was not asked
+    EXPECT_EQ(kNoError, Serial_Close(kPort));
+}
+
+#ifndef __SANITIZE_ADDRESS__ // which mistakes the unwound frames of a cancelled task for live ones
+TEST_F(SerialApi, ClosesTheDeviceOfATaskThatIsDeletedWhileItOpens)
+{
+    std::setvbuf(stdout, nullptr, _IONBF, 0); // its line ends the task
+    fake.cancel = true;
+    const UInt32 tid = StartTask("open", [] { Open(kCpuPort); });
+    EXPECT_TRUE(Eventually([] { return !fake.cancel; }));
+    t_delete(tid);
+    EXPECT_EQ(1u, CBList[kCpuPort].devCB.numCloses);
+    EXPECT_EQ(0u, CBList[kCpuPort].devCB.state);
+    EXPECT_EQ(kNoError, Open(kCpuPort));
+}
+#endif
 
 TEST_F(SerialApi, CrossesTheSingleDirectionsOfDisable)
 {

@@ -1,6 +1,7 @@
 #include "Common/OS/dev.h"
 
 #include "Common/OS/linux/lowmem.h"
+#include "Common/OS/linux/mutexhold.h"
 #include "Common/OS/linux/oslinux.h"
 #include "Common/OS/linux/psosapi/pthreadapi.h"
 #include "Common/OS/linux/psosapi/ptimer.h"
@@ -8,9 +9,13 @@
 #include "Common/OS/osassert.h"
 #include "Common/OS/syslog.h"
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+
+DEVCB *gpDEVCBHead, *gpDEVCBTail;
+UInt32 io_comp_task_id;
 
 namespace
 {
@@ -20,8 +25,7 @@ constexpr UInt32 kMaxPolled = 50;
 constexpr UInt32 kCompTaskPriority = 55;
 constexpr UInt32 kCompTaskStack = 8192;
 
-DEVCB *gpDEVCBHead, *gpDEVCBTail; // the table, in order of addition
-UInt32 io_comp_task_id;           // 0 until the task exists
+std::atomic_flag compTaskBusy; // whoever set it may look at io_comp_task_id and change it
 
 // The table and the request queues are linked alike.
 template <class Block> void Append(Block *&pHead, Block *&pTail, Block *pBlock)
@@ -130,6 +134,7 @@ UInt32 dev_init(DEVCB *pDev, const char *name, UInt32 instance, DevOpenCloseT op
                 DevRequestT read, DevRequestT write, DevRequestT ioctl)
 {
     os_assert(pDev != nullptr, "pDev");
+    os_assert(name != nullptr, "name");
     pDev->state = 0;
     pDev->numBytesWritten = pDev->numBytesRead = 0;
     pDev->numOpens = pDev->numCloses = 0;
@@ -166,16 +171,18 @@ UInt32 dev_exit(DEVCB *pDev)
 
 UInt32 dev_open(const char *name, UInt32 instance, UInt32 *devid_out)
 {
+    os_assert(name != nullptr, "name");
+    os_assert(devid_out != nullptr, "devid_out");
     DEVCB *pDev = FindDevice(name, instance);
     if (pDev == nullptr)
         return kDevNotFound;
     ForgetRequests(pDev);
-    if (pDev->state != kDevStateOpen && pDev->open != nullptr) {
-        const UInt32 result = pDev->open(pDev);
+    if (pDev->state != kDevStateOpen) { // requests of another task may be looking at an open one's state
+        const UInt32 result = pDev->open != nullptr ? pDev->open(pDev) : 0;
         if (result != 0)
             return result;
+        pDev->state = kDevStateOpen;
     }
-    pDev->state = kDevStateOpen;
     *devid_out = low_id(pDev);
     return 0;
 }
@@ -244,6 +251,7 @@ void dev_ioctl(UInt32 devid, IORB *pIORB, UInt32 ctlCode)
         pIORB->err = kDevNotOpen;
         return;
     }
+    os_assert(pDev->ioctl != nullptr, "pDev->ioctl");
     StoreCaller(pIORB);
     // Deliberate: on an empty queue an asynchronous request runs at once. Queueing it instead would
     // leave it pending for ever, because nothing serves this queue.
@@ -342,8 +350,12 @@ void add_dev_to_comp_task(DEVCB *pDev)
         const InterruptsOffHold hold; // the completion task may be looking
         pDev->flags |= kServedByCompTask;
     }
+    const CancelOffHold whole; // nobody would clear the flag
+    if (compTaskBusy.test_and_set())
+        return;
     if (io_comp_task_id == 0)
         StartCompTask();
+    compTaskBusy.clear();
 }
 
 void io_comp_task(UInt32, UInt32, UInt32, UInt32)
@@ -361,6 +373,7 @@ void io_comp_task(UInt32, UInt32, UInt32, UInt32)
 
 Int32 UFD_ISSET(Int32 fd, const pollfd *pPollList, Int32 count)
 {
+    os_assert(pPollList != nullptr || count <= 0, "pPollList");
     for (Int32 i = 0; i < count; i++)
         if (pPollList[i].fd == fd && pPollList[i].revents != 0)
             return 1;

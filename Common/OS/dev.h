@@ -4,10 +4,11 @@
 // Owner:   drivers own their DEVCB and keep it while it is in the table; a request block belongs to
 //          its caller, and the layer keeps a pointer only while it is queued. Device blocks lie
 //          below 4 GiB (low_calloc), because a device handle is the 32-bit address of its DEVCB.
-// Locking: the table is not locked: devices are added, and served, at start-up, by one task. Request
+// Locking: the table is not locked: devices are added at start-up, by one task. Request
 //          queues change under the interrupt lock. Requests run in the caller's task, so two tasks may
 //          be in one driver.
-// Null devices, requests, queues and buffers to write are programming errors and stop the program.
+// Null devices, names, requests, queues, buffers to write and places for a result are programming errors and
+// stop the program, and so is a control request to a device without a routine for them.
 #pragma once
 
 #include "Common/types.h"
@@ -20,21 +21,23 @@ constexpr UInt32 kDevNotOpen = 48;  // IORB err: the device is not open
 
 constexpr UInt32 kDevStateOpen = 1; // DEVCB state; anything else: closed
 
-struct DEVCB;
-struct IORB;
+struct DeviceControlBlock;
+struct DeviceIORequestBlock;
+using DEVCB = DeviceControlBlock;
+using IORB = DeviceIORequestBlock;
 
 using UserCompletionFuncT = void (*)(IORB *pIORB);
 using DevOpenCloseT = UInt32 (*)(DEVCB *pDev);
 using DevRequestT = void (*)(DEVCB *pDev, IORB *pIORB);
 
-struct IORBList {
+struct IORequestBlockList {
     IORB *pHead;
     IORB *pTail;
     Int32 num;
 };
+using IORBList = IORequestBlockList;
 
-// struct DeviceIORequestBlock
-struct IORB {
+struct DeviceIORequestBlock {
     IORB *pNext, *pPrevious;           // both null when the block is queued
     char *pBuffer;                     // data, or the control record
     char *pDstBuffer;                  // second buffer
@@ -51,10 +54,8 @@ struct IORB {
     UInt32 signature; // the four characters "IORB" when made by iorb_init
     UInt32 flags;     // not used
 };
-using DeviceIORequestBlock = IORB;
-using IORequestBlockList = IORBList;
 
-struct DEVCB {
+struct DeviceControlBlock {
     DEVCB *pNext, *pPrevious;
     char name[8];
     DevOpenCloseT open, close; // each may be null
@@ -69,7 +70,9 @@ struct DEVCB {
     Int32 fd;
     Int32 transferMode; // not used
 };
-using DeviceControlBlock = DEVCB;
+
+// The table, in order of addition.
+extern DEVCB *gpDEVCBHead, *gpDEVCBTail;
 
 // Fills a block: closed, counters 0, fd 0, unlinked. The name has at most 7 characters. Returns 0.
 UInt32 dev_init(DEVCB *pDev, const char *name, UInt32 instance, DevOpenCloseT open, DevOpenCloseT close,
@@ -123,12 +126,15 @@ Int32 iorb_list_avail(IORBList *pIORBList); // blocks in the queue
 
 // ---- Completion task: serves the queued reads of flagged devices
 
-// Flags an open device (opening it clears the flag) and, once, starts the completion task "devc",
-// which serves the devices that are flagged by the time it first runs: it runs a queued read in its
-// own context when data is there, then calls the block's completion function with the block. Data
-// without a queued read is logged and waits. A device that is served stays open.
+// Flags an open device (opening it clears the flag) and starts the completion task "devc" unless it is there.
+// Only one task is started, also when several tasks call at the same time: a call that meets another one's start
+// returns at once. A start that fails leaves the device flagged, and the next call tries again.
+// "devc" serves the devices that are flagged by the time it first runs. When data is there it runs a queued read
+// in its own context, then calls the block's completion function with the block. Data without a queued read is
+// logged and waits. A device that is served stays open.
 void add_dev_to_comp_task(DEVCB *pDev);
 void io_comp_task(UInt32, UInt32, UInt32, UInt32);
+extern UInt32 io_comp_task_id; // 0 until the task exists; changed by whoever starts it
 
 // 1 when the poll list has an entry for fd with returned events.
 Int32 UFD_ISSET(Int32 fd, const pollfd *pPollList, Int32 count);
