@@ -1,13 +1,16 @@
 #include "Common/OS/syslog.h"
 
+#include "Common/OS/linux/oslinux.h"
 #include "Common/OS/linux/psosapi/ptimer.h"
 
+#include "tests/folders.h"
 #include "tests/logwriter.h"
 
 #include <algorithm>
 #include <chrono>
 #include <cstdarg>
 #include <ctime>
+#include <fcntl.h>
 #include <sstream>
 
 // In place of the C library's: shows what the host's log would get.
@@ -137,6 +140,85 @@ TEST(LogRing, OverflowLosesLinesAndSaysSo)
     EXPECT_LE(announced, lost);
 }
 
+// Leads standard error into a pipe that is full, for the length of a scope.
+class StalledErrors
+{
+public:
+    StalledErrors()
+    {
+        EXPECT_EQ(pipe2(pipe_, O_NONBLOCK), 0);
+        while (write(pipe_[1], "", 1) == 1)
+            ;
+        fcntl(pipe_[1], F_SETFL, 0);
+        dup2(pipe_[1], STDERR_FILENO);
+    }
+    ~StalledErrors()
+    {
+        dup2(terminal_, STDERR_FILENO);
+        for (const int fd : {terminal_, pipe_[0], pipe_[1]})
+            close(fd);
+    }
+    StalledErrors(const StalledErrors &) = delete;
+    StalledErrors &operator=(const StalledErrors &) = delete;
+
+private:
+    int pipe_[2], terminal_ = dup(STDERR_FILENO);
+};
+
+// A task finds the ring full, at the summary of a repeated line or at a line, and is deleted while it cannot say so.
+TEST(LogRing, OverflowHoldsNobodyElseUp)
+{
+    gLibPThreadNPTL = 1;
+    const ConfigFolders folders;
+    LogWriter writer(kLogFormatLevel);
+    logmsg_set_spewfilter(1);
+    for (int i = 0; i < 20; i++)
+        syslogAdd(Line(i, 10000).c_str(), 0);
+    writer.Drained();
+    flockfile(stdout);
+    for (int i = 0; i < 50; i++)
+        syslogAdd(Line(i, 10000).c_str(), 0);
+    const StalledErrors stalled;
+    std::atomic<int> logged = 0;
+    const UInt32 task = StartTask("dele", [&] {
+        for (; logged < 100000; logged++)
+            loginfo(nullptr, "%d\n", logged / 2);
+    });
+    EXPECT_TRUE(Eventually([&, before = -1]() mutable {
+        usleep(50000);
+        return std::exchange(before, logged) == logged;
+    }));
+    {
+        const InterruptsOffHold isFree;
+    }
+    funlockfile(stdout);
+    writer.Until(Line(49, 10000)); // there is room again
+    writer.Drained();
+    t_delete(task);
+    loginfo(nullptr, "next\n");
+    const std::string text = writer.Drained();
+    EXPECT_EQ(text.substr(text.find("INFO")), "INFO  pc[0]: next\n") << text;
+}
+
+// The event for the line before may still be on its way, from a task that was interrupted.
+TEST(LogRing, EveryLineSendsItsEvent)
+{
+    LogWriter writer(0);
+    UInt32 tid = 0;
+    EXPECT_EQ(t_ident("logw", 0, &tid), 0u);
+    auto *task = low_pointer<TCB>(tid);
+    flockfile(stdout);
+    loginfo(nullptr, "the writer cannot print it\n");
+    EXPECT_TRUE(Eventually([&] { return task->events_captured == 0; }));
+    for (int i = 0; i < 2; i++) {
+        task->events_captured = 0;
+        loginfo(nullptr, "line\n");
+        EXPECT_EQ(task->events_captured, 1u);
+    }
+    funlockfile(stdout);
+    writer.Drained();
+}
+
 // A line that would end where the writer has got to: the ring would look empty.
 TEST(LogRing, IsNeverFilledToTheLastByte)
 {
@@ -206,6 +288,7 @@ TEST(ClassicCalls, KeepTheirSettings)
     EXPECT_TRUE(setlogmask(0) == 0x1F && setlogmask(3) == 0x1F && getlogmask() == 3);
     EXPECT_TRUE(setloglocalmask(0) == 0xFF && setloglocalmask(5) == 0xFF && getloglocalmask() == 5);
     EXPECT_TRUE(setlogaddr("host") == -1 && *getlogaddr() == '\0');
+    EXPECT_DEATH(syslogAdd(nullptr, 0), "failed: msg,");
 }
 
 } // namespace
