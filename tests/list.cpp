@@ -143,8 +143,17 @@ TEST_P(Lists, StopOnMisuse)
                  "LIST: " + std::string(line) + "\nAssertion failed: 0,");
     EXPECT_DEATH(print([&] { forms.push(&list, &b.link); }),
                  "LIST: InsertBefore: element already on another list!\nAssertion failed: 0,");
-    EXPECT_DEATH(forms.enqueue(nullptr, &c.link), "failed: ppList,");
+    for (auto *call : {forms.enqueue, forms.push, forms.extractIfPresent, forms.enqueueIfAbsent})
+        EXPECT_DEATH(call(nullptr, &c.link), "failed: ppList,");
+    for (auto *call : {forms.insertAfter, forms.insertBefore})
+        EXPECT_DEATH(call(nullptr, &a.link, &c.link), "failed: ppList,");
     EXPECT_DEATH(forms.dequeue(nullptr), "failed: ppList,");
+    EXPECT_DEATH(forms.extract(nullptr, &a.link), "failed: ppList,");
+    EXPECT_DEATH(forms.length(nullptr), "failed: ppList,");
+    EXPECT_DEATH(forms.isEmpty(nullptr), "failed: ppList,");
+    EXPECT_DEATH(ListInit(nullptr), "failed: pElem,");
+    EXPECT_DEATH(ListNextElement(list, nullptr), "failed: pElem,");
+    EXPECT_DEATH(ListPrevElement(list, nullptr), "failed: pElem,");
 }
 
 INSTANTIATE_TEST_SUITE_P(Forms, Lists, testing::Values(kUnprot, kLocked), [](auto &i) { return i.param.name; });

@@ -45,6 +45,7 @@ ListT *list_find_elem(ListT *pList, ListT *pElem)
 
 void ListInit(ListT *pElem)
 {
+    os_assert(pElem, "pElem");
     *pElem = {.next = nullptr, .prev = nullptr};
 }
 
@@ -79,6 +80,7 @@ ListT *ListExtractUnprot(ListT **ppList, ListT *pElem)
 {
     if (pElem == nullptr)
         return nullptr;
+    os_assert(ppList, "ppList");
     ListT *pNext = pElem->next;
     pElem->prev->next = pNext;
     pNext->prev = pElem->prev;
@@ -103,6 +105,7 @@ void ListInsertAfterUnprot(ListT **ppList, ListT *pAfter, ListT *pElem)
 {
     if (pElem == nullptr)
         return;
+    os_assert(ppList, "ppList");
     if (!IsUnlisted(pElem)) {
         std::printf("LIST: InsertAfter: element 0x%x already on another list! (next 0x%x prev 0x%x)\n",
                     AddressWord(pElem), AddressWord(pElem->next), AddressWord(pElem->prev));
@@ -124,6 +127,7 @@ void ListInsertBeforeUnprot(ListT **ppList, ListT *pBefore, ListT *pElem)
 {
     if (pElem == nullptr)
         return;
+    os_assert(ppList, "ppList");
     if (!IsUnlisted(pElem)) {
         std::puts("LIST: InsertBefore: element already on another list!");
         os_assert(false, "0");
@@ -145,6 +149,7 @@ void ListInsertBefore(ListT **ppList, ListT *pBefore, ListT *pElem)
 
 void ListPushUnprot(ListT **ppList, ListT *pElem)
 {
+    os_assert(ppList, "ppList");
     ListInsertBeforeUnprot(ppList, *ppList, pElem);
 }
 
@@ -156,6 +161,7 @@ void ListPush(ListT **ppList, ListT *pElem)
 
 void ListExtractIfPresentUnprot(ListT **ppList, ListT *pElem)
 {
+    os_assert(ppList, "ppList");
     ListExtractUnprot(ppList, list_find_elem(*ppList, pElem));
 }
 
@@ -167,6 +173,7 @@ void ListExtractIfPresent(ListT **ppList, ListT *pElem)
 
 void ListEnqueueIfAbsentUnprot(ListT **ppList, ListT *pElem)
 {
+    os_assert(ppList, "ppList");
     if (list_find_elem(*ppList, pElem) == nullptr)
         ListEnqueueUnprot(ppList, pElem);
 }
@@ -193,6 +200,7 @@ ListT *ListSearch(ListT *pList, ListCompareT pCompare, void *pUserDefined1, void
 
 Int32 ListLenUnprot(ListT **ppList)
 {
+    os_assert(ppList, "ppList");
     Int32 count = 0;
     for (ListT *pElem = *ppList; pElem != nullptr; pElem = ListNextElement(*ppList, pElem))
         count++;
@@ -207,6 +215,7 @@ Int32 ListLen(ListT **ppList)
 
 Boolean ListIsEmptyUnprot(ListT **ppList)
 {
+    os_assert(ppList, "ppList");
     return *ppList == nullptr ? 1 : 0;
 }
 
@@ -228,10 +237,12 @@ ListT *ListLastElement(ListT *pHead)
 
 ListT *ListNextElement(ListT *pHead, ListT *pElem)
 {
+    os_assert(pElem, "pElem");
     return pElem->next == pHead ? nullptr : pElem->next;
 }
 
 ListT *ListPrevElement(ListT *pHead, ListT *pElem)
 {
+    os_assert(pElem, "pElem");
     return pElem == pHead ? nullptr : pElem->prev;
 }
