@@ -191,6 +191,11 @@ TEST(LogRing, OverflowHoldsNobodyElseUp)
     {
         const InterruptsOffHold isFree;
     }
+    testing::internal::CaptureStderr();
+    for (const char text : {'a', 'a', 'b'})
+        loginfo(nullptr, "%s\n", std::string(100, text).c_str());
+    const std::string said = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 3) << "the first line, the summary and the last line";
     funlockfile(stdout);
     writer.Until(Line(49, 10000)); // there is room again
     writer.Drained();
