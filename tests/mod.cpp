@@ -127,6 +127,27 @@ TEST_F(Mod, DumpsHoldNoLockAndRecordsMayGo)
     EXPECT_NE(PrintedWhile(ModDumpDeferredFunctions, [](auto) { ModSearchDeferredFunction(64, nullptr); }), "");
 }
 
+TEST_F(Mod, RecordsComeAndGoWhileTheyAreDumped)
+{
+    std::FILE *const before = std::exchange(stdout, std::fopen("/dev/null", "w"));
+    std::atomic<bool> over = false;
+    std::thread other([&] {
+        for (; !over; ModFindByName("gone", 7))
+            ModDumpRange(0, 3);
+    });
+    for (Int32 i = 0; i < 20000; i++) {
+        auto *pMod = static_cast<ModT *>(std::calloc(1, sizeof(ModT)));
+        ModInit(pMod, "gone", i % 8, nullptr);
+        ModAddCallback(pMod, 1, count, nullptr, 0);
+        ModExit(pMod);
+        std::memset(static_cast<void *>(pMod), 0xFF, sizeof(ModT)); // what is read now is not a record
+        std::free(pMod);
+    }
+    over = true;
+    other.join();
+    std::fclose(std::exchange(stdout, before));
+}
+
 TEST_F(Mod, WhatTheProcessSharesIsThereForAnotherUnit)
 {
     EXPECT_EQ(numMods, 2); // the configuration's came first
