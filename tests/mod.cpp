@@ -212,7 +212,8 @@ TEST_F(Mod, LogLinesAreWhatIsWritten)
         ModLog(&mod, kLogInfo, (text + "%-+03.2hd%%").c_str(), 1);
         ModLog(&mod, kLogInfo, "%d\n", 2);
         const std::string number = size <= 236 ? "+01%" : size <= 238 ? "+01" : "";
-        EXPECT_EQ(writer.Drained(), "INFO  pc[0]: cfg[3]: " + text + number + "cfg[3]: 2\n") << size;
+        expected = "INFO  pc[0]: cfg[3]: ";
+        EXPECT_EQ(writer.Drained(), expected.append(text).append(number).append("cfg[3]: 2\n")) << size;
     }
 }
 

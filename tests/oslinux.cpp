@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
@@ -138,11 +139,11 @@ TEST(Strings, StopOnANullPointer)
 {
     for (auto *change : {strlwr, strupr, trim_leading, trim_trailing, trim_str})
         EXPECT_DEATH(change(nullptr), "failed: s,");
-    char out[34] = "";
-    const char *volatile none = nullptr; // the compiler would refuse a plain one
+    char out[34] = "", *const nowhere = std::strchr(out, 'x');
+    const char *volatile none = nullptr; // tools refuse plain ones
     EXPECT_DEATH(stricmp(nullptr, ""), "failed: left,");
     EXPECT_DEATH(stricmp("", nullptr), "failed: right,");
-    EXPECT_DEATH(itoa(1, nullptr, 10), "failed: out,");
+    EXPECT_DEATH(itoa(1, nowhere, 10), "failed: out,");
     EXPECT_DEATH(sp_printf(nullptr, 8, "%d", 1), "failed: out,");
     EXPECT_DEATH(sp_printf(out, sizeof out, none, 1), "failed: format,");
 }
