@@ -41,6 +41,80 @@ ListT *list_find_elem(ListT *pList, ListT *pElem)
     return ListSearch(pList, IsSameElement, pElem, nullptr);
 }
 
+// ---- Insertions. They return false for an element that is listed already, and then change nothing: the public calls
+// stop the program, and print why without the lock.
+
+bool InsertAfter(ListT **ppList, ListT *pAfter, ListT *pElem)
+{
+    if (pElem == nullptr)
+        return true;
+    os_assert(ppList, "ppList");
+    if (!IsUnlisted(pElem))
+        return false;
+    if (*ppList == nullptr)
+        LinkAlone(ppList, pElem);
+    else if (pAfter != nullptr) // deliberately without a message otherwise
+        LinkBehind(pAfter, pElem);
+    return true;
+}
+
+bool InsertBefore(ListT **ppList, ListT *pBefore, ListT *pElem)
+{
+    if (pElem == nullptr)
+        return true;
+    os_assert(ppList, "ppList");
+    if (!IsUnlisted(pElem))
+        return false;
+    if (*ppList == nullptr) {
+        LinkAlone(ppList, pElem);
+    } else if (pBefore != nullptr) {
+        LinkBehind(pBefore->prev, pElem);
+        if (*ppList == pBefore)
+            *ppList = pElem;
+    }
+    return true;
+}
+
+bool Enqueue(ListT **ppList, ListT *pElem)
+{
+    return InsertAfter(ppList, ListLastElement(*ppList), pElem);
+}
+
+bool EnqueueIfAbsent(ListT **ppList, ListT *pElem)
+{
+    os_assert(ppList, "ppList");
+    return list_find_elem(*ppList, pElem) != nullptr || Enqueue(ppList, pElem);
+}
+
+bool Push(ListT **ppList, ListT *pElem)
+{
+    os_assert(ppList, "ppList");
+    return InsertBefore(ppList, *ppList, pElem);
+}
+
+template <class... Args> bool WithLock(bool (*insert)(Args...), Args... args)
+{
+    const InterruptsOffHold hold;
+    return insert(args...);
+}
+
+void StopUnlessInsertedAfter(bool inserted, const ListT *pElem)
+{
+    if (inserted)
+        return;
+    std::printf("LIST: InsertAfter: element 0x%x already on another list! (next 0x%x prev 0x%x)\n", AddressWord(pElem),
+                AddressWord(pElem->next), AddressWord(pElem->prev));
+    os_assert(false, "0");
+}
+
+void StopUnlessInsertedBefore(bool inserted)
+{
+    if (inserted)
+        return;
+    std::puts("LIST: InsertBefore: element already on another list!");
+    os_assert(false, "0");
+}
+
 } // namespace
 
 void ListInit(ListT *pElem)
@@ -52,14 +126,13 @@ void ListInit(ListT *pElem)
 void ListEnqueueUnprot(ListT **ppList, ListT *pElem)
 {
     os_assert(ppList, "ppList");
-    ListInsertAfterUnprot(ppList, ListLastElement(*ppList), pElem);
+    StopUnlessInsertedAfter(Enqueue(ppList, pElem), pElem);
 }
 
 void ListEnqueue(ListT **ppList, ListT *pElem)
 {
     os_assert(ppList, "ppList");
-    InterruptsOffHold hold;
-    ListEnqueueUnprot(ppList, pElem);
+    StopUnlessInsertedAfter(WithLock(Enqueue, ppList, pElem), pElem);
 }
 
 ListT *ListDequeueUnprot(ListT **ppList)
@@ -103,60 +176,32 @@ ListT *ListExtract(ListT **ppList, ListT *pElem)
 
 void ListInsertAfterUnprot(ListT **ppList, ListT *pAfter, ListT *pElem)
 {
-    if (pElem == nullptr)
-        return;
-    os_assert(ppList, "ppList");
-    if (!IsUnlisted(pElem)) {
-        std::printf("LIST: InsertAfter: element 0x%x already on another list! (next 0x%x prev 0x%x)\n",
-                    AddressWord(pElem), AddressWord(pElem->next), AddressWord(pElem->prev));
-        os_assert(false, "0");
-    }
-    if (*ppList == nullptr)
-        LinkAlone(ppList, pElem);
-    else if (pAfter != nullptr) // deliberately without a message otherwise
-        LinkBehind(pAfter, pElem);
+    StopUnlessInsertedAfter(InsertAfter(ppList, pAfter, pElem), pElem);
 }
 
 void ListInsertAfter(ListT **ppList, ListT *pAfter, ListT *pElem)
 {
-    InterruptsOffHold hold;
-    ListInsertAfterUnprot(ppList, pAfter, pElem);
+    StopUnlessInsertedAfter(WithLock(InsertAfter, ppList, pAfter, pElem), pElem);
 }
 
 void ListInsertBeforeUnprot(ListT **ppList, ListT *pBefore, ListT *pElem)
 {
-    if (pElem == nullptr)
-        return;
-    os_assert(ppList, "ppList");
-    if (!IsUnlisted(pElem)) {
-        std::puts("LIST: InsertBefore: element already on another list!");
-        os_assert(false, "0");
-    }
-    if (*ppList == nullptr) {
-        LinkAlone(ppList, pElem);
-    } else if (pBefore != nullptr) {
-        LinkBehind(pBefore->prev, pElem);
-        if (*ppList == pBefore)
-            *ppList = pElem;
-    }
+    StopUnlessInsertedBefore(InsertBefore(ppList, pBefore, pElem));
 }
 
 void ListInsertBefore(ListT **ppList, ListT *pBefore, ListT *pElem)
 {
-    InterruptsOffHold hold;
-    ListInsertBeforeUnprot(ppList, pBefore, pElem);
+    StopUnlessInsertedBefore(WithLock(InsertBefore, ppList, pBefore, pElem));
 }
 
 void ListPushUnprot(ListT **ppList, ListT *pElem)
 {
-    os_assert(ppList, "ppList");
-    ListInsertBeforeUnprot(ppList, *ppList, pElem);
+    StopUnlessInsertedBefore(Push(ppList, pElem));
 }
 
 void ListPush(ListT **ppList, ListT *pElem)
 {
-    InterruptsOffHold hold;
-    ListPushUnprot(ppList, pElem);
+    StopUnlessInsertedBefore(WithLock(Push, ppList, pElem));
 }
 
 void ListExtractIfPresentUnprot(ListT **ppList, ListT *pElem)
@@ -173,15 +218,12 @@ void ListExtractIfPresent(ListT **ppList, ListT *pElem)
 
 void ListEnqueueIfAbsentUnprot(ListT **ppList, ListT *pElem)
 {
-    os_assert(ppList, "ppList");
-    if (list_find_elem(*ppList, pElem) == nullptr)
-        ListEnqueueUnprot(ppList, pElem);
+    StopUnlessInsertedAfter(EnqueueIfAbsent(ppList, pElem), pElem);
 }
 
 void ListEnqueueIfAbsent(ListT **ppList, ListT *pElem)
 {
-    InterruptsOffHold hold;
-    ListEnqueueIfAbsentUnprot(ppList, pElem);
+    StopUnlessInsertedAfter(WithLock(EnqueueIfAbsent, ppList, pElem), pElem);
 }
 
 ListT *ListSearch(ListT *pList, ListCompareT pCompare, void *pUserDefined1, void *pUserDefined2)
