@@ -1,12 +1,9 @@
-// A log call against formatting the same text, and, with the writer running, against an asynchronous
-// logger. A writer that is started stays: the latter need a process of their own, with standard
-// output led to /dev/null.
+// A log call against formatting the same text, and with the writer running. A writer that is started stays: that one
+// needs a process of its own, with standard output led to /dev/null.
 #include "Common/OS/logmsg.h"
 #include "Common/OS/syslog.h"
 
 #include <benchmark/benchmark.h>
-#include <spdlog/async.h>
-#include <spdlog/sinks/basic_file_sink.h>
 
 #include <chrono>
 #include <cstdio>
@@ -37,35 +34,21 @@ BENCHMARK(LogCall)->Name("log_call");
 
 // ---- With a writer
 
-// Times a burst of lines, which every ring holds, as the caller sees it, and then lets it be
-// written. One burst is one repetition.
-template <class LogLine> void Burst(benchmark::State &state, LogLine logLine)
+// Times a burst of lines, which the ring holds, as the caller sees it, and then lets it be written. One burst is one
+// repetition.
+void WriterCall(benchmark::State &state)
 {
     constexpr int kLines = 1000;
+    [[maybe_unused]] static const bool started = (InitSyslogInterface(), true);
     for ([[maybe_unused]] auto _ : state) {
         const auto begin = std::chrono::steady_clock::now();
         for (int i = 0; i < kLines; i++)
-            logLine();
+            logdebug("os", LINE);
         const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - begin;
         state.SetIterationTime(taken.count() / kLines);
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
 }
-
-void WriterCall(benchmark::State &state)
-{
-    [[maybe_unused]] static const bool started = (InitSyslogInterface(), true);
-    Burst(state, [] { logdebug("os", LINE); });
-}
 BENCHMARK(WriterCall)->Name("writer_call")->UseManualTime()->Iterations(1);
-
-void WriterSpdlog(benchmark::State &state)
-{
-    static const auto logger = spdlog::async_factory::create<spdlog::sinks::basic_file_sink_mt>("os", "/dev/null");
-    Burst(state, [] {
-        logger->info("task:{:.4} pid:{} thread {:08x} {} {:08x}", "logw", 815u, 0x7F001234u, 4711, 0x40001000u);
-    });
-}
-BENCHMARK(WriterSpdlog)->Name("writer_spdlog")->UseManualTime()->Iterations(1);
 
 } // namespace

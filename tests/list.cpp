@@ -7,6 +7,8 @@
 #include <thread>
 #include <vector>
 
+extern pthread_mutex_t intsoffmutex;
+
 namespace
 {
 
@@ -129,6 +131,15 @@ TEST_P(Lists, InsertAtAnyPlace)
     EXPECT_EQ(Names(), "cba");
 }
 
+// In place of standard output: passes text on to standard error, unless the interrupt lock is held.
+ssize_t Show(void * /*cookie*/, const char *text, std::size_t size)
+{
+    if (pthread_mutex_trylock(&intsoffmutex) != 0)
+        return static_cast<ssize_t>(size);
+    pthread_mutex_unlock(&intsoffmutex);
+    return write(STDERR_FILENO, text, size);
+}
+
 TEST_P(Lists, StopOnMisuse)
 {
     forms.enqueue(&list, &a.link);
@@ -138,13 +149,30 @@ TEST_P(Lists, StopOnMisuse)
     const auto word = [](const void *p) { return static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(p)); };
     std::snprintf(line, sizeof(line), "InsertAfter: element 0x%x already on another list! .next 0x%x prev 0x0.",
                   word(&a.link), word(&b.link));
-    const auto print = [](auto misuse) { dup2(STDERR_FILENO, STDOUT_FILENO), misuse(); };
-    EXPECT_DEATH(print([&] { forms.enqueue(&list, &a.link); }),
-                 "LIST: " + std::string(line) + "\nAssertion failed: 0,");
-    EXPECT_DEATH(print([&] { forms.push(&list, &b.link); }),
-                 "LIST: InsertBefore: element already on another list!\nAssertion failed: 0,");
-    EXPECT_DEATH(forms.enqueue(nullptr, &c.link), "failed: ppList,");
+    const auto print = [](auto misuse) {
+        stdout = fopencookie(nullptr, "w", {nullptr, Show, nullptr, nullptr});
+        std::setvbuf(stdout, nullptr, _IONBF, 0);
+        misuse();
+    };
+    const std::string after = "LIST: " + std::string(line) + "\nAssertion failed: 0,";
+    const std::string before = "LIST: InsertBefore: element already on another list!\nAssertion failed: 0,";
+    ListT *other = nullptr;
+    EXPECT_DEATH(print([&] { forms.enqueue(&list, &a.link); }), after);
+    EXPECT_DEATH(print([&] { forms.insertAfter(&list, &b.link, &a.link); }), after);
+    EXPECT_DEATH(print([&] { forms.enqueueIfAbsent(&other, &a.link); }), after);
+    EXPECT_DEATH(print([&] { forms.push(&list, &b.link); }), before);
+    EXPECT_DEATH(print([&] { forms.insertBefore(&list, &a.link, &b.link); }), before);
+    for (auto *call : {forms.enqueue, forms.push, forms.extractIfPresent, forms.enqueueIfAbsent})
+        EXPECT_DEATH(call(nullptr, &c.link), "failed: ppList,");
+    for (auto *call : {forms.insertAfter, forms.insertBefore})
+        EXPECT_DEATH(call(nullptr, &a.link, &c.link), "failed: ppList,");
     EXPECT_DEATH(forms.dequeue(nullptr), "failed: ppList,");
+    EXPECT_DEATH(forms.extract(nullptr, &a.link), "failed: ppList,");
+    EXPECT_DEATH(forms.length(nullptr), "failed: ppList,");
+    EXPECT_DEATH(forms.isEmpty(nullptr), "failed: ppList,");
+    EXPECT_DEATH(ListInit(nullptr), "failed: pElem,");
+    EXPECT_DEATH(ListNextElement(list, nullptr), "failed: pElem,");
+    EXPECT_DEATH(ListPrevElement(list, nullptr), "failed: pElem,");
 }
 
 INSTANTIATE_TEST_SUITE_P(Forms, Lists, testing::Values(kUnprot, kLocked), [](auto &i) { return i.param.name; });

@@ -166,6 +166,17 @@ TEST(LogFormat, Words)
     }
 }
 
+TEST(LogCalls, StopOnANullPointer)
+{
+    for (auto *call :
+         {logmsg_showfilter_add, logmsg_showfilter_delete, logmsg_cullfilter_add, logmsg_cullfilter_delete})
+        EXPECT_DEATH(call(nullptr), "failed: text,");
+    EXPECT_DEATH(logmsg_print(nullptr, 0), "failed: msg,");
+    EXPECT_DEATH(logmsg_format_string(0, nullptr), "failed: out,");
+    EXPECT_DEATH(addLevel(0, nullptr), "failed: str,");
+    EXPECT_DEATH(addProcID(nullptr), "failed: str,");
+}
+
 TEST(Settings, AreReadByTheFirstLineAndSaved)
 {
     const ConfigFolders folders;

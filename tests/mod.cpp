@@ -2,6 +2,20 @@
 
 #include "tests/logwriter.h"
 
+#include <sys/mman.h>
+#include <utility>
+
+// What the module shares with the whole process.
+extern std::atomic<ModT *> gMods[4000];
+extern std::atomic<Int32> numMods, NumTraceFilters;
+extern UInt32 callbackSemaphore, deferredCallbackRegion, deferredFuncRegion;
+extern ListT *gFreeDeferredCallbackList, *gPendDeferredCallbackList;
+extern ModDeferredCallbackT gFreeDeferredCallbacks[256];
+extern ModDeferredFuncT gFreeDeferredFuncs[384];
+extern DeferredFuncStatsT DFStats[100];
+extern char traceFilters[10][32];
+extern const char *ModExceptionString[1];
+
 namespace
 {
 
@@ -12,6 +26,28 @@ struct Mod : testing::Test { // where tasks end, and the test's own must still f
 };
 
 const CallbackFuncPtrT count = [](ModT *, UInt32, void *user, void *) { ++*static_cast<std::atomic<int> *>(user); };
+
+using MeanwhileT = std::function<void(const std::string &)>;
+
+// What is printed. Each time something is, another thread sees it first, and its work is waited for: nothing that it
+// needs may be locked.
+std::string PrintedWhile(const std::function<void()> &print, const MeanwhileT &meanwhile)
+{
+    std::pair<const MeanwhileT &, std::string> cookie(meanwhile, "");
+    const auto take = [](void *pCookie, const char *text, std::size_t size) {
+        auto &[work, all] = *static_cast<decltype(cookie) *>(pCookie);
+        all.append(text, size);
+        std::thread(work, std::string(text, size)).join();
+        return static_cast<ssize_t>(size);
+    };
+    std::FILE *file = fopencookie(&cookie, "w", {nullptr, take, nullptr, nullptr});
+    std::setvbuf(file, nullptr, _IONBF, 0);
+    std::FILE *const before = std::exchange(stdout, file);
+    print();
+    stdout = before;
+    std::fclose(file);
+    return cookie.second;
+}
 
 TEST_F(Mod, IsFilledInListedDumpedAndChecked)
 {
@@ -51,7 +87,134 @@ TEST_F(Mod, IsFilledInListedDumpedAndChecked)
     t_create("dest", 10, 0, 0, 0, &last.pCallbacks->destTaskID);
     for (int i = 0; i < 256; i++)
         call();
-    EXPECT_DEATH(print(call), "ERROR, task dest has not responded to deferred callbacks for [0-9]+mS\n.*failed: 0,");
+    const auto show = [](const std::string &text) { std::fputs(text.c_str(), stderr), ModProcessDeferredCallbacks(); };
+    EXPECT_DEATH(PrintedWhile(call, show),
+                 "ERROR, task dest has not responded to deferred callbacks for [0-9]+mS\n.*failed: 0,");
+}
+
+// The record's memory goes as well, after some of its text was printed.
+std::string DumpWhileItGoes(const std::string &after)
+{
+    const std::size_t page = 65536;
+    auto *pGone = static_cast<ModT *>(mmap(nullptr, page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    ModInit(pGone, "gone", 1, nullptr);
+    for (const UInt32 index : {7u, 8u})
+        ModAddCallback(pGone, index, count, nullptr, 0);
+    const auto meanwhile = [&](const std::string &text) {
+        if (text.find(after) != std::string::npos) {
+            ModExit(pGone);
+            munmap(pGone, page);
+        }
+    };
+    return PrintedWhile([] { ModDumpByName("Gone"); }, meanwhile);
+}
+
+TEST_F(Mod, DumpsHoldNoLockAndRecordsMayGo)
+{
+    const std::string heading = "Module               address  task flags\n-------------------- -------- ---- -----\n";
+    const std::string line = "gone\\[1] {14}.{8} main  I   \n", callback = "  callbacks: 7:0x[0-9a-f]+ ";
+    const auto matches = [](const std::string &text, const std::string &pattern) {
+        return testing::internal::RE::FullMatch(text, pattern);
+    };
+    EXPECT_TRUE(matches(DumpWhileItGoes("-----"), heading));
+    EXPECT_TRUE(matches(DumpWhileItGoes("gone"), heading + line));
+    EXPECT_TRUE(matches(DumpWhileItGoes("7:"), heading + line + callback + "\n"));
+    mod.Dump = [](ModT *pMod, Int32 verbose) { return std::printf("own %s %d\n", pMod->name, verbose), kNoError; };
+    EXPECT_EQ(PrintedWhile([] { ModDumpByName("cfg"); }, [](auto) { ModFindByName("cfg", 3); }),
+              heading + "own cfg 0\n");
+    ModDeferFunctionCall(
+        0, [](void *, Int32) {}, nullptr, 0);
+    EXPECT_NE(PrintedWhile(ModDumpDeferredFunctions, [](auto) { ModSearchDeferredFunction(64, nullptr); }), "");
+}
+
+TEST_F(Mod, RecordsComeAndGoWhileTheyAreDumped)
+{
+    std::FILE *const before = std::exchange(stdout, std::fopen("/dev/null", "w"));
+    std::atomic<bool> over = false;
+    std::thread other([&] {
+        for (; !over; ModFindByName("gone", 7))
+            ModDumpRange(0, 3);
+    });
+    for (Int32 i = 0; i < 20000; i++) {
+        auto *pMod = static_cast<ModT *>(std::calloc(1, sizeof(ModT)));
+        ModInit(pMod, "gone", i % 8, nullptr);
+        ModAddCallback(pMod, 1, count, nullptr, 0);
+        ModExit(pMod);
+        std::memset(static_cast<void *>(pMod), 0xFF, sizeof(ModT)); // what is read now is not a record
+        std::free(pMod);
+    }
+    over = true;
+    other.join();
+    std::fclose(std::exchange(stdout, before));
+}
+
+TEST_F(Mod, WhatTheProcessSharesIsThereForAnotherUnit)
+{
+    EXPECT_EQ(numMods, 2); // the configuration's came first
+    EXPECT_EQ(gMods[1], &mod);
+    EXPECT_EQ(gFreeDeferredCallbackList, &gFreeDeferredCallbacks[0].list);
+    EXPECT_EQ(gPendDeferredCallbackList, nullptr);
+    EXPECT_EQ(gFreeDeferredFuncs[0].list.next, &gFreeDeferredFuncs[1].list);
+    EXPECT_EQ(DFStats[99].minTime, UINT32_MAX);
+    EXPECT_STREQ(ModExceptionString[0], "Mod Fatal Exception");
+    for (const UInt32 semaphore : {callbackSemaphore, deferredCallbackRegion, deferredFuncRegion})
+        EXPECT_NE(semaphore, 0u);
+    const std::string x(32, 'x'), y(33, 'y'); // 32 characters fill a filter
+    for (const std::string &name : {x, y})
+        EXPECT_EQ(ModTraceFilterAdd(name.c_str()), kNoError);
+    EXPECT_EQ(NumTraceFilters, 2);
+    EXPECT_EQ(std::string(traceFilters[0], 64), x + y.substr(1));
+    EXPECT_EQ(ModTraceFilterDelete(y.c_str()), kNoError);
+    EXPECT_EQ(ModTraceFilterDelete(x.substr(1).c_str()), kBadParameter);
+    EXPECT_EQ(ModTraceFilterDelete(x.c_str()), kNoError);
+}
+
+TEST_F(Mod, NullArgumentsStop)
+{
+    EXPECT_DEATH(ModInit(&owner, nullptr, 0, nullptr), "failed: pName,");
+    EXPECT_DEATH(ModFindByName(nullptr, 0), "failed: pName,");
+    EXPECT_DEATH(ModDumpByName(nullptr), "failed: pName,");
+    EXPECT_DEATH(ModTraceFilterAdd(nullptr), "failed: pName,");
+    EXPECT_DEATH(ModTraceFilterDelete(nullptr), "failed: pName,");
+    EXPECT_DEATH(ModThrowException(&mod, 0, nullptr, nullptr, 0), "failed: description,");
+    EXPECT_DEATH(ModGetDeferredFunctionStats(0, nullptr), "failed: pStats,");
+}
+
+TEST_F(Mod, LogLinesAreWhatIsWritten)
+{
+    LogWriter writer(kLogFormatLevel);
+    const struct {
+        const char *owner, *name, *format;
+        std::string line;
+    } cases[] = {
+        {nullptr, "50%%off", "%d\n", "50%off[0]: 1\n"}, // the name is a part of the format
+        {nullptr, "%s%n%", "%d\n", "%s%n%[0]: 1\n"},
+        {nullptr, "%%%d%%", "%d\n", "%%d%[0]: 1\n"},
+        {"%s%%", "%d", "%d\n", "%s%[7].%d[0]: 1\n"},
+        {nullptr, "a", "%d is 100%", "a[0]: 1 is 100%"},
+        {nullptr, "a", "%d\n", "a[0]: 1\n"},
+        {nullptr, "a", "%d %-5.", "a[0]: 1 %-5."},
+        {nullptr, "a", "%d\n", "a[0]: 1\n"},
+    };
+    std::string expected;
+    for (const auto &[ownerName, name, format, line] : cases) {
+        ModT one{}, its{};
+        ModInit(&its, ownerName != nullptr ? ownerName : "", 7, nullptr);
+        ModInit(&one, name, 0, ownerName != nullptr ? &its : nullptr);
+        one.flags |= kModFlagLogOwner;
+        ModLog(&one, kLogInfo, format, 1);
+        expected += (expected.empty() || expected.back() == '\n' ? "INFO  pc[0]: " : "") + line;
+        ModExit(&one), ModExit(&its);
+    }
+    EXPECT_EQ(writer.Drained(), expected);
+    for (std::size_t size = 235; size < 248; size++) { // 255 characters with the name
+        const std::string text(size, 'x');
+        ModLog(&mod, kLogInfo, (text + "%-+03.2hd%%").c_str(), 1);
+        ModLog(&mod, kLogInfo, "%d\n", 2);
+        const std::string number = size <= 236 ? "+01%" : size <= 238 ? "+01" : "";
+        expected = "INFO  pc[0]: cfg[3]: ";
+        EXPECT_EQ(writer.Drained(), expected.append(text).append(number).append("cfg[3]: 2\n")) << size;
+    }
 }
 
 TEST_F(Mod, LogLinesAndDeferredFunctions)

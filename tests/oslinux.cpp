@@ -1,18 +1,26 @@
 #include "Common/OS/linux/oslinux.h"
 
 #include "bench/launcher.h"
+#include "tests/tasks.h"
 
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <gtest/gtest.h>
+#include <filesystem>
+#include <fstream>
 #include <string>
 #include <sys/file.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
+
+// What the module shares with the whole process.
+extern pthread_mutex_t intsoffmutex;
+extern pthread_t intsoffthread;
+extern UInt32 intsoffcount;
+extern hwTypeT sHwType;
 
 namespace
 {
@@ -68,6 +76,37 @@ TEST(Commands, ReadTheirFirstLine)
     EXPECT_EQ(read_env("OSLINUX_TEST", small, 0) - read_command("echo", small, 0) + small[0], 1 + 'x');
 }
 
+// The command that tells about the root notes that it runs, and waits for a gate.
+TEST(Commands, DoNotWaitForEachOther)
+{
+    std::string name = std::filesystem::temp_directory_path() / "haldenflash.XXXXXX";
+    const std::filesystem::path folder = mkdtemp(name.data());
+    std::ofstream(folder / "mount") << "#!/bin/sh\n: > $0.$$\n: < $0.gate\n";
+    std::filesystem::permissions(folder / "mount", std::filesystem::perms::owner_all);
+    mkfifo((folder / "mount.gate").c_str(), 0600);
+    setenv("PATH", (folder.string() + ":" + std::getenv("PATH")).c_str(), 1);
+    const auto files = [&] { return std::distance(std::filesystem::directory_iterator(folder), {}); };
+    std::jthread first([] { EXPECT_EQ(is_NFS(), 0u); }), second([] { EXPECT_EQ(is_NFS(), 0u); });
+    EXPECT_TRUE(Eventually([&] { return files() == 4; }));
+    const int gate = open((folder / "mount.gate").c_str(), O_RDWR);
+    first.join(), second.join();
+    EXPECT_EQ(is_NFS(), 0u); // by heart
+    EXPECT_EQ(files(), 4);
+    close(gate);
+    std::filesystem::remove_all(folder);
+}
+
+TEST(Commands, StopOnANullPointer)
+{
+    char out[8] = "";
+    EXPECT_DEATH(system_pthread(nullptr), "failed: command,");
+    EXPECT_DEATH(read_command(nullptr, out, sizeof out), "failed: command,");
+    EXPECT_DEATH(read_command("echo", nullptr, 8), "failed: out,");
+    EXPECT_DEATH(find_pid(nullptr), "failed: name,");
+    EXPECT_DEATH(read_env(nullptr, out, sizeof out), "failed: name,");
+    EXPECT_DEATH(read_env("HOME", nullptr, 8), "failed: out,");
+}
+
 TEST(Strings, AreChangedInPlace)
 {
     char text[32] = "\t MiXed 1\xC4 \n";
@@ -96,11 +135,33 @@ TEST(Strings, AreChangedInPlace)
     EXPECT_STREQ(line, "ab123cu");
 }
 
+TEST(Strings, StopOnANullPointer)
+{
+    for (auto *change : {strlwr, strupr, trim_leading, trim_trailing, trim_str})
+        EXPECT_DEATH(change(nullptr), "failed: s,");
+    char out[34] = "", *const nowhere = std::strchr(out, 'x');
+    const char *volatile none = nullptr; // tools refuse plain ones
+    EXPECT_DEATH(stricmp(nullptr, ""), "failed: left,");
+    EXPECT_DEATH(stricmp("", nullptr), "failed: right,");
+    EXPECT_DEATH(itoa(1, nowhere, 10), "failed: out,");
+    EXPECT_DEATH(sp_printf(nullptr, 8, "%d", 1), "failed: out,");
+    EXPECT_DEATH(sp_printf(out, sizeof out, none, 1), "failed: format,");
+}
+
+TEST(InterruptLock, IsThereForAnotherUnit)
+{
+    const InterruptsOffHold hold;
+    EXPECT_NE(pthread_mutex_trylock(&intsoffmutex), 0);
+    EXPECT_EQ(intsoffcount, 1u);
+    EXPECT_TRUE(pthread_equal(intsoffthread, pthread_self()));
+}
+
 TEST(Hardware, IsWhatTheBoardSays)
 {
     EXPECT_EQ(GetSystemHardwareType(), kUninitialized);
     SetSystemHardwareType(kVane);
     EXPECT_EQ(GetSystemHardwareType(), 18u);
+    EXPECT_EQ(sHwType, kVane);
     EXPECT_EQ(GetProcessorNum(), 0u);
     EXPECT_EQ(GetNumProcessors(), 0);
     EXPECT_EQ(ExecutionLevel(), 0);

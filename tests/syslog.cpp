@@ -1,13 +1,16 @@
 #include "Common/OS/syslog.h"
 
+#include "Common/OS/linux/oslinux.h"
 #include "Common/OS/linux/psosapi/ptimer.h"
 
+#include "tests/folders.h"
 #include "tests/logwriter.h"
 
 #include <algorithm>
 #include <chrono>
 #include <cstdarg>
 #include <ctime>
+#include <fcntl.h>
 #include <sstream>
 
 // In place of the C library's: shows what the host's log would get.
@@ -137,6 +140,110 @@ TEST(LogRing, OverflowLosesLinesAndSaysSo)
     EXPECT_LE(announced, lost);
 }
 
+// Leads standard error into a pipe that is full, for the length of a scope.
+class StalledErrors
+{
+public:
+    StalledErrors()
+    {
+        EXPECT_EQ(pipe2(pipe_, O_NONBLOCK), 0);
+        const char block[4096] = {};
+        for (const std::size_t size : {sizeof block, std::size_t{1}})
+            while (write(pipe_[1], block, size) > 0)
+                ;
+        fcntl(pipe_[1], F_SETFL, 0);
+        dup2(pipe_[1], STDERR_FILENO);
+    }
+    ~StalledErrors()
+    {
+        dup2(terminal_, STDERR_FILENO);
+        for (const int fd : {terminal_, pipe_[0], pipe_[1]})
+            close(fd);
+    }
+    StalledErrors(const StalledErrors &) = delete;
+    StalledErrors &operator=(const StalledErrors &) = delete;
+
+private:
+    int pipe_[2], terminal_ = dup(STDERR_FILENO);
+};
+
+// What a task does that waits for something. Only with gLibPThreadNPTL 1.
+bool Sleeps(UInt32 task)
+{
+    std::ifstream stat("/proc/self/task/" + std::to_string(low_pointer<TCB>(task)->tid) + "/stat");
+    std::string id, name, state;
+    return stat >> id >> name >> state && state == "S";
+}
+
+// Waits until the writer has taken a line that was just added, and cannot print it.
+void AwaitStuckWriter()
+{
+    UInt32 writer = 0;
+    EXPECT_EQ(t_ident("logw", 0, &writer), 0u);
+    EXPECT_TRUE(Eventually([=] { return low_pointer<TCB>(writer)->events_captured == 0 && Sleeps(writer); }));
+}
+
+// A task finds the ring full, at the summary of a repeated line or at a line, and is deleted while it cannot say so.
+TEST(LogRing, OverflowHoldsNobodyElseUp)
+{
+    gLibPThreadNPTL = 1;
+    const ConfigFolders folders;
+    LogWriter writer(kLogFormatLevel);
+    logmsg_set_spewfilter(1);
+    for (int i = 0; i < 20; i++)
+        syslogAdd(Line(i, 10000).c_str(), 0);
+    writer.Drained();
+    flockfile(stdout);
+    syslogAdd(Line(0, 10000).c_str(), 0);
+    AwaitStuckWriter(); // from now on it makes no room
+    for (int i = 1; i < 50; i++)
+        syslogAdd(Line(i, 10000).c_str(), 0);
+    const StalledErrors stalled;
+    std::atomic<int> logged = 0;
+    const UInt32 task = StartTask("dele", [&] {
+        for (; logged < 100000; logged++)
+            loginfo(nullptr, "%d\n", logged / 2);
+    });
+    EXPECT_TRUE(Eventually([&, before = 0]() mutable {
+        usleep(20000);
+        return std::exchange(before, logged) == logged && logged > 0 && Sleeps(task);
+    }));
+    {
+        const InterruptsOffHold isFree;
+    }
+    testing::internal::CaptureStderr();
+    for (const char text : {'a', 'a', 'b'})
+        loginfo(nullptr, "%s\n", std::string(100, text).c_str());
+    const std::string said = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 3) << "the first line, the summary and the last line";
+    funlockfile(stdout);
+    writer.Until(Line(49, 10000)); // there is room again
+    writer.Drained();
+    t_delete(task);
+    loginfo(nullptr, "next\n");
+    const std::string text = writer.Drained();
+    EXPECT_EQ(text.substr(text.find("INFO")), "INFO  pc[0]: next\n") << text;
+}
+
+// The event for the line before may still be on its way, from a task that was interrupted.
+TEST(LogRing, EveryLineSendsItsEvent)
+{
+    LogWriter writer(0);
+    UInt32 tid = 0;
+    EXPECT_EQ(t_ident("logw", 0, &tid), 0u);
+    auto *task = low_pointer<TCB>(tid);
+    flockfile(stdout);
+    loginfo(nullptr, "the writer cannot print it\n");
+    EXPECT_TRUE(Eventually([&] { return task->events_captured == 0; }));
+    for (int i = 0; i < 2; i++) {
+        task->events_captured = 0;
+        loginfo(nullptr, "line\n");
+        EXPECT_EQ(task->events_captured, 1u);
+    }
+    funlockfile(stdout);
+    writer.Drained();
+}
+
 // A line that would end where the writer has got to: the ring would look empty.
 TEST(LogRing, IsNeverFilledToTheLastByte)
 {
@@ -206,6 +313,7 @@ TEST(ClassicCalls, KeepTheirSettings)
     EXPECT_TRUE(setlogmask(0) == 0x1F && setlogmask(3) == 0x1F && getlogmask() == 3);
     EXPECT_TRUE(setloglocalmask(0) == 0xFF && setloglocalmask(5) == 0xFF && getloglocalmask() == 5);
     EXPECT_TRUE(setlogaddr("host") == -1 && *getlogaddr() == '\0');
+    EXPECT_DEATH(syslogAdd(nullptr, 0), "failed: msg,");
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 
 #include "Common/OS/linux/mutexhold.h"
 #include "Common/OS/linux/oslinux.h"
+#include "Common/OS/osassert.h"
 #include "Common/OS/syslog.h"
 #include "Common/framework/config.h"
 
@@ -10,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <strings.h>
+#include <utility>
 
 namespace
 {
@@ -108,6 +110,7 @@ FilterTextT TextOf(FilterSlotT &slot)
 
 Int32 AddFilter(const FilterTableT &table, const char *text)
 {
+    os_assert(text, "text");
     for (FilterSlotT &slot : table.slots) {
         if (IsOccupied(slot))
             continue;
@@ -125,6 +128,7 @@ Int32 AddFilter(const FilterTableT &table, const char *text)
 // Ignores case, though matching of lines does not: deliberate.
 Int32 DeleteFilter(const FilterTableT &table, const char *text)
 {
+    os_assert(text, "text");
     if (std::strcmp(text, "*") == 0) {
         for (FilterSlotT &slot : table.slots)
             SetCharacter(slot, 0, '\0');
@@ -206,15 +210,6 @@ bool IsFilteredOut(const char *line)
     return false;
 }
 
-// logmsg_print without the settings, which cannot be read while the interrupt lock is held.
-Int32 FilterAndAdd(const char *msg, Int32 len)
-{
-    if (IsFilteredOut(msg))
-        return 0;
-    syslogAdd(msg, len);
-    return len;
-}
-
 // ---- Format
 
 // Takes the value apart.
@@ -263,79 +258,76 @@ void Append(LineT &line, const char *text, std::size_t length)
     line.text[line.length] = '\0';
 }
 
-void CopyLine(LineT &to, const LineT &from)
+// Puts text, which is shorter than a line may be, in place of the line.
+void SetLine(LineT &line, const char *text, std::size_t length)
 {
-    std::memcpy(to.text, from.text, from.length + 1);
-    to.length = from.length;
+    line.length = 0;
+    Append(line, text, length);
 }
 
-bool IsRepeated()
+bool IsRepeated(const char *line, std::size_t length)
 {
-    return gLastLine.length == gCurLine.length && std::memcmp(gLastLine.text, gCurLine.text, gCurLine.length) == 0;
+    return gLastLine.length == length && std::memcmp(gLastLine.text, line, length) == 0;
 }
 
-// The count includes the first occurrence, the one that was printed.
-void PrintRepeatSummary()
+// Queues the summary of a line that came count times, the printed occurrence included. False when the ring lost it.
+// It does not read the settings, which cannot be done while the interrupt lock is held.
+bool QueueRepeatSummary(Int32 count)
 {
     char summary[kSummarySize];
     Int32 length = addLevel(kLogDebug, summary);
     length += addProcID(summary + length);
-    length += std::snprintf(summary + length, sizeof(summary) - static_cast<std::size_t>(length),
-                            "...last line repeated %d times\n", gSpewCount + 1);
-    FilterAndAdd(summary, length);
+    std::snprintf(summary + length, sizeof(summary) - static_cast<std::size_t>(length),
+                  "...last line repeated %d times\n", count);
+    return IsFilteredOut(summary) || syslogQueue(summary);
 }
 
-// Repeat filter, under the interrupt lock: true when the completed line is only to be counted.
-bool SuppressRepeat()
-{
-    if (gSpewFilter == 0)
-        return false;
-    if (IsRepeated()) {
-        gSpewCount++;
-        return true;
-    }
-    if (gSpewCount > 0) {
-        PrintRepeatSummary();
-        gSpewCount = 0;
-    }
-    return false;
-}
+struct AssembledT {
+    std::size_t length; // of the completed line that is to be printed; 0: there is none
+    bool overflowed;    // the summary in front of it was lost in a full ring
+};
 
-// Adds a piece to the open line. buffer holds header and text, length characters in all. When that
-// completes a line to be printed, leaves it in buffer and returns its length, otherwise 0.
-std::size_t Assemble(char (&buffer)[kBufferSize], std::size_t headerLength, std::size_t length)
+// Adds a piece to the open line. buffer holds header and text, length characters in all; a completed line takes their
+// place. It is taken out of gCurLine at once: whatever becomes of the task, the next piece begins a line of its own.
+// Nothing under the lock prints, waits for output or can be cancelled.
+AssembledT Assemble(char (&buffer)[kBufferSize], std::size_t headerLength, std::size_t length)
 {
     const InterruptsOffHold hold;
     const std::size_t skipped = gCurLine.length > 0 ? headerLength : 0;
     Append(gCurLine, buffer + skipped, length - skipped);
     if (std::memchr(buffer, '\n', length) == nullptr)
-        return 0;
-    std::size_t completed = 0;
-    if (!SuppressRepeat()) {
-        completed = gCurLine.length;
-        std::memcpy(buffer, gCurLine.text, completed + 1);
-        CopyLine(gLastLine, gCurLine);
+        return {};
+    const std::size_t completed = gCurLine.length;
+    std::memcpy(buffer, gCurLine.text, completed + 1);
+    SetLine(gCurLine, "", 0);
+    if (gSpewFilter != 0 && IsRepeated(buffer, completed)) {
+        gSpewCount++;
+        return {};
     }
-    gCurLine.text[0] = '\0';
-    gCurLine.length = 0;
-    return completed;
+    bool overflowed = false;
+    if (gSpewFilter != 0 && gSpewCount > 0)
+        overflowed = !QueueRepeatSummary(std::exchange(gSpewCount, 0) + 1);
+    SetLine(gLastLine, buffer, completed);
+    return {completed, overflowed};
 }
 
 } // namespace
 
-Int32 addLevel(Int32 level, char *text)
+Int32 addLevel(Int32 level, char *str)
 {
-    std::memcpy(text, gLogMsgLevelStr[std::clamp<Int32>(level, kLogEmerg, kLogDebug)], kLevelSize + 1);
+    os_assert(str, "str");
+    std::memcpy(str, gLogMsgLevelStr[std::clamp<Int32>(level, kLogEmerg, kLogDebug)], kLevelSize + 1);
     return kLevelSize;
 }
 
-Int32 addProcID(char *text)
+Int32 addProcID(char *str)
 {
+    os_assert(str, "str");
     const UInt32 processor = GetProcessorNum();
     if (processor != 0)
-        return std::sprintf(text, "pc[%x]: ", processor);
+        return std::sprintf(str, "pc[%x]: ", processor);
     constexpr char kHostTag[] = "pc[0]: "; // every line has it: formatting would cost more than the rest of the header
-    std::memcpy(text, kHostTag, sizeof(kHostTag));
+    std::memcpy(str, kHostTag, sizeof(kHostTag));
     return sizeof(kHostTag) - 1;
 }
 
@@ -349,9 +341,11 @@ Int32 va_logmsg(va_list ap, Int32 level, const char *component, const char *fmt)
     buffer[headerLength] = '\0';
     const int formatted = std::vsnprintf(buffer + headerLength, kBufferSize - headerLength, fmt, ap);
     const std::size_t length = headerLength + std::strlen(buffer + headerLength);
-    const std::size_t completed = Assemble(buffer, headerLength, length);
-    if (completed > 0)
-        logmsg_print(buffer, static_cast<Int32>(completed));
+    const AssembledT line = Assemble(buffer, headerLength, length);
+    if (line.length > 0)
+        logmsg_print(buffer, static_cast<Int32>(line.length));
+    if (line.overflowed)
+        syslogReportOverflow();
     return static_cast<Int32>(headerLength) + formatted;
 }
 
@@ -411,6 +405,7 @@ Int32 logdebug(const char *component, const char *fmt, ...)
 
 Int32 logmsg_print(const char *msg, Int32 len)
 {
+    os_assert(msg, "msg");
     if (msg[0] == '\0')
         return 0;
     // Set before the settings are read: reading them logs.
@@ -420,7 +415,10 @@ Int32 logmsg_print(const char *msg, Int32 len)
         LoadAndShowFilters(kCullTable);
         logmsg_format_load();
     }
-    return FilterAndAdd(msg, len);
+    if (IsFilteredOut(msg))
+        return 0;
+    syslogAdd(msg, len);
+    return len;
 }
 
 Int32 logmsg_showfilter_add(const char *text)
@@ -516,6 +514,7 @@ Int32 logmsg_format_dump()
 
 void logmsg_format_string(Int32 bits, char *out)
 {
+    os_assert(out, "out");
     *out = '\0';
     for (const FormatWordT &row : kFormatWords) {
         if ((bits & row.bit) != 0)

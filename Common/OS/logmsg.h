@@ -6,7 +6,8 @@
 // and its flush task, and stops the program when a configuration folder is missing.
 //
 // Locking: any task may log. Assembly and the repeat filter run under the interrupt lock, so a
-//          caller must not hold it. The filter tables are not locked.
+//          caller must not hold it. The filter tables are not locked. No lock is held while something is printed.
+// Errors:  a null pointer stops the program, unless it is said that it may be null.
 // Limits:  a formatted line 1023 characters, an assembled line 511, a filter 369; longer text is
 //          cut without a mark.
 #pragma once
@@ -44,9 +45,9 @@ __attribute__((format(printf, 2, 3))) Int32 logdebug(const char *component, cons
 __attribute__((format(printf, 3, 4))) Int32 logmsg(Int32 level, const char *component, const char *fmt, ...);
 __attribute__((format(printf, 4, 0))) Int32 va_logmsg(va_list ap, Int32 level, const char *component, const char *fmt);
 
-// Write the level word, the processor tag, into text and return the characters written.
-Int32 addLevel(Int32 level, char *text);
-Int32 addProcID(char *text);
+// Write the level word, the processor tag, into str and return the characters written.
+Int32 addLevel(Int32 level, char *str);
+Int32 addProcID(char *str);
 
 // Filters one completed line and hands it to syslogAdd. Returns len, or 0 when it was empty or
 // filtered out.

@@ -14,7 +14,7 @@
 #include <cstring>
 #include <ctime>
 #include <sys/time.h>
-#include <utility>
+#include <unistd.h>
 
 namespace
 {
@@ -25,10 +25,18 @@ constexpr Int32 kRingSize = 0x80000;
 constexpr Int32 kRingLimit = kRingSize - 2; // no line ends behind it
 
 char buf[kRingSize + 10];
-std::atomic<Int32> log_buffer_tail; // moved under log_Semaphore, once the line is complete
-std::atomic<Int32> log_buffer_head; // moved by the writer, once the line is copied out, and by a lap
-std::atomic<UInt32> laps;           // wraps over lines that wait for the writer; odd while one is under way
-UInt32 lapsSeen;                    // the writer's
+
+// Index of the next line to store, or kLapping. Only adders move it, under log_Semaphore. The store releases what
+// was written before: the line is complete when the writer acquires the index behind it.
+std::atomic<Int32> log_buffer_tail;
+constexpr Int32 kLapping = -1; // an adder overwrites lines that wait for the writer: nothing can be taken
+
+// Index of the next line to print, and above it the number of laps. The writer moves the index when it has copied the
+// line out. An adder that laps the writer counts the lap and sets the index to 0, and the writer, if it is copying,
+// fails to move what it has not seen, and throws its copy away. Both moves are read-modify-write: the one that comes
+// second acquires what the first released. So no adder overwrites a line before the writer has done with it.
+std::atomic<UInt32> log_buffer_head;
+constexpr UInt32 kLap = 0x100000;
 
 std::atomic<Int32> syslogLevel{kLogDebug};
 std::atomic<UInt32> log_Semaphore;
@@ -73,39 +81,41 @@ void Store(Int32 at, const char *line, Int32 size)
 {
     std::memcpy(buf + at, line, static_cast<std::size_t>(size - 1));
     buf[at + size - 1] = '\0';
-    log_buffer_tail = at + size;
+    log_buffer_tail.store(at + size, std::memory_order_release);
+}
+
+Int32 IndexOf(UInt32 head)
+{
+    return static_cast<Int32>(head % kLap);
 }
 
 // Starts again at the front. The head is not asked for room: a writer that is almost a whole ring behind
 // loses everything before this line.
 void WrapLine(const char *line, Int32 size)
 {
-    const Int32 tail = log_buffer_tail;
-    const Int32 head = log_buffer_head;
-    const UInt32 lapped = head > tail || head <= size ? 1 : 0;
-    laps += lapped;
-    if (lapped != 0)
-        log_buffer_head = 0;
+    const Int32 tail = log_buffer_tail.load(std::memory_order_relaxed);
+    const UInt32 head = log_buffer_head.load(std::memory_order_acquire);
+    if (IndexOf(head) > tail || IndexOf(head) <= size) {
+        log_buffer_tail.store(kLapping, std::memory_order_relaxed); // seen by a writer that has seen the lap
+        log_buffer_head.exchange(head - head % kLap + kLap, std::memory_order_acq_rel);
+    }
     std::memset(buf + tail, 0, static_cast<std::size_t>(kRingSize - tail));
     Store(0, line, size);
-    laps += lapped;
 }
 
-// size counts the NUL. False when the writer finds the line without an event: it has not taken the one before
-// yet, and looks at the tail again once it has moved the head.
+// size counts the NUL. Returns false when the ring is full and the line is lost.
 bool StoreLine(const char *line, Int32 size)
 {
-    const Int32 tail = log_buffer_tail;
-    const Int32 head = log_buffer_head;
+    const Int32 tail = log_buffer_tail.load(std::memory_order_relaxed);
+    const Int32 head = IndexOf(log_buffer_head.load(std::memory_order_acquire));
     if (tail + size > kRingLimit) {
         WrapLine(line, size);
     } else if (head > tail && head <= tail + size) {
-        std::fputs(OVERFLOW_MSG, stderr);
         if (tail + kOverflowSize < head)
             Store(tail, OVERFLOW_MSG, kOverflowSize);
+        return false;
     } else {
         Store(tail, line, size);
-        return log_buffer_head == tail;
     }
     return true;
 }
@@ -126,31 +136,24 @@ void StopIfCorrupt(Int32 next, Int32 tail)
 }
 
 // Copies the next line to printedLine; an empty one where a pass begins on the filling, or where a lap came
-// between: what was copied may be half of one line and half of another. False when there is none.
+// between: what was copied may be half of one line and half of another. False when there is none. A lap that is
+// under way is none either: its adder sends an event afterwards.
 bool TakeLine()
 {
-    const UInt32 lap = laps;
-    if (lap % 2 != 0)
-        return false; // who is wrapping sends an event afterwards
-    if (std::exchange(lapsSeen, lap) != lap)
-        log_buffer_head = 0; // again: this task may have moved it since
-    const Int32 tail = log_buffer_tail;
-    const Int32 head = log_buffer_head;
-    if (head == tail)
+    UInt32 head = log_buffer_head.load(std::memory_order_acquire);
+    const Int32 tail = log_buffer_tail.load(std::memory_order_acquire);
+    const Int32 at = IndexOf(head);
+    if (tail == kLapping || tail == at)
         return false;
-    const std::size_t size = std::strlen(buf + head) + 1;
-    std::memcpy(printedLine, buf + head, size);
-    Int32 next = head + static_cast<Int32>(size);
+    const std::size_t size = std::strlen(buf + at) + 1;
+    std::memcpy(printedLine, buf + at, size);
+    const Int32 next = at + static_cast<Int32>(size);
     const bool filling = next != tail && buf[next] == '\0';
-    if (laps.fetch_add(0) != lap) { // not a plain read, which could come before the copy
+    const UInt32 moved = head - head % kLap + static_cast<UInt32>(filling ? 0 : next);
+    if (!log_buffer_head.compare_exchange_strong(head, moved, std::memory_order_acq_rel))
         printedLine[0] = '\0';
-        return true;
-    }
-    if (filling) {
+    else if (filling)
         StopIfCorrupt(next, tail);
-        next = 0;
-    }
-    log_buffer_head = next;
     return true;
 }
 
@@ -197,18 +200,34 @@ void PrintLine(const char *line)
 
 void syslogAdd(const char *msg, Int32 /*msglen*/)
 {
+    if (!syslogQueue(msg))
+        syslogReportOverflow();
+}
+
+bool syslogQueue(const char *msg)
+{
+    os_assert(msg, "msg");
     const UInt32 semaphore = log_Semaphore;
     if (semaphore == 0 || msg[0] == '\0' || mapLogLevel(msg[0]) > syslogLevel)
-        return;
+        return true;
     // A line that the whole ring could not hold is cut.
     const auto length = static_cast<Int32>(strnlen(msg, kRingLimit - 1));
-    bool unnoticed = true;
+    bool stored = false;
     {
         const SemaphoreHold hold(semaphore);
-        unnoticed = StoreLine(msg, length + 1);
+        stored = StoreLine(msg, length + 1);
     }
-    if (const UInt32 writer = logTaskID; writer != 0 && unnoticed)
+    // For every line: the event of the one before may still be on its way, from a task that was interrupted.
+    if (const UInt32 writer = logTaskID; writer != 0)
         ev_send(writer, kLineEvent);
+    return stored;
+}
+
+void syslogReportOverflow()
+{
+    // Not by the C library's stream: a task that waits for its lock, because another one's message is stalled, could
+    // not be deleted.
+    [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, OVERFLOW_MSG, kOverflowSize - 1);
 }
 
 Int32 mapLogLevel(char levelChar)
@@ -256,7 +275,7 @@ void logWriterThread(UInt32, UInt32, UInt32, UInt32)
         syslogDrainQueue(); // first for the lines that came before there was a task to send the event to
         UInt32 events = 0;
         const UInt32 result = ev_receive(kAllEvents, kEvAny, 0, &events);
-        if (result != 0 && result != kEvTimedOut)
+        if (result != 0)
             tm_wkafter(1); // the task does not find itself any more: no events, but no spinning
     }
 }

@@ -1,18 +1,27 @@
 // The system log writer: a ring of completed lines and the task "logw" that prints them.
 //
 // Before InitSyslogInterface, and in a process that never calls it, every line is dropped.
-// Locking: any task may add lines; log_Semaphore serialises them. The writer task reads the ring
-//          without the semaphore and moves the head, which a task that laps the writer sets back.
+// Locking: any task may add lines; log_Semaphore serialises them, and is held only while a line is copied. The
+//          writer task reads the ring without the semaphore and moves the head, which a task that laps the writer
+//          sets back.
 #pragma once
 
 #include "Common/types.h"
 
-// Queues one completed line (six characters of level, seven of processor tag, text, newline), or
-// drops it: it is empty, its level is above the threshold, there is no writer, or the ring is full
-// (announced on standard error and, if there is room, in the ring). A line that does not fit in the rest of
-// the ring goes to its front without a look at the writer: one that is almost a whole ring behind loses what
-// it has not printed yet. msglen is not used.
+// Queues one completed line: six characters of level, seven of processor tag, text, newline. It is dropped without a
+// word when it is empty, when its level is above the threshold, or when there is no writer. A full ring loses it: that
+// is announced on standard error and, if there is room, in the ring. msglen is not used.
+// A line that does not fit in the rest of the ring goes to its front without a look at the writer: one that is almost
+// a whole ring behind loses what it has not printed yet.
+// The caller holds no lock: standard error may be slow, and the task may be deleted while it waits for it.
 void syslogAdd(const char *msg, Int32 msglen);
+
+// The two steps of syslogAdd, for a caller that has a lock to give back between them. syslogQueue queues the line and
+// sends the writer its event; it prints nothing, and nobody can be deleted in it.
+// true   queued or dropped.
+// false  lost in a full ring: syslogReportOverflow is to be called as soon as no lock is held.
+bool syslogQueue(const char *msg);
+void syslogReportOverflow();
 
 // Level of a line by its first character: "E" 3, "C" 2, "I" 6, "W" 4, anything else 7.
 Int32 mapLogLevel(char levelChar);

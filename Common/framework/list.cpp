@@ -41,24 +41,98 @@ ListT *list_find_elem(ListT *pList, ListT *pElem)
     return ListSearch(pList, IsSameElement, pElem, nullptr);
 }
 
+// ---- Insertions. They return false for an element that is listed already, and then change nothing: the public calls
+// stop the program, and print why without the lock.
+
+bool InsertAfter(ListT **ppList, ListT *pAfter, ListT *pElem)
+{
+    if (pElem == nullptr)
+        return true;
+    os_assert(ppList, "ppList");
+    if (!IsUnlisted(pElem))
+        return false;
+    if (*ppList == nullptr)
+        LinkAlone(ppList, pElem);
+    else if (pAfter != nullptr) // deliberately without a message otherwise
+        LinkBehind(pAfter, pElem);
+    return true;
+}
+
+bool InsertBefore(ListT **ppList, ListT *pBefore, ListT *pElem)
+{
+    if (pElem == nullptr)
+        return true;
+    os_assert(ppList, "ppList");
+    if (!IsUnlisted(pElem))
+        return false;
+    if (*ppList == nullptr) {
+        LinkAlone(ppList, pElem);
+    } else if (pBefore != nullptr) {
+        LinkBehind(pBefore->prev, pElem);
+        if (*ppList == pBefore)
+            *ppList = pElem;
+    }
+    return true;
+}
+
+bool Enqueue(ListT **ppList, ListT *pElem)
+{
+    return InsertAfter(ppList, ListLastElement(*ppList), pElem);
+}
+
+bool EnqueueIfAbsent(ListT **ppList, ListT *pElem)
+{
+    os_assert(ppList, "ppList");
+    return list_find_elem(*ppList, pElem) != nullptr || Enqueue(ppList, pElem);
+}
+
+bool Push(ListT **ppList, ListT *pElem)
+{
+    os_assert(ppList, "ppList");
+    return InsertBefore(ppList, *ppList, pElem);
+}
+
+template <class... Args> bool WithLock(bool (*insert)(Args...), Args... args)
+{
+    const InterruptsOffHold hold;
+    return insert(args...);
+}
+
+void StopUnlessInsertedAfter(bool inserted, const ListT *pElem)
+{
+    if (inserted)
+        return;
+    std::printf("LIST: InsertAfter: element 0x%x already on another list! (next 0x%x prev 0x%x)\n", AddressWord(pElem),
+                AddressWord(pElem->next), AddressWord(pElem->prev));
+    os_assert(false, "0");
+}
+
+void StopUnlessInsertedBefore(bool inserted)
+{
+    if (inserted)
+        return;
+    std::puts("LIST: InsertBefore: element already on another list!");
+    os_assert(false, "0");
+}
+
 } // namespace
 
 void ListInit(ListT *pElem)
 {
+    os_assert(pElem, "pElem");
     *pElem = {.next = nullptr, .prev = nullptr};
 }
 
 void ListEnqueueUnprot(ListT **ppList, ListT *pElem)
 {
     os_assert(ppList, "ppList");
-    ListInsertAfterUnprot(ppList, ListLastElement(*ppList), pElem);
+    StopUnlessInsertedAfter(Enqueue(ppList, pElem), pElem);
 }
 
 void ListEnqueue(ListT **ppList, ListT *pElem)
 {
     os_assert(ppList, "ppList");
-    InterruptsOffHold hold;
-    ListEnqueueUnprot(ppList, pElem);
+    StopUnlessInsertedAfter(WithLock(Enqueue, ppList, pElem), pElem);
 }
 
 ListT *ListDequeueUnprot(ListT **ppList)
@@ -79,6 +153,7 @@ ListT *ListExtractUnprot(ListT **ppList, ListT *pElem)
 {
     if (pElem == nullptr)
         return nullptr;
+    os_assert(ppList, "ppList");
     ListT *pNext = pElem->next;
     pElem->prev->next = pNext;
     pNext->prev = pElem->prev;
@@ -101,61 +176,37 @@ ListT *ListExtract(ListT **ppList, ListT *pElem)
 
 void ListInsertAfterUnprot(ListT **ppList, ListT *pAfter, ListT *pElem)
 {
-    if (pElem == nullptr)
-        return;
-    if (!IsUnlisted(pElem)) {
-        std::printf("LIST: InsertAfter: element 0x%x already on another list! (next 0x%x prev 0x%x)\n",
-                    AddressWord(pElem), AddressWord(pElem->next), AddressWord(pElem->prev));
-        os_assert(false, "0");
-    }
-    if (*ppList == nullptr)
-        LinkAlone(ppList, pElem);
-    else if (pAfter != nullptr) // deliberately without a message otherwise
-        LinkBehind(pAfter, pElem);
+    StopUnlessInsertedAfter(InsertAfter(ppList, pAfter, pElem), pElem);
 }
 
 void ListInsertAfter(ListT **ppList, ListT *pAfter, ListT *pElem)
 {
-    InterruptsOffHold hold;
-    ListInsertAfterUnprot(ppList, pAfter, pElem);
+    StopUnlessInsertedAfter(WithLock(InsertAfter, ppList, pAfter, pElem), pElem);
 }
 
 void ListInsertBeforeUnprot(ListT **ppList, ListT *pBefore, ListT *pElem)
 {
-    if (pElem == nullptr)
-        return;
-    if (!IsUnlisted(pElem)) {
-        std::puts("LIST: InsertBefore: element already on another list!");
-        os_assert(false, "0");
-    }
-    if (*ppList == nullptr) {
-        LinkAlone(ppList, pElem);
-    } else if (pBefore != nullptr) {
-        LinkBehind(pBefore->prev, pElem);
-        if (*ppList == pBefore)
-            *ppList = pElem;
-    }
+    StopUnlessInsertedBefore(InsertBefore(ppList, pBefore, pElem));
 }
 
 void ListInsertBefore(ListT **ppList, ListT *pBefore, ListT *pElem)
 {
-    InterruptsOffHold hold;
-    ListInsertBeforeUnprot(ppList, pBefore, pElem);
+    StopUnlessInsertedBefore(WithLock(InsertBefore, ppList, pBefore, pElem));
 }
 
 void ListPushUnprot(ListT **ppList, ListT *pElem)
 {
-    ListInsertBeforeUnprot(ppList, *ppList, pElem);
+    StopUnlessInsertedBefore(Push(ppList, pElem));
 }
 
 void ListPush(ListT **ppList, ListT *pElem)
 {
-    InterruptsOffHold hold;
-    ListPushUnprot(ppList, pElem);
+    StopUnlessInsertedBefore(WithLock(Push, ppList, pElem));
 }
 
 void ListExtractIfPresentUnprot(ListT **ppList, ListT *pElem)
 {
+    os_assert(ppList, "ppList");
     ListExtractUnprot(ppList, list_find_elem(*ppList, pElem));
 }
 
@@ -167,14 +218,12 @@ void ListExtractIfPresent(ListT **ppList, ListT *pElem)
 
 void ListEnqueueIfAbsentUnprot(ListT **ppList, ListT *pElem)
 {
-    if (list_find_elem(*ppList, pElem) == nullptr)
-        ListEnqueueUnprot(ppList, pElem);
+    StopUnlessInsertedAfter(EnqueueIfAbsent(ppList, pElem), pElem);
 }
 
 void ListEnqueueIfAbsent(ListT **ppList, ListT *pElem)
 {
-    InterruptsOffHold hold;
-    ListEnqueueIfAbsentUnprot(ppList, pElem);
+    StopUnlessInsertedAfter(WithLock(EnqueueIfAbsent, ppList, pElem), pElem);
 }
 
 ListT *ListSearch(ListT *pList, ListCompareT pCompare, void *pUserDefined1, void *pUserDefined2)
@@ -193,6 +242,7 @@ ListT *ListSearch(ListT *pList, ListCompareT pCompare, void *pUserDefined1, void
 
 Int32 ListLenUnprot(ListT **ppList)
 {
+    os_assert(ppList, "ppList");
     Int32 count = 0;
     for (ListT *pElem = *ppList; pElem != nullptr; pElem = ListNextElement(*ppList, pElem))
         count++;
@@ -207,6 +257,7 @@ Int32 ListLen(ListT **ppList)
 
 Boolean ListIsEmptyUnprot(ListT **ppList)
 {
+    os_assert(ppList, "ppList");
     return *ppList == nullptr ? 1 : 0;
 }
 
@@ -228,10 +279,12 @@ ListT *ListLastElement(ListT *pHead)
 
 ListT *ListNextElement(ListT *pHead, ListT *pElem)
 {
+    os_assert(pElem, "pElem");
     return pElem->next == pHead ? nullptr : pElem->next;
 }
 
 ListT *ListPrevElement(ListT *pHead, ListT *pElem)
 {
+    os_assert(pElem, "pElem");
     return pElem == pHead ? nullptr : pElem->prev;
 }

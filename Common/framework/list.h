@@ -4,6 +4,7 @@
 // Locking: names ending in Unprot do not lock and are for callers that own the list alone or hold
 //          the interrupt lock; the others hold the interrupt lock for the whole operation, so they
 //          must not be called with it held. Calls that take an element instead of a list never lock.
+// Errors:  a null list (ppList) stops the program, and so does a null element, unless it is said what one does.
 #pragma once
 
 #include "Common/types.h"
@@ -20,7 +21,7 @@ using ListCompareT = Int32 (*)(ListT *pElem, void *pUserDefined1, void *pUserDef
 
 void ListInit(ListT *pElem);
 
-// Append at the tail. A null list stops the program, and so does an element that is listed already.
+// Append at the tail. An element that is listed already stops the program; null changes nothing.
 void ListEnqueue(ListT **ppList, ListT *pElem);
 void ListEnqueueUnprot(ListT **ppList, ListT *pElem);
 
@@ -42,11 +43,11 @@ void ListInsertAfterUnprot(ListT **ppList, ListT *pAfter, ListT *pElem);
 void ListInsertBefore(ListT **ppList, ListT *pBefore, ListT *pElem);
 void ListInsertBeforeUnprot(ListT **ppList, ListT *pBefore, ListT *pElem);
 
-// Insert before the head: a stack.
+// Insert before the head: a stack. Null changes nothing.
 void ListPush(ListT **ppList, ListT *pElem);
 void ListPushUnprot(ListT **ppList, ListT *pElem);
 
-// As extract and enqueue, but only when the element is (is not) on the list.
+// As extract and enqueue, but only when the element is (is not) on the list. Null changes nothing.
 void ListExtractIfPresent(ListT **ppList, ListT *pElem);
 void ListExtractIfPresentUnprot(ListT **ppList, ListT *pElem);
 void ListEnqueueIfAbsent(ListT **ppList, ListT *pElem);

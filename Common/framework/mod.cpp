@@ -14,29 +14,19 @@
 #include <cstdlib>
 #include <cstring>
 #include <pthread.h>
+#include <string_view>
 #include <strings.h>
 
-namespace
-{
+// ---- What all records share. For other units as well, by extern.
 
 constexpr std::size_t kMaxMods = 4000;
 constexpr std::size_t kNumDeferredCallbacks = 256;
 constexpr std::size_t kNumDeferredFuncs = 384;
 constexpr std::size_t kNumDFStats = 100;
-constexpr Int32 kCallbackStep = 10; // entries by which an array grows
 constexpr std::size_t kNumTraceFilters = 10;
-constexpr std::size_t kFormatSize = 256;
+constexpr std::size_t kTraceFilterSize = 32;
 
-constexpr const char *ModExceptionString[] = {"Mod Fatal Exception"};
-
-struct ModDeferredFuncT {
-    ListT list;
-    DeferredFuncPtrT pFunc;
-    UInt32 destTaskID;
-    UInt32 time; // RealTimeMilliSeconds when it was queued
-    Int32 argLen;
-    alignas(std::max_align_t) UInt8 args[kModMaxArgs];
-};
+const char *ModExceptionString[] = {"Mod Fatal Exception"};
 
 // A slot goes from null to a record and back in one step, so that nobody needs a lock to enter one. It
 // goes back under the interrupt lock: whoever looks at records under it does not see one go.
@@ -56,9 +46,16 @@ ListT *gPendDeferredFuncList;
 ModDeferredFuncT gFreeDeferredFuncs[kNumDeferredFuncs];
 DeferredFuncStatsT DFStats[kNumDFStats];
 
-// Under the interrupt lock. An empty slot is free.
-char traceFilters[kNumTraceFilters][kModNameSize];
+// Under the interrupt lock. An empty one is free; one of 32 characters, as many as a record's name has, has no
+// terminator.
+char traceFilters[kNumTraceFilters][kTraceFilterSize];
 std::atomic<Int32> NumTraceFilters;
+
+namespace
+{
+
+constexpr Int32 kCallbackStep = 10; // entries by which an array grows
+constexpr std::size_t kFormatSize = 256;
 
 // Blocks of one kind, under the lock of their region.
 struct DeferredQueueT {
@@ -156,11 +153,14 @@ void TakeOutOfTable(ModT *pMod)
 
 // ---- Callback arrays
 
-// The entry at an index, or null behind the last one. A copy, because the array may move.
-const ModCallbackT *CopyEntry(const ModT *pMod, Int32 index, ModCallbackT *pCopy)
+using SlotT = std::atomic<ModT *>;
+
+// The entry at an index, or null behind the last one. A copy, because the array may move. With a slot also null when
+// the record is not there any more.
+const ModCallbackT *CopyEntry(const ModT *pMod, Int32 index, ModCallbackT *pCopy, const SlotT *pSlot = nullptr)
 {
     const InterruptsOffHold hold;
-    if (index >= pMod->numCallbacks)
+    if ((pSlot != nullptr && *pSlot != pMod) || index >= pMod->numCallbacks)
         return nullptr;
     *pCopy = pMod->pCallbacks[index];
     return pCopy;
@@ -350,31 +350,44 @@ void CopyArgs(UInt8 (&args)[kModMaxArgs], const void *pArgs, Int32 argLen)
         std::memcpy(args, pArgs, static_cast<std::size_t>(length));
 }
 
-// The name of the task that a pending block is for, and for how long the block has been waiting.
-struct WaitT {
-    char name[kTaskNameSize];
-    UInt32 waited; // milliseconds
+UInt32 TaskOf(const ModDeferredCallbackT *pDeferred)
+{
+    return pDeferred->callback.destTaskID;
+}
+
+UInt32 TaskOf(const ModDeferredFuncT *pDeferred)
+{
+    return pDeferred->destTaskID;
+}
+
+// What was asked for longest ago and has not been run.
+struct OldestT {
+    bool waits; // false: everything has been run
+    char task[kTaskNameSize];
+    Int32 waited; // milliseconds
 };
 
-WaitT WaitOf(UInt32 taskID, UInt32 time)
+template <class Block> OldestT FindOldest(const DeferredQueueT &queue)
 {
-    WaitT wait;
-    t_copy_name(taskID, wait.name);
-    wait.waited = RealTimeMilliSeconds() - time;
-    return wait;
+    UInt32 taskID = 0, time = 0;
+    {
+        const SemaphoreHold hold(queue.region);
+        const auto *pOldest = reinterpret_cast<const Block *>(ListFirstElement(queue.pPending));
+        if (pOldest == nullptr)
+            return {};
+        taskID = TaskOf(pOldest);
+        time = pOldest->time;
+    }
+    OldestT oldest = {true, "", static_cast<Int32>(RealTimeMilliSeconds() - time)};
+    t_copy_name(taskID, oldest.task);
+    return oldest;
 }
 
 [[noreturn]] void StopOutOfBlocks(ModT *pMod, UInt32 funcIndex)
 {
     ModLog(pMod, kLogWarning, "can't call callback for func %d, out of callback blocks\n", funcIndex);
-    {
-        const SemaphoreHold hold(deferredCallbackRegion);
-        if (const ModDeferredCallbackT *pOldest = AsCallback(ListFirstElement(gPendDeferredCallbackList))) {
-            const WaitT oldest = WaitOf(pOldest->callback.destTaskID, pOldest->time);
-            std::printf("ERROR, task %4.4s has not responded to deferred callbacks for %dmS\n", oldest.name,
-                        static_cast<Int32>(oldest.waited));
-        }
-    }
+    if (const auto oldest = FindOldest<ModDeferredCallbackT>(kCallbackQueue); oldest.waits)
+        std::printf("ERROR, task %4.4s has not responded to deferred callbacks for %dmS\n", oldest.task, oldest.waited);
     osTaskDump();
     tm_wkafter(5); // for the log to get out
     os_assert(false, "0");
@@ -400,6 +413,12 @@ void DeferCallback(ModT *pMod, const ModCallbackT &callback, const void *pArgs, 
 
 // ---- Log lines
 
+// A name counts up to as many characters as a filter has.
+bool IsFilter(const char *filter, const char *pName)
+{
+    return strncasecmp(filter, pName, kTraceFilterSize) == 0;
+}
+
 // Without a filter all modules' lines are wanted.
 bool WantsLines(const ModT *pMod, const char *format)
 {
@@ -410,28 +429,111 @@ bool WantsLines(const ModT *pMod, const char *format)
         return true;
     const InterruptsOffHold hold;
     return std::any_of(std::begin(traceFilters), std::end(traceFilters),
-                       [pMod](const char *filter) { return strcasecmp(filter, pMod->name) == 0; });
+                       [pMod](const char *filter) { return IsFilter(filter, pMod->name); });
 }
 
-bool ShowsOwner(const ModT *pMod)
+// Who logs: "name[instance]", or "owner[instance].name[instance]".
+void FillComponent(const ModT *pMod, char (&component)[kFormatSize])
 {
-    return (pMod->flags & kModFlagLogOwner) != 0 && pMod->pOwner != nullptr;
+    const ModT *pOwner = (pMod->flags & kModFlagLogOwner) != 0 ? pMod->pOwner : nullptr;
+    if (pOwner != nullptr)
+        std::snprintf(component, sizeof component, "%s[%d].%s[%d]", pOwner->name, pOwner->instance, pMod->name,
+                      pMod->instance);
+    else
+        std::snprintf(component, sizeof component, "%s[%d]", pMod->name, pMod->instance);
 }
 
-// A name that can be part of a format: whoever wrote a configuration item may have chosen it.
-struct FormatNameT {
-    explicit FormatNameT(const ModT *pMod)
+// The length of the conversion that text begins with; 0 when text ends within it.
+std::size_t ConversionLength(const char *text)
+{
+    const std::size_t length = 1 + std::strspn(text + 1, "0123456789#- +'I.*$hlLqjzt");
+    return text[length] != '\0' ? length + 1 : 0;
+}
+
+// A format that is put together from pieces. Half a conversion never gets into it: not by a cut, and not by a piece
+// that ends in one, which is printed as it is written.
+struct FormatT {
+    char text[kFormatSize] = "";
+    std::size_t length = 0;
+
+    // Adds what there is room for. What a piece without conversions has of them is printed as it is written, but for
+    // "%%", which prints one sign.
+    void Add(const char *piece, bool hasConversions)
     {
-        char *end = text;
-        for (const char *p = pMod->name; *p != '\0'; p++) {
-            if (*p == '%')
-                *end++ = '%';
-            *end++ = *p;
+        while (*piece != '\0') {
+            std::size_t whole = 1;
+            if (*piece == '%')
+                whole = hasConversions || piece[1] == '%' ? ConversionLength(piece) : 0;
+            const std::string_view added = whole != 0 ? std::string_view(piece, whole) : "%%";
+            if (length + added.size() >= sizeof text)
+                return;
+            added.copy(text + length, added.size());
+            length += added.size();
+            text[length] = '\0';
+            piece += std::max<std::size_t>(whole, 1);
         }
-        *end = '\0';
     }
-    char text[2 * kModNameSize];
 };
+
+// ---- Dump
+
+void FillFullName(const ModT *pMod, char (&fullname)[kModFullNameSize])
+{
+    std::snprintf(fullname, sizeof fullname, "%s[%d]", pMod->name, pMod->instance);
+}
+
+// What the dump shows of a record besides its callbacks: a copy, because it may be gone when it is printed.
+struct RowT {
+    ModT *pMod;
+    eErrorT (*Dump)(ModT *pMod, Int32 verbose);
+    char fullname[kModFullNameSize];
+    UInt32 taskID, flags, initializedSig;
+};
+
+RowT RowOf(ModT *pMod)
+{
+    RowT row = {pMod, pMod->Dump, "", pMod->taskID, pMod->flags, pMod->initializedSig};
+    FillFullName(pMod, row.fullname);
+    return row;
+}
+
+// With a slot the callbacks end where the record goes.
+void PrintRow(const RowT &row, const SlotT *pSlot)
+{
+    char task[kTaskNameSize] = "";
+    if (row.taskID != 0)
+        t_copy_name(row.taskID, task);
+    std::printf("%-20.20s %8x %4.4s %c%c   \n", row.fullname, AddressWord(row.pMod), task,
+                (row.flags & kModFlagA) != 0 ? 'A' : ' ', row.initializedSig == kModSignature ? 'I' : ' ');
+    bool any = false;
+    ModCallbackT entry;
+    for (Int32 i = 0; CopyEntry(row.pMod, i, &entry, pSlot) != nullptr; i++) {
+        if (entry.pFunc == nullptr)
+            continue;
+        std::printf("%s%d:0x%x ", any ? "" : "  callbacks: ", static_cast<Int32>(entry.funcIndex),
+                    AddressWord(entry.pFunc));
+        any = true;
+    }
+    if (any)
+        std::puts("");
+}
+
+// pName null: whatever its name is.
+void DumpSlot(const SlotT &slot, const char *pName)
+{
+    RowT row = {};
+    {
+        const InterruptsOffHold hold;
+        ModT *pMod = slot;
+        if (pMod == nullptr || (pName != nullptr && !IsNamed(pMod, pName)))
+            return;
+        row = RowOf(pMod);
+    }
+    if (row.Dump == ModDump)
+        PrintRow(row, &slot);
+    else
+        row.Dump(row.pMod, 0);
+}
 
 // ---- Statistics, under deferredFuncRegion
 
@@ -465,17 +567,8 @@ void ReportOutOfFuncBlocks(UInt32 taskID, DeferredFuncPtrT pFunc)
     t_copy_name(taskID, to);
     logwarn("MOD", "can't defer function call from %4.4s to task %4.4s func 0x%x, out of deferred function blocks\n",
             from, to, AddressWord(pFunc));
-    UInt32 oldestTask = 0, time = 0;
-    {
-        const SemaphoreHold hold(deferredFuncRegion);
-        const ModDeferredFuncT *pOldest = AsFunc(ListFirstElement(gPendDeferredFuncList));
-        if (pOldest == nullptr) // they have all been run meanwhile
-            return;
-        oldestTask = pOldest->destTaskID;
-        time = pOldest->time;
-    }
-    const WaitT oldest = WaitOf(oldestTask, time);
-    logwarn("MOD", "task %4.4s has not responded to deferred func calls for %dmS\n", oldest.name, oldest.waited);
+    if (const auto oldest = FindOldest<ModDeferredFuncT>(kFuncQueue); oldest.waits)
+        logwarn("MOD", "task %4.4s has not responded to deferred func calls for %dmS\n", oldest.task, oldest.waited);
 }
 
 } // namespace
@@ -485,6 +578,7 @@ void ReportOutOfFuncBlocks(UInt32 taskID, DeferredFuncPtrT pFunc)
 eErrorT ModInit(ModT *pMod, const char *pName, Int32 instance, ModT *pOwner)
 {
     os_assert(pMod, "pMod");
+    os_assert(pName, "pName");
     pMod->instance = instance;
     pMod->pOwner = pOwner;
     std::snprintf(pMod->name, sizeof pMod->name, "%s", pName);
@@ -520,7 +614,7 @@ const char *ModName(ModT *pMod)
 {
     if (pMod == nullptr)
         return "none";
-    std::snprintf(pMod->fullname, sizeof pMod->fullname, "%s[%d]", pMod->name, pMod->instance);
+    FillFullName(pMod, pMod->fullname);
     return pMod->fullname;
 }
 
@@ -551,8 +645,9 @@ UInt32 ModID(ModT *pMod)
 
 ModT *ModFindByName(const char *pName, Int32 instance)
 {
+    os_assert(pName, "pName");
     const InterruptsOffHold hold;
-    for (const std::atomic<ModT *> &slot : gMods) {
+    for (const SlotT &slot : gMods) {
         ModT *pMod = slot;
         if (pMod != nullptr && pMod->instance == instance && IsNamed(pMod, pName))
             return pMod;
@@ -573,33 +668,16 @@ eErrorT ModDump(ModT *pMod, Int32 verbose)
     os_assert(pMod, "pMod");
     if (verbose != 0)
         ModDumpHeading();
-    char task[kTaskNameSize] = "";
-    if (pMod->taskID != 0)
-        t_copy_name(pMod->taskID, task);
-    std::printf("%-20.20s %8x %4.4s %c%c   \n", ModName(pMod), AddressWord(pMod), task,
-                (pMod->flags & kModFlagA) != 0 ? 'A' : ' ', pMod->initializedSig == kModSignature ? 'I' : ' ');
-    bool any = false;
-    ModCallbackT entry;
-    for (Int32 i = 0; CopyEntry(pMod, i, &entry) != nullptr; i++) {
-        if (entry.pFunc == nullptr)
-            continue;
-        std::printf("%s%d:0x%x ", any ? "" : "  callbacks: ", static_cast<Int32>(entry.funcIndex),
-                    AddressWord(entry.pFunc));
-        any = true;
-    }
-    if (any)
-        std::puts("");
+    PrintRow(RowOf(pMod), nullptr);
     return kNoError;
 }
 
 void ModDumpByName(const char *pName)
 {
+    os_assert(pName, "pName");
     ModDumpHeading();
-    for (const std::atomic<ModT *> &slot : gMods) {
-        ModT *pMod = slot;
-        if (pMod != nullptr && IsNamed(pMod, pName))
-            pMod->Dump(pMod, 0);
-    }
+    for (const SlotT &slot : gMods)
+        DumpSlot(slot, pName);
 }
 
 void ModDumpAll()
@@ -610,11 +688,8 @@ void ModDumpAll()
 void ModDumpRange(Int32 first, Int32 last)
 {
     ModDumpHeading();
-    for (Int32 i = std::max<Int32>(first, 0); i <= std::min<Int32>(last, kMaxMods - 1); i++) {
-        ModT *pMod = gMods[i];
-        if (pMod != nullptr)
-            pMod->Dump(pMod, 0);
-    }
+    for (Int32 i = std::max<Int32>(first, 0); i <= std::min<Int32>(last, kMaxMods - 1); i++)
+        DumpSlot(gMods[i], nullptr);
 }
 
 // ---- Log
@@ -623,16 +698,15 @@ void ModLog(ModT *pMod, LogLevelT level, const char *format, ...)
 {
     if (!WantsLines(pMod, format))
         return;
-    char whole[kFormatSize];
-    const FormatNameT name(pMod);
-    if (ShowsOwner(pMod))
-        std::snprintf(whole, sizeof whole, "%s[%d].%s[%d]: %s", FormatNameT(pMod->pOwner).text, pMod->pOwner->instance,
-                      name.text, pMod->instance, format);
-    else
-        std::snprintf(whole, sizeof whole, "%s[%d]: %s", name.text, pMod->instance, format);
+    char component[kFormatSize];
+    FillComponent(pMod, component);
+    FormatT whole;
+    whole.Add(component, false);
+    whole.Add(": ", false);
+    whole.Add(format, true);
     va_list arguments;
     va_start(arguments, format);
-    va_logmsg(arguments, level, nullptr, whole);
+    va_logmsg(arguments, level, nullptr, whole.text);
     va_end(arguments);
 }
 
@@ -641,11 +715,7 @@ void ModTrace(ModT *pMod, const char *format, ...)
     if (!WantsLines(pMod, format))
         return;
     char component[kFormatSize];
-    if (ShowsOwner(pMod))
-        std::snprintf(component, sizeof component, "%s[%d].%s[%d]", pMod->pOwner->name, pMod->pOwner->instance,
-                      pMod->name, pMod->instance);
-    else
-        std::snprintf(component, sizeof component, "%s[%d]", pMod->name, pMod->instance);
+    FillComponent(pMod, component);
     va_list arguments;
     va_start(arguments, format);
     va_logmsg(arguments, kLogDebug, component, format);
@@ -654,14 +724,15 @@ void ModTrace(ModT *pMod, const char *format, ...)
 
 eErrorT ModTraceFilterAdd(const char *pName)
 {
+    os_assert(pName, "pName");
     if (pName[0] == '\0')
         return kBadParameter;
     {
         const InterruptsOffHold hold;
-        for (char(&filter)[kModNameSize] : traceFilters) {
+        for (char(&filter)[kTraceFilterSize] : traceFilters) {
             if (filter[0] != '\0')
                 continue;
-            std::snprintf(filter, sizeof filter, "%s", pName);
+            std::strncpy(filter, pName, sizeof filter);
             NumTraceFilters++;
             return kNoError;
         }
@@ -672,11 +743,12 @@ eErrorT ModTraceFilterAdd(const char *pName)
 
 eErrorT ModTraceFilterDelete(const char *pName)
 {
+    os_assert(pName, "pName");
     {
         const InterruptsOffHold hold;
         const bool all = pName[0] == '*';
-        for (char(&filter)[kModNameSize] : traceFilters) {
-            if (filter[0] == '\0' || !(all || strcasecmp(filter, pName) == 0))
+        for (char(&filter)[kTraceFilterSize] : traceFilters) {
+            if (filter[0] == '\0' || !(all || IsFilter(filter, pName)))
                 continue;
             filter[0] = '\0';
             NumTraceFilters--;
@@ -713,6 +785,7 @@ eErrorT ModCallCallbacks(ModT *pMod, UInt32 funcIndex, const void *pArgs, Int32 
 
 eErrorT ModThrowException(ModT *pMod, UInt32 ExceptionIndex, const char *description, const void *pArgs, Int32 argLen)
 {
+    os_assert(description, "description");
     ModTrace(pMod, "exception:%s (%s)\n", ModExceptionString[ExceptionIndex], description);
     ModCallCallbacks(pMod, kModExceptionFunc, pArgs, argLen);
     return kNoError;
@@ -821,6 +894,7 @@ eErrorT ModSearchDeferredFunction(UInt32 taskID, DeferredFuncPtrT pFunc)
 
 eErrorT ModGetDeferredFunctionStats(UInt32 taskID, DeferredFuncStatsT *pStats)
 {
+    os_assert(pStats, "pStats");
     const SemaphoreHold hold(deferredFuncRegion);
     const DeferredFuncStatsT *pFound = taskID != 0 ? FindStats(taskID) : nullptr;
     if (pFound == nullptr)
@@ -831,16 +905,27 @@ eErrorT ModGetDeferredFunctionStats(UInt32 taskID, DeferredFuncStatsT *pStats)
 
 void ModDumpDeferredFunctions()
 {
-    const SemaphoreHold hold(deferredFuncRegion);
+    struct WaitingT {
+        UInt32 taskID;
+        DeferredFuncPtrT pFunc;
+        UInt32 time;
+    } waiting[kNumDeferredFuncs];
+    DeferredFuncStatsT allStats[kNumDFStats];
+    std::size_t count = 0;
+    {
+        const SemaphoreHold hold(deferredFuncRegion);
+        for (ListT *pElem = gPendDeferredFuncList; pElem != nullptr;
+             pElem = ListNextElement(gPendDeferredFuncList, pElem))
+            waiting[count++] = {AsFunc(pElem)->destTaskID, AsFunc(pElem)->pFunc, AsFunc(pElem)->time};
+        std::copy(std::begin(DFStats), std::end(DFStats), allStats);
+    }
     char name[kTaskNameSize];
     const UInt32 now = RealTimeMilliSeconds();
-    for (ListT *pElem = gPendDeferredFuncList; pElem != nullptr;
-         pElem = ListNextElement(gPendDeferredFuncList, pElem)) {
-        t_copy_name(AsFunc(pElem)->destTaskID, name);
-        std::printf("%4.4s func 0x%x waiting %ums\n", name, AddressWord(AsFunc(pElem)->pFunc),
-                    now - AsFunc(pElem)->time);
+    for (const WaitingT *pCall = waiting; pCall != waiting + count; pCall++) {
+        t_copy_name(pCall->taskID, name);
+        std::printf("%4.4s func 0x%x waiting %ums\n", name, AddressWord(pCall->pFunc), now - pCall->time);
     }
-    for (const DeferredFuncStatsT &stats : DFStats) {
+    for (const DeferredFuncStatsT &stats : allStats) {
         if (stats.taskID == 0)
             continue;
         t_copy_name(stats.taskID, name);

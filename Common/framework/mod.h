@@ -6,10 +6,13 @@
 // Locking: any task may call, without the interrupt lock. Changes of a callback array hold
 //          callbackSemaphore and, while the array is switched, the interrupt lock. A walk holds the
 //          interrupt lock while it copies an entry, and callbackSemaphore while it queues one.
-//          Callbacks run without any lock. A record must not be exited while another task works
-//          with it; configuration items are exited when they are deleted.
-// Errors:  a null record, a bad signature, a missing format or function, no memory for a callback and
-//          no block left for a deferred one are programming errors and stop the program.
+//          Callbacks run without any lock, and nothing is printed with one. A record must not be exited while
+//          another task works with it, but for the dumps; configuration items are exited when they are deleted.
+// Errors:  a null record, a bad signature, a missing name, format, description or function, no memory for a
+//          callback and no block left for a deferred one are programming errors and stop the program.
+// Shared:  gMods, numMods, callbackSemaphore, deferredCallbackRegion, gFreeDeferredCallbackList,
+//          gFreeDeferredCallbacks, gPendDeferredCallbackList, deferredFuncRegion, gFreeDeferredFuncs, DFStats,
+//          traceFilters, NumTraceFilters and ModExceptionString can be looked at by extern.
 #pragma once
 
 #include "Common/OS/logmsg.h"
@@ -103,13 +106,14 @@ eErrorT ModSetOwner(ModT *pMod, ModT *pOwner); // kNoError
 UInt32 ModGetProcNum(ModT *pMod);
 UInt32 ModID(ModT *pMod);
 
-// The entered record of that name (ignoring case) and instance, or null. That it stays is the caller's
-// business, here and in the dumps below.
+// The entered record of that name (ignoring case) and instance, or null. Nothing keeps the record: another task may
+// exit it, and free it, as soon as it is found. Only whoever knows that its service keeps it may use it.
 ModT *ModFindByName(const char *pName, Int32 instance);
 
 // Print on standard output. ModDump: one line, with its callbacks on a second; the heading before it
-// when verbose is not 0; kNoError. The others go through the records' own Dump: all of a name
-// (ignoring case), all, those in the table's slots first to last.
+// when verbose is not 0; kNoError. The others print that of all records of a name (ignoring case), of all, of those in
+// the table's slots first to last, and records may come and go meanwhile. A record that has a Dump of its own is
+// dumped by it, and its service has to keep the record until that is done.
 void ModDumpHeading();
 eErrorT ModDump(ModT *pMod, Int32 verbose);
 void ModDumpByName(const char *pName);
@@ -117,13 +121,15 @@ void ModDumpAll();
 void ModDumpRange(Int32 first, Int32 last);
 
 // Log a line under the module's name, "name[instance]: ..." or "owner[instance].name[instance]: ...".
-// ModLog: at a level, name and format together at most 255 characters; a format that is cut loses its
-// line feed, and the next piece goes onto the same line. ModTrace: at kLogDebug, with
-// the name as component. Once there is a trace filter only the modules that one names log at all.
+// Once there is a trace filter only the modules that one names log at all.
+// ModLog: at a level. The name is a part of the format, at most 255 characters with the caller's: "%%" in a name prints
+// one sign, and any other conversion in it is printed as it is written. What has no room is left out, from the first
+// conversion on that does not fit whole: the line feed is lost, and the next piece goes onto the same line.
+// ModTrace: at kLogDebug, with the name as component.
 __attribute__((format(printf, 3, 4))) void ModLog(ModT *pMod, LogLevelT level, const char *format, ...);
 __attribute__((format(printf, 2, 3))) void ModTrace(ModT *pMod, const char *format, ...);
 
-// Ten trace filters: names of 32 characters, ignoring case. Add: kNoError, kOutOfMemory when all are
+// Ten trace filters: names, of which 32 characters count, ignoring case. Add: kNoError, kOutOfMemory when all are
 // in use, kBadParameter for an empty name. Delete: the first of that name, or all with a name that begins with "*";
 // kNoError, or kBadParameter when there is none.
 eErrorT ModTraceFilterAdd(const char *pName);
@@ -161,6 +167,16 @@ void ModProcessDeferredCallbacks();
 // ---- Function calls handed to another task. pArgs is the copy of the caller's arguments.
 
 using DeferredFuncPtrT = void (*)(void *pArgs, Int32 argLen);
+
+// A function call on its way to another task.
+struct ModDeferredFuncT {
+    ListT list;
+    DeferredFuncPtrT pFunc;
+    UInt32 destTaskID;
+    UInt32 time; // RealTimeMilliSeconds when it was queued
+    Int32 argLen;
+    alignas(std::max_align_t) UInt8 args[kModMaxArgs];
+};
 
 // How long the calls of a task waited, in milliseconds. One entry for each of the first 100 tasks
 // that had a call.

@@ -8,6 +8,7 @@
 #include "Common/OS/osassert.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cctype>
 #include <cerrno>
 #include <charconv>
@@ -23,14 +24,14 @@
 
 Int32 ProcessorCnt;
 
-namespace
-{
-
+// For other units as well, by extern.
 pthread_mutex_t intsoffmutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_t intsoffthread; // the holder, 0 when free
 UInt32 intsoffcount;
-
 hwTypeT sHwType = kUninitialized;
+
+namespace
+{
 
 constexpr char kRelayPath[] = "/tmp/plaunch";
 constexpr std::size_t kRelayLine = 127;
@@ -131,10 +132,11 @@ void RecreateMutex(pthread_mutex_t *mutex, int type)
 
 // ---- Strings
 
-void MapCharacters(char *text, int (*map)(int))
+void MapCharacters(char *s, int (*map)(int))
 {
-    for (; *text != '\0'; text++)
-        *text = static_cast<char>(map(static_cast<UInt8>(*text)));
+    os_assert(s, "s");
+    for (; *s != '\0'; s++)
+        *s = static_cast<char>(map(static_cast<UInt8>(*s)));
 }
 
 bool IsSpace(char character)
@@ -230,6 +232,7 @@ void sstackBackTrace(UInt32 /*taskID*/)
 
 Int32 system_pthread(const char *command)
 {
+    os_assert(command, "command");
     const SemaphoreHold hold(RelaySemaphore());
     Int32 result = -1;
     if (hold.result() != 0) {
@@ -245,6 +248,8 @@ Int32 system_pthread(const char *command)
 
 Int32 read_command(const char *command, char *out, UInt32 size)
 {
+    os_assert(command, "command");
+    os_assert(out, "out");
     if (size == 0)
         return -1;
     out[0] = '\0';
@@ -257,20 +262,19 @@ Int32 read_command(const char *command, char *out, UInt32 size)
 
 Boolean is_NFS()
 {
-    static pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
-    static bool asked;
-    static Boolean answer;
-    MutexHold hold(&mutex);
-    if (!asked) {
+    constexpr Int32 kNotAsked = -1;
+    static std::atomic<Int32> answer{kNotAsked};
+    if (answer == kNotAsked) {
         char line[128];
-        answer = read_command("mount | grep 'on / type nfs'", line, sizeof(line)) == 0 && line[0] != '\0' ? 1 : 0;
-        asked = true;
+        const Int32 result = read_command("mount | grep 'on / type nfs'", line, sizeof(line));
+        answer = result == 0 && line[0] != '\0' ? 1 : 0;
     }
-    return answer;
+    return static_cast<Boolean>(answer.load());
 }
 
 Int32 find_pid(const char *name)
 {
+    os_assert(name, "name");
     constexpr std::size_t kNameLength = 15; // the kernel keeps no more of a command's name
     const Directory processes(opendir("/proc"));
     if (processes == nullptr)
@@ -292,6 +296,8 @@ Int32 find_pid(const char *name)
 
 Int32 read_env(const char *name, char *out, UInt32 size)
 {
+    os_assert(name, "name");
+    os_assert(out, "out");
     const char *value = std::getenv(name);
     if (size > 0)
         std::snprintf(out, size, "%s", value != nullptr ? value : "");
@@ -300,20 +306,22 @@ Int32 read_env(const char *name, char *out, UInt32 size)
 
 // ---- Strings
 
-char *strlwr(char *text)
+char *strlwr(char *s)
 {
-    MapCharacters(text, std::tolower);
-    return text;
+    MapCharacters(s, std::tolower);
+    return s;
 }
 
-char *strupr(char *text)
+char *strupr(char *s)
 {
-    MapCharacters(text, std::toupper);
-    return text;
+    MapCharacters(s, std::toupper);
+    return s;
 }
 
 int stricmp(const char *left, const char *right)
 {
+    os_assert(left, "left");
+    os_assert(right, "right");
     constexpr std::size_t kCompared = 255;
     char upperLeft[kCompared + 1] = {};
     char upperRight[kCompared + 1] = {};
@@ -324,6 +332,7 @@ int stricmp(const char *left, const char *right)
 
 char *itoa(Int32 value, char *out, Int32 radix)
 {
+    os_assert(out, "out");
     constexpr int kDigits = 33;
     char *end = out;
     if (radix == 10)
@@ -334,31 +343,35 @@ char *itoa(Int32 value, char *out, Int32 radix)
     return out;
 }
 
-char *trim_leading(char *text)
+char *trim_leading(char *s)
 {
-    const char *start = text;
+    os_assert(s, "s");
+    const char *start = s;
     while (IsSpace(*start))
         start++;
-    std::memmove(text, start, std::strlen(start) + 1);
-    return text;
+    std::memmove(s, start, std::strlen(start) + 1);
+    return s;
 }
 
-char *trim_trailing(char *text)
+char *trim_trailing(char *s)
 {
-    std::size_t length = std::strlen(text);
-    while (length > 0 && IsSpace(text[length - 1]))
+    os_assert(s, "s");
+    std::size_t length = std::strlen(s);
+    while (length > 0 && IsSpace(s[length - 1]))
         length--;
-    text[length] = '\0';
-    return text;
+    s[length] = '\0';
+    return s;
 }
 
-char *trim_str(char *text)
+char *trim_str(char *s)
 {
-    return trim_leading(trim_trailing(text));
+    return trim_leading(trim_trailing(s));
 }
 
 Int32 sp_printf(char *out, UInt32 size, const char *format, ...)
 {
+    os_assert(out, "out");
+    os_assert(format, "format");
     const std::size_t length = strnlen(out, size);
     va_list arguments;
     va_start(arguments, format);

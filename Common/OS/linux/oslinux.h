@@ -1,11 +1,12 @@
 // Small services of the operating-system layer: the interrupt lock, processor and hardware
-// information, the command relay, string and process helpers.
+// information, the command relay, string and process helpers. A null pointer stops the program.
 #pragma once
 
 #include "Common/types.h"
 
 // ---- Interrupt lock: one lock for the whole process that stands in for disabling interrupts.
-// It does not nest unless os_init has run, which nothing in the updater calls.
+// It does not nest unless os_init has run, which nothing in the updater calls. Its variables intsoffmutex,
+// intsoffthread and intsoffcount, and sHwType of the hardware type, can be looked at by extern.
 
 // Takes the lock. Returns the nesting depth, 1 for the outermost take.
 UInt32 interruptsOff();
@@ -68,7 +69,8 @@ Int32 system_pthread(const char *command);
 // (size bytes with the terminator). Returns 0, or -1 with out empty.
 Int32 read_command(const char *command, char *out, UInt32 size);
 
-// 1 when the root file system is on NFS. Asks once and remembers.
+// 1 when the root file system is on NFS. Asks once and remembers; tasks that ask at the same time run the command
+// each for itself, because no lock is held while it runs.
 Boolean is_NFS();
 
 // Process id of the first process whose command name, of which the kernel keeps 15 characters,
@@ -81,8 +83,8 @@ Int32 read_env(const char *name, char *out, UInt32 size);
 
 // ---- Strings; all of them work in place and return their argument unless said otherwise.
 
-char *strlwr(char *text);
-char *strupr(char *text);
+char *strlwr(char *s);
+char *strupr(char *s);
 
 // Compares ignoring case; only the first 255 characters of each string count. Result as strcmp.
 int stricmp(const char *left, const char *right);
@@ -91,9 +93,9 @@ int stricmp(const char *left, const char *right);
 // out holds 34 characters or more. Only radix 10 shows a sign.
 char *itoa(Int32 value, char *out, Int32 radix);
 
-char *trim_leading(char *text); // white space, as isspace has it
-char *trim_trailing(char *text);
-char *trim_str(char *text); // both ends
+char *trim_leading(char *s); // white space, as isspace has it
+char *trim_trailing(char *s);
+char *trim_str(char *s); // both ends
 
 // Appends formatted text to the string in out (size bytes in all, cut to fit). Returns the new length.
 __attribute__((format(printf, 3, 4))) Int32 sp_printf(char *out, UInt32 size, const char *format, ...);
