@@ -19,17 +19,33 @@ void CheckNumbers(const char *value)
     CHECK(narrow == (isNarrow ? wide : 77));
 }
 
+// The pieces that a text is read in.
+std::vector<std::string> Pieces(std::string_view text, std::size_t size)
+{
+    std::vector<std::string> pieces;
+    while (!text.empty()) {
+        const std::string_view line = text.substr(0, text.find('\n'));
+        std::string_view rest = line.substr(0, line.find('\r'));
+        do {
+            pieces.push_back(FirstLine(rest, size));
+            rest.remove_prefix(std::min(rest.size(), size - 1));
+        } while (!rest.empty());
+        text.remove_prefix(std::min(text.size(), line.size() + 1));
+    }
+    return pieces;
+}
+
 void CheckLines(std::string_view text, std::size_t size)
 {
     std::vector<char> line(size);
     ConfigFileT file;
     CHECK(ConfigStoreReadOpen("item", 0, &file) == kNoError);
-    while (ConfigStoreReadGetLine(&file, line.data(), static_cast<UInt32>(size)) == kNoError) {
-        const std::string_view piece = text.substr(0, std::min(text.find('\n'), size - 2) + 1);
-        CHECK(!piece.empty() && line.data() == FirstLine(piece, size));
-        text.remove_prefix(piece.size());
+    for (const std::string &piece : Pieces(text, size)) {
+        CHECK(ConfigStoreReadGetLine(&file, line.data(), static_cast<UInt32>(size)) == kNoError);
+        CHECK(line.data() == piece);
     }
-    CHECK(text.empty() && line[0] == '\0');
+    CHECK(ConfigStoreReadGetLine(&file, line.data(), static_cast<UInt32>(size)) == kEndOfFile);
+    CHECK(line[0] == '\0');
     ConfigStoreReadClose(&file);
 }
 

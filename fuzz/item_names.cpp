@@ -47,6 +47,9 @@ void ExpectRefusal(const char *name, Int32 instance)
     CHECK(ConfigWrite(name, instance, "value") == kBadParameter);
     CHECK(Read(name, instance) == "(none)");
     CHECK(ConfigDelete(name, instance) == kItemNotFound);
+    CHECK(ConfigWriteCacheOnly(name, instance, "value") == kNoError);
+    CHECK(Read(name, instance) == "value");
+    CHECK(ConfigDelete(name, instance) == kNoError);
 }
 
 std::ptrdiff_t CountEntries(const char *folder)

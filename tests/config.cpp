@@ -3,7 +3,11 @@
 #include "tests/logwriter.h"
 
 #include <csignal>
+#include <poll.h>
 #include <sys/resource.h>
+
+extern std::atomic<Int32> gConfigInitialized, gsConfigWriteOutstanding;
+extern UInt32 configSemaphore;
 
 namespace
 {
@@ -22,7 +26,6 @@ TEST(Config, KeepsItemsInCacheAndStore)
     const ConfigFolders folders;
     EXPECT_DEATH(ConfigRead(nullptr, 0, nullptr), "failed: pName,");
     EXPECT_DEATH(ConfigRead("a", 0, nullptr), "failed: value,");
-    loginfo("test", "x\n"); // the first line reads its settings, and ConfigExit must not meet that
     const std::string longest(32, 'n'), x(5000, 'x');
     for (const auto &[text, value] : {std::pair{"", ""}, {"first", "first"}, {"second", "first"}}) {
         folders.Put("dat/item.dat", text);
@@ -32,25 +35,29 @@ TEST(Config, KeepsItemsInCacheAndStore)
     EXPECT_EQ(Read("item") + folders.Get("dat/item.dat"), "cachedsecond");
     EXPECT_EQ(ConfigWrite((longest + "more").c_str(), 2, x.c_str()), kNoError);
     EXPECT_EQ(Read(longest, 2) + folders.Get("dat/" + longest + "2.dat"), x.substr(0, 740) + "\n");
+    EXPECT_EQ(gsConfigWriteOutstanding, 1);
     ConfigExit(), ConfigExit(); // once
+    EXPECT_EQ(gsConfigWriteOutstanding, 0);
     EXPECT_EQ(Read("item") + Read(longest + "MORE", 2), "second" + x.substr(0, 369));
     folders.Put("choice/item.choice", "default");
     EXPECT_FALSE(ConfigWrite("item", 0, "mine") || ConfigRestore("ITEM", 0));
     EXPECT_EQ(Read("item") + folders.Get("dat/item.dat"), "defaultdefault\n");
     std::signal(SIGXFSZ, SIG_IGN);
-    const rlimit full = {300, RLIM_INFINITY}, empty = {RLIM_INFINITY, RLIM_INFINITY};
-    for (const char *folder : {"../dat/folder.dat", "../dat/taken.dat.new"})
-        std::filesystem::create_directory(folder);
+    const rlimit full = {300, RLIM_INFINITY}, fuller = {0, RLIM_INFINITY}, empty = {RLIM_INFINITY, RLIM_INFINITY};
     testing::internal::CaptureStderr();
     setrlimit(RLIMIT_FSIZE, &full);
-    EXPECT_TRUE(ConfigWrite("item", 0, x.c_str()) == kBadParameter && ConfigWrite("folder", 0, "v") == kBadParameter);
-    EXPECT_EQ(ConfigWrite("taken", 0, "v"), kBadParameter);
+    EXPECT_EQ(ConfigWrite("item", 0, x.c_str()), kBadParameter);
     setrlimit(RLIMIT_FSIZE, &empty);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "ConfigStoreWrite: fwrite: File too large\nConfigStoreWrite: fopen: Is a directory\n"
-              "ConfigStoreWrite: fopen: File exists\n");
-    EXPECT_EQ(Read("item") + Read("folder") + folders.Get("dat/item.dat") + folders.Get("dat/item.dat.new"),
-              "default-25default\nmissing");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "ConfigStoreWrite: fwrite: File too large\n");
+    EXPECT_EQ(Read("item") + folders.Get("dat/item.dat"), x.substr(0, 370) + "default\n");
+    setrlimit(RLIMIT_FSIZE, &fuller);
+    EXPECT_EQ(ConfigWrite("item", 0, ""), kBadParameter);
+    setrlimit(RLIMIT_FSIZE, &empty);
+    EXPECT_EQ(Read("item"), "default"); // an empty value is looked for in the file, and does not come back from there
+    EXPECT_STREQ(LookupItemInCache("item", 0)->value, "");
+    EXPECT_EQ(ConfigWrite("item", 0, ""), kNoError);
+    EXPECT_EQ(folders.Get("dat/item.dat"), "\n");
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator("../dat"), {}), 2) << "temporary files";
     EXPECT_TRUE(ConfigWrite("item", 0, "new") == kNoError && folders.Get("dat/item.dat") == "new\n");
     EXPECT_EQ(ConfigDelete("item", 0), kNoError);
     EXPECT_EQ(ConfigDelete("item", 0), kItemNotFound);
@@ -58,7 +65,55 @@ TEST(Config, KeepsItemsInCacheAndStore)
     EXPECT_EQ(ConfigWriteCacheOnly("gone", 0, "v"), kNoError);
     EXPECT_EQ(ConfigDelete("gone", 0), kNoError);
     EXPECT_EQ(ConfigRestore("gone", 0) + ConfigRestore("a/b", 0), 2 * kItemNotFound);
+    std::filesystem::create_directory("../dat/folder.dat");
     EXPECT_EQ(ConfigDelete("folder", 0), kBadParameter);
+    for (const char *name : {"", "a/b", "a\nb"})
+        EXPECT_EQ(ConfigWriteCacheOnly(name, 0, "cached") == kNoError ? Read(name) : "", "cached") << name;
+}
+
+void EndAtOnce(useconds_t pause)
+{
+    ConfigInit();
+    usleep(pause);
+    ConfigExit();
+    UInt32 task = 0;
+    _exit(t_ident("csyn", 0, &task) == 9 && gConfigInitialized == 0 && configSemaphore == 0 ? 0 : 1);
+}
+
+TEST(Config, EndsWithItsFlushTask)
+{
+    const ConfigFolders folders;
+    for (useconds_t pause = 0; pause < 500; pause += 25) // the task's first log line starts the database as well
+        EXPECT_EXIT(EndAtOnce(pause), testing::ExitedWithCode(0), "");
+    for (int i = 0; i < 2; i++) {
+        ConfigInit();
+        const MutexHold hold(&tcblistmutex);
+        EXPECT_TRUE(tcblist != nullptr && tcblist->next == nullptr);
+    }
+}
+
+// The thread that dumps waits for standard output, a pipe that nobody reads yet.
+TEST(Config, DumpsWithoutHoldingAnybodyUp)
+{
+    const ConfigFolders folders;
+    for (Int32 i = 0; i < 300; i++)
+        ConfigWriteCacheOnly("n", i, std::string(300, 'x').c_str());
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    std::fflush(stdout);
+    const int terminal = dup(STDOUT_FILENO);
+    dup2(ends[1], STDOUT_FILENO);
+    std::jthread dumping([] { ConfigDumpAll(), std::fflush(stdout); });
+    pollfd full = {ends[1], POLLOUT, 0};
+    EXPECT_TRUE(Eventually([&] { return poll(&full, 1, 0) == 0; }));
+    std::atomic<Int32> written = 0;
+    const std::jthread writing([&] { written = ConfigWriteCacheOnly("n", 0, "new") == kNoError ? 1 : -1; });
+    EXPECT_TRUE(Eventually([&] { return written == 1; }));
+    std::string text;
+    for (char chunk[4096]; text.find("n[299]") == text.npos;)
+        text.append(chunk, static_cast<std::size_t>(read(ends[0], chunk, sizeof chunk)));
+    dumping.join();
+    dup2(terminal, STDOUT_FILENO);
 }
 
 TEST(Config, ReadsAndWritesNumbers)
@@ -70,7 +125,9 @@ TEST(Config, ReadsAndWritesNumbers)
         ConfigWrite("n", 0, row.substr(0, row.find('|')).c_str());
         EXPECT_EQ(Read("n") + get(ConfigReadInt32, 9) + get(ConfigReadInt16, Int16{9}) + get(ConfigReadBool, 9u), row);
     }
-    EXPECT_EQ(ConfigReadInt32("none", 0, nullptr), kItemNotFound);
+    Int32 number = 9;
+    EXPECT_EQ(ConfigReadInt32("none", 0, &number), kItemNotFound);
+    EXPECT_EQ(number, 9);
     EXPECT_EQ(ConfigWriteInt32("a", 0, INT32_MIN) + ConfigWriteBool("b", 0, 2) + ConfigWrite3("c", 1, -2, 3, "w"), 0);
     EXPECT_EQ(ConfigWriteInt16("d", 0, INT16_MIN) + ConfigWrite2("c", 1, -2, "v"), 0);
     char two[kConfigValueSize], three[kConfigValueSize];
@@ -132,6 +189,83 @@ TEST(Config, LogsChangesAndNotifiesTheTasksThatAsked)
     ConfigAddImmediateCallback("here", 7, Tell, all); // an item that has no value yet
     WriteItemToCache("Here", 2, "v"), ConfigDumpByName("HERE");
     EXPECT_EQ(writer.Drained(), "\nConfig item                         value\nhere[2]                             v\n");
+}
+
+TEST(Config, TriesTheFileOfAValueAgainAndTellsOnce)
+{
+    const ConfigFolders folders;
+    LogWriter writer(0);
+    syslogSetLogLevel(kLogInfo);
+    t_attach("here", 10);
+    char own[] = "own";
+    ConfigAddImmediateCallback("item", 0, Tell, own);
+    std::filesystem::create_directory("../dat/item.dat");
+    for (int i = 0; i < 2; i++)
+        EXPECT_EQ(ConfigWrite("item", 0, "new"), kBadParameter);
+    EXPECT_EQ(Read("item"), "new");
+    EXPECT_EQ(writer.Drained(), "pc[0]: config: item[0]:new\npc[0]: item[0]: own here item[0] 0 rw new\n");
+    std::filesystem::remove("../dat/item.dat");
+    EXPECT_EQ(ConfigWrite("item", 0, "new"), kNoError);
+    EXPECT_EQ(folders.Get("dat/item.dat"), "new\n");
+    EXPECT_EQ(writer.Drained(), "");
+    std::filesystem::remove("../dat/item.dat");
+    EXPECT_EQ(ConfigWrite("item", 0, "new"), kNoError); // the file had it
+    EXPECT_EQ(ConfigWriteCacheOnly("item", 0, "cached"), kNoError);
+    EXPECT_EQ(ConfigWrite("item", 0, "cached"), kNoError); // the file was not to have it
+    EXPECT_EQ(folders.Get("dat/item.dat"), "missing");
+}
+
+struct NullT {
+    const char *text;
+    void (*call)();
+};
+ConfigFileT closed;
+char buffer[kConfigValueSize];
+const NullT kNulls[] = {
+    {"pName", [] { ConfigStoreRead(nullptr, 0, buffer, 1); }},
+    {"s", [] { ConfigStoreRead("a", 0, nullptr, 1); }},
+    {"len", [] { ConfigStoreRead("a", 0, buffer, 0); }},
+    {"pName", [] { ConfigStoreChoiceRead(nullptr, 0, buffer, 1); }},
+    {"s", [] { ConfigStoreChoiceRead("a", 0, nullptr, 1); }},
+    {"len", [] { ConfigStoreChoiceRead("a", 0, buffer, 0); }},
+    {"pName", [] { ConfigStoreWrite(nullptr, 0, ""); }},
+    {"value", [] { ConfigStoreWrite("a", 0, nullptr); }},
+    {"pName", [] { ConfigStoreDelete(nullptr, 0); }},
+    {"pName", [] { ConfigStoreIsValidName(nullptr); }},
+    {"pName", [] { ConfigGetDatFileName(nullptr, 0, buffer); }},
+    {"path", [] { ConfigGetDatFileName("a", 0, nullptr); }},
+    {"pName", [] { ConfigGetChoiceFileName(nullptr, 0, buffer); }},
+    {"path", [] { ConfigGetChoiceFileName("a", 0, nullptr); }},
+    {"path", [] { ConfigIsFileExist(nullptr); }},
+    {"path", [] { ConfigIsFolderExist(nullptr); }},
+    {"pName", [] { ConfigStoreReadOpen(nullptr, 0, &closed); }},
+    {"pFile", [] { ConfigStoreReadOpen("a", 0, nullptr); }},
+    {"pFile", [] { ConfigStoreReadGetLine(nullptr, buffer, 2); }},
+    {"pFile->stream", [] { ConfigStoreReadGetLine(&closed, buffer, 2); }},
+    {"pFile->stream", [] { ConfigStoreReadOpen("a", 0, &closed), ConfigStoreReadClose(&closed); }},
+    {"pName", [] { ConfigStoreWriteOpen(nullptr, 0, &closed); }},
+    {"pFile", [] { ConfigStoreWriteOpen("a", 0, nullptr); }},
+    {"line", [] { ConfigStoreWriteOpen("a", 0, &closed), ConfigStoreWritePutLine(&closed, nullptr); }},
+    {"pFile->isWritten", [] { ConfigStoreWritePutLine(&closed, ""); }},
+    {"pFile->isWritten", [] { ConfigStoreWriteClose(&closed); }},
+    {"response", [] { remoteRspCallback(nullptr, nullptr, buffer); }},
+    {"command", [] { RemMsgSendCmd(nullptr, nullptr, nullptr); }},
+    {"pName", [] { ConfigWrite(nullptr, 0, ""); }},
+    {"value", [] { ConfigWrite("a", 0, nullptr); }},
+    {"access", [] { ConfigWritePerm("a", 0, "", nullptr); }},
+    {"pValue", [] { ConfigReadInt32("a", 0, nullptr); }},
+    {"pValue", [] { ConfigReadInt16("a", 0, nullptr); }},
+    {"pValue", [] { ConfigReadBool("a", 0, nullptr); }},
+    {"value", [] { ConfigRead3("a", 1, 2, 3, nullptr); }},
+    {"pFunc", [] { ConfigAddImmediateCallback("a", 0, nullptr, nullptr); }},
+    {"pFunc", [] { ConfigDeleteCallback("a", 0, nullptr, nullptr); }},
+};
+
+TEST(Config, StopsOnNullArguments)
+{
+    const ConfigFolders folders;
+    for (const NullT &row : kNulls)
+        EXPECT_DEATH(row.call(), "failed: "s + row.text + ", file .*Common/framework/");
 }
 
 } // namespace

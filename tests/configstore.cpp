@@ -3,10 +3,21 @@
 #include "tests/folders.h"
 #include "tests/logwriter.h"
 
+#include <barrier>
+#include <fcntl.h>
+#include <grp.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
 namespace
 {
 
 using namespace std::string_literals;
+
+std::function<void()> meanwhile; // what happens once while the master is asked, or before a file is removed
+std::atomic<UInt32> processor;   // the one that the run-time takes itself for
+std::string sent, answer;        // all commands; what reads are answered with, unless it is empty
 
 std::string Read(const std::string &name, Int32 instance = 0, UInt32 len = 8)
 {
@@ -48,15 +59,218 @@ TEST(ConfigStore, WritesLinesUnderNamesThatStayInTheFolder)
         EXPECT_EQ(Read(name) + std::to_string(ConfigStoreDelete(name.c_str(), 0)), "-3-25") << name;
         EXPECT_EQ(ConfigStoreWrite(name.c_str(), 0, "y"), kBadParameter) << name;
     }
-    ConfigFileT file;
+    ConfigFileT file, other;
+    ASSERT_EQ(ConfigStoreWriteOpen("item", 0, &other), kNoError);
     ASSERT_EQ(ConfigStoreWriteOpen("item", 0, &file), kNoError);
+    EXPECT_EQ(ConfigStoreWritePutLine(&other, "other"), kNoError);
+    EXPECT_EQ(ConfigStoreWriteClose(&other), kNoError);
     EXPECT_FALSE(ConfigStoreWritePutLine(&file, "12345\n6") || ConfigStoreWritePutLine(&file, "a\rb"));
     EXPECT_FALSE(ConfigStoreWriteClose(&file) || ConfigStoreReadOpen("item", 0, &file));
-    std::string lines;
-    for (char text[4]; ConfigStoreReadGetLine(&file, text, sizeof text) == kNoError;)
-        lines += text + "|"s;
-    EXPECT_EQ(lines + folders.Get("dat/item.dat"), "123|45|a|12345\na\n");
+    EXPECT_EQ(folders.Get("dat/item.dat"), "12345\na\n");
+    EXPECT_TRUE((fcntl(fileno(file.stream), F_GETFD) & FD_CLOEXEC) != 0);
     ConfigStoreReadClose(&file);
+}
+
+TEST(ConfigStore, ReadsLines)
+{
+    const ConfigFolders folders;
+    const std::pair<std::string, std::string> cases[] = {
+        {"1234567\nx", "1234567|x|"},
+        {"1234567\r\nx", "1234567|x|"},
+        {"123456\r\nx\n", "123456|x|"},
+        {"1234567", "1234567|"},
+        {"1234567\r", "1234567|"},
+        {"12345678\n\nx\n", "1234567|8||x|"},
+        {"12345678901234\r\n", "1234567|8901234|"},
+        {"ab\rcdefghijkl\nx\r", "ab|x|"},
+        {"\r\n\n", "||"},
+        {"", ""},
+    };
+    for (const auto &[text, expected] : cases) {
+        folders.Put("dat/item.dat", text);
+        ConfigFileT file;
+        ASSERT_EQ(ConfigStoreReadOpen("item", 0, &file), kNoError);
+        std::string lines;
+        for (char line[8]; ConfigStoreReadGetLine(&file, line, sizeof line) == kNoError;)
+            lines += line + "|"s;
+        EXPECT_EQ(lines, expected);
+        ConfigStoreReadClose(&file);
+    }
+}
+
+struct stat StatusOf(const std::string &file)
+{
+    struct stat status = {};
+    EXPECT_EQ(lstat(("../" + file).c_str(), &status), 0) << file;
+    return status;
+}
+
+TEST(ConfigStore, ReplacesAFileThatIsOnlyAnItems)
+{
+    const ConfigFolders folders;
+    folders.Put("dat/item.dat", "old");
+    folders.Put("dat/item.dat.0.new", "left over"); // by a process that was killed
+    folders.Put("work/else", "not ours");
+    std::filesystem::create_directory("../dat/item.dat.1.new");
+    std::filesystem::create_symlink("../work/else", "../dat/item.dat.2.new");
+    chmod("../dat/item.dat", 0640);
+    EXPECT_TRUE(geteuid() != 0 || chown("../dat/item.dat", 1234, 5678) == 0);
+    const struct stat old = StatusOf("dat/item.dat");
+    const int open = ::open("../dat/item.dat", O_RDONLY);
+    EXPECT_EQ(ConfigStoreWrite("item", 0, "new"), kNoError);
+    const struct stat now = StatusOf("dat/item.dat");
+    EXPECT_NE(now.st_ino, old.st_ino); // who has opened the old one reads that
+    EXPECT_EQ(now.st_mode, old.st_mode);
+    EXPECT_EQ(now.st_uid, old.st_uid);
+    EXPECT_EQ(now.st_gid, old.st_gid);
+    EXPECT_EQ(folders.Get("dat/item.dat"), "new\n");
+    EXPECT_EQ(folders.Get("dat/item.dat.0.new"), "missing");
+    close(open);
+    folders.Put("dat/item.dat.0.new", "being written");
+    const int writer = ::open("../dat/item.dat.0.new", O_WRONLY);
+    flock(writer, LOCK_EX);
+    EXPECT_EQ(ConfigStoreWrite("item", 0, "newer"), kNoError);
+    EXPECT_EQ(folders.Get("dat/item.dat"), "newer\n");
+    EXPECT_EQ(folders.Get("dat/item.dat.0.new"), "being written");
+    EXPECT_EQ(folders.Get("work/else"), "not ours");
+    close(writer);
+}
+
+std::string refused; // a system call that fails
+
+TEST(ConfigStore, DoesNotCacheWhatIsBeingDeleted)
+{
+    const ConfigFolders folders;
+    char value[kConfigValueSize];
+    EXPECT_EQ(ConfigWrite("item", 0, "old"), kNoError);
+    meanwhile = [&value] { EXPECT_EQ(ConfigRead("item", 0, value), kNoError); };
+    EXPECT_EQ(ConfigDelete("item", 0), kNoError);
+    EXPECT_STREQ(value, "old");
+    EXPECT_EQ(ConfigRead("item", 0, value), kItemNotFound);
+}
+
+TEST(ConfigStore, WritesInPlaceWhatCannotBeReplaced)
+{
+    const ConfigFolders folders;
+    for (const char *call : {"flock", "fchmod", "rename"}) {
+        folders.Put("dat/item.dat", "old and longer\n");
+        const ino_t old = StatusOf("dat/item.dat").st_ino;
+        refused = call;
+        EXPECT_EQ(ConfigStoreWrite("item", 0, call), kNoError);
+        EXPECT_EQ(folders.Get("dat/item.dat"), call + "\n"s);
+        EXPECT_EQ(StatusOf("dat/item.dat").st_ino, old) << call;
+        EXPECT_EQ(std::distance(std::filesystem::directory_iterator("../dat"), {}), 1) << call;
+    }
+}
+
+TEST(ConfigStore, WritesLinksInPlace)
+{
+    const ConfigFolders folders;
+    folders.Put("work/target", "a long old value\n");
+    std::filesystem::create_symlink("../work/target", "../dat/link.dat");
+    std::filesystem::create_symlink("../work/nothing", "../dat/dangling.dat");
+    folders.Put("dat/hard.dat", "old\n");
+    std::filesystem::create_hard_link("../dat/hard.dat", "../work/hard");
+    std::filesystem::create_symlink("/dev/null", "../dat/device.dat");
+    for (const char *name : {"link", "dangling", "hard", "device"})
+        EXPECT_EQ(ConfigStoreWrite(name, 0, "new"), kNoError);
+    for (const char *file : {"work/target", "work/nothing", "work/hard", "dat/hard.dat"})
+        EXPECT_EQ(folders.Get(file), "new\n") << file;
+    for (const char *name : {"link", "dangling", "device"})
+        EXPECT_TRUE(std::filesystem::is_symlink("../dat/"s + name + ".dat")) << name;
+    std::filesystem::create_symlink("/dev/full", "../dat/full.dat");
+    std::filesystem::create_directory("../dat/folder.dat");
+    testing::internal::CaptureStderr();
+    for (const char *name : {"full", "folder"})
+        EXPECT_EQ(ConfigStoreWrite(name, 0, "new"), kBadParameter);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "ConfigStoreWrite: fwrite: No space left on device\nConfigStoreWrite: fopen: Is a directory\n");
+}
+
+// As somebody who owns "own", "group", whose group is another, and "guarded", and may write "shared".
+void WriteAsNobody(const ConfigFolders &folders, mode_t folderMode, const std::string &expected)
+{
+    chmod("../dat", folderMode);
+    EXPECT_EQ(setgroups(0, nullptr) + setgid(65534) + setuid(65534), 0);
+    std::string results;
+    for (const char *name : {"own", "group", "shared", "guarded", "fresh"})
+        results += std::to_string(ConfigStoreWrite(name, 0, "new")) + " ";
+    EXPECT_EQ(results, expected);
+    EXPECT_EQ(folders.Get("dat/own.dat") + folders.Get("dat/group.dat") + folders.Get("dat/shared.dat"),
+              "new\nnew\nnew\n");
+    EXPECT_EQ(folders.Get("dat/guarded.dat"), "old\n");
+    _exit(testing::Test::HasFailure() ? 1 : 0);
+}
+
+TEST(ConfigStore, RefusesNoFileThatMayBeWritten)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can become somebody else";
+    for (const auto &[mode, expected] : {std::pair{mode_t{0777}, "0 0 0 -3 0 "}, {mode_t{0755}, "0 0 0 -3 -3 "}}) {
+        const ConfigFolders folders;
+        chmod("..", 0755);
+        for (const auto &[name, owner, group, permissions] : {std::tuple{"own", 65534u, 65534u, mode_t{0600}},
+                                                              {"group", 65534u, 0u, mode_t{0660}},
+                                                              {"shared", 0u, 65534u, mode_t{0664}},
+                                                              {"guarded", 65534u, 65534u, mode_t{0444}}}) {
+            const std::string file = "dat/"s + name + ".dat";
+            folders.Put(file, "old\n");
+            EXPECT_EQ(chown(("../" + file).c_str(), owner, group) + chmod(("../" + file).c_str(), permissions), 0);
+        }
+        const ino_t own = StatusOf("dat/own.dat").st_ino, shared = StatusOf("dat/shared.dat").st_ino;
+        EXPECT_EXIT(WriteAsNobody(folders, mode, expected), testing::ExitedWithCode(0), "");
+        EXPECT_EQ(StatusOf("dat/shared.dat").st_ino, shared); // its owner could not be kept otherwise
+        EXPECT_EQ(StatusOf("dat/group.dat").st_gid, 0u);
+        EXPECT_EQ(StatusOf("dat/own.dat").st_ino == own, mode == 0755);
+    }
+}
+
+TEST(ConfigStore, TwoProcessesWriteOneItem)
+{
+    const ConfigFolders folders;
+    folders.Put("dat/item.dat", "aaaa\n");
+    pid_t writers[2];
+    for (pid_t &writer : writers) {
+        if ((writer = fork()) != 0)
+            continue;
+        const std::string value(&writer == writers ? 4 : 300, &writer == writers ? 'a' : 'b');
+        Int32 failures = 0;
+        for (int i = 0; i < 3000; i++)
+            failures += ConfigStoreWrite("item", 0, value.c_str()) != kNoError ? 1 : 0;
+        _exit(failures != 0 ? 1 : 0);
+    }
+    int left = 2, status = 0;
+    for (pid_t ended; left > 0; left -= ended > 0 ? 1 : 0) {
+        const std::string value = Read("item", 0, 371);
+        EXPECT_TRUE(value == std::string(4, 'a') || value == std::string(300, 'b')) << value;
+        ended = waitpid(-1, &status, WNOHANG);
+        EXPECT_TRUE(ended <= 0 || status == 0);
+    }
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator("../dat"), {}), 1);
+}
+
+void StartAtOnce()
+{
+    stdout = stderr; // where the test looks
+    processor = 1;   // which reads no log settings: that would start one more task
+    std::barrier release(4);
+    {
+        std::deque<std::jthread> threads;
+        for (int i = 0; i < 4; i++)
+            threads.emplace_back([&release] { release.arrive_and_wait(), ConfigStoreInit(); });
+    }
+    int tasks = 0;
+    const MutexHold hold(&tcblistmutex);
+    for (const TCB *tcb = tcblist; tcb != nullptr; tcb = tcb->next, tasks++)
+        EXPECT_TRUE(tcb->thread != pthread_t{});
+    _exit(tasks == 4 && !testing::Test::HasFailure() ? 0 : 1);
+}
+
+TEST(ConfigStore, StartsOnceForEachCall)
+{
+    const ConfigFolders folders;
+    for (int i = 0; i < 30; i++)
+        EXPECT_EXIT(StartAtOnce(), testing::ExitedWithCode(0), "^Config Folder data[^\n]*\n$");
 }
 
 TEST(ConfigStore, FlushesOnceWhenTheLastWriteIsOldEnough)
@@ -73,9 +287,6 @@ TEST(ConfigStore, FlushesOnceWhenTheLastWriteIsOldEnough)
     EXPECT_EQ(ConfigStoreDelete("item", 0), kNoError);
     writer.Until("pc[0]: config: sync complete ");
 }
-
-std::atomic<UInt32> processor; // the one that the run-time takes itself for
-std::string sent, answer;      // all commands; what reads are answered with, unless it is empty
 
 // Answers the read before once more, which is too late, and this one from another thread.
 Int32 SendCmd(RemMsgPathT *pPath, const char *command, RemMsgRspT completion, void *context)
@@ -119,6 +330,80 @@ TEST(ConfigStore, AsksAndTellsTheMaster)
               "Waiting for master processor to open up message path\n");
 }
 
+// Elsewhere than on the master: what no command can carry is refused before one is sent.
+TEST(ConfigStore, SendsOnlyWhatTravels)
+{
+    const ConfigFolders folders;
+    loginfo("test", "reads the settings\n");
+    RemMsgPathT path = {{kRemMsgPathOpen}, SendCmd};
+    gRemMsgPaths[kMasterProcessor] = &path;
+    char value[kConfigValueSize] = "before";
+    for (const char *name : {"a b", "a\"b", "it's", "a\tb", "a/b", ""}) {
+        processor = 1;
+        EXPECT_EQ(ConfigRead(name, 7, value), kItemNotFound) << name;
+        EXPECT_STREQ(value, "");
+        EXPECT_EQ(ConfigWrite(name, 7, "v"), kBadParameter) << name;
+        EXPECT_EQ(ConfigStoreWrite(name, 7, "v"), kBadParameter) << name;
+        EXPECT_EQ(ConfigRead(name, 7, value), kItemNotFound) << name;
+        EXPECT_EQ(ConfigWriteCacheOnly(name, 7, "v"), kNoError) << name;
+        EXPECT_EQ(ConfigRead(name, 7, value), kNoError) << name;
+        processor = 0;
+        EXPECT_EQ(ConfigStoreWrite(name, 0, "a\"b"), ConfigStoreIsValidName(name) ? kNoError : kBadParameter) << name;
+    }
+    processor = 1;
+    EXPECT_EQ(ConfigWrite("n", 0, "a\"b"), kBadParameter);
+    EXPECT_EQ(sent, "");
+    EXPECT_EQ(ConfigWrite("n", 0, "it's\n\"b"), kNoError);
+    EXPECT_EQ(sent, "config n 0 \"it's\" rw file notify|");
+}
+
+// A message path that works with the database. Inside the commands of two writes it reads what the first one changed.
+Int32 SendAndRead(RemMsgPathT *pPath, const char *command, RemMsgRspT completion, void *context)
+{
+    static int depth = 0;
+    char value[kConfigValueSize];
+    sent += command + "|"s;
+    if (completion != nullptr) {
+        if (meanwhile)
+            std::exchange(meanwhile, nullptr)();
+        completion(pPath, answer.c_str(), context);
+    } else if (++depth == 1) {
+        EXPECT_EQ(ConfigWrite("second", 0, "v"), kNoError);
+    } else if (depth == 2) {
+        EXPECT_EQ(ConfigRead("first", 0, value), kNoError);
+    }
+    return 0;
+}
+
+TEST(ConfigStore, LetsTheMessagePathUseTheDatabase)
+{
+    const ConfigFolders folders;
+    loginfo("test", "reads the settings\n");
+    RemMsgPathT path = {{kRemMsgPathOpen}, SendAndRead};
+    gRemMsgPaths[kMasterProcessor] = &path;
+    processor = 1;
+    alarm(20);
+    t_attach("test", 10);
+    answer = "config first 0 stale";
+    EXPECT_EQ(ConfigWrite("first", 0, ""), kNoError);
+    EXPECT_EQ(sent, "config first 0 \"\" rw file notify|config second 0 \"v\" rw file notify|config first 0|");
+    answer = "config first 0 fresh";
+    char value[kConfigValueSize];
+    EXPECT_EQ(ConfigRead("first", 0, value), kNoError);
+    EXPECT_STREQ(value, "fresh");
+    const std::function<void()> changes[] = {[] { ConfigWrite("item", 0, ""); },
+                                             [] { WriteItemToCache("item", 0, ""); }};
+    for (const auto &change : changes) {
+        DeleteItemFromCache("item", 0);
+        meanwhile = change;
+        for (const char *word : {"stale", "fresh"}) { // the first one is not cached
+            answer = "config item 0 "s + word;
+            EXPECT_EQ(ConfigRead("item", 0, value), kNoError);
+            EXPECT_STREQ(value, word);
+        }
+    }
+}
+
 } // namespace
 
 extern "C" UInt32 __wrap__Z15GetProcessorNumv() // what the linker asks for: NOLINT(bugprone-reserved-identifier)
@@ -130,3 +415,28 @@ extern "C" Int32 __wrap__Z16GetNumProcessorsv() // NOLINT(bugprone-reserved-iden
 {
     return 3;
 }
+
+// NOLINTBEGIN(bugprone-reserved-identifier)
+extern "C" int __real_flock(int file, int operation);
+extern "C" int __real_fchmod(int file, mode_t mode);
+extern "C" int __real_rename(const char *from, const char *to);
+extern "C" int __real_unlink(const char *path);
+extern "C" int __wrap_unlink(const char *path)
+{
+    if (meanwhile)
+        std::exchange(meanwhile, nullptr)();
+    return __real_unlink(path);
+}
+extern "C" int __wrap_flock(int file, int operation)
+{
+    return refused == "flock" ? (errno = ENOLCK, -1) : __real_flock(file, operation);
+}
+extern "C" int __wrap_fchmod(int file, mode_t mode)
+{
+    return refused == "fchmod" ? (errno = EPERM, -1) : __real_fchmod(file, mode);
+}
+extern "C" int __wrap_rename(const char *from, const char *to)
+{
+    return refused == "rename" ? (errno = EBUSY, -1) : __real_rename(from, to);
+}
+// NOLINTEND(bugprone-reserved-identifier)

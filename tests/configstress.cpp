@@ -128,4 +128,33 @@ TEST(ConfigStress, EightTasksLoseNothing)
     }
 }
 
+std::ptrdiff_t Entries(const char *folder)
+{
+    return std::distance(std::filesystem::directory_iterator(folder), {});
+}
+
+TEST(ConfigStress, DeletedTasksLeaveNoFiles)
+{
+    const ConfigFolders folders;
+    gLibPThreadNPTL = 1;
+    loginfo("test", "starts the flush task\n");
+    const std::ptrdiff_t open = Entries("/proc/self/fd");
+    for (useconds_t pause = 0; pause < 2000; pause += 20) {
+        const UInt32 task = StartTask("strs", [] {
+            char value[kConfigValueSize];
+            for (;;) {
+                ConfigWrite("item", 0, ConfigRead("item", 0, value) == kNoError && value[0] == 'a' ? "b" : "a");
+                ConfigStoreRead("item", 0, value, sizeof value);
+                pthread_testcancel();
+            }
+        });
+        usleep(pause);
+        t_delete(task);
+        const std::string value = folders.Get("dat/item.dat");
+        EXPECT_TRUE(value == "a\n" || value == "b\n" || value == "missing") << value;
+    }
+    EXPECT_EQ(Entries("/proc/self/fd"), open);
+    EXPECT_EQ(Entries("../dat"), 1);
+}
+
 } // namespace

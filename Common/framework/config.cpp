@@ -15,27 +15,31 @@
 #include <cstring>
 #include <strings.h>
 
-namespace
-{
-
 constexpr UInt32 kNumBuckets = 128;
-constexpr std::size_t kNumberedNameSize = 256;
-constexpr UInt32 kNotifyFunc = 0; // funcIndex of change callbacks
 
 struct ConfigT {
     ModT mod;
     ListT *buckets[kNumBuckets];
 };
 
+// The database. Other units may look at it.
 ConfigT gConfig;
 UInt32 configSemaphore; // the cache
-UInt32 changeSemaphore; // one change of cache and store at a time; taken before configSemaphore
 std::atomic<Int32> gConfigInitialized;
-pthread_mutex_t startMutex = PTHREAD_MUTEX_INITIALIZER; // ConfigInit and ConfigExit
 
-// Under configSemaphore: a sequence counter of the changes, odd while one is on its way to the store. What
-// was read from the store meanwhile must not overwrite the cache.
-UInt32 gStoreSequence;
+namespace
+{
+
+constexpr std::size_t kNumberedNameSize = 256;
+constexpr UInt32 kNotifyFunc = 0; // funcIndex of change callbacks
+
+UInt32 changeSemaphore; // one change of cache and files at a time; taken before configSemaphore
+pthread_mutex_t startMutex = PTHREAD_MUTEX_INITIALIZER; // the database's start and end
+
+// Under configSemaphore. What was read from the store must not overwrite the cache when the store or the cache has
+// changed since, or the store was about to.
+UInt32 gChanges;         // beginnings and ends of changes
+UInt32 gChangesUnderWay; // not ended yet
 
 // Items whose values are never shown, and how many characters of a name decide.
 struct SensitiveRow {
@@ -77,7 +81,9 @@ struct KeyT {
     explicit KeyT(const char *pName)
     {
         os_assert(pName, "pName");
-        std::snprintf(text, sizeof text, "%s", pName);
+        const std::size_t length = strnlen(pName, sizeof text - 1);
+        std::memcpy(text, pName, length);
+        text[length] = '\0';
         strlwr(text);
     }
     char text[kConfigNameSize];
@@ -101,6 +107,11 @@ NumberedNameT NumberedName(const char *pName, Int32 n1, Int32 n2, Int32 n3)
     NumberedNameT name;
     std::snprintf(name.text, sizeof name.text, "%s%d_%d_%d", pName, n1, n2, n3);
     return name;
+}
+
+bool IsMaster()
+{
+    return GetProcessorNum() == kMasterProcessor;
 }
 
 void CopyValue(char (&to)[kConfigValueSize], const char *from)
@@ -146,6 +157,7 @@ void ForgetValue(ConfigItemT *pItem)
 {
     pItem->value[0] = '\0';
     pItem->known = 0;
+    pItem->unsaved = 0;
 }
 
 void FreeItem(ConfigItemT *pItem)
@@ -178,25 +190,32 @@ void ReportNoAccess(const char *message)
     logerr("config", message, name);
 }
 
-// Copies a cached value, empty when there is none, and the sequence counter of that moment.
-eErrorT ReadFromCache(const KeyT &key, Int32 instance, char (&value)[kConfigValueSize], UInt32 *pSequence)
+// When something was read.
+struct MomentT {
+    UInt32 changes;
+    bool isQuiet; // no change was under way
+};
+
+// Copies a cached value, empty when there is none.
+eErrorT ReadFromCache(const KeyT &key, Int32 instance, char (&value)[kConfigValueSize], MomentT *pMoment)
 {
     const SemaphoreHold hold(configSemaphore);
     if (hold.result() != 0)
         return kSemUnavail;
-    *pSequence = gStoreSequence;
+    *pMoment = {gChanges, gChangesUnderWay == 0};
     if (const ConfigItemT *pItem = FindItem(key, instance))
         CopyValue(value, pItem->value);
     return kNoError;
 }
 
-// Caches what was read from the store, unless that has changed since, or was about to.
-eErrorT CacheFromStore(const KeyT &key, Int32 instance, const char *value, UInt32 sequence)
+// Caches what was read from the store, if that still holds and the cache has nothing that the store still lacks.
+eErrorT CacheFromStore(const KeyT &key, Int32 instance, const char *value, const MomentT &since)
 {
     const SemaphoreHold hold(configSemaphore);
     if (hold.result() != 0)
         return kSemUnavail;
-    if (sequence == gStoreSequence && sequence % 2 == 0)
+    const ConfigItemT *pItem = FindItem(key, instance);
+    if (since.isQuiet && since.changes == gChanges && (pItem == nullptr || pItem->unsaved == 0))
         PutItem(key, instance, value);
     return kNoError;
 }
@@ -204,6 +223,8 @@ eErrorT CacheFromStore(const KeyT &key, Int32 instance, const char *value, UInt3
 // A number in decimal and nothing else.
 template <class Number> eErrorT ReadNumber(const char *pName, Int32 instance, Number *pValue)
 {
+    os_assert(pName, "pName");
+    os_assert(pValue, "pValue");
     char text[kConfigValueSize];
     if (const eErrorT result = ConfigRead(pName, instance, text); result != kNoError)
         return result;
@@ -216,53 +237,83 @@ template <class Number> eErrorT ReadNumber(const char *pName, Int32 instance, Nu
     return kNoError;
 }
 
-// ---- Changes, under changeSemaphore
+// ---- Changes
 
-// Marks the store as changing for the length of a scope.
+// A change of the store is under way for the length of a scope. Several may be.
 class StoreChangeScope
 {
 public:
-    StoreChangeScope() { Advance(); }
-    ~StoreChangeScope() { Advance(); }
+    StoreChangeScope() { Count(1); }
+    ~StoreChangeScope() { Count(UINT32_MAX); } // one less
     StoreChangeScope(const StoreChangeScope &) = delete;
     StoreChangeScope &operator=(const StoreChangeScope &) = delete;
 
 private:
-    static void Advance()
+    static void Count(UInt32 more)
     {
         const SemaphoreHold hold(configSemaphore);
-        gStoreSequence++;
+        if (hold.result() != 0)
+            return;
+        gChanges++;
+        gChangesUnderWay += more;
     }
 };
 
-// Gives the item the value. Returns kAlreadyExists when it has it already, kOutOfMemory when it could not be
-// added. *ppWatched is the item if anybody watches it, else null.
-eErrorT ChangeCache(const KeyT &key, Int32 instance, const char *value, ConfigItemT **ppWatched)
-{
-    const SemaphoreHold hold(configSemaphore);
-    ConfigItemT *pItem = FindItem(key, instance);
-    if (pItem != nullptr && pItem->known != 0 && std::strcmp(pItem->value, value) == 0)
-        return kAlreadyExists;
-    pItem = PutItem(key, instance, value);
-    *ppWatched = pItem != nullptr && pItem->mod.pCallbacks != nullptr ? pItem : nullptr;
-    return pItem != nullptr ? kNoError : kOutOfMemory;
-}
+// What a write has to do behind the cache.
+struct WorkT {
+    eErrorT result = kNoError; // so far
+    bool storesValue = false;
+    bool tells = false;              // the log and the callbacks
+    ConfigItemT *pWatched = nullptr; // the item, if anybody watches it
+};
 
-// *pChanged is false when there was nothing to do.
-eErrorT ChangeItem(const KeyT &key, const ConfigNotifyT &notify, bool *pChanged, ConfigItemT **ppWatched)
+// Gives the item the value, under changeSemaphore. There is nothing left to do when it has it already, unless a write
+// for the store did not get there.
+WorkT ChangeCache(const KeyT &key, const ConfigNotifyT &notify)
 {
     const auto instance = static_cast<Int32>(notify.instance);
+    const bool isForStore = (notify.flags & kConfigCacheOnly) == 0;
+    const SemaphoreHold hold(configSemaphore);
+    ConfigItemT *pItem = FindItem(key, instance);
+    if (pItem != nullptr && pItem->known != 0 && std::strcmp(pItem->value, notify.value) == 0)
+        return {.storesValue = isForStore && pItem->unsaved != 0};
+    pItem = PutItem(key, instance, notify.value);
+    if (pItem == nullptr)
+        return {.result = isForStore ? kNoError : kOutOfMemory, .storesValue = isForStore, .tells = isForStore};
+    pItem->unsaved = isForStore ? 1 : 0;
+    return {.storesValue = isForStore, .tells = true, .pWatched = pItem->mod.pCallbacks != nullptr ? pItem : nullptr};
+}
+
+eErrorT ChangeStore(const KeyT &key, const ConfigNotifyT &notify)
+{
+    const auto instance = static_cast<Int32>(notify.instance);
+    if (ConfigStoreWrite(key.text, instance, notify.value) != kNoError)
+        return kBadParameter;
+    const SemaphoreHold hold(configSemaphore);
+    ConfigItemT *pItem = FindItem(key, instance);
+    if (pItem != nullptr && std::strcmp(pItem->value, notify.value) == 0)
+        pItem->unsaved = 0;
+    return kNoError;
+}
+
+// The master writes the file before the next change begins. The others send a command, which is not done with a lock
+// held: the message path may need the database.
+WorkT ChangeItem(const KeyT &key, const ConfigNotifyT &notify)
+{
     const StoreChangeScope change;
-    const eErrorT cached = ChangeCache(key, instance, notify.value, ppWatched);
-    *pChanged = cached != kAlreadyExists;
-    if (!*pChanged)
-        return kNoError;
-    if ((notify.flags & kConfigCacheOnly) != 0)
-        return cached;
-    if (ConfigStoreWrite(key.text, instance, notify.value) == kNoError)
-        return kNoError;
-    DropItem(key, instance); // the next read gets what the store has, and the next write tries again
-    return kBadParameter;
+    const bool isMaster = IsMaster();
+    WorkT work;
+    {
+        const SemaphoreHold hold(changeSemaphore);
+        if (hold.result() != 0)
+            return {.result = kSemUnavail};
+        work = ChangeCache(key, notify);
+        if (work.storesValue && isMaster)
+            work.result = ChangeStore(key, notify);
+    }
+    if (work.storesValue && !isMaster)
+        work.result = ChangeStore(key, notify);
+    return work;
 }
 
 // The item, for its callbacks: added if need be; null when memory is short.
@@ -287,44 +338,83 @@ ConfigNotifyT Notification(const KeyT &key, Int32 instance, const char *value, c
     return notify;
 }
 
-// key null: all items.
-void DumpItems(const KeyT *key)
+// ---- Dump
+
+// Calls action for the items of that name, or for all when key is null. Under configSemaphore.
+template <class Action> void ForEachItem(const KeyT *key, Action action)
 {
-    ConfigInit();
-    ConfigDumpHeading();
-    const SemaphoreHold hold(configSemaphore);
     for (ListT *pHead : gConfig.buckets) {
         for (ListT *pElem = pHead; pElem != nullptr; pElem = ListNextElement(pHead, pElem)) {
-            ConfigItemT *pItem = AsItem(pElem);
+            const ConfigItemT *pItem = AsItem(pElem);
             if (pItem->known != 0 && (key == nullptr || std::strcmp(pItem->mod.name, key->text) == 0))
-                std::printf("%-35s %s\n", ModName(&pItem->mod),
-                            IsSensitive(pItem->mod.name) ? "(not shown)" : pItem->value);
+                action(pItem);
         }
     }
 }
 
-} // namespace
+struct DumpRowT {
+    char name[kModFullNameSize];
+    char value[kConfigValueSize];
+};
+
+// A copy of the items, so that nothing is printed with the cache held.
+class DumpRows
+{
+public:
+    explicit DumpRows(const KeyT *key);
+    ~DumpRows() { std::free(pRows_); }
+    DumpRows(const DumpRows &) = delete;
+    DumpRows &operator=(const DumpRows &) = delete;
+    void Print() const
+    {
+        for (std::size_t i = 0; i < count_; i++)
+            std::printf("%-35s %s\n", pRows_[i].name, pRows_[i].value);
+    }
+
+private:
+    DumpRowT *pRows_; // null: no item, or no memory
+    std::size_t count_ = 0;
+};
+
+DumpRows::DumpRows(const KeyT *key)
+{
+    const SemaphoreHold hold(configSemaphore);
+    std::size_t count = 0;
+    ForEachItem(key, [&count](const ConfigItemT *) { count++; });
+    pRows_ = static_cast<DumpRowT *>(std::calloc(count, sizeof(DumpRowT)));
+    if (pRows_ == nullptr)
+        return;
+    ForEachItem(key, [this](const ConfigItemT *pItem) {
+        DumpRowT &row = pRows_[count_++];
+        std::snprintf(row.name, sizeof row.name, "%s[%d]", pItem->mod.name, pItem->mod.instance);
+        CopyValue(row.value, IsSensitive(pItem->mod.name) ? "(not shown)" : pItem->value);
+    });
+}
+
+void DumpItems(const KeyT *key)
+{
+    ConfigInit();
+    ConfigDumpHeading();
+    DumpRows(key).Print();
+}
 
 // ---- Start and end
 
-eErrorT ConfigInit()
+// False when it runs already.
+bool StartDatabase()
 {
-    if (gConfigInitialized != 0)
-        return kNoError;
-    const CancelOffHold cancelOff; // done whole, or the next call would do it again
     const MutexHold hold(&startMutex);
     if (gConfigInitialized != 0)
-        return kNoError;
+        return false;
     if (sm_create("cnfg", 1, 2, &configSemaphore) == 0)
         sm_create("cnfc", 1, 2, &changeSemaphore); // without the other nothing may change
     gConfig = {};
     ModInit(&gConfig.mod, "Config", 0, nullptr);
-    ConfigStoreInit(); // the flush task that it starts logs, and waits for this to be over if that needs settings
     gConfigInitialized = 1;
-    return kNoError;
+    return true;
 }
 
-void ConfigExit()
+void StopDatabase()
 {
     const MutexHold hold(&startMutex);
     if (gConfigInitialized.exchange(0) == 0)
@@ -339,6 +429,27 @@ void ConfigExit()
     changeSemaphore = 0;
 }
 
+} // namespace
+
+eErrorT ConfigInit()
+{
+    if (gConfigInitialized != 0)
+        return kNoError;
+    const CancelOffHold cancelOff; // done whole, or the next call would do it again
+    ConfigInitFolderData();        // which prints, so not under the lock
+    if (StartDatabase())
+        ConfigStoreInit();
+    return kNoError;
+}
+
+void ConfigExit()
+{
+    if (gConfigInitialized == 0)
+        return;
+    ConfigStoreExit(); // the flush task logs, and so does its end: the settings that takes are still there
+    StopDatabase();
+}
+
 // ---- Reading
 
 eErrorT ConfigRead(const char *pName, Int32 instance, char *value)
@@ -346,9 +457,10 @@ eErrorT ConfigRead(const char *pName, Int32 instance, char *value)
     const KeyT key(pName);
     os_assert(value, "value");
     ConfigInit();
-    char found[kConfigValueSize] = "";
-    UInt32 sequence = 0;
-    if (ReadFromCache(key, instance, found, &sequence) != kNoError)
+    char found[kConfigValueSize];
+    found[0] = '\0';
+    MomentT before = {};
+    if (ReadFromCache(key, instance, found, &before) != kNoError)
         ReportNoAccess("can't acquire config database semaphore for reading, task=\"%s\"\n");
     eErrorT result = kNoError;
     if (found[0] == '\0') { // an empty cached value counts as missing
@@ -357,7 +469,7 @@ eErrorT ConfigRead(const char *pName, Int32 instance, char *value)
         result = ConfigStoreRead(key.text, instance, found, kConfigValueSize - 1);
         if (result != kNoError)
             found[0] = '\0';
-        else if (CacheFromStore(key, instance, found, sequence) != kNoError)
+        else if (CacheFromStore(key, instance, found, before) != kNoError)
             ReportNoAccess("can't acquire config database semaphore for writing, task=\"%s\"\n");
     }
     std::memcpy(value, found, std::strlen(found) + 1);
@@ -386,6 +498,8 @@ eErrorT ConfigReadInt16(const char *pName, Int32 instance, Int16 *pValue)
 
 eErrorT ConfigReadBool(const char *pName, Int32 instance, Boolean *pValue)
 {
+    os_assert(pName, "pName");
+    os_assert(pValue, "pValue");
     char text[kConfigValueSize];
     const eErrorT result = ConfigRead(pName, instance, text);
     if (result == kNoError)
@@ -400,26 +514,19 @@ eErrorT ConfigWriteEx(const char *pName, Int32 instance, const char *value, cons
     const KeyT key(pName);
     os_assert(value, "value");
     os_assert(access, "access");
-    if (!ConfigStoreIsValidName(key.text))
+    if ((flags & kConfigCacheOnly) == 0 && !ConfigStoreMayWrite(key.text, value))
         return kBadParameter;
     ConfigInit();
-    ConfigNotifyT notify = Notification(key, instance, value, access, flags);
-    ConfigItemT *pWatched = nullptr;
-    {
-        const SemaphoreHold hold(changeSemaphore);
-        if (hold.result() != 0)
-            return kSemUnavail;
-        bool changed = false;
-        const eErrorT result = ChangeItem(key, notify, &changed, &pWatched);
-        if (!changed || result != kNoError)
-            return result;
-    }
-    if (GetProcessorNum() == kMasterProcessor && !IsSensitive(key.text))
+    const ConfigNotifyT notify = Notification(key, instance, value, access, flags);
+    const WorkT work = ChangeItem(key, notify);
+    if (!work.tells)
+        return work.result;
+    if (IsMaster() && !IsSensitive(key.text))
         loginfo("config", "%s[%d]:%s\n", key.text, instance, notify.value);
-    if (pWatched != nullptr)
-        ModCallCallbacks(&pWatched->mod, kNotifyFunc, &notify, sizeof notify);
+    if (work.pWatched != nullptr)
+        ModCallCallbacks(&work.pWatched->mod, kNotifyFunc, &notify, sizeof notify);
     ModCallCallbacks(&gConfig.mod, kNotifyFunc, &notify, sizeof notify);
-    return kNoError;
+    return work.result;
 }
 
 eErrorT ConfigWrite(const char *pName, Int32 instance, const char *value)
@@ -502,6 +609,7 @@ eErrorT ConfigAddCallbackEx(const char *pName, Int32 instance, CallbackFuncPtrT 
                             UInt32 whenFlags, UInt32 taskID)
 {
     const KeyT key(pName);
+    os_assert(pFunc, "pFunc");
     UInt32 caller = 0;
     const bool forCaller = (whenFlags & kModOnTask) != 0 && taskID == 0;
     if (!ConfigStoreIsValidName(key.text) || (forCaller && t_ident(nullptr, 0, &caller) != 0))
@@ -532,6 +640,7 @@ eErrorT ConfigAddImmediateCallback(const char *pName, Int32 instance, CallbackFu
 eErrorT ConfigDeleteCallback(const char *pName, Int32 instance, CallbackFuncPtrT pFunc, void *userDefined)
 {
     const KeyT key(pName);
+    os_assert(pFunc, "pFunc");
     ConfigInit();
     const SemaphoreHold hold(changeSemaphore);
     ConfigItemT *pItem = LookupItemInCache(key.text, instance);
@@ -574,7 +683,7 @@ ConfigItemT *WriteItemToCache(const char *pName, UInt32 instance, const char *va
     {
         const SemaphoreHold hold(configSemaphore);
         if (hold.result() == 0) {
-            gStoreSequence += 2;
+            gChanges++;
             return PutItem(key, static_cast<Int32>(instance), value);
         }
     }

@@ -2,7 +2,9 @@
 // front of the files of the configuration store.
 //
 // Names:   compared and stored in lower case; at most 32 characters count, the rest is dropped. A name
-//          that is empty or has a "/" or a control character in it has no file: it is at most cached.
+//          that is empty or has a "/" or a control character in it has no file: it is at most cached. On a
+//          processor other than the master that is also so for a name with a blank, a quotation mark or an
+//          apostrophe, which cannot be asked for.
 // Values:  at most 370 characters, the rest is dropped. Only the first line reaches the file, and only
 //          369 characters of it come back after a restart. Until then the cache has the whole.
 // Files:   instances below 1 have one file, and a cache entry each, and so have instance 1 of "a" and
@@ -10,11 +12,14 @@
 // Start:   the first call of any kind starts the database, safely from several tasks at once.
 // Locking: any task may call, with neither the interrupt lock nor another lock of the run-time held.
 //          configSemaphore guards the cache; a second one, taken first, lets one change through at a
-//          time, so that cache and files agree. Neither is held while a callback runs or a line is
-//          logged. Elsewhere than on the master the second one is held while the message path opens.
-// Results: kNoError 0; kItemNotFound -25: there is no such item; kBadParameter -3: the name is not
-//          allowed, or the store could not write; kSemUnavail -23: the database is being shut down, or
+//          time, so that cache and files agree. Neither is held while a callback or the message path
+//          runs, while a line is logged, or while something is printed.
+// Order:   on a processor other than the master, the writes of one item by several tasks at the same time
+//          may reach the master in any order.
+// Results: kNoError 0; kItemNotFound -25: there is no such item; kBadParameter -3: the name or the value is
+//          not allowed, or the store could not write; kSemUnavail -23: the database is being shut down, or
 //          had no memory for its semaphores when it started: then only the store is read.
+// Errors:  a null argument (but for userDefined) is a programming error and stops the program.
 #pragma once
 
 #include "Common/framework/configstore.h"
@@ -25,7 +30,8 @@ constexpr UInt32 kConfigCacheOnly = 1; // ConfigWriteEx: the value is not to rea
 struct ConfigItemT {
     ModT mod; // name, instance, place in the cache, callbacks
     char value[kConfigValueSize];
-    Boolean known; // 0: the item is here for its callbacks only, its value is the store's
+    Boolean known;   // 0: the item is here for its callbacks only, its value is the store's
+    Boolean unsaved; // 1: the value was to reach the store, and did not
 };
 
 // What callbacks get as pArgs.
@@ -40,12 +46,13 @@ struct ConfigNotifyT {
 // Starts the database unless it runs. A missing configuration folder stops the program. Returns kNoError.
 eErrorT ConfigInit();
 
-// Frees every item and stops the database, which the next call starts again, with one more flush task:
-// the old one stays. Nobody may be using it, nor may the first log line of the process be under way.
+// Stops the flush task, flushes what it had still to flush, frees every item and stops the database. The next call
+// starts all of that again. One task may call this while no other one uses the database, and while none but the flush
+// task is at the first log line of the process. A task is deleted here: see gLibPThreadNPTL.
 void ConfigExit();
 
 // Reads an item into value, kConfigValueSize characters. Returns kNoError, or kItemNotFound with an
-// empty value. A null name or value stops the program.
+// empty value.
 eErrorT ConfigRead(const char *pName, Int32 instance, char *value);
 
 // Read instance 0 of "<name><n1>_<n2>", "<name><n1>_<n2>_<n3>".
@@ -59,12 +66,17 @@ eErrorT ConfigReadInt32(const char *pName, Int32 instance, Int32 *pValue);
 eErrorT ConfigReadInt16(const char *pName, Int32 instance, Int16 *pValue);
 eErrorT ConfigReadBool(const char *pName, Int32 instance, Boolean *pValue);
 
-// Writes an item to cache and store, logs it unless it is sensitive, and notifies the callbacks of the
-// item and then those of getConfigModule(). Does nothing when the cached value is the same, even if it
-// never reached the store. When the store cannot write, the item is as it is there, a value that only the
-// cache had is lost, and nobody is notified; likewise, with kOutOfMemory, when a value for the cache only finds
-// no memory. access: at most four characters, such as "rw". Notifications of tasks that
-// write the same item at the same time may come in any order; a thread that is no task notifies nobody.
+// Writes an item to the cache and to the store, logs it unless it is sensitive, and notifies the callbacks of the item
+// and then those of getConfigModule(). access: at most four characters, such as "rw". Does nothing when the cached
+// value is the same, even if only the cache was told; but what the store could not write is tried again there.
+// Notifications of tasks that write the same item at the same time may come in any order. A thread that is no task
+// notifies nobody.
+// kNoError       done, or nothing to do. Elsewhere than on the master: the command is on its way.
+// kBadParameter  refused: ConfigStoreMayWrite says no. The cache may have any name. Nothing has changed.
+// kBadParameter  the file could not be written. All else is done: the value holds until the restart, but for an empty
+//                one, which reads as what the file has. The same write tries the file again, and only that.
+// kOutOfMemory   no memory for an item that only the cache was to have. Nothing has changed, and nobody was notified.
+// kSemUnavail    nothing has changed.
 eErrorT ConfigWriteEx(const char *pName, Int32 instance, const char *value, const char *access, UInt32 flags);
 eErrorT ConfigWrite(const char *pName, Int32 instance, const char *value); // access "rw"
 eErrorT ConfigWriteCacheOnly(const char *pName, Int32 instance, const char *value);

@@ -11,28 +11,35 @@
 #include <atomic>
 #include <cctype>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
-namespace
-{
-
+// The module's state. Other units may look at it.
 const char *CONFIG_DAT_FOLDER = "../dat/";
 const char *CONFIG_CHOICE_FOLDER = "../choice/";
 const char *CONFIG_CHOICE_GEN_FOLDER = "../choice.gen/";
+std::atomic<Int32> gbFolderDataInitialized;
+std::atomic<Int32> gsConfigWriteOutstanding;
+std::atomic<UInt32> gstLastConfigWrite; // seconds
+std::atomic<UInt32> gsSyncTID;          // the flush task that was started last; 0: none
+
+namespace
+{
 
 constexpr UInt32 kAnswerEvent = 0x4000;
 constexpr UInt32 kAnswerTicks = 300;
 constexpr std::size_t kCommandSize = 512; // name, instance, value and the words around them
 constexpr UInt32 kSyncPause = 500;        // ticks
 constexpr UInt32 kQuietSeconds = 4;
-constexpr char kNewSuffix[] = ".new"; // no item's file ends in it
+constexpr mode_t kNewFileMode = 0666;
+constexpr Int32 kTemporaries = 64; // writers that replace one item's file at the same time
 
-std::atomic<Int32> gbFolderDataInitialized;
-std::atomic<Int32> gsConfigWriteOutstanding;
-std::atomic<UInt32> gstLastConfigWrite; // seconds
-UInt32 gsSyncTID;
+pthread_mutex_t gFolderLock = PTHREAD_MUTEX_INITIALIZER; // the choice of the folders
 
 bool IsMaster()
 {
@@ -41,6 +48,7 @@ bool IsMaster()
 
 mode_t FileType(const char *path)
 {
+    os_assert(path, "path");
     struct stat status;
     return stat(path, &status) == 0 ? status.st_mode & S_IFMT : 0;
 }
@@ -57,19 +65,6 @@ void ChooseFolder(const char *&folder, const char *absolute)
 {
     if (ConfigIsFolderExist(absolute) != 0)
         folder = absolute;
-}
-
-void ConfigInitFolderData()
-{
-    ChooseFolder(CONFIG_CHOICE_FOLDER, "/opt/talvora/choice/");
-    ChooseFolder(CONFIG_DAT_FOLDER, "/opt/talvora/dat/");
-    ChooseFolder(CONFIG_CHOICE_GEN_FOLDER, "/opt/talvora/choice.gen/");
-    os_assert(ConfigIsFolderExist(CONFIG_DAT_FOLDER), "ConfigIsFolderExist(CONFIG_DAT_FOLDER)");
-    os_assert(ConfigIsFolderExist(CONFIG_CHOICE_FOLDER), "ConfigIsFolderExist(CONFIG_CHOICE_FOLDER)");
-    os_assert(ConfigIsFolderExist(CONFIG_CHOICE_GEN_FOLDER), "ConfigIsFolderExist(CONFIG_CHOICE_GEN_FOLDER)");
-    std::printf("Config Folder data initialized successfully(Choice dir: %s, Dat Dir: %s)\n", CONFIG_CHOICE_FOLDER,
-                CONFIG_DAT_FOLDER);
-    gbFolderDataInitialized = 1;
 }
 
 struct SuffixT {
@@ -96,8 +91,36 @@ using FileNameT = char *(*)(const char *name, Int32 instance, char *path);
 
 eErrorT OpenFile(FileNameT fileName, const char *name, Int32 instance, ConfigFileT *pFile)
 {
-    pFile->stream = ConfigStoreIsValidName(name) ? std::fopen(fileName(name, instance, pFile->path), "rb") : nullptr;
+    *pFile = {};
+    if (ConfigStoreIsValidName(name))
+        pFile->stream = std::fopen(fileName(name, instance, pFile->path), "rbe");
     return pFile->stream != nullptr ? kNoError : kBadParameter;
+}
+
+// A line ends at its line feed. Of one with a carriage return, what follows that is not read.
+void SkipLine(FILE *stream, int c)
+{
+    while (c != '\n' && c != EOF)
+        c = getc_unlocked(stream);
+}
+
+// Reads at most len - 1 characters of a line, and its end as well if nothing else is left of it.
+eErrorT GetLine(FILE *stream, char *s, UInt32 len)
+{
+    UInt32 length = 0;
+    int c = 0;
+    while (length < len - 1 && (c = getc_unlocked(stream)) != EOF && c != '\n' && c != '\r')
+        s[length++] = static_cast<char>(c);
+    s[length] = '\0';
+    if (c == EOF && length == 0)
+        return kEndOfFile;
+    if (length == len - 1)
+        c = getc_unlocked(stream);
+    if (c == '\n' || c == '\r')
+        SkipLine(stream, c);
+    else
+        std::ungetc(c, stream); // the rest of a longer line, or the end of the file
+    return kNoError;
 }
 
 // Reads the first line of a file. An empty file gives an empty value, and so does one that cannot be
@@ -109,7 +132,7 @@ eErrorT ReadFirstLine(FileNameT fileName, const char *name, Int32 instance, char
     ConfigFileT file;
     if (OpenFile(fileName, name, instance, &file) != kNoError)
         return kBadParameter;
-    ConfigStoreReadGetLine(&file, s, len);
+    GetLine(file.stream, s, len);
     const bool isFolder = std::ferror(file.stream) != 0 && ConfigIsFolderExist(file.path) != 0;
     ConfigStoreReadClose(&file);
     return isFolder ? kBadParameter : kNoError;
@@ -193,12 +216,7 @@ void RemoteRead(const char *name, Int32 instance, char *s, UInt32 len)
     std::sscanf(command, format, s);
 }
 
-// ---- Writing
-
-void NewPath(const ConfigFileT *pFile, char (&path)[kConfigPathSize + sizeof kNewSuffix])
-{
-    std::snprintf(path, sizeof path, "%s%s", pFile->path, kNewSuffix);
-}
+// ---- Flushing
 
 void NoteWrite()
 {
@@ -208,6 +226,7 @@ void NoteWrite()
 
 void SyncFileSystems()
 {
+    const CancelOffHold cancelOff; // nobody else does what the flag no longer says
     gsConfigWriteOutstanding = 0;
     loginfo("config", "synching filesystem\n");
     const UInt32 start = RealTimeMilliSeconds();
@@ -215,14 +234,227 @@ void SyncFileSystems()
     loginfo("config", "sync complete %dms\n", RealTimeMilliSeconds() - start);
 }
 
+// ---- Replacing a file
+
+// What lies at the path of an item's file.
+struct OldFileT {
+    bool exists;
+    bool isReplaceable; // nothing, or a regular file that has this name alone and that may be written
+    struct stat status;
+};
+
+OldFileT LookAt(const char *path)
+{
+    OldFileT old = {};
+    old.exists = lstat(path, &old.status) == 0;
+    if (!old.exists)
+        old.isReplaceable = errno == ENOENT;
+    else if (S_ISREG(old.status.st_mode) && old.status.st_nlink == 1)
+        old.isReplaceable = faccessat(AT_FDCWD, path, W_OK, AT_EACCESS) == 0;
+    return old;
+}
+
+// Gives a new file the owner, the group and the permissions of the old one: a secret stays one. False when the
+// process may not.
+bool TakeAttributes(int file, const struct stat &old)
+{
+    struct stat now;
+    if (fstat(file, &now) != 0)
+        return false;
+    const bool isOwners = now.st_uid == old.st_uid && now.st_gid == old.st_gid;
+    if (!isOwners && fchown(file, old.st_uid, old.st_gid) != 0)
+        return false;
+    return fchmod(file, old.st_mode & ~static_cast<mode_t>(S_IFMT)) == 0;
+}
+
+// Locks an open file for its writer. False with EWOULDBLOCK when somebody else has it, or has moved it away.
+bool Claim(int file, const char *path)
+{
+    struct stat mine, there;
+    if (flock(file, LOCK_EX | LOCK_NB) != 0)
+        return false;
+    const bool isThere = fstat(file, &mine) == 0 && lstat(path, &there) == 0 && mine.st_dev == there.st_dev &&
+                         mine.st_ino == there.st_ino;
+    errno = EWOULDBLOCK;
+    return isThere;
+}
+
+// Removes a temporary file that nobody writes any more: its process was killed.
+void RemoveLeftover(const char *path)
+{
+    const int file = open(path, O_WRONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
+    if (file < 0)
+        return;
+    if (Claim(file, path))
+        unlink(path);
+    close(file);
+}
+
+struct TemporaryPathT {
+    char text[kConfigPathSize + 16]; // no item's file ends like it
+};
+
+// Opens a new file beside the item's, for this call alone until it is closed: whoever writes one has locked it.
+// Returns -1 when the folder or its file system does not let us.
+int OpenTemporary(const char *path, TemporaryPathT *pTemporary)
+{
+    for (Int32 tried = 0; tried < 2 * kTemporaries; tried++) { // each twice: a leftover is removed between
+        std::snprintf(pTemporary->text, sizeof pTemporary->text, "%s.%d.new", path, tried / 2);
+        const int file = open(pTemporary->text, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kNewFileMode);
+        if (file < 0 && errno != EEXIST)
+            return -1;
+        if (file >= 0) {
+            if (Claim(file, pTemporary->text))
+                return file;
+            const bool isTaken = errno == EWOULDBLOCK;
+            close(file);
+            if (!isTaken) { // there are no locks here
+                unlink(pTemporary->text);
+                return -1;
+            }
+        }
+        RemoveLeftover(pTemporary->text);
+    }
+    return -1;
+}
+
+bool WriteAll(int file, const char *text, std::size_t size)
+{
+    while (size > 0) {
+        const ssize_t written = write(file, text, size);
+        if (written < 0 && errno == EINTR)
+            continue;
+        if (written < 0)
+            return false;
+        text += written;
+        size -= static_cast<std::size_t>(written);
+    }
+    return true;
+}
+
+eErrorT Refused(const char *message)
+{
+    std::perror(message);
+    return kBadParameter;
+}
+
+enum class ReplacementT { kDone, kFailed, kNotPossible };
+
+// Puts a new file in the old one's place in one step. kFailed: it could not be written, and the reason was printed.
+// kNotPossible: it could not be made, or not be put there. After both the old file is as it was.
+ReplacementT ReplaceFile(const ConfigFileT *pFile, const OldFileT &old)
+{
+    TemporaryPathT temporary;
+    const int file = OpenTemporary(pFile->path, &temporary);
+    if (file < 0)
+        return ReplacementT::kNotPossible;
+    ReplacementT result = ReplacementT::kNotPossible;
+    if (!old.exists || TakeAttributes(file, old.status)) {
+        // A file on a network may fail no earlier than on closing. This one has to stay locked until it is in place.
+        const bool written = WriteAll(file, pFile->text, pFile->size) && close(fcntl(file, F_DUPFD_CLOEXEC, 0)) == 0;
+        if (!written) {
+            std::perror("ConfigStoreWrite: fwrite");
+            result = ReplacementT::kFailed;
+        } else if (std::rename(temporary.text, pFile->path) == 0)
+            result = ReplacementT::kDone;
+    }
+    if (result != ReplacementT::kDone)
+        unlink(temporary.text);
+    close(file);
+    return result;
+}
+
+// Writes over the file, which is cut afterwards: a short value is there whole or not at all, and on a full disk it
+// has its place already.
+eErrorT WriteInPlace(const ConfigFileT *pFile)
+{
+    const int file = open(pFile->path, O_WRONLY | O_CREAT | O_NOCTTY | O_CLOEXEC, kNewFileMode);
+    if (file < 0)
+        return Refused("ConfigStoreWrite: fopen");
+    const bool written = WriteAll(file, pFile->text, pFile->size) &&
+                         (ftruncate(file, static_cast<off_t>(pFile->size)) == 0 || errno == EINVAL); // no regular file
+    const int error = errno;
+    const bool closed = close(file) == 0;
+    if (!written)
+        errno = error;
+    return written && closed ? kNoError : Refused("ConfigStoreWrite: fwrite");
+}
+
+eErrorT StoreFile(const ConfigFileT *pFile)
+{
+    const OldFileT old = LookAt(pFile->path);
+    const ReplacementT replaced = old.isReplaceable ? ReplaceFile(pFile, old) : ReplacementT::kNotPossible;
+    if (replaced == ReplacementT::kFailed)
+        return kBadParameter;
+    const eErrorT result = replaced == ReplacementT::kDone ? kNoError : WriteInPlace(pFile);
+    if (result == kNoError)
+        NoteWrite();
+    return result;
+}
+
+// ---- Writing through the master
+
+// Whether a word can be part of a command: it is one word there.
+bool IsWord(const char *name)
+{
+    return ConfigStoreIsValidName(name) && std::strpbrk(name, " \"'") == nullptr;
+}
+
+struct LineT {
+    explicit LineT(const char *value)
+    {
+        std::snprintf(text, sizeof text, "%s", value);
+        CutLine(text); // what follows would be a command of its own
+    }
+    char text[kConfigValueSize];
+};
+
+void TellMaster(const char *name, Int32 instance, const char *value)
+{
+    char command[kCommandSize];
+    std::snprintf(command, sizeof command, "%s %s %d \"%s\" rw file notify", "config", name, instance,
+                  LineT(value).text);
+    RemMsgSendCmd(command, nullptr, nullptr);
+}
+
 } // namespace
+
+void ConfigInitFolderData()
+{
+    {
+        const MutexHold hold(&gFolderLock);
+        if (gbFolderDataInitialized != 0)
+            return;
+        ChooseFolder(CONFIG_CHOICE_FOLDER, "/opt/talvora/choice/");
+        ChooseFolder(CONFIG_DAT_FOLDER, "/opt/talvora/dat/");
+        ChooseFolder(CONFIG_CHOICE_GEN_FOLDER, "/opt/talvora/choice.gen/");
+        os_assert(ConfigIsFolderExist(CONFIG_DAT_FOLDER), "ConfigIsFolderExist(CONFIG_DAT_FOLDER)");
+        os_assert(ConfigIsFolderExist(CONFIG_CHOICE_FOLDER), "ConfigIsFolderExist(CONFIG_CHOICE_FOLDER)");
+        os_assert(ConfigIsFolderExist(CONFIG_CHOICE_GEN_FOLDER), "ConfigIsFolderExist(CONFIG_CHOICE_GEN_FOLDER)");
+        gbFolderDataInitialized = 1;
+    }
+    std::printf("Config Folder data initialized successfully(Choice dir: %s, Dat Dir: %s)\n", CONFIG_CHOICE_FOLDER,
+                CONFIG_DAT_FOLDER);
+}
 
 void ConfigStoreInit()
 {
-    if (gbFolderDataInitialized == 0)
-        ConfigInitFolderData();
-    if (t_create("csyn", 2, 0, 0, 0, &gsSyncTID) == 0)
-        t_start(gsSyncTID, 0, ConfigStoreSyncTask, nullptr);
+    const CancelOffHold cancelOff; // a task that was created is started
+    ConfigInitFolderData();
+    UInt32 task = 0;
+    if (t_create("csyn", 2, 0, 0, 0, &task) != 0)
+        return;
+    gsSyncTID = task;
+    t_start(task, 0, ConfigStoreSyncTask, nullptr);
+}
+
+void ConfigStoreExit()
+{
+    const UInt32 task = gsSyncTID.exchange(0);
+    if (task != 0)
+        t_delete(task);
+    if (gsConfigWriteOutstanding != 0)
+        SyncFileSystems();
 }
 
 void ConfigStoreSyncTask(UInt32, UInt32, UInt32, UInt32)
@@ -239,20 +471,33 @@ void ConfigStoreSyncTask(UInt32, UInt32, UInt32, UInt32)
 
 bool ConfigStoreIsValidName(const char *name)
 {
+    os_assert(name, "pName");
     const std::size_t length = strnlen(name, kConfigNameSize);
     return length > 0 && length < kConfigNameSize && std::all_of(name, name + length, [](char c) {
                return c != '/' && std::iscntrl(static_cast<UInt8>(c)) == 0;
            });
 }
 
+bool ConfigStoreMayWrite(const char *name, const char *value)
+{
+    os_assert(value, "value");
+    if (IsMaster())
+        return ConfigStoreIsValidName(name);
+    return IsWord(name) && std::strchr(LineT(value).text, '"') == nullptr;
+}
+
 char *ConfigGetDatFileName(const char *name, Int32 instance, char *path)
 {
+    os_assert(name, "pName");
+    os_assert(path, "path");
     std::snprintf(path, kConfigPathSize, "%s%s%s.dat", CONFIG_DAT_FOLDER, name, InstanceSuffix(instance).text);
     return path;
 }
 
 char *ConfigGetChoiceFileName(const char *name, Int32 instance, char *path)
 {
+    os_assert(name, "pName");
+    os_assert(path, "path");
     if (ConfigIsFileExist(ChoicePath(CONFIG_CHOICE_GEN_FOLDER, name, instance, path)) != 0)
         return path;
     return ChoicePath(CONFIG_CHOICE_FOLDER, name, instance, path);
@@ -273,44 +518,43 @@ eErrorT ConfigStoreRead(const char *name, Int32 instance, char *s, UInt32 len)
     os_assert(name, "pName");
     os_assert(s, "s");
     os_assert(len, "len");
-    s[0] = '\0';
-    if (!ConfigStoreIsValidName(name))
-        return kBadParameter;
     if (IsMaster()) {
         const eErrorT result = ReadFirstLine(ConfigGetDatFileName, name, instance, s, len);
         return result == kNoError ? kNoError : ReadFirstLine(ConfigGetChoiceFileName, name, instance, s, len);
     }
+    s[0] = '\0';
+    if (!IsWord(name))
+        return kBadParameter;
     RemoteRead(name, instance, s, len);
     return kNoError; // even without an answer, on purpose: a value that is empty is asked for again
 }
 
 eErrorT ConfigStoreChoiceRead(const char *name, Int32 instance, char *s, UInt32 len)
 {
+    os_assert(name, "pName");
+    os_assert(s, "s");
+    os_assert(len, "len");
     return ReadFirstLine(ConfigGetChoiceFileName, name, instance, s, len);
 }
 
 eErrorT ConfigStoreWrite(const char *name, Int32 instance, const char *value)
 {
-    if (!ConfigStoreIsValidName(name))
+    if (!ConfigStoreMayWrite(name, value))
         return kBadParameter;
     if (!IsMaster()) {
-        char line[kConfigValueSize], command[kCommandSize];
-        std::snprintf(line, sizeof line, "%s", value);
-        CutLine(line); // what follows would be a command of its own
-        std::snprintf(command, sizeof command, "%s %s %d \"%s\" rw file notify", "config", name, instance, line);
-        RemMsgSendCmd(command, nullptr, nullptr);
+        TellMaster(name, instance, value);
         return kNoError;
     }
     const CancelOffHold cancelOff;
     ConfigFileT file;
-    if (ConfigStoreWriteOpen(name, instance, &file) != kNoError)
-        return kBadParameter;
+    ConfigStoreWriteOpen(name, instance, &file);
     ConfigStoreWritePutLine(&file, value);
     return ConfigStoreWriteClose(&file);
 }
 
 eErrorT ConfigStoreDelete(const char *name, Int32 instance)
 {
+    os_assert(name, "pName");
     if (!IsMaster())
         return kNotImplemented;
     char path[kConfigPathSize];
@@ -326,6 +570,7 @@ void remoteRspCallback(RemMsgPathT * /*pHandle*/, const char *response, void *co
 {
     if (context == nullptr)
         return;
+    os_assert(response, "response");
     const MutexHold hold(&gRemoteReadLock);
     auto *pRead = static_cast<RemoteReadT *>(context);
     if (pRead->pAnswer != nullptr)
@@ -336,7 +581,9 @@ void remoteRspCallback(RemMsgPathT * /*pHandle*/, const char *response, void *co
 
 eErrorT ConfigStoreReadOpen(const char *name, Int32 instance, ConfigFileT *pFile)
 {
-    pFile->stream = nullptr;
+    os_assert(name, "pName");
+    os_assert(pFile, "pFile");
+    *pFile = {};
     if (!IsMaster())
         return kBadParameter;
     const eErrorT result = OpenFile(ConfigGetDatFileName, name, instance, pFile);
@@ -345,60 +592,56 @@ eErrorT ConfigStoreReadOpen(const char *name, Int32 instance, ConfigFileT *pFile
 
 eErrorT ConfigStoreReadGetLine(ConfigFileT *pFile, char *s, UInt32 len)
 {
-    if (std::fgets(s, static_cast<int>(len), pFile->stream) == nullptr) {
-        s[0] = '\0';
-        return kEndOfFile;
-    }
-    CutLine(s);
-    return kNoError;
+    os_assert(pFile, "pFile");
+    os_assert(pFile->stream, "pFile->stream");
+    os_assert(s, "s");
+    os_assert(len, "len");
+    return GetLine(pFile->stream, s, len);
 }
 
 void ConfigStoreReadClose(ConfigFileT *pFile)
 {
-    std::fclose(pFile->stream);
-    pFile->stream = nullptr;
+    os_assert(pFile, "pFile");
+    os_assert(pFile->stream, "pFile->stream");
+    std::fclose(std::exchange(pFile->stream, nullptr));
 }
 
 eErrorT ConfigStoreWriteOpen(const char *name, Int32 instance, ConfigFileT *pFile)
 {
-    pFile->stream = nullptr;
+    os_assert(name, "pName");
+    os_assert(pFile, "pFile");
+    *pFile = {};
     if (!IsMaster() || !ConfigStoreIsValidName(name))
         return kBadParameter;
-    char path[kConfigPathSize + sizeof kNewSuffix];
     ConfigGetDatFileName(name, instance, pFile->path);
-    NewPath(pFile, path);
-    unlink(path); // left over from a process that was killed, or somebody's link to elsewhere
-    pFile->stream = std::fopen(path, "wbx");
-    if (pFile->stream == nullptr) {
-        std::perror("ConfigStoreWrite: fopen");
-        return kBadParameter;
-    }
-    struct stat old;
-    if (stat(pFile->path, &old) == 0)
-        fchmod(fileno(pFile->stream), old.st_mode & ~static_cast<mode_t>(S_IFMT)); // a secret stays one
+    pFile->isWritten = 1;
     return kNoError;
 }
 
 eErrorT ConfigStoreWritePutLine(ConfigFileT *pFile, const char *line)
 {
-    const int length = static_cast<int>(std::strcspn(line, "\r\n"));
-    return std::fprintf(pFile->stream, "%.*s\n", length, line) >= 0 ? kNoError : kBadParameter;
+    os_assert(pFile, "pFile");
+    os_assert(pFile->isWritten, "pFile->isWritten");
+    os_assert(line, "line");
+    const std::size_t length = std::strcspn(line, "\r\n");
+    auto *text = static_cast<char *>(std::malloc(pFile->size + length + 1));
+    if (text == nullptr) {
+        pFile->hasFailed = 1;
+        return Refused("ConfigStoreWrite: fwrite");
+    }
+    *std::copy_n(line, length, std::copy_n(pFile->text, pFile->size, text)) = '\n';
+    std::free(std::exchange(pFile->text, text));
+    pFile->size += length + 1;
+    return kNoError;
 }
 
-// Writing in place would lose both values to a full disk, or to an end of the process between the
-// opening and the writing.
 eErrorT ConfigStoreWriteClose(ConfigFileT *pFile)
 {
-    char path[kConfigPathSize + sizeof kNewSuffix];
-    NewPath(pFile, path);
-    const bool written = std::ferror(pFile->stream) == 0;
-    const bool closed = std::fclose(pFile->stream) == 0;
-    pFile->stream = nullptr;
-    if (written && closed && std::rename(path, pFile->path) == 0) {
-        NoteWrite();
-        return kNoError;
-    }
-    std::perror(written && closed ? "ConfigStoreWrite: fopen" : "ConfigStoreWrite: fwrite");
-    unlink(path);
-    return kBadParameter;
+    os_assert(pFile, "pFile");
+    os_assert(pFile->isWritten, "pFile->isWritten");
+    const CancelOffHold cancelOff; // no file stays open, and no temporary one stays behind
+    const eErrorT result = pFile->hasFailed == 0 ? StoreFile(pFile) : kBadParameter;
+    std::free(pFile->text);
+    *pFile = {};
+    return result;
 }

@@ -9,9 +9,12 @@
 // Names:   1 to 32 characters, no "/" and no control character: any other name has no file, so that no
 //          item reaches out of its folder, or the message path's line. Callers pass lower case.
 //          Instances below 1 share the file without a number, and item "a1" has the same file as
-//          instance 1 of "a".
-// Locking: none: files are opened and closed within each call. Two tasks must not write the same item
-//          at the same time.
+//          instance 1 of "a". On processors other than the master a name has no blank and no quotation mark
+//          or apostrophe either: the master would take it for more than one word of the command.
+// Locking: any task may call. Files are opened and closed within each call, the reading line by line excepted.
+//          Tasks and processes may write one item at the same time: a reader finds one of the values, and in a
+//          file that is written in place perhaps a mixture. No lock is held while the message path works.
+// Errors:  a null argument, a length of 0 and a file that is not open are programming errors and stop the program.
 #pragma once
 
 #include "Common/framework/remmsg.h"
@@ -23,15 +26,26 @@ constexpr std::size_t kConfigNameSize = 33;   // with the terminator
 constexpr std::size_t kConfigValueSize = 371; // likewise: what a value buffer has to hold
 constexpr std::size_t kConfigPathSize = 96;   // what a path of the store fits in
 
-// Chooses the folders, once in a process, and starts the flush task, on every call. A folder that is
-// not there stops the program.
+// Chooses the folders and prints them, once in a process. Other calls look at them without a lock: they come later.
+// A folder that is not there stops the program.
+void ConfigInitFolderData();
+
+// Chooses the folders if need be, and starts a flush task, on every call. Without memory for it there is none.
 void ConfigStoreInit();
+
+// Stops the flush task that was started last, and flushes what it had still to flush. Logs both. The folders stay.
+// Nobody may hold a lock of the run-time: the first log line of a process reads the configuration.
+void ConfigStoreExit();
 
 // The flush task's function.
 void ConfigStoreSyncTask(UInt32, UInt32, UInt32, UInt32);
 
 // Whether the name may have a file.
 bool ConfigStoreIsValidName(const char *name);
+
+// Whether ConfigStoreWrite takes the name and the value. The master takes every name that may have a file. Elsewhere
+// the name has to be one word of a command, and the value's first line has no quotation mark.
+bool ConfigStoreMayWrite(const char *name, const char *value);
 
 // Paths of an item's dat file and of its choice file: the generated one if that is there. path holds
 // kConfigPathSize characters, enough for any name that may have a file, and is returned.
@@ -42,22 +56,28 @@ char *ConfigGetChoiceFileName(const char *name, Int32 instance, char *path);
 Boolean ConfigIsFileExist(const char *path);
 Boolean ConfigIsFolderExist(const char *path);
 
-// Reads the first line of the item's dat file, or else of its choice file, at most len - 1 characters.
-// Returns kNoError; kBadParameter with an empty value when there is neither. A file that cannot be
-// read gives an empty value. On a
-// processor other than the master the answer's first word comes back, and an empty value with kNoError
-// when the master does not answer within 3 seconds or the caller is no task. A null name or buffer and a
-// len of 0 stop the program.
+// Reads the first line of the item's dat file, or else of its choice file, at most len - 1 characters. On a processor
+// other than the master it asks the master, and the answer's first word comes back.
+// kNoError       read. The value is empty when the file cannot be read, when the master does not answer within
+//                3 seconds, and when the caller has to ask the master and is no task.
+// kBadParameter  there is neither file, or the name has none. The value is empty. Nothing was sent.
 eErrorT ConfigStoreRead(const char *name, Int32 instance, char *s, UInt32 len);
 
 // The same of the choice file alone, on any processor from its own file system.
 eErrorT ConfigStoreChoiceRead(const char *name, Int32 instance, char *s, UInt32 len);
 
-// Writes the value, up to its first line feed or carriage return, and a line feed. A new file, "<file>.new"
-// at first, takes the place and the permissions of the old one in one step: a kill or a full disk leaves
-// one of the two values. (A power cut before the flush may still leave neither; a link becomes a file.)
-// Returns kNoError; kBadParameter with the old file as it was and the reason on standard error. Other
-// processors send the master the command and return kNoError.
+// Writes the value, up to its first line feed or carriage return, and a line feed. Processors other than the master
+// send the master the command instead.
+// A new file, "<file>.<n>.new" at first, takes the old one's place in one step: a kill or a full disk leaves one of the
+// two values. (A power cut before the flush may still leave neither.) Owner, group and permissions stay.
+// The file is written in place where that cannot be: the process may not give the owner, the group or the permissions;
+// the folder does not let it make or rename a file; the path is a link, a device, or one of several names of a file.
+// A file that may not be written is not replaced either. A temporary file that a killed process left is never read, and
+// is removed by the next write of the item that comes upon its number: n is the lowest one that nobody uses.
+// kNoError       written, or sent.
+// kBadParameter  refused: ConfigStoreMayWrite says no. Nothing was written or sent.
+// kBadParameter  not written: the reason is on standard error. The old file is as it was; one that was written in
+//                place may hold a part of both values.
 eErrorT ConfigStoreWrite(const char *name, Int32 instance, const char *value);
 
 // Removes the dat file. Returns kNoError; kItemNotFound when there is none; kBadParameter when it cannot
@@ -72,21 +92,35 @@ void remoteRspCallback(RemMsgPathT *pHandle, const char *response, void *context
 // ---- Line by line, for items of several lines. Only on the master: elsewhere nothing opens.
 
 struct ConfigFileT {
-    FILE *stream; // null: not open
+    FILE *stream; // what is read; null: not open for reading
     char path[kConfigPathSize];
+    Boolean isWritten; // 1: open for writing
+    Boolean hasFailed; // 1: a line found no memory
+    char *text;        // the lines to be written
+    std::size_t size;
 };
 
-// Open the item's dat file, or else its choice file. kNoError, or kBadParameter with nothing open.
+// Open the item's dat file, or else its choice file. A task that may be deleted before it closes the file holds the
+// deletion off (CancelOffHold), or closes it in a clean-up.
+// kNoError       open.
+// kBadParameter  there is neither file, the name has none, or this is not the master. Nothing is open.
 eErrorT ConfigStoreReadOpen(const char *name, Int32 instance, ConfigFileT *pFile);
 
 // The next line without its line feed and carriage return, at most len - 1 characters of it (len: 2 or
-// more); a longer one goes on in the next call, if only with its end. kNoError, or kEndOfFile with s empty.
+// more). What is left of a longer line comes with the next call. What follows a carriage return up to the line feed is
+// left out.
+// kNoError    a line, or a part of one.
+// kEndOfFile  there is no more. s is empty.
 eErrorT ConfigStoreReadGetLine(ConfigFileT *pFile, char *s, UInt32 len);
 void ConfigStoreReadClose(ConfigFileT *pFile);
 
-// Start a new dat file beside the old one, which ConfigStoreWriteClose replaces. Open and PutLine
-// return kNoError or kBadParameter. Close returns kNoError, or kBadParameter when anything since the
-// opening failed; the old file is then as it was. Every opened file is to be closed.
+// Write a new dat file. The lines are kept in memory until ConfigStoreWriteClose stores them as ConfigStoreWrite does.
+// Every opened file is to be closed, also after a failure. Of several that are open for one item, the last one closed
+// holds.
+// kNoError       done.
+// kBadParameter  Open: the name has no file, or this is not the master; nothing is open.
+//                PutLine: no memory for the line; closing will fail as well, with the old file as it was.
+//                Close: not written, as ConfigStoreWrite has it. The file is closed.
 eErrorT ConfigStoreWriteOpen(const char *name, Int32 instance, ConfigFileT *pFile);
 eErrorT ConfigStoreWritePutLine(ConfigFileT *pFile, const char *line);
 eErrorT ConfigStoreWriteClose(ConfigFileT *pFile);

@@ -2,6 +2,7 @@
 
 #include "Common/OS/linux/oslinux.h"
 #include "Common/OS/linux/psosapi/ptimer.h"
+#include "Common/OS/osassert.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -39,6 +40,7 @@ void SendToOthers(const char *command, RemMsgRspT completion, void *context)
 
 Int32 RemMsgSendCmd(const char *command, RemMsgRspT completion, void *context)
 {
+    os_assert(command, "command");
     if (GetProcessorNum() != kMasterProcessor)
         return SendToMaster(command, completion, context);
     SendToOthers(command, completion, context);

@@ -1,7 +1,8 @@
 // Command lines to the other processors of the system, over a message path that a transport provides.
 // Owner:   a transport owns its path, registers it before it is used, and keeps it for good.
 // Locking: gRemMsgPaths is filled in by the transport before others send; stateFlags may change at
-//          any time. A path's SendCmd must be safe from several tasks.
+//          any time. A path's SendCmd must be safe from several tasks. No lock of ours is held while it runs,
+//          so that it may read and write the configuration.
 #pragma once
 
 #include "Common/types.h"
@@ -30,5 +31,5 @@ extern RemMsgPathT *gRemMsgPaths[kMaxProcessors];
 
 // Sends a command line from the master to every other processor, from any other to the master. The
 // latter waits for ever, with a line on standard output each second, until the master has opened the
-// path. Returns 0, or elsewhere than on the master what the path's SendCmd returned.
+// path. Returns 0, or elsewhere than on the master what the path's SendCmd returned. A null command stops the program.
 Int32 RemMsgSendCmd(const char *command, RemMsgRspT completion, void *context);
