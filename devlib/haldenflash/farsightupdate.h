@@ -6,12 +6,14 @@
 #include "Common/types.h"
 #include "devlib/haldenflash/framing.h"
 
+#include <cstdio>
+
 struct FarSightUpdateInfoS {
-    int farsight_cam_file; // descriptor of the open image; kNoImage: not sent, or done
+    FILE *farsight_cam_file; // the open image; null: not sent, or done
     Int32 currentCamBlock;
     Int32 totalCamBlock;
     Int32 camBlockRetries; // 3 for a fresh block, one less after each refusal
-    int farsight_sys_file;
+    FILE *farsight_sys_file;
     Int32 currentSysBlock;
     Int32 totalSysBlock;
     Int32 sysBlockRetries;

@@ -5,8 +5,10 @@
 #include "Common/types.h"
 #include "devlib/haldenflash/framing.h"
 
+#include <cstdio>
+
 struct HaldenMicroUpdateInfoS {
-    int micro_file; // descriptor of the open image; kNoImage ends the send loop
+    FILE *micro_file; // the open image; null ends the send loop
     Int32 currentBlock;
     Int32 totalBlock;   // always 12
     Int32 BlockRetries; // 3 for a fresh block, one less after each refusal
