@@ -185,6 +185,8 @@ std::vector<Case> Files()
         {.name = "micro_image_version_0", .words = {"micro"},
          .prepare = With("haldenmicro.bin", std::string(100, '\0'))},
         {.name = "micro_image_directory", .words = {"micro"}, .prepare = Directory("haldenmicro.bin")},
+        {.name = "micro_image_claims_more", .words = {"micro"}, .status = 255,
+         .prepare = [] { Linked("haldenmicro.bin", kClaimsMore); }},
         {.name = "all_images_missing", .words = {"all", "-p", "progress", "0", "100"}, .status = 255,
          .prepare = [] { for (const char *file : {"haldenmicro.bin", "farsightcam.bin", "farsightsys.bin"}) fs::remove(file); },
          .progress = true},

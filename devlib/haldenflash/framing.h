@@ -1,5 +1,7 @@
 // Frames of the host: FF, type, length, data, 24-bit checksum, byte-stuffed so that FF on the line
 // always starts a frame. Also the small things that both update procedures need.
+// A null argument is a programming error and stops the program. Data of size 0 may be null, and a null buffer to
+// write gives what Serial_Write makes of it.
 #pragma once
 
 #include "Common/types.h"
