@@ -350,10 +350,11 @@ int BoardOpen64(const char *path, int flags, ...)
     return BoardOpen(path, flags);
 }
 
+int RealNumber(FILE *stream) __asm__("__real_fileno");
 int BoardNumber(FILE *stream) __asm__("__wrap_fileno");
 int BoardNumber(FILE *stream)
 {
-    return static_cast<int>(reinterpret_cast<std::intptr_t>(stream));
+    return Board::here != nullptr ? static_cast<int>(reinterpret_cast<std::intptr_t>(stream)) : RealNumber(stream);
 }
 
 FILE *RealOpenStream(const char *path, const char *mode) __asm__("__real_fopen64");

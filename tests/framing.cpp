@@ -105,7 +105,7 @@ TEST(Frames, OfOtherTypesAreRefused)
     }
 }
 
-TEST(Frames, StopOnANullArgument)
+TEST(Framing, StopsOnAnArgumentThatCannotBe)
 {
     UInt8 frame[32] = {};
     Int32 size = 0;
@@ -118,6 +118,7 @@ TEST(Frames, StopOnANullArgument)
     EXPECT_DEATH(encryptOneByte(nullptr, &size), "failed: startOfMessage,");
     EXPECT_DEATH(encryptOneByte(frame, nullptr), "failed: index,");
     EXPECT_DEATH(axxtoi(nullptr), "failed: hexStg,");
+    EXPECT_DEATH(Delay(-1), "failed: delay_usecs >= 0,");
 }
 
 TEST(Delays, StartOverWhenInterrupted)

@@ -87,6 +87,8 @@ TEST(Updates, StopOnANullArgument)
     Int32 number = 0;
     UInt8 byte = 0;
     FILE *none = nullptr;
+    EXPECT_DEATH(flash_micro(1, nullptr), "failed: argv,");
+    EXPECT_DEATH(flash_farsight(1, nullptr), "failed: argv,");
     EXPECT_DEATH(SetupNextMicroDataBlock(nullptr, kBlockAck), "failed: updateInfo,");
     EXPECT_DEATH(SendNextMicroDataBlock(nullptr), "failed: updateInfo,");
     EXPECT_DEATH(sendMicroFlashDataBlock(nullptr, 2), "failed: msgPtr,");

@@ -385,6 +385,7 @@ eErrorT FlashImages(bool camNeeded, bool sysNeeded, Int32 camNumBlocks, Int32 sy
 
 int flash_farsight(int argc, char *const argv[])
 {
+    os_assert(argv != nullptr || argc == 0, "argv");
     std::puts("########### Flashing Halden FarSight Firmware ....");
     PrintArguments(argc, argv);
     eErrorT err = OpenUpdatePort(kCameraPort);

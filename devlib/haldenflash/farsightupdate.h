@@ -1,7 +1,7 @@
 // Update of the FarSight camera on serial port 0: the camera image "farsightcam.bin" and the system
 // image "farsightsys.bin", with their versions in "farsightcamver" and "farsightsysver".
 // Everything runs on the caller's thread; port and images are released on every way out.
-// A null record, block or count is a programming error and stops the program.
+// A null record, block, count or list of arguments is a programming error and stops the program.
 #pragma once
 
 #include "Common/types.h"

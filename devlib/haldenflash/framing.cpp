@@ -168,6 +168,7 @@ Int32 axxtoi(const char *hexStg)
 
 void Delay(Int32 delay_usecs)
 {
+    os_assert(delay_usecs >= 0, "delay_usecs >= 0"); // every wait would fail, and start over
     timeval time{};
     do {
         time = {0, delay_usecs}; // a second and more is accepted in this member

@@ -63,5 +63,5 @@ int genericWriteRs232Port(int portNum, const UInt8 *buf, int buflen);
 // digits 10 to 15, and the punctuation from "*" to "/" likewise, as they always have.
 Int32 axxtoi(const char *hexStg);
 
-// Waits, delay_usecs not negative. An interrupted wait starts over.
+// Waits. An interrupted wait starts over. A negative time is a programming error and stops the program.
 void Delay(Int32 delay_usecs);

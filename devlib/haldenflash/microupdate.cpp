@@ -159,6 +159,7 @@ UInt8 ReadVerdict(HaldenMicroUpdateInfoS *updateInfo)
 
 int flash_micro(int argc, char *const argv[])
 {
+    os_assert(argv != nullptr || argc == 0, "argv");
     std::printf("########### Flashing Halden Micro Controller ...");
     PrintArguments(argc, argv);
     const eErrorT err = OpenUpdatePort(kMicroPort);

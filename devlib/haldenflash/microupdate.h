@@ -1,6 +1,6 @@
 // Update of the Halden microcontroller on serial port 1 from "haldenmicro.bin".
 // Everything runs on the caller's thread; the port is released on every way out.
-// A null record or block is a programming error and stops the program.
+// A null record, block or list of arguments is a programming error and stops the program.
 #pragma once
 
 #include "Common/types.h"
