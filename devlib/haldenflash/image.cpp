@@ -49,7 +49,7 @@ Int32 ReadBytes(FILE *file, void *buffer, Int32 size)
 Int32 ReadImage(FILE *image, void *buffer, Int32 size)
 {
     const Int32 count = ReadBytes(image, buffer, size);
-    return count == size || AtEnd(image) ? count : -1;
+    return count < 0 || count == size || AtEnd(image) ? count : -1;
 }
 
 Int32 FillBlock(UInt8 *block, Int32 number, Int32 blockSize, FILE *image, const char *name, const char *readError)
