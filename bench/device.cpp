@@ -110,10 +110,15 @@ void Device::Answer(const std::string &what, Bytes bytes, const ReplyFault &faul
         replies_.push_back({std::move(bytes), fault.lateMs});
 }
 
+void Device::AnswerNoise(const Bytes &noise)
+{
+    if (!noise.empty())
+        Answer("noise", noise, {});
+}
+
 void Device::AnswerVersion(const std::string &version, const Bytes &reply)
 {
-    if (!faults.noise.empty())
-        Answer("noise", faults.noise, {});
+    AnswerNoise(faults.noise);
     Answer("version " + version, reply, faults.version);
 }
 
@@ -125,6 +130,7 @@ std::uint8_t Device::AnswerBlock(bool acceptable)
     if (found.verdict >= 0)
         verdict = static_cast<std::uint8_t>(found.verdict);
     const char *name = verdict == kAck ? "ack" : verdict == kNack ? "nack" : "unknown verdict";
+    AnswerNoise(found.noise);
     // Nobody looks at the first byte; it is neither of the verdicts, so that whoever does is found out.
     Answer(name, {0x15, verdict}, found.reply);
     return verdict;

@@ -62,6 +62,7 @@ protected:
     void Heard(const std::string &what);
     void Finding(const std::string &text);
     void Answer(const std::string &what, Bytes bytes, const ReplyFault &fault);
+    void AnswerNoise(const Bytes &noise);
     // Sends the version reply, behind its noise.
     void AnswerVersion(const std::string &version, const Bytes &reply);
     // Sends the verdict on the block in hand, which the script may replace, and returns it. A

@@ -27,13 +27,13 @@ int Number(const Item &item, const std::string &text, int base = 10, int limit =
     return static_cast<int>(*number);
 }
 
-Bytes HexBytes(const Item &item)
+Bytes HexBytes(const Item &item, const std::string &text)
 {
-    if (item.value.empty() || item.value.size() % 2 != 0)
+    if (text.empty() || text.size() % 2 != 0)
         Refuse(item, "hexadecimal bytes expected");
     Bytes bytes;
-    for (std::size_t i = 0; i < item.value.size(); i += 2)
-        bytes.push_back(static_cast<std::uint8_t>(Number(item, item.value.substr(i, 2), 16)));
+    for (std::size_t i = 0; i < text.size(); i += 2)
+        bytes.push_back(static_cast<std::uint8_t>(Number(item, text.substr(i, 2), 16)));
     return bytes;
 }
 
@@ -65,6 +65,8 @@ void SetBlock(const Item &item, BlockFault &block)
         block.verdict = kNack;
     else if (const auto verdict = Behind(item.value, "verdict:"))
         block.verdict = Number(item, *verdict, 16, 0xFF);
+    else if (const auto noise = Behind(item.value, "noise:"))
+        block.noise = HexBytes(item, *noise);
     else
         SetReply(item, block.reply);
 }
@@ -81,7 +83,7 @@ void SetCut(const Item &item, Faults &faults)
 void Set(const Item &item, Faults &faults)
 {
     if (item.name == "noise")
-        faults.noise = HexBytes(item);
+        faults.noise = HexBytes(item, item.value);
     else if (item.name == "version")
         SetReply(item, faults.version);
     else if (item.name == "mode")

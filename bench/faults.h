@@ -21,6 +21,7 @@ inline constexpr std::uint8_t kNack = 0x0F;
 struct BlockFault {
     int verdict = -1; // the second byte of the reply; -1: what the device finds
     ReplyFault reply;
+    Bytes noise = {}; // ahead of the reply
 };
 
 struct Faults {
@@ -41,7 +42,7 @@ inline constexpr char kFaultsHelp[] = "TEXT is a list of faults with commas betw
                                       "  version=HOW   the version reply, HOW one of: none, first:BYTES, late:MS\n"
                                       "  mode=HOW      the camera's flash mode reply\n"
                                       "  block5=HOW    the verdict on the block received when five have been (from 0,\n"
-                                      "                retries count); also: ack, nack, verdict:HEX\n"
+                                      "                retries count); also: ack, nack, verdict:HEX, noise:HEX\n"
                                       "  cut=5         power cut when block 5 is in; cut=5:middle when half of it is\n";
 
 } // namespace bench

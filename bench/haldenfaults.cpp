@@ -1,5 +1,6 @@
-// The command haldenfaults: plays every fault at every step of an update, on the binary that ships, and
-// holds each run against the table of ends; see trial.h for what is asked of a run.
+// The command haldenfaults: plays every fault at every step of an update, and every pair of answers to two
+// blocks, on the binary that ships, and holds each run against the table of ends; see trial.h for what is asked
+// of a run.
 #include "bench/options.h"
 #include "bench/sweeps.h"
 
@@ -20,10 +21,10 @@ using namespace bench;
 
 constexpr char kHelp[] =
     "Usage: haldenfaults [options]\n"
-    "Runs haldenflash, from beside this program, with one fault a run, judges how it ended and whether the next\n"
+    "Runs haldenflash, from beside this program, with a fault or two a run, judges how it ended and whether the next\n"
     "run brings the devices to their images.\n"
-    "  --sweep NAME     only this one: calls, wire, power, answers, supervisor\n"
-    "  --every N        only every Nth run of each sweep\n"
+    "  --sweep NAME     only this one: calls, wire, power, answers, pairs, supervisor\n"
+    "  --every N        only every Nth run of each sweep, of the pairs every 7Nth\n"
     "  --jobs N         runs at a time (default: 16)\n"
     "  --show TEXT      only runs whose name has TEXT, with all that they print\n"
     "  --list FILE      writes each run, how it ended and what the devices held\n"
@@ -72,7 +73,7 @@ private:
 std::string EndOf(const Outcome &outcome)
 {
     if (outcome.run.killed)
-        return outcome.row == nullptr ? "waits for a reader" : "goes on, by requirement";
+        return outcome.row == nullptr ? "waits for a reader" : "goes on until it is stopped, for unknown verdicts";
     if (outcome.run.signal != 0)
         return Format("signal %d%s", outcome.run.signal, outcome.inLoader ? " while loading" : "");
     const std::string last = outcome.row == nullptr || outcome.row->last[0] == '\0' ? "(none)" : outcome.row->last;
@@ -130,14 +131,14 @@ void Report(const Sweep &sweep, const Tally &tally)
     std::cout << std::flush;
 }
 
-// Runs every settings.every-th trial, several at a time.
-Tally Play(const Settings &settings, const std::vector<Trial> &trials, std::vector<Rig> &rigs)
+// Runs one of so many trials, several at a time.
+Tally Play(const Settings &settings, std::size_t every, const std::vector<Trial> &trials, std::vector<Rig> &rigs)
 {
     Tally tally;
     std::mutex mutex;
     std::atomic<std::size_t> next = 0;
     const auto work = [&](Rig &rig) {
-        for (std::size_t i = 0; (i = next.fetch_add(settings.every)) < trials.size();) {
+        for (std::size_t i = 0; (i = next.fetch_add(every)) < trials.size();) {
             if (trials[i].name.find(settings.show) == std::string::npos)
                 continue;
             const Outcome outcome = rig.TryTwice(trials[i]);
@@ -205,7 +206,8 @@ int Work(const Settings &settings)
     for (const Sweep &sweep : Sweeps()) {
         if (!settings.sweep.empty() && settings.sweep != sweep.name)
             continue;
-        const Tally tally = Play(settings, sweep.trials(rigs.front()), rigs);
+        const std::size_t every = settings.every == 1 ? 1 : settings.every * sweep.sparser;
+        const Tally tally = Play(settings, every, sweep.trials(rigs.front()), rigs);
         Report(sweep, tally);
         runs += tally.runs;
         findings += tally.findings;

@@ -83,6 +83,7 @@ constinit Real<int(const char *, int, ...)> gRealOpen("open"), gRealOpen64("open
 constinit Real<FILE *(const char *, const char *)> gRealFopen("fopen"), gRealFopen64("fopen64");
 constinit Real<int(const char *, void *)> gRealStat("stat"), gRealStat64("stat64");
 constinit Real<int(int)> gRealClose("close");
+constinit Real<int(FILE *)> gRealFclose("fclose");
 constinit Real<ssize_t(int, void *, std::size_t)> gRealRead("read");
 constinit Real<ssize_t(int, const void *, std::size_t)> gRealWrite("write");
 constinit Real<int(int, unsigned long, ...)> gRealIoctl("ioctl");
@@ -274,6 +275,16 @@ int Open(Real<int(const char *, int, ...)> &real, const char *path, int flags, v
     return fd;
 }
 
+// The result of a close of any kind, which may be made to get lost.
+int Closed(int result)
+{
+    if (++gCloses != gOrders.lostClose)
+        return result;
+    Log("lost close\n");
+    errno = EIO;
+    return -1; // EOF, for a stream
+}
+
 template <class Function, class... Rest> auto AtPlace(Real<Function> &real, const char *path, Rest... rest)
 {
     char place[kPlace];
@@ -327,12 +338,12 @@ extern "C" int close(int fd)
         gPortOf[fd] = 0;
         Log("close %d\n", port);
     }
-    const int result = gRealClose(fd);
-    if (++gCloses != gOrders.lostClose)
-        return result;
-    Log("lost close\n");
-    errno = EIO;
-    return -1;
+    return Closed(gRealClose(fd));
+}
+
+extern "C" int fclose(FILE *stream)
+{
+    return Closed(gRealFclose(stream));
 }
 
 extern "C" ssize_t read(int fd, void *data, std::size_t size)

@@ -21,6 +21,8 @@ const Session kFull = {"full", {"all", "-p", "progress", "0", "100"}, {.cameraSi
 const Session kQuery = {"query", {"all", "q", "-p", "progress", "0", "100"}, kFull.samples, 6144};
 const Session kFullDisk = {"full disk", {"all", "-p", "/dev/full", "0", "100"}, kFull.samples, 6144};
 const Session kFile = {"file", {"all", "-p", "position", "0", "100"}, kFull.samples, 6144};
+const Session kMicro = {"micro", {"micro"}, {}, 6144};
+const Session kCamera = {"camera", {"farsight"}, {.cameraSize = 130000, .systemSize = 65000}, 6144};
 const Session kShortMicro = {"micro", {"micro"}, {}, 20};
 const Session kShortCamera = {"camera", {"farsight"}, {.cameraSize = 20, .systemSize = 10}, 6144};
 
@@ -245,6 +247,82 @@ std::vector<Trial> Answers(Rig &)
     return trials;
 }
 
+// ---- Pairs of answers
+
+struct PairRow {
+    const char *name;
+    const Session *session;
+    Faults Trial::*faults;
+    std::vector<unsigned> blocks; // of which two get an answer of the script; 12 is the retry of the last one
+    int tooLateMs;
+    std::chrono::seconds limit; // a run that goes on for ever keeps a processor busy
+};
+const PairRow kPairs[] = {
+    {"micro", &kMicro, &Trial::micro, {0, 1, 5, 6, 10, 11, 12}, 300, std::chrono::seconds(3)},
+    // three blocks, and two of the system image
+    {"camera", &kCamera, &Trial::camera, {0, 1, 2, 3, 4}, 4500, std::chrono::seconds(7)},
+};
+
+struct AnswerRow {
+    const char *name;
+    BlockFault fault;
+    bool spoilsWire = false; // the host goes on with other bytes, or with another verdict than the block's
+    bool tooLate = false;
+    bool cut = false; // nothing comes behind it
+};
+const AnswerRow kPairAnswers[] = {
+    {"accepted", {kAck, {}}},
+    {"refused", {kNack, {}}},
+    {"unknown", {0x42, {}}, true},
+    {"silence", {-1, {0, 0}}},
+    {"one byte", {-1, {1, 0}}},
+    {"30 ms late", {-1, {-1, 30}}},
+    {"too late", {}, false, true},
+    {"behind a byte", {-1, {}, {0x5A}}, true},
+    {"behind an acceptance", {-1, {}, {0x15, kAck}}, true},
+    {"power cut", {}, false, false, true},
+};
+
+void AddAnswer(Trial &trial, const PairRow &row, unsigned block, const AnswerRow &answer)
+{
+    Faults &faults = trial.*row.faults;
+    faults.blocks[block] = answer.fault;
+    if (answer.tooLate)
+        faults.blocks[block].reply.lateMs = row.tooLateMs;
+    if (answer.cut)
+        faults.cutBlock = static_cast<int>(block);
+    trial.spoilsWire |= answer.spoilsWire;
+}
+
+std::vector<Trial> PairsOf(const PairRow &row, unsigned first, unsigned second)
+{
+    std::vector<Trial> trials;
+    for (const AnswerRow &one : kPairAnswers)
+        for (const AnswerRow &other : kPairAnswers) {
+            if (one.cut)
+                continue;
+            trials.push_back(
+                {.name = Format("%s: block %u %s, block %u %s", row.name, first, one.name, second, other.name),
+                 .session = row.session,
+                 .limit = row.limit});
+            AddAnswer(trials.back(), row, first, one);
+            AddAnswer(trials.back(), row, second, other);
+        }
+    return trials;
+}
+
+std::vector<Trial> Pairs(Rig &)
+{
+    std::vector<Trial> trials;
+    for (const PairRow &row : kPairs)
+        for (std::size_t i = 0; i < row.blocks.size(); i++)
+            for (std::size_t j = i + 1; j < row.blocks.size(); j++) {
+                const std::vector<Trial> pair = PairsOf(row, row.blocks[i], row.blocks[j]);
+                trials.insert(trials.end(), pair.begin(), pair.end());
+            }
+    return trials;
+}
+
 // ---- The supervisor
 
 constexpr unsigned kMoments = 40;
@@ -313,6 +391,7 @@ constexpr Sweep kSweeps[] = {
     {"wire", "the wire", Wire},
     {"power", "power", Power},
     {"answers", "answers", Answers},
+    {"pairs", "pairs of answers", Pairs, 7},
     {"supervisor", "the supervisor", Supervisor},
 };
 

@@ -11,6 +11,8 @@ struct Sweep {
     const char *title; // in the report
     // The rig is for runs that tell what there is to fail. Throws std::runtime_error when such a run fails.
     std::vector<Trial> (*trials)(Rig &rig);
+    // Where not all runs are made, this part of those of other sweeps: there are many, or they are long.
+    std::size_t sparser = 1;
 };
 
 std::span<const Sweep> Sweeps();

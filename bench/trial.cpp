@@ -20,7 +20,7 @@ constexpr char kStraceFile[] = "calls";
 constexpr char kUnknownMicroVerdict[] = "UNKNOWN RESPONSE FROM FARSIGHT DURING HALDEN MICRO";
 constexpr int kNotLoaded = 127;      // status
 constexpr char kFifo[] = "progress"; // in a session's words: a FIFO with a reader
-constexpr std::chrono::seconds kLimit{25}, kWaitLimit{2};
+constexpr std::chrono::seconds kWaitLimit{2};
 
 bool Has(const std::vector<std::string> &words, const std::string &word)
 {
@@ -89,6 +89,24 @@ bool TookForCurrent(const std::string &output, std::size_t i)
     return i == 0 ? !Has(output, "Halden Micro controller update is NEEDED.") : Has(output, kCurrent[i - 1]);
 }
 
+// The device sends more than its verdict, so that the verdicts come to be taken for those on other blocks.
+bool AnswersTooMuch(const Faults &faults)
+{
+    return std::any_of(faults.blocks.begin(), faults.blocks.end(),
+                       [](const auto &block) { return !block.second.noise.empty(); });
+}
+
+const char *MicroExcuse(const Trial &trial, const Outcome &outcome)
+{
+    if (outcome.row->micro == kBefore && outcome.held[0] == kBefore)
+        return "an image for the microcontroller that could not be read";
+    if (trial.injection.starts_with("select") || trial.injection.starts_with("pselect"))
+        return "a wait for the microcontroller that was made to fail";
+    if (Has(outcome.run.output, kUnknownMicroVerdict))
+        return "an unknown verdict of the microcontroller";
+    return NoVerdict(outcome.run.output) ? "a microcontroller that was silent or refused a block" : nullptr;
+}
+
 // Why a success may leave a device without image i (microcontroller, camera image, system image), which has
 // an older version; null if there is no excuse.
 const char *Excuse(const Trial &trial, const Outcome &outcome, std::size_t i)
@@ -99,15 +117,10 @@ const char *Excuse(const Trial &trial, const Outcome &outcome, std::size_t i)
     if (fault.kind == LineFault::Kind::kFlip && fault.way == LineFault::kToHost && fault.byte < kVersionReply &&
         outcome.held[i] == kBefore && TookForCurrent(output, i))
         return "a version reply that the line made the image's version";
-    if (i != 0)
-        return nullptr;
-    if (outcome.row->micro == kBefore && outcome.held[i] == kBefore)
-        return "an image for the microcontroller that could not be read";
-    if (trial.injection.starts_with("select") || trial.injection.starts_with("pselect"))
-        return "a wait for the microcontroller that was made to fail";
-    if (Has(output, kUnknownMicroVerdict))
-        return "an unknown verdict of the microcontroller";
-    return NoVerdict(output) ? "a microcontroller that was silent or refused a block" : nullptr;
+    const char *excuse = i == 0 ? MicroExcuse(trial, outcome) : nullptr;
+    if (excuse == nullptr && AnswersTooMuch(i == 0 ? trial.micro : trial.camera))
+        excuse = "a verdict too many on the line";
+    return excuse;
 }
 
 bool Whole(Held held)
@@ -159,7 +172,7 @@ RunOptions Rig::Options(const Trial &trial, Devices &devices) const
     options.outputRead = trial.outputRead;
     options.signals = trial.signals;
     options.progress = trial.progress;
-    options.limit = trial.waits ? kWaitLimit : kLimit;
+    options.limit = trial.waits ? kWaitLimit : trial.limit;
     if (Has(trial.session->words, kFifo))
         options.fifo = kFifo;
     if (!trial.injection.empty())
@@ -261,7 +274,8 @@ void Rig::JudgeHoldings(const Trial &trial, Outcome &outcome) const
     for (std::size_t i = 0; i < outcome.held.size(); i++) {
         const Held held = outcome.held[i];
         const char *excuse = success && !Whole(held) ? Excuse(trial, outcome, i) : nullptr;
-        const bool anything = i == 0 && NoVerdict(outcome.run.output);
+        const bool anything =
+            (i == 0 && NoVerdict(outcome.run.output)) || AnswersTooMuch(i == 0 ? trial.micro : trial.camera);
         const bool expected = anything || (held & ~allowed[i]) == 0;
         const bool fits = expected && (!success || Whole(held) || excuse != nullptr);
         outcome.unproven = excuse != nullptr ? excuse : outcome.unproven;
@@ -283,7 +297,8 @@ void Rig::Mend(const Trial &trial, Devices &devices, Outcome &outcome) const
     const Trial clean = {.name = "", .session = &session};
     RunResult run = Run(Options(clean, devices));
     std::array<Held, 3> held = Holdings(session, devices);
-    outcome.versionWithoutImage = outcome.unproven != nullptr && run.status == 0 && held[0] == kPart;
+    const bool mayMissBytes = outcome.unproven != nullptr || NoVerdict(outcome.run.output);
+    outcome.versionWithoutImage = mayMissBytes && run.status == 0 && held[0] == kPart;
     if (outcome.versionWithoutImage) { // runs the new version, so that it takes another one to be sent anything
         Bytes image = ReadFile(directory_ + "/" + kMicroImage).value();
         image.front()++;

@@ -32,11 +32,12 @@ struct Trial {
     std::size_t outputRead = 0;
     std::vector<Signal> signals = {};
     ProgressOptions progress = {};
-    bool waits = false;         // has to wait until it is stopped, with its progress so far delivered
-    bool harmless = false;      // has to do all the same what it would do without the fault
-    bool spoilsWire = false;    // a device may hear what it cannot make sense of
-    bool mayLoseOutput = false; // and the result line with it
-    bool inLoader = false;      // before main: the program may end as the loader likes
+    std::chrono::seconds limit{25}; // then the run counts as one that does not end
+    bool waits = false;             // has to wait until it is stopped, with its progress so far delivered
+    bool harmless = false;          // has to do all the same what it would do without the fault
+    bool spoilsWire = false;        // a device may hear what it cannot make sense of
+    bool mayLoseOutput = false;     // and the result line with it
+    bool inLoader = false;          // before main: the program may end as the loader likes
 };
 
 struct Outcome {

@@ -12,6 +12,8 @@
 #include "devlib/devmgr_serial.h"
 
 #include <cerrno>
+#include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <map>
@@ -332,7 +334,7 @@ template <class Exchange> int ExpectedResult(Board &board, const char *port, Exc
     return result;
 }
 
-// ---- The wrapped calls
+// ---- The wrapped calls; a stream is no more than the number of its file
 // NOLINTBEGIN(misc-definitions-in-headers): one file of a target includes this
 
 int RealOpen(const char *path, int flags, ...) __asm__("__real_open");
@@ -346,6 +348,37 @@ int BoardOpen64(const char *path, int flags, ...) __asm__("__wrap_open64");
 int BoardOpen64(const char *path, int flags, ...)
 {
     return BoardOpen(path, flags);
+}
+
+// The fuzzer has streams of its own, to write findings.
+inline bool IsOnBoard(FILE *stream)
+{
+    constexpr std::intptr_t kNumbers = 1 << 20; // no stream is at so low an address
+    return reinterpret_cast<std::intptr_t>(stream) < kNumbers;
+}
+
+int RealNumber(FILE *stream) __asm__("__real_fileno");
+int BoardNumber(FILE *stream) __asm__("__wrap_fileno");
+int BoardNumber(FILE *stream)
+{
+    return IsOnBoard(stream) ? static_cast<int>(reinterpret_cast<std::intptr_t>(stream)) : RealNumber(stream);
+}
+
+FILE *RealOpenStream(const char *path, const char *mode) __asm__("__real_fopen64");
+FILE *BoardOpenStream(const char *path, const char *mode) __asm__("__wrap_fopen64");
+FILE *BoardOpenStream(const char *path, const char *mode)
+{
+    if (Board::here == nullptr)
+        return RealOpenStream(path, mode);
+    const int fd = Board::here->Open(path);
+    return fd < 0 ? nullptr : reinterpret_cast<FILE *>(static_cast<std::intptr_t>(fd));
+}
+
+int RealCloseStream(FILE *stream) __asm__("__real_fclose");
+int BoardCloseStream(FILE *stream) __asm__("__wrap_fclose");
+int BoardCloseStream(FILE *stream)
+{
+    return IsOnBoard(stream) ? Board::here->Close(BoardNumber(stream)) : RealCloseStream(stream);
 }
 
 // Only of files on the board.

@@ -90,9 +90,9 @@ int ExpectedUpdate(Replay &replay, Board &board)
     Int32 versions[2];
     for (std::size_t i = 0; i < 2; i++) {
         const Board::FileUse &use = replay.Uses(images[i].versionFile);
-        if (!use.opened)
+        if (!use.opened || use.failed)
             return -1;
-        versions[i] = use.failed ? 0 : 0x1234;
+        versions[i] = 0x1234;
     }
     if (!replay.Sends({0x82, 0x06, 0x77}))
         return -1;

@@ -117,8 +117,9 @@ INSTANTIATE_TEST_SUITE_P(Bench, Decoder, testing::ValuesIn(kDecoderCases),
 
 TEST(Script, SetsWhatItNames)
 {
-    const Faults faults = ParseFaults(
-        "noise=12FF,version=first:5,version=late:30,mode=none,block3=verdict:55,block3=late:9,cut=7:middle");
+    const Faults faults =
+        ParseFaults("noise=12FF,version=first:5,version=late:30,mode=none,block3=verdict:55,block3=late:9,"
+                    "block3=noise:5AFF,cut=7:middle");
     EXPECT_EQ(faults.noise, (Bytes{0x12, 0xFF}));
     EXPECT_EQ(faults.version.keep, 5);
     EXPECT_EQ(faults.version.lateMs, 30);
@@ -126,6 +127,7 @@ TEST(Script, SetsWhatItNames)
     ASSERT_EQ(faults.blocks.size(), 1U);
     EXPECT_EQ(faults.blocks.at(3).verdict, 0x55);
     EXPECT_EQ(faults.blocks.at(3).reply.lateMs, 9);
+    EXPECT_EQ(faults.blocks.at(3).noise, (Bytes{0x5A, 0xFF}));
     EXPECT_EQ(faults.cutBlock, 7);
     EXPECT_TRUE(faults.cutMiddle);
     EXPECT_EQ(ParseFaults("").cutBlock, -1);
@@ -218,15 +220,15 @@ TEST(MicroPeer, FindsWhatTheHostMayNotDo)
 TEST(MicroPeer, PlaysFaults)
 {
     Micro micro(0x20);
-    micro.faults =
-        ParseFaults("noise=1213,version=first:2,version=late:70,block0=verdict:55,block1=none,block2=first:1,cut=3");
+    micro.faults = ParseFaults("noise=1213,version=first:2,version=late:70,block0=verdict:55,block0=noise:5A,block1="
+                               "none,block2=first:1,cut=3");
     micro.PowerOn();
     const vector<Reply> replies = micro.Receive(kStatusRequest);
     ASSERT_EQ(replies.size(), 2U);
     EXPECT_EQ(replies[0].bytes, (Bytes{0x12, 0x13}));
     EXPECT_EQ(replies[1].bytes, (Bytes{0xFF, 0x14}));
     EXPECT_EQ(replies[1].delayMs, 70);
-    EXPECT_EQ(Ask(micro, BlockOf(0x48, 0, 512)), (Bytes{0x15, 0x55}));
+    EXPECT_EQ(Ask(micro, BlockOf(0x48, 0, 512)), (Bytes{0x5A, 0x15, 0x55}));
     EXPECT_TRUE(micro.flash().empty()) << "an unknown verdict acknowledges nothing";
     EXPECT_EQ(Ask(micro, BlockOf(0x48, 0, 512)), Bytes{});
     EXPECT_EQ(Ask(micro, BlockOf(0x48, 1, 512)), Bytes{0x15});

@@ -105,6 +105,22 @@ TEST(Frames, OfOtherTypesAreRefused)
     }
 }
 
+TEST(Framing, StopsOnAnArgumentThatCannotBe)
+{
+    UInt8 frame[32] = {};
+    Int32 size = 0;
+    const auto build = [&](Int32 *pSize, const UInt8 *data, UInt8 *out) {
+        return buildKoraToHaldenMsg(KORA_HALDEN_MESSAGE_TYPE_A, 1, data, pSize, out);
+    };
+    EXPECT_DEATH(build(nullptr, frame, frame), "failed: ptrNewMsgSize,");
+    EXPECT_DEATH(build(&size, nullptr, frame), "failed: orgMsgPtr,");
+    EXPECT_DEATH(build(&size, frame, nullptr), "failed: ptrNewMsg,");
+    EXPECT_DEATH(encryptOneByte(nullptr, &size), "failed: startOfMessage,");
+    EXPECT_DEATH(encryptOneByte(frame, nullptr), "failed: index,");
+    EXPECT_DEATH(axxtoi(nullptr), "failed: hexStg,");
+    EXPECT_DEATH(Delay(-1), "failed: delay_usecs >= 0,");
+}
+
 TEST(Delays, StartOverWhenInterrupted)
 {
     std::signal(SIGALRM, [](int) {});

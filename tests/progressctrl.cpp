@@ -51,6 +51,7 @@ TEST_F(Progress, CutsALongPathAndGoesOnWithoutAPipe)
     progressCtrlInit(folder_.c_str(), 0, 100);
     EXPECT_EQ("progressCtrlSetPos: could not open " + folder_ + "\npercentdone: [5]\n", Output({5}, 1));
     EXPECT_EQ("", Output({5})); // not tried again
+    EXPECT_DEATH(progressCtrlInit(nullptr, 0, 100), "failed: pszCommPipe,");
 }
 
 TEST_F(Progress, CountsBytesAsPartsOfTheTotal)

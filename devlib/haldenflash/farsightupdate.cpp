@@ -1,5 +1,6 @@
 #include "devlib/haldenflash/farsightupdate.h"
 
+#include "Common/OS/osassert.h"
 #include "devlib/haldenflash/haldenflash.h"
 #include "devlib/haldenflash/image.h"
 #include "devlib/haldenflash/updateport.h"
@@ -9,7 +10,7 @@
 #include <cstdio>
 #include <cstring>
 
-FarSightUpdateInfoS gFarsightUpdateInfo = {kNoImage, 0, 0, 0, kNoImage, 0, 0, 0};
+FarSightUpdateInfoS gFarsightUpdateInfo;
 
 namespace
 {
@@ -79,7 +80,7 @@ constexpr ImageRow kSystem = {
 // One image's half of the update record.
 struct ImageState {
     const ImageRow &row;
-    int *file;
+    FILE **file;
     Int32 *currentBlock;
     Int32 totalBlock;
     Int32 *retries;
@@ -98,24 +99,23 @@ ImageState SystemState(FarSightUpdateInfoS *info)
 // An image whose last block is done, or that is given up.
 void EndImage(const ImageState &image)
 {
-    if (*image.file != kNoImage && CloseImage(image.file) != 0)
+    if (*image.file != nullptr && CloseImage(image.file) != 0)
         *image.currentBlock = 0;
 }
 
 // ---- Versions
 
-// The version that a file names. Returns kNoError or kFileOpenError (printed).
+// The version that a file names. Returns kNoError, or kFileOpenError (printed) when it cannot be opened or read.
 eErrorT ReadVersionFile(const char *name, Int32 *version)
 {
-    int file = OpenImage(name);
-    if (file == kNoImage) {
+    char text[kVersionTextSize + 1] = {};
+    FILE *file = OpenImage(name);
+    const Int32 count = file != nullptr ? ReadBytes(file, text, kVersionTextSize) : -1;
+    CloseImage(&file);
+    if (count < 0) {
         std::printf("\nCould not open file: %s, Exit programming...\n", name);
         return kFileOpenError;
     }
-    char text[kVersionTextSize + 1] = {};
-    if (ReadImage(file, text, kVersionTextSize) < 0)
-        text[0] = '\0'; // no digits: version 0
-    CloseImage(&file);
     *version = axxtoi(text);
     return kNoError;
 }
@@ -207,8 +207,8 @@ bool ImageNeeded(const ImageRow &row, Int32 currentVersion, Int32 newVersion, In
 eErrorT CountBlocks(const ImageRow &row, Int32 *numBlocks)
 {
     static UInt8 chunk[kCountChunk];
-    int image = OpenImage(row.file);
-    if (image == kNoImage)
+    FILE *image = OpenImage(row.file);
+    if (image == nullptr)
         return kNoError;
     Int64 size = 0;
     Int32 count = 0;
@@ -227,12 +227,12 @@ eErrorT CountBlocks(const ImageRow &row, Int32 *numBlocks)
 }
 
 // Opens an image if it is needed. Returns kNoError or kFileOpenError (printed).
-eErrorT OpenNeededImage(const ImageRow &row, bool needed, int *file)
+eErrorT OpenNeededImage(const ImageRow &row, bool needed, FILE **file)
 {
     if (!needed)
         return kNoError;
     *file = OpenImage(row.file);
-    if (*file != kNoImage)
+    if (*file != nullptr)
         return kNoError;
     std::printf("\nCould not open file: %s, Exit programming...\n", row.file);
     return kFileOpenError;
@@ -293,7 +293,7 @@ eErrorT SendBlock(const ImageState &image)
 
 bool HasBlockToSend(const ImageState &image)
 {
-    return *image.file != kNoImage && *image.currentBlock < image.totalBlock && *image.retries != 0;
+    return *image.file != nullptr && *image.currentBlock < image.totalBlock && *image.retries != 0;
 }
 
 void EndImageIfDone(const ImageState &image)
@@ -335,7 +335,7 @@ UInt8 ReadVerdict(FarSightUpdateInfoS *updateInfo, eErrorT *result)
 
 bool ImageOpen(const FarSightUpdateInfoS *updateInfo)
 {
-    return updateInfo->farsight_cam_file != kNoImage || updateInfo->farsight_sys_file != kNoImage;
+    return updateInfo->farsight_cam_file != nullptr || updateInfo->farsight_sys_file != nullptr;
 }
 
 // Sends every block of the open images, camera image first.
@@ -361,8 +361,8 @@ eErrorT SendImages(FarSightUpdateInfoS *updateInfo)
 // Brings the needed images to the camera; they are closed on every way out.
 eErrorT FlashImages(bool camNeeded, bool sysNeeded, Int32 camNumBlocks, Int32 sysNumBlocks)
 {
-    int camFile = kNoImage;
-    int sysFile = kNoImage;
+    FILE *camFile = nullptr;
+    FILE *sysFile = nullptr;
     eErrorT result = OpenNeededImage(kCamera, camNeeded, &camFile);
     if (result == kNoError)
         result = OpenNeededImage(kSystem, sysNeeded, &sysFile);
@@ -385,6 +385,7 @@ eErrorT FlashImages(bool camNeeded, bool sysNeeded, Int32 camNumBlocks, Int32 sy
 
 int flash_farsight(int argc, char *const argv[])
 {
+    os_assert(argv != nullptr || argc == 0, "argv");
     std::puts("########### Flashing Halden FarSight Firmware ....");
     PrintArguments(argc, argv);
     eErrorT err = OpenUpdatePort(kCameraPort);
@@ -441,6 +442,8 @@ eErrorT HaldenSerialProgFarSight(CONTROLLER_FLASH_TYPE flashType)
 
 eErrorT GetFarSightCameraImageBlockNumber(CameraFirmwareTypeT imageType, Int32 *camNumBlock, Int32 *sysNumBlock)
 {
+    os_assert(camNumBlock != nullptr, "camNumBlock");
+    os_assert(sysNumBlock != nullptr, "sysNumBlock");
     std::puts("GetFarSightCameraImageBlockNumber()...");
     *camNumBlock = 0;
     *sysNumBlock = 0;
@@ -459,25 +462,27 @@ eErrorT GetFarSightCameraImageBlockNumber(CameraFirmwareTypeT imageType, Int32 *
 
 eErrorT SetupNextFarSightDataBlock(FarSightUpdateInfoS *updateInfo, UInt8 AckNack)
 {
+    os_assert(updateInfo != nullptr, "updateInfo");
     const ImageState camera = CameraState(updateInfo);
     const ImageState system = SystemState(updateInfo);
     // An empty camera image has no block that a verdict could be about: it is the system image's, which
     // would stay at its first block for ever otherwise. The update still fails in the end: the camera
     // image stays open, and no verdict on it ever comes.
-    const bool emptyCamera = camera.totalBlock == 0 && *camera.currentBlock == 0 && *system.file != kNoImage;
-    if (*camera.file != kNoImage && !emptyCamera) {
+    const bool emptyCamera = camera.totalBlock == 0 && *camera.currentBlock == 0 && *system.file != nullptr;
+    if (*camera.file != nullptr && !emptyCamera) {
         ApplyVerdict(camera, AckNack);
         // The verdict on the last camera block also moves the system image to its first block.
         if (AckNack != kBlockAck || *camera.currentBlock != camera.totalBlock)
             return kNoError;
     }
-    if (*system.file != kNoImage)
+    if (*system.file != nullptr)
         ApplyVerdict(system, AckNack);
     return kNoError;
 }
 
 eErrorT SendNextFarSightDataBlock(FarSightUpdateInfoS *updateInfo)
 {
+    os_assert(updateInfo != nullptr, "updateInfo");
     const ImageState camera = CameraState(updateInfo);
     const ImageState system = SystemState(updateInfo);
     if (HasBlockToSend(camera))
@@ -496,6 +501,7 @@ eErrorT sendFarSightFlashDataBlock(const UInt8 *msgPtr, Int32 msgSize, CONTROLLE
         std::puts("########### zero size data block ....");
         return kBadParameter;
     }
+    os_assert(msgPtr != nullptr, "msgPtr");
     const Int32 blockNumber = msgPtr[0] << 8 | msgPtr[1];
     std::printf("sending dataBlockNumber: %d -- msgSize:%d ...\n", blockNumber, msgSize);
     if (flashType != kCamera.flashType && flashType != kSystem.flashType) {
@@ -503,7 +509,7 @@ eErrorT sendFarSightFlashDataBlock(const UInt8 *msgPtr, Int32 msgSize, CONTROLLE
         return kBadParameter;
     }
     const ImageRow &row = flashType == kCamera.flashType ? kCamera : kSystem;
-    // The next two texts are the microcontroller's and the status request's, shared as they stand.
+    // The next two texts name the microcontroller's update and the status request; who searches traces knows them so.
     Int32 frameSize = 0;
     const eErrorT err = buildKoraToHaldenMsg(row.messageType, msgSize, msgPtr, &frameSize, frame);
     if (err != kNoError) {

@@ -1,17 +1,20 @@
 // Update of the FarSight camera on serial port 0: the camera image "farsightcam.bin" and the system
 // image "farsightsys.bin", with their versions in "farsightcamver" and "farsightsysver".
 // Everything runs on the caller's thread; port and images are released on every way out.
+// A null record, block, count or list of arguments is a programming error and stops the program.
 #pragma once
 
 #include "Common/types.h"
 #include "devlib/haldenflash/framing.h"
 
+#include <cstdio>
+
 struct FarSightUpdateInfoS {
-    int farsight_cam_file; // descriptor of the open image; kNoImage: not sent, or done
+    FILE *farsight_cam_file; // the open image; null: not sent, or done
     Int32 currentCamBlock;
     Int32 totalCamBlock;
     Int32 camBlockRetries; // 3 for a fresh block, one less after each refusal
-    int farsight_sys_file;
+    FILE *farsight_sys_file;
     Int32 currentSysBlock;
     Int32 totalSysBlock;
     Int32 sysBlockRetries;
@@ -30,8 +33,10 @@ enum CameraFirmwareTypeT : Int32 {
 // (done, not needed, or query only) or -1.
 int flash_farsight(int argc, char *const argv[]);
 
-// The exchange with the camera on the open port. Returns kNoError, kFileOpenError (an image or a
-// version file), or kFuncReturnedError (anything else, a refused block included).
+// The exchange with the camera on the open port.
+// kNoError            done, not needed, or query only.
+// kFileOpenError      an image did not open, or a version file could not be opened or read. No block was sent.
+// kFuncReturnedError  anything else, a refused block included. The camera may hold a part of its images.
 eErrorT HaldenSerialProgFarSight(CONTROLLER_FLASH_TYPE flashType);
 
 // Counts the blocks of the images; one that does not open counts 0. Returns kNoError, kBadParameter

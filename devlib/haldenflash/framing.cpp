@@ -1,5 +1,6 @@
 #include "devlib/haldenflash/framing.h"
 
+#include "Common/OS/osassert.h"
 #include "devlib/serialapi.h"
 
 #include <cstdio>
@@ -102,6 +103,8 @@ Boolean validateKoraHaldenMessageType(UInt8 msgType)
 
 void encryptOneByte(UInt8 *startOfMessage, Int32 *index)
 {
+    os_assert(startOfMessage != nullptr, "startOfMessage");
+    os_assert(index != nullptr, "index");
     UInt8 *byte = startOfMessage + *index;
     *index += static_cast<Int32>(AppendStuffed(byte, *byte) - byte);
 }
@@ -109,11 +112,14 @@ void encryptOneByte(UInt8 *startOfMessage, Int32 *index)
 eErrorT buildKoraToHaldenMsg(KORA_HALDEN_MESAGE_TYPE msgType, Int32 orgMsgSize, const UInt8 *orgMsgPtr,
                              Int32 *ptrNewMsgSize, UInt8 *ptrNewMsg)
 {
+    os_assert(ptrNewMsgSize != nullptr, "ptrNewMsgSize");
     *ptrNewMsgSize = 0;
     if (validateKoraHaldenMessageType(msgType) == 0) {
         std::puts("packetizeKoraToHaldenMsg() -- Invalid message.");
         return kBadParameter;
     }
+    os_assert(orgMsgPtr != nullptr || orgMsgSize == 0, "orgMsgPtr");
+    os_assert(ptrNewMsg != nullptr, "ptrNewMsg");
     // Only as much is cleared as the old contents, read as a string, are long; that is enough, since
     // every byte up to the stored length is written below.
     std::memset(ptrNewMsg, 0, std::strlen(reinterpret_cast<const char *>(ptrNewMsg)));
@@ -145,6 +151,7 @@ int genericWriteRs232Port(int portNum, const UInt8 *buf, int buflen)
 
 Int32 axxtoi(const char *hexStg)
 {
+    os_assert(hexStg != nullptr, "hexStg");
     constexpr int kMaxDigits = 6;
     UInt32 value = 0;
     for (int i = 0; i < kMaxDigits; i++) {
@@ -161,6 +168,7 @@ Int32 axxtoi(const char *hexStg)
 
 void Delay(Int32 delay_usecs)
 {
+    os_assert(delay_usecs >= 0, "delay_usecs >= 0"); // every wait would fail, and start over
     timeval time{};
     do {
         time = {0, delay_usecs}; // a second and more is accepted in this member

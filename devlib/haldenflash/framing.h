@@ -1,5 +1,7 @@
 // Frames of the host: FF, type, length, data, 24-bit checksum, byte-stuffed so that FF on the line
 // always starts a frame. Also the small things that both update procedures need.
+// A null argument is a programming error and stops the program. Data of size 0 may be null, and a null buffer to
+// write gives what Serial_Write makes of it.
 #pragma once
 
 #include "Common/types.h"
@@ -61,5 +63,5 @@ int genericWriteRs232Port(int portNum, const UInt8 *buf, int buflen);
 // digits 10 to 15, and the punctuation from "*" to "/" likewise, as they always have.
 Int32 axxtoi(const char *hexStg);
 
-// Waits, delay_usecs not negative. An interrupted wait starts over.
+// Waits. An interrupted wait starts over. A negative time is a programming error and stops the program.
 void Delay(Int32 delay_usecs);

@@ -1,9 +1,9 @@
 #include "devlib/haldenflash/image.h"
 
+#include "Common/OS/osassert.h"
+
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
@@ -13,37 +13,48 @@ namespace
 
 // Whether what has been read is all that there is. A file that ends before its size is one that could not
 // be read: sent as it is, the device would end up with a part of an image that calls itself whole.
-bool AtEnd(int image)
+bool AtEnd(FILE *image)
 {
+    const int fd = fileno(image);
     struct stat status;
-    return fstat(image, &status) != 0 || !S_ISREG(status.st_mode) || lseek(image, 0, SEEK_CUR) >= status.st_size;
+    return fstat(fd, &status) != 0 || !S_ISREG(status.st_mode) || lseek(fd, 0, SEEK_CUR) >= status.st_size;
 }
 
 } // namespace
 
-int OpenImage(const char *name)
+FILE *OpenImage(const char *name)
 {
-    const int fd = open(name, O_RDONLY);
-    return fd < 0 ? kNoImage : fd;
+    os_assert(name != nullptr, "name");
+    return std::fopen(name, "re");
 }
 
-Int32 ReadImage(int image, void *buffer, Int32 size)
+// From the descriptor: a stream would read in pieces of its buffer and keep what a signal interrupted as an error.
+Int32 ReadBytes(FILE *file, void *buffer, Int32 size)
 {
+    os_assert(file != nullptr, "file");
+    os_assert(buffer != nullptr, "buffer");
     Int32 done = 0;
     while (done < size) {
-        const ssize_t count = read(image, static_cast<char *>(buffer) + done, static_cast<size_t>(size - done));
+        const ssize_t count = read(fileno(file), static_cast<char *>(buffer) + done, static_cast<size_t>(size - done));
+        if (count == 0)
+            break;
         if (count > 0)
             done += static_cast<Int32>(count);
-        else if (count == 0 && AtEnd(image))
-            break;
-        else if (count == 0 || errno != EINTR)
+        else if (errno != EINTR)
             return -1;
     }
     return done;
 }
 
-Int32 FillBlock(UInt8 *block, Int32 number, Int32 blockSize, int image, const char *name, const char *readError)
+Int32 ReadImage(FILE *image, void *buffer, Int32 size)
 {
+    const Int32 count = ReadBytes(image, buffer, size);
+    return count < 0 || count == size || AtEnd(image) ? count : -1;
+}
+
+Int32 FillBlock(UInt8 *block, Int32 number, Int32 blockSize, FILE *image, const char *name, const char *readError)
+{
+    os_assert(block != nullptr, "block");
     std::memset(block, 0, size_t{kBlockHeaderSize} + static_cast<size_t>(blockSize));
     block[0] = static_cast<UInt8>(number >> 8);
     block[1] = static_cast<UInt8>(number);
@@ -56,8 +67,9 @@ Int32 FillBlock(UInt8 *block, Int32 number, Int32 blockSize, int image, const ch
     return count;
 }
 
-Boolean CloseImage(int *image)
+Boolean CloseImage(FILE **image)
 {
-    const int fd = std::exchange(*image, kNoImage);
-    return fd == kNoImage || close(fd) == 0 ? 1 : 0;
+    os_assert(image != nullptr, "image");
+    FILE *file = std::exchange(*image, nullptr);
+    return file == nullptr || std::fclose(file) == 0 ? 1 : 0;
 }

@@ -1,5 +1,6 @@
 #include "devlib/haldenflash/microupdate.h"
 
+#include "Common/OS/osassert.h"
 #include "devlib/haldenflash/haldenflash.h"
 #include "devlib/haldenflash/image.h"
 #include "devlib/haldenflash/updateport.h"
@@ -10,7 +11,7 @@
 #include <cstdio>
 #include <cstring>
 
-HaldenMicroUpdateInfoS gMicroUpdateInfo = {kNoImage, 0, 0, 0};
+HaldenMicroUpdateInfoS gMicroUpdateInfo;
 
 namespace
 {
@@ -158,6 +159,7 @@ UInt8 ReadVerdict(HaldenMicroUpdateInfoS *updateInfo)
 
 int flash_micro(int argc, char *const argv[])
 {
+    os_assert(argv != nullptr || argc == 0, "argv");
     std::printf("########### Flashing Halden Micro Controller ...");
     PrintArguments(argc, argv);
     const eErrorT err = OpenUpdatePort(kMicroPort);
@@ -181,8 +183,8 @@ int flash_micro(int argc, char *const argv[])
 
 Boolean HaldenMicroUpdateNeeded(UInt8 curMicroVer)
 {
-    int image = OpenImage(kMicroImage);
-    if (image == kNoImage) {
+    FILE *image = OpenImage(kMicroImage);
+    if (image == nullptr) {
         std::printf("\nCould not open Halden Microcontroller BIN file: %s, Exit HaldenMicroUpdateNeeded()...\n",
                     kMicroImage);
         return 0;
@@ -229,8 +231,8 @@ eErrorT RequestHaldenSystemStatus(HALDEN_SYSTEM_STATUS_TYPE statusType)
 
 eErrorT HaldenSerialProgMicro(CONTROLLER_FLASH_TYPE)
 {
-    const int image = OpenImage(kMicroImage);
-    if (image == kNoImage) {
+    FILE *image = OpenImage(kMicroImage);
+    if (image == nullptr) {
         std::printf("\nCould not open Halden Microcontroller BIN file: %s, Exit programming...\n", kMicroImage);
         return kFileOpenError;
     }
@@ -243,7 +245,7 @@ eErrorT HaldenSerialProgMicro(CONTROLLER_FLASH_TYPE)
         if (result != kNoError)
             break;
         verdict = ReadVerdict(&gMicroUpdateInfo);
-    } while (gMicroUpdateInfo.micro_file != kNoImage);
+    } while (gMicroUpdateInfo.micro_file != nullptr);
     if (result != kNoError && result != kEndOfFile)
         std::printf("#### Failed sending the halden micro controller data block: %d ...\n",
                     gMicroUpdateInfo.currentBlock);
@@ -254,7 +256,8 @@ eErrorT HaldenSerialProgMicro(CONTROLLER_FLASH_TYPE)
 
 eErrorT SetupNextMicroDataBlock(HaldenMicroUpdateInfoS *updateInfo, UInt8 AckNack)
 {
-    if (updateInfo->micro_file == kNoImage)
+    os_assert(updateInfo != nullptr, "updateInfo");
+    if (updateInfo->micro_file == nullptr)
         return kNoError;
     std::printf("Still working on micro file [%s] ...\n", kMicroImage);
     if (AckNack == kBlockAck) {
@@ -270,7 +273,8 @@ eErrorT SetupNextMicroDataBlock(HaldenMicroUpdateInfoS *updateInfo, UInt8 AckNac
 
 eErrorT SendNextMicroDataBlock(HaldenMicroUpdateInfoS *updateInfo)
 {
-    if (updateInfo->micro_file != kNoImage && updateInfo->currentBlock < updateInfo->totalBlock &&
+    os_assert(updateInfo != nullptr, "updateInfo");
+    if (updateInfo->micro_file != nullptr && updateInfo->currentBlock < updateInfo->totalBlock &&
         updateInfo->BlockRetries != 0)
         return SendBlock(updateInfo);
     if (updateInfo->currentBlock == updateInfo->totalBlock && updateInfo->currentBlock >= 1) {
@@ -287,6 +291,7 @@ eErrorT SendNextMicroDataBlock(HaldenMicroUpdateInfoS *updateInfo)
 eErrorT sendMicroFlashDataBlock(const UInt8 *msgPtr, Int32 msgSize)
 {
     static UInt8 frame[kMaxFrameSize];
+    os_assert(msgPtr != nullptr, "msgPtr");
     const Int32 blockNumber = msgPtr[0] << 8 | msgPtr[1];
     Int32 frameSize = 0;
     std::printf("sending dataBlockNumber: %d -- msgSize:%d ...\n", blockNumber, msgSize);

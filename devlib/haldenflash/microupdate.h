@@ -1,12 +1,15 @@
 // Update of the Halden microcontroller on serial port 1 from "haldenmicro.bin".
 // Everything runs on the caller's thread; the port is released on every way out.
+// A null record, block or list of arguments is a programming error and stops the program.
 #pragma once
 
 #include "Common/types.h"
 #include "devlib/haldenflash/framing.h"
 
+#include <cstdio>
+
 struct HaldenMicroUpdateInfoS {
-    int micro_file; // descriptor of the open image; kNoImage ends the send loop
+    FILE *micro_file; // the open image; null ends the send loop
     Int32 currentBlock;
     Int32 totalBlock;   // always 12
     Int32 BlockRetries; // 3 for a fresh block, one less after each refusal

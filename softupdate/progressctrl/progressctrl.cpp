@@ -1,5 +1,7 @@
 #include "softupdate/progressctrl/progressctrl.h"
 
+#include "Common/OS/osassert.h"
+
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
@@ -18,7 +20,7 @@ Int32 nLastPos; // the last position written
 // Returns 0, or 1 when the pipe cannot be opened. A write that fails is the reader's affair.
 int WritePosition(Int32 nActualPos)
 {
-    const int fd = open(szCommPipe, O_WRONLY | O_CREAT | O_TRUNC, 0666);
+    const int fd = open(szCommPipe, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
     if (fd < 0)
         return 1;
     char number[16];
@@ -42,6 +44,7 @@ void updateProgress(Int32 nBytesDone)
 
 int progressCtrlInit(const char *pszCommPipe, Int32 nRangeLowerLimit, Int32 nRangeUpperLimit)
 {
+    os_assert(pszCommPipe != nullptr, "pszCommPipe");
     std::snprintf(szCommPipe, sizeof szCommPipe, "%s", pszCommPipe);
     nLowerLimit = nRangeLowerLimit;
     nWidth = static_cast<Int32>(Int64{nRangeUpperLimit} - nRangeLowerLimit);

@@ -1,6 +1,7 @@
 // Progress reporting: bytes done become a percentage, the percentage a position in the caller's
 // range, and a position that grew is written as a decimal number to the supervisor's pipe.
 // Locking: none; one thread reports.
+// A null path is a programming error and stops the program.
 #pragma once
 
 #include "Common/types.h"
