@@ -64,7 +64,7 @@ struct TickerT {
 
 thread_local PlayerT *player;
 thread_local PlayerT own;
-constexpr int kSecond = 1000, kRunLimit = 30 * kSecond; // milliseconds
+constexpr int kSecond = 1000, kRunLimit = 10 * kSecond; // milliseconds
 
 int Load(int *word)
 {
@@ -439,7 +439,7 @@ WRAPPED(int, pthread_create, (pthread_t * thread, const pthread_attr_t *attribut
     if (schedule::refuseThreads)
         return EAGAIN;
     const int result = __real_pthread_create(thread, attributes, start, arg);
-    if (__builtin_memcmp(arg, "tmtk", 4) == 0) // a task's record, which begins with its name
+    if (arg != nullptr && __builtin_memcmp(arg, "tmtk", 4) == 0) // a task's record, which begins with its name
         schedule::ticker.thread = *thread;
     return result;
 }

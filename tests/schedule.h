@@ -11,7 +11,7 @@
 //
 // Owner:   one process, one run at a time; Run is called by a thread that plays no part.
 // Limits:  a part that goes alone has a second to come to its stop when it waits for something other than a lock or an
-//          event; a run of half a minute is taken for a deadlock, and stops the program with the place of each part.
+//          event; a run of ten seconds is taken for a deadlock, and stops the program with the place of each part.
 #pragma once
 
 namespace schedule
