@@ -156,8 +156,8 @@ class Orders : public testing::TestWithParam<PairT>
 TEST_P(Orders, KeepTheirWord)
 {
     const PairT &pair = GetParam();
-    const ConfigFolders own;
-    folders = &own;
+    const auto own = std::make_unique<ConfigFolders>();
+    folders = own.get();
     const bool fresh = pair.kind >= PairT::kNewProcess;
     gLibPThreadNPTL = 1;
     if (pair.kind != PairT::kNothingYet)
@@ -1212,9 +1212,9 @@ void InitScript()
 
 // Two sets of callbacks, of which each knows its own context; the second call ends the loop of the port's task.
 UInt32 sent;
-template <UInt32 *context> void Sent(void *given)
+template <unsigned index> void Sent(void *context)
 {
-    EXPECT_EQ(given, context);
+    EXPECT_EQ(context, &results[index]);
     if (++sent == 2)
         CBList->devCB.fd = -1;
 }
@@ -1226,8 +1226,8 @@ void SetCallbacks(DevmgrSerial_CBInfo_t callbacks)
     iorb.ctlCode = kSerialSetCallbacks;
     DevMgrFPGASerial_Ioctl(&CBList->devCB, &iorb);
 }
-const DevmgrSerial_CBInfo_t kCallbacksA = {Sent<&results[0]>, nullptr, &results[0]},
-                            kCallbacksB = {Sent<&results[1]>, nullptr, &results[1]};
+const DevmgrSerial_CBInfo_t kCallbacksA = {Sent<0>, nullptr, &results[0]},
+                            kCallbacksB = {Sent<1>, nullptr, &results[1]};
 int portFd;
 
 const PairT kPorts[] = {

@@ -21,6 +21,11 @@
 #include <sanitizer/tsan_interface.h>
 #endif
 
+__data_start; // NOLINT(bugprone-reserved-identifier): the linker's and the C library's
+
+// Of the linker and of the C library. NOLINTNEXTLINE(bugprone-reserved-identifier)
+extern "C" char __executable_start, __data_start;
+
 namespace schedule
 {
 
@@ -106,14 +111,12 @@ void Take()
 #endif
 }
 
-extern char begin asm("__executable_start"), data asm("__data_start");
-
 // For addr2line -e.
 void PrintPlace(unsigned index)
 {
     std::fprintf(stderr, "schedule: part %u was last at %s, 0x%lx\n", index,
                  run.calls[index] != nullptr ? run.calls[index] : "its start",
-                 static_cast<unsigned long>(static_cast<char *>(run.places[index]) - &begin));
+                 static_cast<unsigned long>(static_cast<char *>(run.places[index]) - &__executable_start));
 }
 
 [[noreturn]] void GiveUp()
@@ -166,7 +169,7 @@ bool IsNobodyElses(const volatile void *address, const PlayerT &self)
 {
     const auto *at = static_cast<const volatile char *>(address);
     return (at >= static_cast<char *>(__builtin_frame_address(0)) && at < self.stackEnd) ||
-           (at >= &begin && at < &data);
+           (at >= &__executable_start && at < &__data_start);
 }
 
 // Of a loop the first rounds are enough. caller: of the function that place is in.
@@ -311,12 +314,12 @@ bool Run(const PartT (&parts)[2], unsigned first, unsigned stop, unsigned otherS
     Give();
     Store(&run.number, run.number + 1);
     Store(&run.phase, kFirst);
-    const int begin = Milliseconds();
+    const int started = Milliseconds();
     for (int over; (over = Load(&run.over)) < 2;) {
         Await(&run.over, over);
-        if (Milliseconds() - begin > kRunLimit)
+        if (Milliseconds() - started > kRunLimit)
             GiveUp();
-        if (Milliseconds() - begin > kSecond && Load(&run.phase) == kFirst) {
+        if (Milliseconds() - started > kSecond && Load(&run.phase) == kFirst) {
             run.waited = true;
             EndPhase(kFirst, false);
         }
