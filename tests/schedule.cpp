@@ -21,8 +21,6 @@
 #include <sanitizer/tsan_interface.h>
 #endif
 
-__data_start; // NOLINT(bugprone-reserved-identifier): the linker's and the C library's
-
 // Of the linker and of the C library. NOLINTNEXTLINE(bugprone-reserved-identifier)
 extern "C" char __executable_start, __data_start;
 
