@@ -83,7 +83,7 @@ void EndAtOnce(useconds_t pause)
 TEST(Config, EndsWithItsFlushTask)
 {
     const ConfigFolders folders;
-    for (useconds_t pause = 0; pause < 500; pause += 25) // the task's first log line starts the database as well
+    for (useconds_t pause = 0; pause < 500; pause += 50) // the task's first log line starts the database as well
         EXPECT_EXIT(EndAtOnce(pause), testing::ExitedWithCode(0), "");
     for (int i = 0; i < 2; i++) {
         ConfigInit();
