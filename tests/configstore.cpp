@@ -269,7 +269,7 @@ void StartAtOnce()
 TEST(ConfigStore, StartsOnceForEachCall)
 {
     const ConfigFolders folders;
-    for (int i = 0; i < 30; i++)
+    for (int i = 0; i < 10; i++)
         EXPECT_EXIT(StartAtOnce(), testing::ExitedWithCode(0), "^Config Folder data[^\n]*\n$");
 }
 

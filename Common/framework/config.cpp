@@ -265,6 +265,7 @@ struct WorkT {
     bool storesValue = false;
     bool tells = false;              // the log and the callbacks
     ConfigItemT *pWatched = nullptr; // the item, if anybody watches it
+    ConfigFailureT failure = {};     // of the file, not printed yet
 };
 
 // Gives the item the value, under changeSemaphore. There is nothing left to do when it has it already, unless a write
@@ -284,16 +285,16 @@ WorkT ChangeCache(const KeyT &key, const ConfigNotifyT &notify)
     return {.storesValue = isForStore, .tells = true, .pWatched = pItem->mod.pCallbacks != nullptr ? pItem : nullptr};
 }
 
-eErrorT ChangeStore(const KeyT &key, const ConfigNotifyT &notify)
+void ChangeStore(const KeyT &key, const ConfigNotifyT &notify, WorkT *pWork)
 {
     const auto instance = static_cast<Int32>(notify.instance);
-    if (ConfigStoreWrite(key.text, instance, notify.value) != kNoError)
-        return kBadParameter;
+    pWork->result = ConfigStoreTryWrite(key.text, instance, notify.value, &pWork->failure);
+    if (pWork->result != kNoError)
+        return;
     const SemaphoreHold hold(configSemaphore);
     ConfigItemT *pItem = FindItem(key, instance);
     if (pItem != nullptr && std::strcmp(pItem->value, notify.value) == 0)
         pItem->unsaved = 0;
-    return kNoError;
 }
 
 // The master writes the file before the next change begins. The others send a command, which is not done with a lock
@@ -309,10 +310,10 @@ WorkT ChangeItem(const KeyT &key, const ConfigNotifyT &notify)
             return {.result = kSemUnavail};
         work = ChangeCache(key, notify);
         if (work.storesValue && isMaster)
-            work.result = ChangeStore(key, notify);
+            ChangeStore(key, notify, &work);
     }
     if (work.storesValue && !isMaster)
-        work.result = ChangeStore(key, notify);
+        ChangeStore(key, notify, &work);
     return work;
 }
 
@@ -519,6 +520,7 @@ eErrorT ConfigWriteEx(const char *pName, Int32 instance, const char *value, cons
     ConfigInit();
     const ConfigNotifyT notify = Notification(key, instance, value, access, flags);
     const WorkT work = ChangeItem(key, notify);
+    ConfigStoreReport(work.failure);
     if (!work.tells)
         return work.result;
     if (IsMaster() && !IsSensitive(key.text))

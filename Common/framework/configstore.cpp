@@ -332,17 +332,17 @@ bool WriteAll(int file, const char *text, std::size_t size)
     return true;
 }
 
-eErrorT Refused(const char *message)
+// Keeps the reason that the system gave. It is printed later: the caller may hold a lock.
+void Fail(ConfigFileT *pFile, const char *call)
 {
-    std::perror(message);
-    return kBadParameter;
+    pFile->failure = {call, errno};
 }
 
 enum class ReplacementT { kDone, kFailed, kNotPossible };
 
-// Puts a new file in the old one's place in one step. kFailed: it could not be written, and the reason was printed.
+// Puts a new file in the old one's place in one step. kFailed: it could not be written.
 // kNotPossible: it could not be made, or not be put there. After both the old file is as it was.
-ReplacementT ReplaceFile(const ConfigFileT *pFile, const OldFileT &old)
+ReplacementT ReplaceFile(ConfigFileT *pFile, const OldFileT &old)
 {
     TemporaryPathT temporary;
     const int file = OpenTemporary(pFile->path, &temporary);
@@ -353,7 +353,7 @@ ReplacementT ReplaceFile(const ConfigFileT *pFile, const OldFileT &old)
         // A file on a network may fail no earlier than on closing. This one has to stay locked until it is in place.
         const bool written = WriteAll(file, pFile->text, pFile->size) && close(fcntl(file, F_DUPFD_CLOEXEC, 0)) == 0;
         if (!written) {
-            std::perror("ConfigStoreWrite: fwrite");
+            Fail(pFile, "ConfigStoreWrite: fwrite");
             result = ReplacementT::kFailed;
         } else if (std::rename(temporary.text, pFile->path) == 0)
             result = ReplacementT::kDone;
@@ -366,30 +366,39 @@ ReplacementT ReplaceFile(const ConfigFileT *pFile, const OldFileT &old)
 
 // Writes over the file, which is cut afterwards: a short value is there whole or not at all, and on a full disk it
 // has its place already.
-eErrorT WriteInPlace(const ConfigFileT *pFile)
+void WriteInPlace(ConfigFileT *pFile)
 {
     const int file = open(pFile->path, O_WRONLY | O_CREAT | O_NOCTTY | O_CLOEXEC, kNewFileMode);
-    if (file < 0)
-        return Refused("ConfigStoreWrite: fopen");
+    if (file < 0) {
+        Fail(pFile, "ConfigStoreWrite: fopen");
+        return;
+    }
     const bool written = WriteAll(file, pFile->text, pFile->size) &&
                          (ftruncate(file, static_cast<off_t>(pFile->size)) == 0 || errno == EINVAL); // no regular file
-    const int error = errno;
-    const bool closed = close(file) == 0;
     if (!written)
-        errno = error;
-    return written && closed ? kNoError : Refused("ConfigStoreWrite: fwrite");
+        Fail(pFile, "ConfigStoreWrite: fwrite");
+    if (close(file) != 0 && written)
+        Fail(pFile, "ConfigStoreWrite: fwrite");
 }
 
-eErrorT StoreFile(const ConfigFileT *pFile)
+void StoreFile(ConfigFileT *pFile)
 {
     const OldFileT old = LookAt(pFile->path);
-    const ReplacementT replaced = old.isReplaceable ? ReplaceFile(pFile, old) : ReplacementT::kNotPossible;
-    if (replaced == ReplacementT::kFailed)
-        return kBadParameter;
-    const eErrorT result = replaced == ReplacementT::kDone ? kNoError : WriteInPlace(pFile);
-    if (result == kNoError)
+    if (!old.isReplaceable || ReplaceFile(pFile, old) == ReplacementT::kNotPossible)
+        WriteInPlace(pFile);
+    if (pFile->failure.call == nullptr)
         NoteWrite();
-    return result;
+}
+
+eErrorT CloseWritten(ConfigFileT *pFile, ConfigFailureT *pFailure)
+{
+    const CancelOffHold cancelOff; // no file stays open, and no temporary one stays behind
+    if (pFile->failure.call == nullptr)
+        StoreFile(pFile);
+    std::free(pFile->text);
+    *pFailure = pFile->failure;
+    *pFile = {};
+    return pFailure->call == nullptr ? kNoError : kBadParameter;
 }
 
 // ---- Writing through the master
@@ -539,17 +548,35 @@ eErrorT ConfigStoreChoiceRead(const char *name, Int32 instance, char *s, UInt32 
 
 eErrorT ConfigStoreWrite(const char *name, Int32 instance, const char *value)
 {
+    ConfigFailureT failure = {};
+    const eErrorT result = ConfigStoreTryWrite(name, instance, value, &failure);
+    ConfigStoreReport(failure);
+    return result;
+}
+
+eErrorT ConfigStoreTryWrite(const char *name, Int32 instance, const char *value, ConfigFailureT *pFailure)
+{
+    os_assert(pFailure, "pFailure");
+    *pFailure = {};
     if (!ConfigStoreMayWrite(name, value))
         return kBadParameter;
     if (!IsMaster()) {
         TellMaster(name, instance, value);
         return kNoError;
     }
-    const CancelOffHold cancelOff;
+    const CancelOffHold cancelOff; // the line is given back
     ConfigFileT file;
     ConfigStoreWriteOpen(name, instance, &file);
     ConfigStoreWritePutLine(&file, value);
-    return ConfigStoreWriteClose(&file);
+    return CloseWritten(&file, pFailure);
+}
+
+void ConfigStoreReport(const ConfigFailureT &failure)
+{
+    if (failure.call == nullptr)
+        return;
+    errno = failure.error;
+    std::perror(failure.call);
 }
 
 eErrorT ConfigStoreDelete(const char *name, Int32 instance)
@@ -626,8 +653,8 @@ eErrorT ConfigStoreWritePutLine(ConfigFileT *pFile, const char *line)
     const std::size_t length = std::strcspn(line, "\r\n");
     auto *text = static_cast<char *>(std::malloc(pFile->size + length + 1));
     if (text == nullptr) {
-        pFile->hasFailed = 1;
-        return Refused("ConfigStoreWrite: fwrite");
+        Fail(pFile, "ConfigStoreWrite: fwrite");
+        return kBadParameter;
     }
     *std::copy_n(line, length, std::copy_n(pFile->text, pFile->size, text)) = '\n';
     std::free(std::exchange(pFile->text, text));
@@ -639,9 +666,8 @@ eErrorT ConfigStoreWriteClose(ConfigFileT *pFile)
 {
     os_assert(pFile, "pFile");
     os_assert(pFile->isWritten, "pFile->isWritten");
-    const CancelOffHold cancelOff; // no file stays open, and no temporary one stays behind
-    const eErrorT result = pFile->hasFailed == 0 ? StoreFile(pFile) : kBadParameter;
-    std::free(pFile->text);
-    *pFile = {};
+    ConfigFailureT failure;
+    const eErrorT result = CloseWritten(pFile, &failure);
+    ConfigStoreReport(failure);
     return result;
 }

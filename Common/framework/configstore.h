@@ -80,6 +80,17 @@ eErrorT ConfigStoreChoiceRead(const char *name, Int32 instance, char *s, UInt32 
 //                place may hold a part of both values.
 eErrorT ConfigStoreWrite(const char *name, Int32 instance, const char *value);
 
+// Why a file was not written.
+struct ConfigFailureT {
+    const char *call; // what failed; null: nothing did
+    int error;        // the system's number
+};
+
+// ConfigStoreWrite without the message, for a caller that holds a lock. ConfigStoreReport prints it afterwards, and
+// prints nothing when nothing failed.
+eErrorT ConfigStoreTryWrite(const char *name, Int32 instance, const char *value, ConfigFailureT *pFailure);
+void ConfigStoreReport(const ConfigFailureT &failure);
+
 // Removes the dat file. Returns kNoError; kItemNotFound when there is none; kBadParameter when it cannot
 // be removed; kNotImplemented on a processor other than the master.
 eErrorT ConfigStoreDelete(const char *name, Int32 instance);
@@ -95,9 +106,9 @@ struct ConfigFileT {
     FILE *stream; // what is read; null: not open for reading
     char path[kConfigPathSize];
     Boolean isWritten; // 1: open for writing
-    Boolean hasFailed; // 1: a line found no memory
     char *text;        // the lines to be written
     std::size_t size;
+    ConfigFailureT failure; // the first one of what was written
 };
 
 // Open the item's dat file, or else its choice file. A task that may be deleted before it closes the file holds the
