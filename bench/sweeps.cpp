@@ -258,7 +258,7 @@ struct PairRow {
     std::chrono::seconds limit; // a run that goes on for ever keeps a processor busy
 };
 const PairRow kPairs[] = {
-    {"micro", &kMicro, &Trial::micro, {0, 1, 5, 6, 10, 11, 12}, 300, std::chrono::seconds(3)},
+    {"micro", &kMicro, &Trial::micro, {0, 1, 5, 6, 10, 11, 12}, 300, std::chrono::seconds(5)},
     // three blocks, and two of the system image
     {"camera", &kCamera, &Trial::camera, {0, 1, 2, 3, 4}, 4500, std::chrono::seconds(7)},
 };
