@@ -86,7 +86,7 @@ void RebuildTreeLocked()
     treeGeneration++;
     DestroyTree(gTCBTree);
     for (TCB *tcb = tcblist; tcb != nullptr; tcb = tcb->next)
-        if (tcb->tid != 0)
+        if (tcb->tid != 0 && tcb->thread != pthread_t{})
             InsertItem(gTCBTree, ThreadKey(tcb->thread), tcb);
 }
 
@@ -98,13 +98,18 @@ void SetTreeEntryLocked(pthread_t thread, TCB *tcb)
                   "InsertItem(gTCBTree, tcb->thread, (void *) tcb) == 0");
 }
 
-// The block stays what it was: somebody may be about to post an event to it.
-void RetireLocked(TCB *tcb)
+void RemoveTcbLocked(const TCB *tcb)
 {
     TCB **link = &tcblist;
     while (*link != tcb)
         link = &(*link)->next;
     *link = tcb->next;
+}
+
+// The block stays what it was: somebody may be about to post an event to it.
+void RetireLocked(TCB *tcb)
+{
+    RemoveTcbLocked(tcb);
     retiredTasks.Add(tcb);
     pthread_cond_broadcast(&taskChanged);
 }
@@ -172,10 +177,14 @@ void LeaveTask(void *task)
 {
     TCB *tcb = static_cast<TCB *>(task);
     ownTask = nullptr;
+    if (tcb->claimed == kDeletedByAnother && tcb->task_start != nullptr) {
+        // Who deletes it joins the thread, and does the rest. No lock: ThreadSanitizer does not see the locks of a
+        // thread that was cancelled in a wait.
+        tcb->thread = pthread_t{};
+        return;
+    }
     const MutexHold hold(&tcblistmutex);
-    ReplaceItem(gTCBTree, ThreadKey(tcb->thread), nullptr); // unless the tree was emptied
     tcb->thread = pthread_t{};
-    tcb->tid = 0;
     pthread_cond_broadcast(&taskChanged);
     if (tcb->claimed == kDeletedByAnother)
         return; // who joins the thread, and retires its task
@@ -503,7 +512,8 @@ void TreeStub()
 TCB *FindTcbThread(pthread_t thread)
 {
     const MutexHold hold(&tcblistmutex);
-    return gTCBTree != 0 ? static_cast<TCB *>(SearchTree(gTCBTree, ThreadKey(thread))) : nullptr;
+    auto *tcb = gTCBTree != 0 ? static_cast<TCB *>(SearchTree(gTCBTree, ThreadKey(thread))) : nullptr;
+    return tcb != nullptr && tcb->thread == thread ? tcb : nullptr; // an ended task's entry may still be there
 }
 
 UInt32 t_create(const char *name, UInt32 priority, UInt32, UInt32, UInt32, UInt32 *tid_out)
@@ -529,9 +539,10 @@ UInt32 t_start(UInt32 tid, UInt32 mode, TaskStartT start, const UInt32 *args)
     int error = 0;
     {
         const MutexHold hold(&tcblistmutex); // until the handle is stored, nobody takes the task for one never started
-        error = pthread_create(&tcb->thread, &tcb->attr, pthread_entry, tcb);
-        if (error != 0)
-            tcb->thread = pthread_t{};
+        pthread_t thread{};
+        error = pthread_create(&thread, &tcb->attr, pthread_entry, tcb);
+        if (error == 0)
+            tcb->thread = thread;
     }
     if (error == 0)
         return 0;
@@ -601,8 +612,8 @@ UInt32 t_setpri(UInt32 tid, UInt32 newpri, UInt32 *previous_out)
     tcb->prv_pri.sched_priority = static_cast<Int32>(newpri);
     os_assert(newpri <= kMaxPriority, "tcb->prv_pri.__sched_priority <= 99");
     const Int32 policy = sched_policy;
-    if (policy == SCHED_OTHER || tcb->thread == pthread_t{})
-        return 0; // accepted and ignored, or taken over when the task starts
+    if (policy == SCHED_OTHER || tcb->thread == pthread_t{} || tcb->claimed != kNotDeleted)
+        return 0; // accepted and ignored, or taken over when the task starts; a claimed one may end at any moment
     return static_cast<UInt32>(pthread_setschedparam(tcb->thread, policy, &tcb->prv_pri));
 }
 

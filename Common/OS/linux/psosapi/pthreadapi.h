@@ -52,7 +52,7 @@ struct TCB {
     UInt32 event_mask;                   // read by nothing
     std::atomic<UInt32> events_captured; // sent and not yet received
     UInt32 events_pending;               // read by nothing
-    pthread_t thread;                    // 0 until the task is started, and after its thread has ended
+    std::atomic<pthread_t> thread;       // 0 until the task is started, and after its thread has ended
     pthread_attr_t attr;
     sched_param prv_pri;
     std::atomic<Int32> timedwait; // 1 while a waiting ev_receive has not found its events
@@ -67,7 +67,7 @@ struct TCB {
     TCB *next;
     UInt32 serial;   // the task's number in creation order, from 1
     UInt32 waitsFor; // the number of the task whose end this one waits for in t_delete, or 0
-    ClaimT claimed;
+    std::atomic<ClaimT> claimed;
 };
 
 // The task list in creation order, the tree from thread to TCB, and the lock of both.
