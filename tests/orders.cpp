@@ -327,6 +327,7 @@ const PairT kEnds[] = {
      [] {
          StartThread([] {
              t_attach("atch", 10);
+             t_attach("agin", 11);
              t_delete(0);
          });
      },
@@ -367,6 +368,13 @@ void MakeDevice()
                  schedule::Play(i);
                  t_delete(twins[1 - i]);
              });
+     },
+     OnlyPlayersAreLeft},
+    {"DeletionAndDelete",
+     {kOwn, Task(DeleteChild)},
+     [] {
+         twins[0] = StartTask("twin", [] { WaitFor(0); });
+         StartVictim([] { t_delete(twins[0]); });
      },
      OnlyPlayersAreLeft},
     {"LogAndDelete",

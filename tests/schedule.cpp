@@ -471,14 +471,25 @@ WRAPPED(int, open, (const char *path, int flags, ...), (path, flags))
     const unsigned mode = (flags & O_CREAT) != 0 ? va_arg(args, unsigned) : 0;
     va_end(args);
     Stop("open", __builtin_return_address(0));
-    return __real_open(path, flags, mode);
+    const int fd = __real_open(path, flags, mode);
+    Stop("the end of open", __builtin_return_address(0));
+    return fd;
 }
 
 STOPS(int, pthread_cond_signal, (pthread_cond_t * condition), (condition))
 STOPS(int, pthread_cancel, (pthread_t thread), (thread))
 STOPS(int, close, (int fd), (fd))
-STOPS(FILE *, fopen, (const char *path, const char *mode), (path, mode))
-STOPS(FILE *, fopen64, (const char *path, const char *mode), (path, mode))
+// Also behind it: what follows may be a read, where a thread can be cancelled.
+#define STOPS_TWICE(result, name, parameters, arguments)                                                               \
+    WRAPPED(result, name, parameters, arguments)                                                                       \
+    {                                                                                                                  \
+        Stop(#name, __builtin_return_address(0));                                                                      \
+        result file = __real_##name arguments;                                                                         \
+        Stop("the end of " #name, __builtin_return_address(0));                                                        \
+        return file;                                                                                                   \
+    }
+STOPS_TWICE(FILE *, fopen, (const char *path, const char *mode), (path, mode))
+STOPS_TWICE(FILE *, fopen64, (const char *path, const char *mode), (path, mode))
 STOPS(int, fclose, (FILE * file), (file))
 STOPS(int, rename, (const char *from, const char *to), (from, to))
 STOPS(int, unlink, (const char *path), (path))
