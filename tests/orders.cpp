@@ -200,6 +200,13 @@ void DeleteChild()
 {
     t_delete(child);
 }
+// Whoever of several does it: when the call returns, the task is gone.
+void DeleteAndLook(unsigned index)
+{
+    char name[kTaskNameSize];
+    t_delete(child);
+    results[index] = t_copy_name(child, name);
+}
 void OnlyPlayersAreLeft()
 {
     EXPECT_TRUE(Eventually([] { return NumTasks() == 2; })) << NumTasks();
@@ -240,7 +247,15 @@ const PairT kTasks[] = {
      {Task(DeleteChild), Task([] { results[1] = ev_send_listed(child, 1); })},
      MakeChild,
      OnlyPlayersAreLeft},
-    {"TwoDelete", {Task(DeleteChild), Task(DeleteChild)}, MakeChild, OnlyPlayersAreLeft},
+    {"TwoDelete",
+     {Task([] { DeleteAndLook(0); }), Task([] { DeleteAndLook(1); })},
+     [] { child = StartTask("chld", [] { tm_wkafter(10000); }); },
+     [] {
+         EXPECT_EQ(results[0], kTaskNotFound);
+         EXPECT_EQ(results[1], kTaskNotFound);
+         OnlyPlayersAreLeft();
+     }},
+    {"TwoDeleteUnstarted", {Task(DeleteChild), Task(DeleteChild)}, MakeChild, OnlyPlayersAreLeft},
     {"FirstTree", {Task(TreeStub), Task(TreeStub)}, NoSetUp, [] { EXPECT_NE(gTCBTree, 0u); }, PairT::kNewProcess, 2},
 };
 
