@@ -42,6 +42,12 @@ template <class Real> auto Allocate(Real real) -> decltype(real())
     return result;
 }
 
+// Records of tasks and semaphores are kept for ever, for others of their kind.
+bool IsKept(UInt32 size)
+{
+    return size == sizeof(TCB) || size == sizeof(SMCB);
+}
+
 } // namespace
 
 // The linker puts these in front of the C library's calls and of low_calloc and low_free.
@@ -64,7 +70,6 @@ template <class Real> auto Allocate(Real real) -> decltype(real())
     }
 ALLOCATES(void *, malloc, (std::size_t size), (size))
 ALLOCATES(void *, calloc, (std::size_t count, std::size_t size), (count, size))
-ALLOCATES(void *, _Z10low_callocj, (UInt32 size), (size))
 ALLOCATES(FILE *, fopen, (const char *path, const char *mode), (path, mode))
 ALLOCATES(FILE *, fopen64, (const char *path, const char *mode), (path, mode))
 ALLOCATES(FILE *, popen, (const char *command, const char *mode), (command, mode))
@@ -72,6 +77,13 @@ ALLOCATES(DIR *, opendir, (const char *path), (path))
 ALLOCATES(int, pthread_create, (pthread_t * thread, const pthread_attr_t *attr, void *(*start)(void *), void *arg),
           (thread, attr, start, arg))
 ALLOCATES(int, pthread_mutex_init, (pthread_mutex_t * mutex, const pthread_mutexattr_t *attr), (mutex, attr))
+extern "C" void *__real__Z10low_callocj(UInt32 size);
+extern "C" void *__wrap__Z10low_callocj(UInt32 size)
+{
+    void *block = Allocate([=] { return __real__Z10low_callocj(size); });
+    live -= block != nullptr && IsKept(size) ? 1 : 0;
+    return block;
+}
 extern "C" const char *__tsan_default_options() // a second at every exit otherwise
 {
     return "atexit_sleep_ms=0";

@@ -105,6 +105,9 @@ TEST_F(Tree, IsEmptyAtFirstAndAfterDestroying)
     const BTreeLeavesT leaves[] = {{3, &object}, {1, &other}, {2, nullptr}};
     InsertItem(handle, 4, &object);
     EXPECT_EQ(BuildTree(handle, leaves, 3), kNoError);
+    EXPECT_EQ(ReplaceItem(handle, 3, &other), kNoError);
+    EXPECT_EQ(SearchTree(handle, 3), &other);
+    EXPECT_EQ(ReplaceItem(handle, 4, &other), kItemNotFound);
     EXPECT_EQ(Root()->key, 2u) << "3, 1, 2 is the double rotation";
     EXPECT_EQ(SearchTree(handle, 1), &other);
     EXPECT_EQ(SearchTree(handle, 4), nullptr) << "built from empty";
@@ -116,6 +119,8 @@ TEST_F(Tree, StopsOnMisuse)
     EXPECT_DEATH(InsertItem(handle, 7, nullptr), "Assertion failed: pLeaf->key != key,");
     EXPECT_DEATH(SearchTree(0, 7), "failed: pTree,");
     EXPECT_DEATH(DestroyTree(0), "failed: pTree,");
+    EXPECT_DEATH(BuildTree(handle, nullptr, 1), "failed: pLeaves,");
+    EXPECT_EQ(BuildTree(handle, nullptr, 0), kNoError);
 }
 
 } // namespace

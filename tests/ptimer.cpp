@@ -3,6 +3,54 @@
 #include "tests/tasks.h"
 
 #include <ctime>
+#include <map>
+#include <sys/mman.h>
+
+extern UInt32 timerid;
+extern Int32 timesrun;
+extern TMCB *TimerContBlocks, *freetimerList, *timerList;
+extern volatile rtclk8349 *rtcp;
+
+namespace
+{
+
+std::map<std::string, std::string> fakeFiles; // what the kernel says of the machine
+rtclk8349 fakeClock[256];                     // a page of the machine's registers
+int mapped;                                   // times that it was asked for
+constexpr int kFakeMemory = 1000;             // descriptor of the machine's memory
+#ifdef __powerpc__
+constexpr bool kPowerPc = true;
+#else
+constexpr bool kPowerPc = false;
+#endif
+
+} // namespace
+
+// The linker puts these in front of the C library's calls.
+// NOLINTBEGIN(bugprone-reserved-identifier)
+extern "C" FILE *__real_fopen(const char *path, const char *mode);
+extern "C" FILE *__wrap_fopen(const char *path, const char *mode)
+{
+    if (fakeFiles.empty())
+        return __real_fopen(path, mode);
+    std::string &text = fakeFiles[path];
+    return text.empty() ? nullptr : fmemopen(text.data(), text.size(), mode);
+}
+extern "C" int __real_open(const char *path, int flags, ...);
+extern "C" int __wrap_open(const char *path, int flags, ...)
+{
+    return std::strcmp(path, "/dev/mem") == 0 ? kFakeMemory : __real_open(path, flags);
+}
+extern "C" void *__real_mmap(void *where, std::size_t size, int access, int flags, int fd, off_t offset);
+extern "C" void *__wrap_mmap(void *where, std::size_t size, int access, int flags, int fd, off_t offset)
+{
+    if (fd != kFakeMemory)
+        return __real_mmap(where, size, access, flags, fd, offset);
+    EXPECT_EQ(offset, static_cast<off_t>(0xE0000000));
+    mapped++;
+    return fakeClock;
+}
+// NOLINTEND(bugprone-reserved-identifier)
 
 namespace
 {
@@ -93,6 +141,24 @@ TEST(Timers, SendEventsToTheirTask)
     EXPECT_EQ(once, 1);
 }
 
+TEST(Timers, KeepTheirStateInReach)
+{
+    static int index = 0;
+    UInt32 tmid = 0;
+    EXPECT_EQ(timerid, 0u);
+    timesrun = -20; // passes in which nothing happens
+    EXPECT_GE(MillisecondsOf([&] {
+                  tm_callback_after(1, &tmid, CountOnce, &index);
+                  EXPECT_TRUE(Eventually([] { return calls[0] == 1; }));
+              }),
+              200);
+    tm_callback_after(100000, &tmid, CountOnce, &index);
+    const MutexHold hold(&tmcblistmutex);
+    EXPECT_EQ(low_id(timerList), tmid);
+    EXPECT_STREQ(task_name(timerid), "tmtk");
+    EXPECT_LT(freetimerList - TimerContBlocks, 50);
+}
+
 TEST(Timers, FirstUseBySeveralThreadsStartsOneTimerTask)
 {
     static int index = 0;
@@ -125,6 +191,80 @@ TEST(TimersDeathTest, ThePoolEndsAtFifty)
     start(kMaxTimers);
     EXPECT_DEATH(start(kMaxTimers + 1), "Assertion failed: pTimer, file Common/OS/linux/psosapi/ptimer.cpp");
 }
+
+int StartsATimer(void *)
+{
+    UInt32 tmid = 0;
+    return static_cast<int>(tm_evafter(1, 1, &tmid));
+}
+int CancelsATimer(void *timer)
+{
+    return static_cast<int>(tm_cancel(low_id(timer)));
+}
+int WaitsWithATimeout(void *)
+{
+    UInt32 events = 0;
+    return static_cast<int>(ev_receive(1, 0, 1, &events));
+}
+int DeletesATask(void *)
+{
+    return static_cast<int>(t_delete(1));
+}
+
+TEST(TimersDeathTest, StopOnWhatACallbackMustNotDo)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto run = [](tm_callback_ptr callback) {
+        UInt32 tmid = 0;
+        tm_callback_after(1, &tmid, callback, nullptr);
+        tm_wkafter(200);
+    };
+    EXPECT_DEATH(run(StartsATimer), "failed: !inCallback, .*function AllocTimer");
+    EXPECT_DEATH(run(CancelsATimer), "failed: !inCallback, .*function UnlinkTimer");
+    EXPECT_DEATH(run(WaitsWithATimeout), "failed: !inCallback, .*function AllocTimer");
+    EXPECT_DEATH(run(DeletesATask), "failed: !tm_in_callback\\(\\), .*function t_delete");
+    EXPECT_DEATH(run(nullptr), "failed: callback,");
+    EXPECT_DEATH(tm_evafter(1, 1, nullptr), "failed: tmid_out,");
+}
+
+struct MachineCase {
+    const char *name, *path;
+    std::string text;
+    bool isMpc8349;
+};
+
+class Machine : public testing::TestWithParam<MachineCase>
+{
+};
+
+// Its memory is touched on a PowerPC that is one, and nowhere else.
+TEST_P(Machine, HasAClockOrNot)
+{
+    const bool hasClock = kPowerPc && GetParam().isMpc8349;
+    rtclk8349 &clock = fakeClock[0x300 / sizeof(rtclk8349)];
+    clock.ctr = 4711;
+    clock.ldr = 7;
+    fakeFiles = {{GetParam().path, GetParam().text}};
+    const UInt32 now = RealTimeMilliSeconds();
+    fakeFiles.clear();
+    EXPECT_EQ(mapped, hasClock ? 1 : 0);
+    EXPECT_EQ(clock.psr, hasClock ? 266666u : 0u);
+    EXPECT_EQ(clock.ldr, hasClock ? 0u : 7u);
+    EXPECT_EQ(clock.cnr, hasClock ? 128u : 0u);
+    EXPECT_EQ(rtcp, hasClock ? &clock : nullptr);
+    EXPECT_EQ(now == 4711, hasClock);
+    clock.ctr = 4800;
+    EXPECT_EQ(RealTimeMilliSeconds() == 4800, hasClock);
+}
+
+using namespace std::string_literals;
+const MachineCase kMachines[] = {
+    {"ByItsProcessor", "/proc/cpuinfo", "processor\t: 0\ncpu\t\t: e300c4\nplatform\t: MPC834x SYS\n", true},
+    {"ByItsCompatibles", "/proc/device-tree/compatible", "maker,kora\0fsl,mpc8349ea\0"s, true},
+    {"ByItsModel", "/proc/device-tree/model", "MPC8349EMDS\0"s, true},
+    {"NotAnother", "/proc/cpuinfo", "machine\t\t: PowerMac1,1\n", false},
+};
+INSTANTIATE_TEST_SUITE_P(Named, Machine, testing::ValuesIn(kMachines), [](auto &i) { return i.param.name; });
 
 TEST(Clock, CountsMonotonicMilliseconds)
 {

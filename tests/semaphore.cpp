@@ -70,6 +70,25 @@ TEST(Semaphores, AnswerNotFoundForAnythingElse)
     EXPECT_EQ(sm_p(smid, kSmNoWait, 0), 0u) << "it was neither taken nor deleted";
 }
 
+TEST(Semaphores, LeaveTheirIdentifierToNobodyForLong)
+{
+    UInt32 stale = 0;
+    ASSERT_EQ(sm_create("gone", 1, 0, &stale), 0u);
+    ASSERT_EQ(sm_delete(stale), 0u);
+    for (int i = 0; i < 1024; i++) {
+        UInt32 stranger = 0;
+        ASSERT_EQ(sm_create("strg", 1, 0, &stranger), 0u);
+        for (const UInt32 result : {sm_p(stale, 0, 0), sm_p(stale, kSmNoWait, 0), sm_v(stale), sm_delete(stale)})
+            ASSERT_EQ(result, kSmNotFound);
+        ASSERT_EQ(sm_delete(stranger), 0u);
+    }
+    UInt32 next = 0;
+    ASSERT_EQ(sm_create("n", 1, 0, &next), 0u);
+    EXPECT_EQ(next, stale);
+    EXPECT_EQ(std::memcmp(low_pointer<char>(next), "SEMAn\0\0", 8), 0);
+    EXPECT_EQ(sm_p(next, kSmNoWait, 0), 0u);
+}
+
 TEST(Semaphores, AreReleasedByADeletedTask)
 {
 #ifdef __SANITIZE_ADDRESS__

@@ -120,8 +120,8 @@ void RunChild(UInt32 parent, UInt32 kind)
         Receive(0, kDone, 0);
     } else {
         tm_wkafter(kind / 3); // in its start, or later
-        t_delete(tid);
     }
+    t_delete(tid); // which may have ended
 }
 
 void Work(UInt32 self)

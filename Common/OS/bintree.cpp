@@ -192,6 +192,15 @@ eErrorT InsertItem(tBTreeHandle handle, UInt32 key, void *pObject)
     return kNoError;
 }
 
+eErrorT ReplaceItem(tBTreeHandle handle, UInt32 key, void *pObject)
+{
+    BinaryLeafT *pLeaf = SearchLeaf(FindTree(handle)->pBaseLeaf, key);
+    if (pLeaf == nullptr)
+        return kItemNotFound;
+    pLeaf->pObject = pObject;
+    return kNoError;
+}
+
 void *SearchTree(tBTreeHandle handle, UInt32 key)
 {
     const BinaryLeafT *pLeaf = SearchLeaf(FindTree(handle)->pBaseLeaf, key);
@@ -207,6 +216,7 @@ void DestroyTree(tBTreeHandle handle)
 
 eErrorT BuildTree(tBTreeHandle handle, const BTreeLeavesT *pLeaves, UInt32 count)
 {
+    os_assert(pLeaves != nullptr || count == 0, "pLeaves");
     DestroyTree(handle);
     for (UInt32 i = 0; i < count; i++)
         InsertItem(handle, pLeaves[i].key, pLeaves[i].pObject);

@@ -46,11 +46,15 @@ tBTreeHandle CreateTree();
 // Always returns kNoError, also when memory ran out and the object was silently not stored.
 eErrorT InsertItem(tBTreeHandle handle, UInt32 key, void *pObject);
 
+// Stores another object under a key that is there. Returns kNoError, or kItemNotFound with nothing changed.
+eErrorT ReplaceItem(tBTreeHandle handle, UInt32 key, void *pObject);
+
 // Returns the object stored under the key, or null. A null handle stops the program.
 void *SearchTree(tBTreeHandle handle, UInt32 key);
 
 // Frees every leaf. The handle stays valid, and empty. A null handle stops the program.
 void DestroyTree(tBTreeHandle handle);
 
-// Empties the tree, then inserts the entries in array order. Returns kNoError.
+// Empties the tree, then inserts the entries in array order. Returns kNoError. Null for pLeaves stops the
+// program unless count is 0.
 eErrorT BuildTree(tBTreeHandle handle, const BTreeLeavesT *pLeaves, UInt32 count);

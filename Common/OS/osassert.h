@@ -2,11 +2,12 @@
 // stay on in every build.
 #pragma once
 
-// Flushes standard output, prints "Assertion failed: <text>, file <file>, line <line>, function
-// <function>" to standard error, and aborts.
+// Flushes standard output, prints "Assertion failed: <text>, file <file>, line <line>, function <function>" to standard
+// error, and aborts. The abort comes in any case. Output that another thread holds, or that nobody reads, is given up
+// after a second.
 [[noreturn]] void os_assert_failed(const char *text, const char *file, int line, const char *function);
 
-// The condition is always evaluated, once. The text is what each assertion is documented to print;
-// it is not always what the compiler would make of the condition.
+// The condition is always evaluated, once. The text is what each assertion prints; it is not always what the compiler
+// would make of the condition.
 #define os_assert(condition, text)                                                                                     \
     ((condition) ? static_cast<void>(0) : os_assert_failed(text, __FILE__, __LINE__, __func__))

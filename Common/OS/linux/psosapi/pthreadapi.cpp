@@ -7,6 +7,7 @@
 #include "Common/OS/osassert.h"
 
 #include <cerrno>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <new>
@@ -16,6 +17,7 @@ TCB *tcblist;
 tBTreeHandle gTCBTree;
 pthread_mutex_t tcblistmutex = PTHREAD_MUTEX_INITIALIZER;
 Int32 gLibPThreadNPTL;
+std::atomic<Int32> sched_policy; // SCHED_OTHER
 
 namespace
 {
@@ -23,32 +25,10 @@ namespace
 constexpr UInt32 kMaxTasksDumped = 200;
 constexpr Int32 kMaxPriority = 99;
 
-std::atomic<Int32> sched_policy; // SCHED_OTHER
-std::atomic<pthread_t> tcblistholder;
-std::atomic<UInt32> treeGeneration; // one more with every rebuilding of the tree
-
-// Holds tcblistmutex and knows who does.
-class TcbListHold
-{
-public:
-    TcbListHold() : hold_(&tcblistmutex) { tcblistholder.store(pthread_self(), std::memory_order_relaxed); }
-    ~TcbListHold() { tcblistholder.store(pthread_t{}, std::memory_order_relaxed); }
-    TcbListHold(const TcbListHold &) = delete;
-    TcbListHold &operator=(const TcbListHold &) = delete;
-
-private:
-    MutexHold hold_;
-};
-
-// The clean-up of the event calls: it is the list's lock that it gives back, not the event mutex,
-// and only if the cancelled thread holds it. A wait gives its event mutex back itself (WaitEnd).
-void ReleaseTcbList(void *)
-{
-    if (tcblistholder.load(std::memory_order_relaxed) != pthread_self())
-        return;
-    tcblistholder.store(pthread_t{}, std::memory_order_relaxed);
-    pthread_mutex_unlock(&tcblistmutex);
-}
+constinit RetiredRecords<TCB> retiredTasks;
+pthread_cond_t taskChanged = PTHREAD_COND_INITIALIZER; // a thread or a task is gone
+std::atomic<UInt32> treeGeneration = 1;                // one more with every rebuilding of the tree
+thread_local TCB *ownTask;                             // from the thread's becoming a task to its very end
 
 // Key of a thread in the tree. On a 64-bit host the handles of two live threads are at least a page
 // apart, and bits 12 to 43 tell them apart.
@@ -58,22 +38,18 @@ UInt32 ThreadKey(pthread_t thread)
     return static_cast<UInt32>(thread >> kShift);
 }
 
-thread_local bool isTask; // set for good when a thread becomes a task
-
-// The calling task, or null. A thread's place in the tree changes only when the tree is rebuilt, so
-// each thread remembers what it found until then.
+// The calling task as the tree knows it, or null. A thread's place in the tree is lost only when the tree is rebuilt,
+// so each thread remembers that it was found until then.
 TCB *FindCaller()
 {
-    thread_local TCB *found = nullptr;
     thread_local UInt32 foundIn = 0;
-    if (!isTask) // an ended task's entry may still be there under the same handle
-        return nullptr;
     const UInt32 generation = treeGeneration;
-    if (found == nullptr || foundIn != generation) {
-        found = FindTcbThread(pthread_self());
+    if (ownTask != nullptr && foundIn != generation) {
+        if (FindTcbThread(pthread_self()) != ownTask)
+            return nullptr;
         foundIn = generation;
     }
-    return found;
+    return ownTask;
 }
 
 TCB *ResolveTask(UInt32 tid)
@@ -83,13 +59,12 @@ TCB *ResolveTask(UInt32 tid)
 
 // ---- The list and the tree. Names ending in Locked: the caller holds tcblistmutex.
 
+// The list is in creation order, which is the order of the serial numbers.
 void AddTcb(TCB *tcb)
 {
-    if (tcb == nullptr) {
-        std::puts("AddTcb: tcb pointer is NULL");
-        return;
-    }
-    TcbListHold hold;
+    static UInt32 tasksCreated;
+    const MutexHold hold(&tcblistmutex);
+    tcb->serial = ++tasksCreated;
     TCB **link = &tcblist;
     while (*link != nullptr)
         link = &(*link)->next;
@@ -115,17 +90,23 @@ void RebuildTreeLocked()
             InsertItem(gTCBTree, ThreadKey(tcb->thread), tcb);
 }
 
-void RemoveTcb(TCB *tcb)
+// Replaces what an ended thread with the same handle has left.
+void SetTreeEntryLocked(pthread_t thread, TCB *tcb)
 {
-    TcbListHold hold;
+    if (ReplaceItem(gTCBTree, ThreadKey(thread), tcb) != kNoError)
+        os_assert(InsertItem(gTCBTree, ThreadKey(thread), tcb) == 0,
+                  "InsertItem(gTCBTree, tcb->thread, (void *) tcb) == 0");
+}
+
+// The block stays what it was: somebody may be about to post an event to it.
+void RetireLocked(TCB *tcb)
+{
     TCB **link = &tcblist;
-    while (*link != nullptr && *link != tcb)
+    while (*link != tcb)
         link = &(*link)->next;
-    if (*link == nullptr)
-        return;
     *link = tcb->next;
-    tcb->next = nullptr;
-    RebuildTreeLocked();
+    retiredTasks.Add(tcb);
+    pthread_cond_broadcast(&taskChanged);
 }
 
 TCB *FindListedLocked(const TCB *wanted)
@@ -136,24 +117,31 @@ TCB *FindListedLocked(const TCB *wanted)
     return tcb;
 }
 
-void t_free_tcb(void *task)
+// The first task in the list with at least that serial number, or null.
+TCB *FindFromLocked(UInt32 serial)
 {
-    TCB *tcb = static_cast<TCB *>(task);
-    if (tcb == nullptr)
-        return;
-    RemoveTcb(tcb);
-    while (tcb->posting != 0)
-        tm_wkafter(1); // not a yield: under a real-time policy this task may be above the one that posts
-    pthread_mutex_destroy(&tcb->event_mutex);
-    pthread_cond_destroy(&tcb->event_cond);
-    low_free(tcb);
+    TCB *tcb = tcblist;
+    while (tcb != nullptr && tcb->serial < serial)
+        tcb = tcb->next;
+    return tcb;
+}
+
+TCB *FindSerialLocked(UInt32 serial)
+{
+    TCB *tcb = FindFromLocked(serial);
+    return tcb != nullptr && tcb->serial == serial ? tcb : nullptr;
 }
 
 // ---- Creation
 
-// A complete block in the list, or null. It is listed last, so that nobody finds half a task.
-TCB *NewTcb(const char *name, UInt32 priority)
+// A zeroed block with its lock, or null. The lock of a block that was used before has stayed.
+TCB *NewBlock()
 {
+    if (TCB *tcb = retiredTasks.Take(); tcb != nullptr) {
+        std::memset(static_cast<void *>(tcb), 0, offsetof(TCB, event_mutex));
+        std::memset(&tcb->taskWaiting, 0, sizeof(TCB) - offsetof(TCB, taskWaiting));
+        return tcb;
+    }
     void *block = low_calloc(sizeof(TCB));
     if (block == nullptr)
         return nullptr;
@@ -163,6 +151,15 @@ TCB *NewTcb(const char *name, UInt32 priority)
         return nullptr;
     }
     pthread_cond_init(&tcb->event_cond, nullptr);
+    return tcb;
+}
+
+// A complete block in the list, or null. It is listed last, so that nobody finds half a task.
+TCB *NewTcb(const char *name, UInt32 priority)
+{
+    TCB *tcb = NewBlock();
+    if (tcb == nullptr)
+        return nullptr;
     if (name != nullptr)
         std::memcpy(tcb->taskname, name, sizeof tcb->taskname);
     tcb->priority = priority;
@@ -170,21 +167,34 @@ TCB *NewTcb(const char *name, UInt32 priority)
     return tcb;
 }
 
-// A task that was joined a moment ago, or an attached thread that returned, may still be listed while its
-// handle is already in use again, by its successor. It must not be found in the tree, and not be taken for
-// the task itself when that one is deleted.
-void ForgetEndedTaskLocked(const TCB *successor)
+// The very end of a task's thread: nothing that the task calls is left to run, and its handle is not used again yet.
+void LeaveTask(void *task)
 {
-    bool found = false;
-    for (TCB *tcb = tcblist; tcb != nullptr; tcb = tcb->next) {
-        if (tcb == successor || pthread_equal(tcb->thread, successor->thread) == 0)
-            continue;
-        tcb->thread = pthread_t{};
-        tcb->tid = 0;
-        found = true;
-    }
-    if (found)
+    TCB *tcb = static_cast<TCB *>(task);
+    ownTask = nullptr;
+    const MutexHold hold(&tcblistmutex);
+    ReplaceItem(gTCBTree, ThreadKey(tcb->thread), nullptr); // unless the tree was emptied
+    tcb->thread = pthread_t{};
+    tcb->tid = 0;
+    pthread_cond_broadcast(&taskChanged);
+    if (tcb->claimed == kDeletedByAnother)
+        return; // who joins the thread, and retires its task
+    if (tcb->claimed == kNotDeleted && tcb->task_start != nullptr)
+        pthread_detach(pthread_self()); // nobody joins it
+    RetireLocked(tcb);
+    if (tcb->claimed == kDeletedByItself)
         RebuildTreeLocked();
+}
+
+// Of a key and not of an object's destructor: that one would also run when main returns, while other tasks go on.
+pthread_key_t LeavingKey()
+{
+    static const pthread_key_t key = [] {
+        pthread_key_t made{};
+        os_assert(pthread_key_create(&made, LeaveTask) == 0, "pthread_key_create(&made, LeaveTask) == 0");
+        return made;
+    }();
+    return key;
 }
 
 // Makes the calling thread known as the task's thread. The log line is written after the lock is
@@ -194,16 +204,15 @@ void EnterTask(TCB *tcb)
     const pthread_t thread = pthread_self();
     const Int32 pid = getpid();
     const Int32 tid = gLibPThreadNPTL == 1 ? gettid() : 0;
+    os_assert(pthread_setspecific(LeavingKey(), tcb) == 0, "pthread_setspecific(LeavingKey(), tcb) == 0");
+    ownTask = tcb;
     {
-        TcbListHold hold;
+        const MutexHold hold(&tcblistmutex);
         tcb->thread = thread;
         tcb->pid = pid;
+        tcb->tid = tid;
         TreeStubLocked();
-        ForgetEndedTaskLocked(tcb);
-        tcb->tid = tid; // not earlier: rebuilding the tree enters every task that has one
-        os_assert(InsertItem(gTCBTree, ThreadKey(thread), tcb) == 0,
-                  "InsertItem(gTCBTree, tcb->thread, (void *) tcb) == 0");
-        isTask = true;
+        SetTreeEntryLocked(thread, tcb);
     }
     const auto processId = static_cast<UInt32>(pid);
     if (gLibPThreadNPTL == 1)
@@ -214,13 +223,24 @@ void EnterTask(TCB *tcb)
                  static_cast<Int32>(ThreadKey(thread)));
 }
 
+// The thread stays the task that it is, under another name.
+void AttachAgain(const char *name, UInt32 priority)
+{
+    static constexpr char kNoName[sizeof ownTask->taskname] = {};
+    const MutexHold hold(&tcblistmutex);
+    std::memcpy(ownTask->taskname, name != nullptr ? name : kNoName, sizeof kNoName);
+    ownTask->priority = priority;
+    ownTask->prv_pri.sched_priority = static_cast<Int32>(priority);
+    SetTreeEntryLocked(ownTask->thread, ownTask); // a deletion may have emptied the tree
+}
+
 void *pthread_entry(void *task)
 {
     TCB *tcb = static_cast<TCB *>(task);
     EnterTask(tcb);
     tcb->task_start(tcb->args[0], tcb->args[1], tcb->args[2], tcb->args[3]);
     t_delete(low_id(tcb));
-    return nullptr; // another task is deleting this one, and frees it
+    return nullptr;
 }
 
 // Fills prv_pri and attr from the priority and the policy.
@@ -244,29 +264,44 @@ void SetScheduling(TCB *tcb)
 
 // ---- Deletion
 
-// A task on its way out. Who holds one with a task in it is the only one to free that task.
+// What t_delete found out about its target.
 struct DeletionT {
-    TCB *tcb; // null: not there, or claimed by somebody else
-    pthread_t thread;
-    Int32 pid;
+    TCB *tcb = nullptr; // to be deleted by the caller, and by nobody else
+    UInt32 serial = 0;  // of the task whose end has to be waited for
+    pthread_t thread{};
+    char name[kTaskNameSize] = "????";
+    Int32 pid = -1;
 };
 
-// A task that is being deleted itself gets nothing: two that delete each other would wait for ever.
+// Two tasks that wait for each other's end would do so for ever.
+bool WaitsForCallerLocked(const TCB *tcb)
+{
+    while (tcb != nullptr && tcb != ownTask)
+        tcb = FindSerialLocked(tcb->waitsFor);
+    return tcb != nullptr;
+}
+
 DeletionT ClaimTask(const TCB *target)
 {
-    constexpr DeletionT kNothing = {nullptr, pthread_t{}, -1};
-    TcbListHold hold;
-    TCB *found = nullptr;
-    for (TCB *tcb = tcblist; tcb != nullptr; tcb = tcb->next) {
-        if (tcb->claimed != 0 && pthread_equal(tcb->thread, pthread_self()))
-            return kNothing;
-        if (tcb == target && tcb->claimed == 0)
-            found = tcb;
+    DeletionT deletion;
+    const MutexHold hold(&tcblistmutex);
+    TCB *tcb = FindListedLocked(target);
+    if (tcb == nullptr)
+        return deletion;
+    std::memcpy(deletion.name, tcb->taskname, sizeof tcb->taskname);
+    deletion.pid = tcb->pid;
+    deletion.thread = tcb->thread;
+    if (tcb != ownTask && WaitsForCallerLocked(tcb))
+        return deletion;
+    if (tcb->claimed == kNotDeleted) {
+        tcb->claimed = tcb == ownTask ? kDeletedByItself : kDeletedByAnother;
+        deletion.tcb = tcb;
     }
-    if (found == nullptr)
-        return kNothing;
-    found->claimed = 1;
-    return {found, found->thread, found->pid};
+    if (tcb != ownTask)
+        deletion.serial = tcb->serial;
+    if (ownTask != nullptr)
+        ownTask->waitsFor = deletion.serial;
+    return deletion;
 }
 
 const char *NameOrUnknown(const TCB *tcb)
@@ -274,11 +309,37 @@ const char *NameOrUnknown(const TCB *tcb)
     return tcb != nullptr ? tcb->taskname : "????";
 }
 
+[[noreturn]] void EndThread(bool claimed)
+{
+    if (claimed) // otherwise somebody else is deleting the task, and joins it
+        pthread_detach(pthread_self());
+    pthread_exit(nullptr);
+}
+
 void CancelAndJoin(const DeletionT &deletion)
 {
+    logwarn("os", "deleted task:%4.4s\n", deletion.name);
+    if (deletion.thread == pthread_t{})
+        return; // it was never started
     pthread_cancel(deletion.thread);
     if (const int result = pthread_join(deletion.thread, nullptr); result != 0)
         logwarn("os", "deleted task failed to join: %d\n", result);
+}
+
+// The caller's part of a deletion is done: takes the task out, or waits until somebody else has.
+void FinishDeletion(const DeletionT &deletion)
+{
+    const MutexHold hold(&tcblistmutex);
+    if (deletion.tcb != nullptr) {
+        while (deletion.tcb->thread != pthread_t{}) // somebody else had detached the thread
+            pthread_cond_wait(&taskChanged, &tcblistmutex);
+        RetireLocked(deletion.tcb);
+        RebuildTreeLocked();
+    }
+    while (FindSerialLocked(deletion.serial) != nullptr)
+        pthread_cond_wait(&taskChanged, &tcblistmutex);
+    if (ownTask != nullptr)
+        ownTask->waitsFor = 0;
 }
 
 // ---- Events
@@ -292,20 +353,6 @@ void UnlockEvents(TCB *tcb)
 {
     os_assert(pthread_mutex_unlock(&tcb->event_mutex) == 0, "pthread_mutex_unlock(&tcb->event_mutex) == 0");
 }
-
-// Keeps a block alive until its condition was signalled: the task may have taken the events, ended
-// and been freed before that.
-class PostingHold
-{
-public:
-    explicit PostingHold(TCB *tcb) : tcb_(tcb) { tcb_->posting++; }
-    ~PostingHold() { tcb_->posting--; }
-    PostingHold(const PostingHold &) = delete;
-    PostingHold &operator=(const PostingHold &) = delete;
-
-private:
-    TCB *tcb_;
-};
 
 void SignalEvents(TCB *tcb)
 {
@@ -332,8 +379,8 @@ void CancelTimeout(TCB *tcb)
     LockEvents(tcb);
 }
 
-// When the waiting task is deleted, its event mutex must not die locked and its timer must not
-// outlive the block.
+// When the waiting task is deleted, its event mutex must not stay locked and its timer must not
+// outlive the task.
 class WaitEnd
 {
 public:
@@ -393,27 +440,46 @@ UInt32 WaitForEvents(TCB *tcb, UInt32 events, UInt32 flags, UInt32 timeout, UInt
 // ---- Reports
 
 // Processor time in clock ticks, from a stat file of /proc; zeros when it cannot be read.
-void ReadProcessorTime(const TCB *tcb, Int32 *user, Int32 *system)
+void ReadProcessorTime(Int32 kernelId, Int32 *user, Int32 *system)
 {
     const CancelOffHold hold;
     char path[64];
-    if (gLibPThreadNPTL == 1)
-        std::snprintf(path, sizeof path, "/proc/self/task/%d/stat", tcb->tid);
-    else
-        std::snprintf(path, sizeof path, "/proc/%d/stat", tcb->pid);
+    char text[1024];
+    std::snprintf(path, sizeof path, gLibPThreadNPTL == 1 ? "/proc/self/task/%d/stat" : "/proc/%d/stat", kernelId);
     *user = *system = 0;
     std::FILE *file = std::fopen(path, "r");
     if (file == nullptr)
         return;
-    // Fields 14 and 15; the name in field 2 is in parentheses and may hold blanks.
-    if (std::fscanf(file, "%*d (%*[^)]) %*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %d %d", user, system) != 2)
-        *user = *system = 0;
+    text[std::fread(text, 1, sizeof text - 1, file)] = '\0';
     std::fclose(file);
+    // Fields 14 and 15. Field 2 is a name in parentheses that may hold anything, so that only the last one counts.
+    const char *end = std::strrchr(text, ')');
+    if (end == nullptr || std::sscanf(end, ") %*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %d %d", user, system) != 2)
+        *user = *system = 0;
 }
 
 Int32 KernelId(const TCB *tcb)
 {
     return gLibPThreadNPTL == 1 ? tcb->tid : tcb->pid;
+}
+
+// What the usage report knows of a task.
+struct UsageT {
+    UInt32 serial, id, priority;
+    char name[4];
+    Int32 kernelId, user, system;
+};
+
+// Goes on to the next task; false when there is none. No lock is held between two tasks.
+bool NextUsage(UsageT *usage)
+{
+    const MutexHold hold(&tcblistmutex);
+    const TCB *tcb = FindFromLocked(usage->serial + 1);
+    if (tcb == nullptr)
+        return false;
+    *usage = {tcb->serial, low_id(tcb), tcb->priority, {}, KernelId(tcb), tcb->usrtime, tcb->systime};
+    std::memcpy(usage->name, tcb->taskname, sizeof usage->name);
+    return true;
 }
 
 } // namespace
@@ -430,13 +496,13 @@ Int32 get_sched_policy()
 
 void TreeStub()
 {
-    TcbListHold hold;
+    const MutexHold hold(&tcblistmutex);
     TreeStubLocked();
 }
 
 TCB *FindTcbThread(pthread_t thread)
 {
-    TcbListHold hold;
+    const MutexHold hold(&tcblistmutex);
     return gTCBTree != 0 ? static_cast<TCB *>(SearchTree(gTCBTree, ThreadKey(thread))) : nullptr;
 }
 
@@ -453,15 +519,22 @@ UInt32 t_create(const char *name, UInt32 priority, UInt32, UInt32, UInt32, UInt3
 UInt32 t_start(UInt32 tid, UInt32 mode, TaskStartT start, const UInt32 *args)
 {
     TCB *tcb = low_pointer<TCB>(tid);
+    os_assert(tcb, "tcb");
     tcb->mode = mode;
     tcb->task_start = start;
     SetScheduling(tcb);
+    os_assert(start, "start");
     if (args != nullptr)
         std::memcpy(tcb->args, args, sizeof tcb->args);
-    const int error = pthread_create(&tcb->thread, &tcb->attr, pthread_entry, tcb);
+    int error = 0;
+    {
+        const MutexHold hold(&tcblistmutex); // until the handle is stored, nobody takes the task for one never started
+        error = pthread_create(&tcb->thread, &tcb->attr, pthread_entry, tcb);
+        if (error != 0)
+            tcb->thread = pthread_t{};
+    }
     if (error == 0)
         return 0;
-    tcb->thread = pthread_t{};
     errno = error;
     std::perror("pthread_create failed");
     return kTaskNotStarted;
@@ -469,35 +542,28 @@ UInt32 t_start(UInt32 tid, UInt32 mode, TaskStartT start, const UInt32 *args)
 
 UInt32 t_delete(UInt32 tid)
 {
+    os_assert(!tm_in_callback(), "!tm_in_callback()");
     const TCB *caller = FindCaller();
     const TCB *target = tid != 0 ? low_pointer<TCB>(tid) : caller;
-    const CancelOffHold whole; // what is claimed has to end before it is freed
+    const CancelOffHold whole; // what is claimed has to end before the caller does
     const DeletionT deletion = ClaimTask(target);
-    pthread_cleanup_push(t_free_tcb, deletion.tcb);
-    logwarn("os", "task %4.4s deleted task:%4.4s, pid %d\n", NameOrUnknown(caller), NameOrUnknown(deletion.tcb),
-            deletion.pid);
-    if (deletion.tcb != nullptr && pthread_equal(deletion.thread, pthread_self())) {
-        pthread_detach(deletion.thread);
-        pthread_exit(nullptr);
-    }
-    if (target != nullptr && target == caller) // somebody else is deleting the caller, and frees it
-        pthread_exit(nullptr);
-    if (deletion.tcb != nullptr) {
-        logwarn("os", "deleted task:%4.4s\n", deletion.tcb->taskname);
-        if (deletion.thread != pthread_t{})
-            CancelAndJoin(deletion);
-    }
-    pthread_cleanup_pop(1);
+    logwarn("os", "task %4.4s deleted task:%4.4s, pid %d\n", NameOrUnknown(caller), deletion.name, deletion.pid);
+    if (target != nullptr && target == ownTask)
+        EndThread(deletion.tcb != nullptr);
+    if (deletion.tcb != nullptr)
+        CancelAndJoin(deletion);
+    FinishDeletion(deletion);
     return 0;
 }
 
 UInt32 t_ident(const char *name, UInt32, UInt32 *tid_out)
 {
+    os_assert(tid_out, "tid_out");
     const TCB *found = nullptr;
     if (name == nullptr) {
         found = FindCaller();
     } else {
-        TcbListHold hold;
+        const MutexHold hold(&tcblistmutex);
         for (found = tcblist; found != nullptr; found = found->next)
             if (std::memcmp(found->taskname, name, sizeof found->taskname) == 0)
                 break;
@@ -513,8 +579,9 @@ UInt32 t_name(UInt32 tid)
 
 UInt32 t_copy_name(UInt32 tid, char *name_out)
 {
+    os_assert(name_out, "name_out");
     const TCB *wanted = ResolveTask(tid);
-    TcbListHold hold;
+    const MutexHold hold(&tcblistmutex);
     const TCB *tcb = FindListedLocked(wanted);
     std::memcpy(name_out, NameOrUnknown(tcb), kTaskNameSize);
     return tcb != nullptr ? 0 : kTaskNotFound;
@@ -525,7 +592,7 @@ UInt32 t_setpri(UInt32 tid, UInt32 newpri, UInt32 *previous_out)
     TCB *tcb = ResolveTask(tid);
     if (tcb == nullptr)
         return kTaskNotFound;
-    TcbListHold hold;
+    const MutexHold hold(&tcblistmutex);
     if (previous_out != nullptr)
         *previous_out = tcb->priority;
     if (tcb->priority == newpri)
@@ -543,6 +610,10 @@ UInt32 t_attach(const char *name, UInt32 priority)
 {
     os_assert(priority > 0 && priority <= kMaxPriority,
               "((int) tcb->prv_pri.__sched_priority > 0) && tcb->prv_pri.__sched_priority <= 99");
+    if (ownTask != nullptr) {
+        AttachAgain(name, priority);
+        return 0;
+    }
     TCB *tcb = NewTcb(name, priority);
     if (tcb == nullptr)
         return kTaskNoMemory;
@@ -562,6 +633,7 @@ UInt32 t_setRefCon(UInt32 tid, UInt32 refcon)
 
 UInt32 t_getRefCon(UInt32 tid, UInt32 *refcon_out)
 {
+    os_assert(refcon_out, "refcon_out");
     const TCB *tcb = ResolveTask(tid);
     if (tcb == nullptr)
         return kTaskNotFound;
@@ -576,7 +648,8 @@ UInt32 t_name_from_pid(Int32 pid, char *name_out)
 
 UInt32 t_name_and_pri_from_pid(Int32 pid, char *name_out, UInt32 *priority_out)
 {
-    TcbListHold hold;
+    os_assert(name_out, "name_out");
+    const MutexHold hold(&tcblistmutex);
     for (const TCB *tcb = tcblist; tcb != nullptr; tcb = tcb->next) {
         if (tcb->pid != pid)
             continue;
@@ -601,31 +674,27 @@ UInt32 ev_send(UInt32 tid, UInt32 events)
     TCB *tcb = ResolveTask(tid);
     if (tcb == nullptr)
         return 0;
-    PostingHold posting(tcb);
     tcb->events_captured.fetch_or(events);
-    pthread_cleanup_push(ReleaseTcbList, nullptr);
+    // A sender posts before it looks whether the task waits, and a task says that it waits before it looks for events.
+    // All four are sequentially consistent, so that at least one of the two sees the other.
+    if (tcb->timedwait == 0)
+        return 0;
     pthread_mutex_lock(&tcb->event_mutex);
     const bool waiting = tcb->taskWaiting != 0;
     UnlockEvents(tcb);
     if (waiting)
         SignalEvents(tcb);
-    pthread_cleanup_pop(0);
     return 0;
 }
 
 UInt32 ev_send_listed(UInt32 tid, UInt32 events)
 {
-    TCB *tcb = nullptr;
     {
-        TcbListHold hold;
-        tcb = FindListedLocked(low_pointer<TCB>(tid));
-        if (tcb == nullptr)
+        const MutexHold hold(&tcblistmutex);
+        if (FindListedLocked(low_pointer<TCB>(tid)) == nullptr)
             return kTaskNotFound;
-        tcb->posting++; // the block stays until the event is posted
     }
-    ev_send(tid, events);
-    tcb->posting--;
-    return 0;
+    return ev_send(tid, events);
 }
 
 UInt32 ev_receive(UInt32 events, UInt32 flags, UInt32 timeout, UInt32 *events_out)
@@ -633,8 +702,8 @@ UInt32 ev_receive(UInt32 events, UInt32 flags, UInt32 timeout, UInt32 *events_ou
     TCB *tcb = FindCaller();
     if (tcb == nullptr)
         return kNoCallerTask;
+    os_assert(events_out, "events_out");
     UInt32 result = 0;
-    pthread_cleanup_push(ReleaseTcbList, nullptr);
     LockEvents(tcb);
     if (events == 0)
         *events_out = tcb->events_captured;
@@ -643,15 +712,13 @@ UInt32 ev_receive(UInt32 events, UInt32 flags, UInt32 timeout, UInt32 *events_ou
     else
         result = WaitForEvents(tcb, events, flags, timeout, events_out);
     UnlockEvents(tcb);
-    pthread_cleanup_pop(0);
     return result;
 }
 
 int ev_receive_timeout(void *task)
 {
     TCB *tcb = static_cast<TCB *>(task);
-    PostingHold posting(tcb);
-    pthread_cleanup_push(ReleaseTcbList, nullptr);
+    os_assert(tcb, "pTask");
     LockEvents(tcb);
     const bool expired = tcb->timedwait != 0;
     const bool waiting = tcb->taskWaiting != 0;
@@ -662,7 +729,6 @@ int ev_receive_timeout(void *task)
         SignalEvents(tcb);
     else if (expired)
         std::printf("ev timed out without task waiting %4.4s\n", task_name(t_name(low_id(tcb))));
-    pthread_cleanup_pop(0);
     return 0;
 }
 
@@ -676,7 +742,7 @@ void osTaskDump()
     } rows[kMaxTasksDumped];
     UInt32 count = 0;
     {
-        TcbListHold hold;
+        const MutexHold hold(&tcblistmutex);
         for (const TCB *tcb = tcblist; tcb != nullptr && count < kMaxTasksDumped; tcb = tcb->next, count++) {
             rows[count] = {low_id(tcb), {}, tcb->priority, KernelId(tcb)};
             std::memcpy(rows[count].name, tcb->taskname, sizeof tcb->taskname);
@@ -692,14 +758,17 @@ void osTaskUsage()
 {
     std::puts("TaskID     Name  Pri Usage");
     std::puts("--------------------------");
-    TcbListHold hold;
-    for (TCB *tcb = tcblist; tcb != nullptr; tcb = tcb->next) {
+    UsageT usage = {};
+    while (NextUsage(&usage)) {
         Int32 user = 0;
         Int32 system = 0;
-        ReadProcessorTime(tcb, &user, &system);
-        std::printf("%08x   %4.4s  %3u %5d\n", low_id(tcb), tcb->taskname, tcb->priority,
-                    user - tcb->usrtime + system - tcb->systime);
-        tcb->usrtime = user;
-        tcb->systime = system;
+        ReadProcessorTime(usage.kernelId, &user, &system);
+        std::printf("%08x   %4.4s  %3u %5d\n", usage.id, usage.name, usage.priority,
+                    user - usage.user + system - usage.system);
+        const MutexHold hold(&tcblistmutex);
+        if (TCB *tcb = FindSerialLocked(usage.serial); tcb != nullptr) {
+            tcb->usrtime = user;
+            tcb->systime = system;
+        }
     }
 }

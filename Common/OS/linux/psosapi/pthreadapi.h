@@ -5,7 +5,10 @@
 // task's name with "%4.4s" (task_name gives the pointer). A thread that is not a task, such as the
 // main thread, has no TCB.
 //
-// Owner:   t_create and t_attach allocate the TCB, the end or the deletion of the task frees it.
+// Owner:   t_create and t_attach make the TCB, the end or the deletion of the task gives it up. Its memory stays a TCB:
+//          another task gets it, and with it the identifier, only after 1024 other tasks have ended. Until then the
+//          identifier designates nobody. t_delete and ev_send_listed notice that; what other calls do with it reaches
+//          no task.
 // Locking: tcblistmutex guards the task list, the tree and who deletes a task; a task's event_mutex
 //          guards its waiting. events_captured is changed only by atomic operations.
 // Units:   time-outs in ticks of 10 ms.
@@ -35,6 +38,9 @@ constexpr std::size_t kTaskNameSize = 5; // four characters and a terminator
 
 using TaskStartT = void (*)(UInt32, UInt32, UInt32, UInt32);
 
+// Whether a task is being deleted, and who gives up its TCB.
+enum ClaimT : Int32 { kNotDeleted, kDeletedByItself, kDeletedByAnother };
+
 struct TCB {
     char taskname[4];
     Int32 nameterm; // always 0: terminates taskname as a string
@@ -46,10 +52,10 @@ struct TCB {
     UInt32 event_mask;                   // read by nothing
     std::atomic<UInt32> events_captured; // sent and not yet received
     UInt32 events_pending;               // read by nothing
-    pthread_t thread;                    // 0 until the task is started
+    pthread_t thread;                    // 0 until the task is started, and after its thread has ended
     pthread_attr_t attr;
     sched_param prv_pri;
-    Int32 timedwait; // 1 while a waiting ev_receive has not found its events
+    std::atomic<Int32> timedwait; // 1 while a waiting ev_receive has not found its events
     Int32 timedout;
     UInt32 tmid; // the time-out timer
     pthread_mutex_t event_mutex;
@@ -59,8 +65,9 @@ struct TCB {
     Int32 tid;              // kernel thread id; only when gLibPThreadNPTL is 1
     Int32 systime, usrtime; // clock ticks seen by the last usage report
     TCB *next;
-    Int32 claimed;              // somebody is deleting the task, and is the only one to free the block
-    std::atomic<Int32> posting; // calls that are about to signal event_cond: the block outlives them
+    UInt32 serial;   // the task's number in creation order, from 1
+    UInt32 waitsFor; // the number of the task whose end this one waits for in t_delete, or 0
+    ClaimT claimed;
 };
 
 // The task list in creation order, the tree from thread to TCB, and the lock of both.
@@ -97,11 +104,19 @@ UInt32 t_create(const char *name, UInt32 priority, UInt32 sstack, UInt32 ustack,
 // a priority above 99 stops the program.
 UInt32 t_start(UInt32 tid, UInt32 mode, TaskStartT start, const UInt32 *args);
 
-// Deletes a task: another one by cancelling its thread and joining it, the caller (0 or its own
-// identifier) by ending its thread, without return. A task that has ended by itself, or that
-// somebody else is deleting, is left alone, and so is every other one by a caller that is being deleted
-// itself. Returns 0. (With gLibPThreadNPTL 0, 0 designates nobody once a task has been deleted.)
+// Deletes a task: another one by cancelling its thread and joining it, the caller (0 or its own identifier) by ending
+// its thread, without return. Returns 0 when the task is gone. A deletion that somebody else has under way, the task
+// itself included, is waited for. A task that is being deleted may still delete others. Nothing is done, and the
+// result is 0 as well:
+// - for a task that has ended by itself.
+// - for a task that is deleting the caller, or waits in t_delete for somebody who does: both would wait for ever. That
+//   task may still be there afterwards.
+// - for 0 from a thread that does not find itself (see gLibPThreadNPTL).
+// In a callback of a timer it stops the program.
 UInt32 t_delete(UInt32 tid);
+
+// Null for a name_out, a refcon_out, an events_out or the tid_out of t_ident stops the program, and so does t_start
+// without a task or a function.
 
 // Finds the first task in creation order whose stored four name bytes equal the first four of name,
 // or the caller with name null. node is ignored. Returns 0, or kTaskNotFound with *tid_out 0.
@@ -119,9 +134,10 @@ UInt32 t_copy_name(UInt32 tid, char *name_out);
 // real-time policy the error number with which the system refused; the new value is stored all the same.
 UInt32 t_setpri(UInt32 tid, UInt32 newpri, UInt32 *previous_out);
 
-// Makes a task of the calling thread, which then may wait for events. priority is 1 to 99,
-// otherwise the program stops. Returns 0 or kTaskNoMemory. t_delete frees the task; a thread that returns
-// without it leaves its TCB behind, as one that attaches again leaves its former one.
+// Makes a task of the calling thread, which then may wait for events. priority is 1 to 99, otherwise the program stops.
+// Returns 0 or kTaskNoMemory. A thread that is a task already keeps its TCB and identifier, and gets the new name and
+// priority. t_delete ends the task and detaches the thread. When the thread ends without it, its TCB leaves the task
+// list as well, but the tree keeps the other tasks whatever gLibPThreadNPTL is.
 UInt32 t_attach(const char *name, UInt32 priority);
 
 // One word of caller data. Both return 0, or kTaskNotFound when tid is 0 and the caller is no task.
@@ -133,8 +149,8 @@ UInt32 t_getRefCon(UInt32 tid, UInt32 *refcon_out);
 UInt32 t_name_from_pid(Int32 pid, char *name_out);
 UInt32 t_name_and_pri_from_pid(Int32 pid, char *name_out, UInt32 *priority_out);
 
-// Posts event bits to a task that exists (tid is not checked); to nobody when tid is 0 and the caller
-// is no task. Returns 0.
+// Posts event bits to a task (tid is not checked); to nobody when tid is 0 and the caller is no task.
+// Returns 0. It takes the event mutex only while the task waits.
 UInt32 ev_send(UInt32 tid, UInt32 events);
 
 // The same to a task that may be gone: kTaskNotFound, with nothing done, when it is not in the task list.

@@ -5,16 +5,24 @@
 #include "Common/OS/linux/psosapi/pthreadapi.h"
 #include "Common/OS/osassert.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cstdio>
-#include <cstring>
 #include <ctime>
 #include <fcntl.h>
+#include <string_view>
 #include <sys/mman.h>
 #include <sys/select.h>
 #include <unistd.h>
 
 pthread_mutex_t tmcblistmutex = PTHREAD_MUTEX_INITIALIZER;
 std::atomic<UInt32> gEpochMillisecs;
+TMCB *TimerContBlocks; // the pool, kMaxTimers blocks
+TMCB *freetimerList;   // a stack
+TMCB *timerList;       // in the order the timers were started
+std::atomic<UInt32> timerid;
+Int32 timesrun;           // below 0: so many passes do nothing
+volatile rtclk8349 *rtcp; // null: this machine has no such clock
 
 namespace
 {
@@ -25,12 +33,8 @@ constexpr UInt32 kTicksPerSecond = 1000 / kMillisecondsPerTick;
 constexpr UInt32 kMicrosecondsPerSecond = 1000000;
 constexpr UInt32 kTimerTaskPriority = 66;
 
-TMCB *TimerContBlocks; // the pool, kMaxTimers blocks
-TMCB *freetimerList;   // a stack
-TMCB *timerList;       // in the order the timers were started
-std::atomic<UInt32> timerid;
 pthread_mutex_t startMutex = PTHREAD_MUTEX_INITIALIZER; // the first use
-Int32 timesrun;
+thread_local bool inCallback;
 
 void SleepMicroseconds(UInt32 seconds, UInt32 microseconds)
 {
@@ -51,12 +55,17 @@ void BuildPool()
 
 TMCB *AllocTimer()
 {
+    os_assert(!inCallback, "!inCallback");
     if (timerid == 0)
         StartSystemTimer();
-    MutexHold hold(&tmcblistmutex);
-    TMCB *pTimer = freetimerList;
+    TMCB *pTimer = nullptr;
+    {
+        MutexHold hold(&tmcblistmutex);
+        pTimer = freetimerList;
+        if (pTimer != nullptr)
+            freetimerList = pTimer->next;
+    }
     os_assert(pTimer != nullptr, "pTimer");
-    freetimerList = pTimer->next;
     *pTimer = TMCB{};
     return pTimer;
 }
@@ -86,6 +95,7 @@ void AddTimer(TMCB *pTimer)
 // Takes a timer off the running list; false when it is not there, or is not the one that same knows.
 template <class Same> bool UnlinkTimer(TMCB *pTimer, Same same)
 {
+    os_assert(!inCallback, "!inCallback");
     MutexHold hold(&tmcblistmutex);
     TMCB **link = &timerList;
     while (*link != nullptr && *link != pTimer)
@@ -107,6 +117,7 @@ void RemoveTimer(TMCB *pTimer)
 
 UInt32 StartTimer(UInt32 *tmid_out, const TMCB &settings)
 {
+    os_assert(tmid_out, "tmid_out");
     TMCB *pTimer = AllocTimer();
     *pTimer = settings;
     t_ident(nullptr, 0, &pTimer->taskID);
@@ -126,9 +137,11 @@ UInt32 tm_ev(UInt32 ticks, UInt32 origTicks, UInt32 events, UInt32 *tmid_out)
 bool Expire(TMCB *pTimer)
 {
     bool again = pTimer->origTicks != 0;
-    if (pTimer->cbptr != nullptr)
+    if (pTimer->cbptr != nullptr) {
+        inCallback = true;
         again = pTimer->cbptr(pTimer->pArgs) != 0;
-    else
+        inCallback = false;
+    } else
         ev_send(pTimer->taskID, pTimer->events);
     if (again)
         pTimer->ticks = pTimer->origTicks;
@@ -181,16 +194,6 @@ void TimerTask(UInt32, UInt32, UInt32, UInt32)
 
 // ---- The millisecond clock
 
-// Real-time clock module of the MPC8349.
-struct rtclk8349 {
-    UInt32 cnr; // control
-    UInt32 ldr; // load value
-    UInt32 psr; // prescaler
-    UInt32 ctr; // the running count
-    UInt32 evr; // not used
-    UInt32 alr; // not used
-};
-
 constexpr off_t kImmrBase = static_cast<off_t>(0xE0000000);
 constexpr UInt32 kRtcOffset = 0x300;
 constexpr UInt32 kRtcPrescaler = 266666; // one count per millisecond
@@ -202,20 +205,27 @@ constexpr bool kPowerPc = true;
 constexpr bool kPowerPc = false;
 #endif
 
-volatile rtclk8349 *rtcp; // null: this machine has no such clock
 pthread_once_t rtcpOnce = PTHREAD_ONCE_INIT;
+
+// Whether a file of the kernel's names the processor's family, in capitals or not. Texts of the device tree end in
+// zeros.
+bool NamesMpc8349(const char *path)
+{
+    constexpr std::string_view kFamily = "mpc834";
+    char text[4096];
+    std::FILE *file = std::fopen(path, "r");
+    if (file == nullptr)
+        return false;
+    char *end = text + std::fread(text, 1, sizeof text, file);
+    std::fclose(file);
+    return std::search(text, end, kFamily.begin(), kFamily.end(),
+                       [](char a, char b) { return std::tolower(a) == b; }) != end;
+}
 
 bool ProcessorIsMpc8349()
 {
-    std::FILE *file = std::fopen("/proc/cpuinfo", "r");
-    if (file == nullptr)
-        return false;
-    bool found = false;
-    char line[256];
-    while (!found && std::fgets(line, sizeof line, file) != nullptr)
-        found = std::strstr(line, "MPC834") != nullptr;
-    std::fclose(file);
-    return found;
+    return NamesMpc8349("/proc/cpuinfo") || NamesMpc8349("/proc/device-tree/compatible") ||
+           NamesMpc8349("/proc/device-tree/model");
 }
 
 // Maps the clock and starts it. On any other machine nobody's physical memory is touched, and rtcp
@@ -240,6 +250,11 @@ void init_rtcp()
 }
 
 } // namespace
+
+bool tm_in_callback()
+{
+    return inCallback;
+}
 
 void StartSystemTimer()
 {
@@ -269,6 +284,7 @@ void udelay(UInt32 microseconds)
 
 UInt32 tm_callback_after(UInt32 ticks, UInt32 *tmid_out, tm_callback_ptr callback, void *arg)
 {
+    os_assert(callback, "callback");
     return StartTimer(tmid_out, {0, ticks, ticks, 0, callback, arg, nullptr});
 }
 

@@ -4,15 +4,24 @@
 
 #include <cstring>
 
+namespace
+{
+
+constinit RetiredRecords<SMCB> retiredSemaphores;
+
+} // namespace
+
 UInt32 sm_create(const char *name, UInt32 count, UInt32 /*flags*/, UInt32 *smid_out)
 {
-    auto *smcb = static_cast<SMCB *>(low_calloc(sizeof(SMCB)));
+    SMCB *smcb = retiredSemaphores.Take();
+    if (smcb == nullptr)
+        smcb = static_cast<SMCB *>(low_calloc(sizeof(SMCB)));
     if (smcb == nullptr)
         return kSmNoMemory;
+    *smcb = SMCB{};
     if (name != nullptr)
         std::memcpy(smcb->name, name, strnlen(name, sizeof(smcb->name)));
     smcb->thread = pthread_self();
-    smcb->reentercount = 0;
     const int result = InitPriorityMutex(&smcb->mutex);
     if (count == 0)
         os_assert(pthread_mutex_lock(&smcb->mutex) == 0, "pthread_mutex_lock(&smcb->mutex) == 0");
@@ -33,7 +42,8 @@ UInt32 sm_delete(UInt32 smid)
     if (smcb == nullptr)
         return kSmNotFound;
     os_assert(pthread_mutex_destroy(&smcb->mutex) == 0, "pthread_mutex_destroy(&smcb->mutex) == 0");
-    low_free(smcb);
+    smcb->signature = 0; // not earlier: one that could not be destroyed is still a semaphore
+    retiredSemaphores.Add(smcb);
     return 0;
 }
 

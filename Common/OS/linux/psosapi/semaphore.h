@@ -1,5 +1,7 @@
 // pSOS-style binary semaphores on priority-inheritance mutexes: whoever takes one gives it back.
-// Owner: sm_create allocates, sm_delete frees.
+// Owner: sm_create makes the record, sm_delete gives it up. Another semaphore gets its memory, and with it the
+// identifier,
+//        only after 1024 more were deleted. Until then the identifier designates no semaphore.
 #pragma once
 
 #include "Common/OS/linux/lowmem.h"
@@ -21,6 +23,7 @@ struct SMCB {
     pthread_t thread;   // the thread that created it
     Int32 reentercount; // 0, read by nothing
     pthread_mutex_t mutex;
+    SMCB *next; // of the deleted ones
 };
 
 constexpr UInt32 kSmSignature = FourCharacters("SEMA");
@@ -61,7 +64,7 @@ inline UInt32 sm_v(UInt32 smid)
     return 0;
 }
 
-// Destroys the semaphore, which nobody may hold. Returns 0 or kSmNotFound.
+// Destroys the semaphore, which nobody may hold or wait for. Returns 0, or kSmNotFound, also the second time.
 UInt32 sm_delete(UInt32 smid);
 
 // The same as sm_p without a wait limit, and as sm_v.
