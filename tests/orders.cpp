@@ -156,6 +156,7 @@ class Orders : public testing::TestWithParam<PairT>
 TEST_P(Orders, KeepTheirWord)
 {
     const PairT &pair = GetParam();
+    std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ); // as in the program: a line is written at once
     const auto own = std::make_unique<ConfigFolders>();
     folders = own.get();
     const bool fresh = pair.kind >= PairT::kNewProcess;
@@ -186,19 +187,20 @@ template <class Function> void Once(Function function)
 
 // ---- Tasks
 
-void MakeChild()
-{
-    t_create("chld", 10, 0, 0, 0, &child);
-}
+constexpr auto MakeChild = [] { t_create("chld", 10, 0, 0, 0, &child); };
 void MakeAndDelete()
 {
     UInt32 tid = 0;
     t_create("chld", 10, 0, 0, 0, &tid);
     t_delete(tid);
 }
-void DeleteChild()
+constexpr auto DeleteChild = [] { t_delete(child); };
+// Whoever of several does it: when the call returns, the task is gone.
+void DeleteAndLook(unsigned index)
 {
+    char name[kTaskNameSize];
     t_delete(child);
+    results[index] = t_copy_name(child, name);
 }
 void OnlyPlayersAreLeft()
 {
@@ -240,7 +242,15 @@ const PairT kTasks[] = {
      {Task(DeleteChild), Task([] { results[1] = ev_send_listed(child, 1); })},
      MakeChild,
      OnlyPlayersAreLeft},
-    {"TwoDelete", {Task(DeleteChild), Task(DeleteChild)}, MakeChild, OnlyPlayersAreLeft},
+    {"TwoDelete",
+     {Task([] { DeleteAndLook(0); }), Task([] { DeleteAndLook(1); })},
+     [] { child = StartTask("chld", [] { tm_wkafter(10000); }); },
+     [] {
+         EXPECT_EQ(results[0], kTaskNotFound);
+         EXPECT_EQ(results[1], kTaskNotFound);
+         OnlyPlayersAreLeft();
+     }},
+    {"TwoDeleteUnstarted", {Task(DeleteChild), Task(DeleteChild)}, MakeChild, OnlyPlayersAreLeft},
     {"FirstTree", {Task(TreeStub), Task(TreeStub)}, NoSetUp, [] { EXPECT_NE(gTCBTree, 0u); }, PairT::kNewProcess, 2},
 };
 
@@ -260,10 +270,7 @@ void WaitFor(UInt32 ticks)
 }
 void PrepareTicks()
 {
-    Once([] {
-        StartSystemTimer();
-        schedule::TakeTicks();
-    });
+    Once([] { StartSystemTimer(), schedule::TakeTicks(); });
 }
 void TimersAreFree()
 {
@@ -315,21 +322,28 @@ void ConfigurationRuns()
     EXPECT_TRUE(tcblist != nullptr && tcblist->next == nullptr);
     pthread_mutex_unlock(&tcblistmutex);
 }
+constexpr auto PutFilter = [] { folders->Put("dat/cullfilter.dat", "nothing\n"); };
+void FilterIsReadOnce()
+{
+    {
+        const OutputHold hold;
+        logmsg_cullfilter_dump();
+    }
+    EXPECT_EQ(printed, "cull filters:\n  \"nothing\"\n");
+}
+// The relay takes commands.
+void TellNobody()
+{
+    if (fake.commands[1] < 0)
+        fake.commands[1] = open("/dev/null", O_WRONLY);
+}
 UInt32 twins[2];
 
 const PairT kEnds[] = {
     {"EndAndDelete", {kOwn, Task(DeleteChild)}, [] { StartVictim([] {}); }, OnlyPlayersAreLeft},
     {"AttachAndDump",
-     {kOwn, Task([] {
-          osTaskDump();
-          FindTcbThread(thread);
-      })},
-     [] {
-         StartThread([] {
-             t_attach("atch", 10);
-             t_delete(0);
-         });
-     },
+     {kOwn, Task([] { osTaskDump(), FindTcbThread(thread); })},
+     [] { StartThread([] { t_attach("atch", 10), t_attach("agin", 11), t_delete(0); }); },
      OnlyPlayersAreLeft},
     {"EndAndEvent",
      {kOwn, Task([] { ev_send(child, 1); })},
@@ -349,7 +363,13 @@ void MakeDevice()
 }
 
 [[maybe_unused]] const PairT kCancels[] = {
-    {"WaitAndDelete", {kOwn, Task(DeleteChild)}, [] { StartVictim([] { WaitFor(0); }); }, OnlyPlayersAreLeft},
+    {"WaitAndDelete",
+     {kOwn, Task(DeleteChild)},
+     [] { StartVictim([] { WaitFor(0); }); },
+     [] {
+         OnlyPlayersAreLeft();
+         ev_send(child, 1); // by somebody who does not know yet
+     }},
     {"TimedWaitAndDelete",
      {kOwn, Task(DeleteChild)},
      [] {
@@ -369,6 +389,13 @@ void MakeDevice()
              });
      },
      OnlyPlayersAreLeft},
+    {"DeletionAndDelete",
+     {kOwn, Task(DeleteChild)},
+     [] {
+         twins[0] = StartTask("twin", [] { WaitFor(0); });
+         StartVictim([] { t_delete(twins[0]); });
+     },
+     OnlyPlayersAreLeft},
     {"LogAndDelete",
      {kOwn, Task(DeleteChild)},
      [] { StartVictim([] { loginfo("test", "on its way\n"); }); },
@@ -376,7 +403,13 @@ void MakeDevice()
          OnlyPlayersAreLeft();
          loginfo("test", "there is no lock left held\n");
      }},
-    {"CommandAndDelete", {kOwn, Task(DeleteChild)}, [] { StartVictim([] { system_pthread("x"); }); }, NoVictimIsLeft},
+    {"CommandAndDelete",
+     {kOwn, Task(DeleteChild)},
+     [] {
+         TellNobody();
+         StartVictim([] { system_pthread("x"); });
+     },
+     NoVictimIsLeft},
     {"OutputAndDelete",
      {kOwn, Task(DeleteChild)},
      [] {
@@ -411,22 +444,21 @@ void MakeDevice()
     {"FirstLineAndCancel",
      {kOwn, Task(EndThread)},
      [] {
+         PutFilter();
          folders->Put("dat/logformat.dat", "level\n");
          StartThread([] { loginfo("a", "one\n"); });
      },
      [] {
          loginfo("b", "two\n");
          EXPECT_EQ(logmsg_get_format(), kLogFormatLevel);
+         FilterIsReadOnce();
          ConfigurationRuns();
      },
      PairT::kNothingYet,
-     2},
+     4},
     {"UsageAndDelete", {kOwn, Task(DeleteChild)}, [] { StartVictim(osTaskUsage); }, NoVictimIsLeft},
     {"PollAndAdd",
-     {kOwn, Task([] {
-          add_dev_to_comp_task(device);
-          EndThread();
-      })},
+     {kOwn, Task([] { add_dev_to_comp_task(device), EndThread(); })},
      [] {
          MakeDevice();
          StartThread([] { io_comp_task(0, 0, 0, 0); });
@@ -452,17 +484,11 @@ const PairT kEvents[] = {
           Receive(1, kEvAny, 0);
           shared++; // the event hands it over
       }),
-      Task([] {
-          shared = 1;
-          ev_send(ids[0], 1);
-      })},
+      Task([] { shared = 1, ev_send(ids[0], 1); })},
      NoSetUp,
      [] { EXPECT_EQ(shared, 2u); }},
     {"ReceiveAllAndSend",
-     {Task([] { Receive(3, 0, 0); }), Task([] {
-          ev_send(ids[0], 1);
-          ev_send(ids[0], 2);
-      })},
+     {Task([] { Receive(3, 0, 0); }), Task([] { ev_send(ids[0], 1), ev_send(ids[0], 2); })},
      NoSetUp,
      [] { EXPECT_EQ(results[1], 3u); }},
     {"TakeAndSend",
@@ -481,6 +507,13 @@ const PairT kEvents[] = {
          EXPECT_EQ(printed, "");
          TimersAreFree();
      }},
+    {"FirstReceiveAndTick",
+     {kOwn, kTick},
+     [] { PrepareTicks(), StartVictim([] { WaitFor(1); }); },
+     [] {
+         EXPECT_EQ(printed, "");
+         NothingIsLeftOfTheVictim();
+     }},
     {"TimedReceiveAndSend",
      {Task([] { Receive(1, kEvAny, 100000); }), Task([] { ev_send(ids[0], 1); })},
      PrepareTicks,
@@ -493,11 +526,7 @@ const PairT kEvents[] = {
      [] { Once([] { MakeChild(); }); },
      NoCheck},
     {"StartAndTick",
-     {Task([] {
-          tm_evafter(1, 1, &tmid);
-          Receive(1, kEvAny, 0);
-      }),
-      kTick},
+     {Task([] { tm_evafter(1, 1, &tmid), Receive(1, kEvAny, 0); }), kTick},
      PrepareTicks,
      TimersAreFree},
     {"CancelAndTick",
@@ -516,18 +545,18 @@ const PairT kEvents[] = {
              1, &tmid, [](void *) { return 0; }, nullptr);
      },
      [] {}},
-    {"CancelWhatIsSomebodyElsesBy",
+    {"CancelAnothersTimer",
      {Task([] { tm_cancel_callback(tmid, ev_receive_timeout, &results[0]); }), Task([] {
-          tm_cancel_callback(tmid, ev_receive_timeout, &results[0]);
-          tm_callback_after(100000, &otherTmid, ev_receive_timeout, &results[1]);
+          tm_cancel_callback(tmid, ev_receive_timeout, &results[0]),
+              tm_callback_after(100000, &otherTmid, ev_receive_timeout, &results[1]);
       })},
+     [] { PrepareTicks(), tm_callback_after(100000, &tmid, ev_receive_timeout, &results[0]); },
      [] {
-         PrepareTicks();
-         tm_callback_after(100000, &tmid, ev_receive_timeout, &results[0]);
-     },
-     [] {
-         const OutputHold hold;
-         tm_cancel(otherTmid);
+         {
+             const OutputHold hold;
+             tm_cancel(otherTmid);
+         }
+         EXPECT_EQ(printed, "");
      }},
     {"ClockAndTick", {Task([] { results[0] = gEpochMillisecs; }), kTick}, PrepareTicks, NoCheck},
     {"FirstTimers",
@@ -575,15 +604,8 @@ const PairT kLists[] = {
      },
      [] { EXPECT_EQ(ListLen(&list), 1); }},
     {"QueueAndCount",
-     {Task([] {
-          ListEnqueue(&list, &elements[1]);
-          results[0] = ListDequeue(&list) == nullptr ? 1 : 0;
-      }),
-      Task([] {
-          results[1] = ListIsEmpty(&list);
-          ListLen(&list);
-          ListDequeue(&list);
-          ListEnqueue(&list, &elements[2]);
+     {Task([] { ListEnqueue(&list, &elements[1]), results[0] = ListDequeue(&list) == nullptr ? 1 : 0; }), Task([] {
+          results[1] = ListIsEmpty(&list), ListLen(&list), ListDequeue(&list), ListEnqueue(&list, &elements[2]);
       })},
      [] {
          list = nullptr;
@@ -593,14 +615,9 @@ const PairT kLists[] = {
      },
      [] { EXPECT_EQ(ListLen(&list), 1); }},
     {"Requests",
-     {Task([] {
-          iorb_list_enqueue(&requests, &blocks[0]);
-          iorb_list_extract(&requests, &blocks[0]);
-      }),
-      Task([] {
-          iorb_list_enqueue(&requests, &blocks[1]);
-          results[1] = static_cast<UInt32>(iorb_list_avail(&requests));
-          iorb_list_dequeue(&requests);
+     {Task([] { iorb_list_enqueue(&requests, &blocks[0]), iorb_list_extract(&requests, &blocks[0]); }), Task([] {
+          iorb_list_enqueue(&requests, &blocks[1]), results[1] = static_cast<UInt32>(iorb_list_avail(&requests)),
+                                                    iorb_list_dequeue(&requests);
       })},
      [] {
          requests = {};
@@ -626,11 +643,7 @@ const PairT kLists[] = {
           const SemaphoreHold hold(semaphore);
           shared++;
       }),
-      Task([] {
-          rsm_p(semaphore, 0);
-          shared++;
-          rsm_v(semaphore);
-      })},
+      Task([] { rsm_p(semaphore, 0), shared++, rsm_v(semaphore); })},
      [] {
          Once([] { sm_create("test", 1, 0, &semaphore); });
          shared = 0;
@@ -659,13 +672,7 @@ const PairT kLists[] = {
      PairT::kNewProcess,
      2},
     {"FirstQuestions", {Task([] { is_NFS(); }), Task([] { is_NFS(); })}, NoSetUp, NoCheck, PairT::kNewProcess, 2},
-    {"TwoCommands",
-     {Task([] { system_pthread("a"); }), Task([] { system_pthread("b"); })},
-     [] {
-         if (fake.commands[1] < 0)
-             fake.commands[1] = open("/dev/null", O_WRONLY);
-     },
-     NoCheck},
+    {"TwoCommands", {Task([] { system_pthread("a"); }), Task([] { system_pthread("b"); })}, TellNobody, NoCheck},
     {"FirstPolls",
      {Task([] { add_dev_to_comp_task(device); }), Task([] { add_dev_to_comp_task(device); })},
      MakeDevice,
@@ -759,11 +766,7 @@ const PairT kLog[] = {
      },
      PairT::kWriter},
     {"LineInPieces",
-     {Task([] {
-          loginfo("a", "o");
-          loginfo("a", "ne\n");
-      }),
-      Task([] { loginfo("b", "two\n"); })},
+     {Task([] { loginfo("a", "o"), loginfo("a", "ne\n"); }), Task([] { loginfo("b", "two\n"); })},
      EmptyRing,
      [] {
          const std::string text = Drained();
@@ -773,11 +776,7 @@ const PairT kLog[] = {
      },
      PairT::kWriter},
     {"RepeatedLines",
-     {Task([] {
-          loginfo("a", "same\n");
-          loginfo("a", "same\n");
-      }),
-      Task([] { loginfo("a", "same\n"); })},
+     {Task([] { loginfo("a", "same\n"), loginfo("a", "same\n"); }), Task([] { loginfo("a", "same\n"); })},
      [] {
          Once([] { logmsg_set_spewfilter(1); });
          loginfo("a", "another\n");
@@ -801,11 +800,7 @@ const PairT kLog[] = {
      [] { EXPECT_TRUE(printed == bigA); },
      PairT::kWriter},
     {"WrapTwoAndPrint",
-     {Task([] {
-          syslogAdd(bigA.c_str(), 0);
-          syslogAdd(bigB.c_str(), 0);
-      }),
-      Task([] { PrintAll(301000); })},
+     {Task([] { syslogAdd(bigA.c_str(), 0), syslogAdd(bigB.c_str(), 0); }), Task([] { PrintAll(301000); })},
      [] { FillRing(1, true); },
      [] { EXPECT_TRUE(printed == bigA + bigB); },
      PairT::kWriter},
@@ -817,12 +812,10 @@ const PairT kLog[] = {
      },
      NoLineIsTorn,
      PairT::kWriter},
-    {"FilterAndLine",
+    {"FilterAndLine", // of which each leaves characters behind for the next one
      {Task([] {
-          logmsg_cullfilter_add("one");
-          logmsg_cullfilter_delete("one");
-          logmsg_cullfilter_add("two things");
-          logmsg_cullfilter_delete("two things");
+          for (const char *filter : {"xa", "axx"})
+              logmsg_cullfilter_add(filter), logmsg_cullfilter_delete(filter);
       }),
       Task([] { logmsg_print(lineA.c_str(), 40); })},
      EmptyRing,
@@ -830,22 +823,12 @@ const PairT kLog[] = {
      PairT::kWriter},
     {"FormatAndLine",
      {Task([] { logmsg_set_format(kLogFormatLevel); }), Task([] { syslogDrainQueue(); })},
-     [] {
-         EmptyRing();
-         syslogAdd(lineA.c_str(), 0);
-     },
+     [] { EmptyRing(), syslogAdd(lineA.c_str(), 0); },
      [] { EXPECT_EQ(printed, lineA); },
      PairT::kWriter},
     {"SwitchesAndLine",
-     {Task([] {
-          syslogSetLogLevel(kLogDebug);
-          logmsg_set_syslog_echo(0);
-          logmsg_spewfilter_load();
-      }),
-      Task([] {
-          loginfo("a", "line\n");
-          syslogDrainQueue();
-      })},
+     {Task([] { syslogSetLogLevel(kLogDebug), logmsg_set_syslog_echo(0), logmsg_set_spewfilter(0); }),
+      Task([] { loginfo("a", "line\n"), syslogDrainQueue(); })},
      EmptyRing,
      [] { EXPECT_EQ(printed, "INFO  pc[0]: a: line\n"); },
      PairT::kWriter},
@@ -870,26 +853,11 @@ std::string ReadItem()
     char value[kConfigValueSize];
     return ConfigRead("item", 0, value) == kNoError ? value : "missing";
 }
-void Read()
-{
-    ReadItem();
-}
-void Write()
-{
-    ConfigWrite("item", 0, "new");
-}
-void Delete()
-{
-    ConfigDelete("item", 0);
-}
-void DropFromCache()
-{
-    DeleteItemFromCache("item", 0);
-}
-void CacheIsFile()
-{
-    EXPECT_EQ(folders->Get("dat/item.dat"), ReadItem() + "\n");
-}
+constexpr auto Read = [] { ReadItem(); };
+constexpr auto Write = [] { ConfigWrite("item", 0, "new"); };
+constexpr auto Delete = [] { ConfigDelete("item", 0); };
+constexpr auto DropFromCache = [] { DeleteItemFromCache("item", 0); };
+constexpr auto CacheIsFile = [] { EXPECT_EQ(folders->Get("dat/item.dat"), ReadItem() + "\n"); };
 void ItemIsNew()
 {
     EXPECT_EQ(ReadItem(), "new");
@@ -899,14 +867,8 @@ void Heard(ModT * /*pMod*/, UInt32 /*funcIndex*/, void * /*userDefined*/, void *
 {
     EXPECT_STREQ(static_cast<ConfigNotifyT *>(pArgs)->value, "new");
 }
-void Watch()
-{
-    ConfigAddImmediateCallback("item", 0, Heard, nullptr);
-}
-void Unwatch()
-{
-    ConfigDeleteCallback("item", 0, Heard, nullptr);
-}
+constexpr auto Watch = [] { ConfigAddImmediateCallback("item", 0, Heard, nullptr); };
+constexpr auto Unwatch = [] { ConfigDeleteCallback("item", 0, Heard, nullptr); };
 void PutWatchedItem()
 {
     PutItem();
@@ -938,28 +900,19 @@ const PairT kConfig[] = {
     {"WriteAndUnwatch", {Task(Write), Task(Unwatch)}, PutWatchedItem, ItemIsNew},
     {"DropAndWatch",
      {Task(DropFromCache), Task(Watch)},
-     [] {
-         PutItem();
-         ReadItem();
-     },
+     [] { PutItem(), ReadItem(); },
      [] { EXPECT_EQ(ConfigDeleteCallback("item", 0, Heard, nullptr), kNoError); }},
     {"DropAndUnwatch", {Task(DropFromCache), Task(Unwatch)}, PutWatchedItem, CacheIsFile},
     {"DropAndLookUp", {Task(DropFromCache), Task([] { LookupItemInCache("item", 0); })}, PutItem, CacheIsFile},
     {"DropAndDump", {Task(DropFromCache), Task(ConfigDumpAll)}, PutItem, CacheIsFile},
-    {"WriteAndDump",
-     {Task(Write), Task([] { ConfigDumpByName("item"); })},
-     [] {
-         PutItem();
-         ReadItem();
-     },
-     ItemIsNew},
+    {"WriteAndDump", {Task(Write), Task([] { ConfigDumpByName("item"); })}, [] { PutItem(), ReadItem(); }, ItemIsNew},
     {"FirstReadAndWrite", {Task(Read), Task(Write)}, NoSetUp, ItemIsNew, PairT::kNothingYet, 2},
     {"FirstLines",
      {Task([] { loginfo("a", "one\n"); }), Task([] { loginfo("b", "two\n"); })},
-     NoSetUp,
-     NoCheck,
+     PutFilter,
+     FilterIsReadOnce,
      PairT::kNothingYet,
-     2},
+     4},
 };
 
 // ---- Reads through the master
@@ -1040,10 +993,7 @@ void AddMany()
     for (UInt32 &counter : counters)
         ModAddCallback(&mods[0], 7, CountCall, &counter, 0);
 }
-void CallMod()
-{
-    ModCallCallbacks(&mods[0], 7, nullptr, 0);
-}
+constexpr auto CallMod = [] { ModCallCallbacks(&mods[0], 7, nullptr, 0); };
 void DoNothing(void * /*pArgs*/, Int32 /*argLen*/) {}
 void DeferToSelf()
 {
@@ -1069,18 +1019,11 @@ const PairT kMods[] = {
      }},
     {"ExitAndFind",
      {Task([] { ExitMod(0); }), Task([] { EXPECT_EQ(ModFindByName("ordr", 1), &mods[1]); })},
-     [] {
-         InitMod(0);
-         InitMod(1);
-     },
+     [] { InitMod(0), InitMod(1); },
      [] { ExitMod(1); }},
     {"CallAndAdd",
      {Task(CallMod), Task(AddMany)},
-     [] {
-         InitMod(0);
-         results[0] = 0;
-         ModAddCallback(&mods[0], 7, CountCall, &results[0], 0);
-     },
+     [] { InitMod(0), results[0] = 0, ModAddCallback(&mods[0], 7, CountCall, &results[0], 0); },
      [] {
          EXPECT_EQ(results[0], 1u);
          ExitMod(0);
@@ -1096,24 +1039,17 @@ const PairT kMods[] = {
      }},
     {"CallAndDelete",
      {Task([] { ModCallCallbacks(&mods[0], 7, &shared, sizeof shared); }), Task([] {
-          ModProcessDeferredCallbacks();
-          ModDeleteCallback(&mods[0], 7, CallRegistered, nullptr);
-          registered = false;
-          ModProcessDeferredCallbacks();
+          ModProcessDeferredCallbacks(), ModDeleteCallback(&mods[0], 7, CallRegistered, nullptr),
+              registered = false, ModProcessDeferredCallbacks();
       })},
      [] {
-         shared++;
-         registered = true;
-         InitMod(0);
-         ModAddCallbackToTask(&mods[0], 7, CallRegistered, nullptr, kModOnTask, ids[1]);
+         shared++, registered = true, InitMod(0),
+                   ModAddCallbackToTask(&mods[0], 7, CallRegistered, nullptr, kModOnTask, ids[1]);
      },
      [] { ExitMod(0); }},
     {"CallAndDeleteAll",
      {Task(CallMod), Task([] { ModDeleteAllCallbacks(&mods[0]); })},
-     [] {
-         InitMod(0);
-         ModAddCallback(&mods[0], 7, CountCall, &results[0], 0);
-     },
+     [] { InitMod(0), ModAddCallback(&mods[0], 7, CountCall, &results[0], 0); },
      [] { ExitMod(0); }},
     {"DumpAndAdd", {Task([] { ModDump(&mods[0], 0); }), Task(AddMany)}, [] { InitMod(0); }, [] { ExitMod(0); }},
     {"DeferAndProcess",
@@ -1140,15 +1076,8 @@ const PairT kMods[] = {
      [] { Once([] { InitMod(0); }); },
      NoCheck},
     {"FilterAndTrace",
-     {Task([] {
-          ModTraceFilterAdd("other");
-          ModTraceFilterDelete("other");
-      }),
-      Task([] {
-          ModTraceFilterAdd("another");
-          ModTrace(&mods[0], "line\n");
-          ModTraceFilterDelete("another");
-      })},
+     {Task([] { ModTraceFilterAdd("other"), ModTraceFilterDelete("other"); }),
+      Task([] { ModTraceFilterAdd("another"), ModTrace(&mods[0], "line\n"), ModTraceFilterDelete("another"); })},
      [] { Once([] { InitMod(0); }); },
      [] { EXPECT_EQ(ModTraceFilterDelete("other"), kBadParameter); }},
     {"FirstInits",
@@ -1175,10 +1104,7 @@ constexpr RS232Cfg kFormat = {SERIAL_BAUDRATE_115200, SERIAL_DATABITS_8, SERIAL_
 
 void InitPorts()
 {
-    Once([] {
-        SetSystemHardwareType(kKora);
-        DevMgrSerial_Init();
-    });
+    Once([] { SetSystemHardwareType(kKora), DevMgrSerial_Init(); });
 }
 void Open(unsigned index)
 {
@@ -1203,12 +1129,7 @@ void OpenScript(unsigned index)
 {
     results[index] = static_cast<UInt32>(Serial_Open_PSH(0, &kFormat));
 }
-void InitScript()
-{
-    InitPorts();
-    if (fake.commands[1] < 0)
-        fake.commands[1] = open("/dev/null", O_WRONLY);
-}
+constexpr auto InitScript = [] { InitPorts(), TellNobody(); };
 
 // Two sets of callbacks, of which each knows its own context; the second call ends the loop of the port's task.
 UInt32 sent;
@@ -1234,17 +1155,11 @@ const PairT kPorts[] = {
     {"TwoOpen", {Task([] { Open(0); }), Task([] { Open(1); })}, InitPorts, [] { OneDidIt(kAlreadyInUse); }},
     {"TwoClose",
      {Task([] { Close(0); }), Task([] { Close(1); })},
-     [] {
-         InitPorts();
-         Open(0);
-     },
+     [] { InitPorts(), Open(0); },
      [] { OneDidIt(kItemNotFound); }},
     {"CloseAndOpen",
      {Task([] { Close(0); }), Task([] { Open(1); })},
-     [] {
-         InitPorts();
-         Open(0);
-     },
+     [] { InitPorts(), Open(0); },
      [] {
          EXPECT_EQ(results[0], 0u);
          EXPECT_EQ(Serial_Close(0), results[1] == 0 ? kNoError : kItemNotFound);
@@ -1276,11 +1191,7 @@ const PairT kPorts[] = {
          Serial_Close_PSH(0);
      }},
     {"CallbacksAndTask",
-     {Task([] {
-          SetCallbacks(kCallbacksB);
-          Serial_Enable(0, SERIAL_DIRECTION_TX);
-          SetCallbacks(kCallbacksA);
-      }),
+     {Task([] { SetCallbacks(kCallbacksB), Serial_Enable(0, SERIAL_DIRECTION_TX), SetCallbacks(kCallbacksA); }),
       Task([] { DevMgrSerial_asyncDataSendRecv(low_id(CBList), 0, 0, 0); })},
      [] {
          InitPorts();

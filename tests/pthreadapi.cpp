@@ -224,10 +224,11 @@ TEST_P(Deletion, DecidesWhoFindsItself)
     std::atomic<UInt32> found = 77, received = 77;
     std::atomic<bool> ready = false, go = false;
     StartTask("stay", [&] {
+        UInt32 value = 0;
+        EXPECT_EQ(t_ident(nullptr, 0, &value), 0u); // which it does not remember for good
         ready = true;
         while (!go)
             tm_wkafter(1);
-        UInt32 value = 0;
         received = ev_receive(0x1, kEvNoWait, 0, &value);
         found = t_ident(nullptr, 0, &value);
     });

@@ -257,7 +257,7 @@ TEST_P(Machine, HasAClockOrNot)
     EXPECT_EQ(RealTimeMilliSeconds() == 4800, hasClock);
 }
 
-using std::string_literals::operator""s;
+using namespace std::string_literals;
 const MachineCase kMachines[] = {
     {"ByItsProcessor", "/proc/cpuinfo", "processor\t: 0\ncpu\t\t: e300c4\nplatform\t: MPC834x SYS\n", true},
     {"ByItsCompatibles", "/proc/device-tree/compatible", "maker,kora\0fsl,mpc8349ea\0"s, true},

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <dirent.h>
 #include <fcntl.h>
 #include <linux/futex.h>
 #include <poll.h>
@@ -33,7 +34,7 @@ namespace
 {
 
 // Whose turn it is. A part that goes alone hands over to the next phase.
-enum PhaseT : int { kNoRun, kFirst, kOther, kFirstAgain, kBoth };
+enum PhaseT : int { kNoRun, kFirst, kOther, kBoth };
 
 struct PlayerT {
     unsigned index;
@@ -47,8 +48,8 @@ struct PlayerT {
 struct RunT {
     PartT parts[2];
     unsigned first;
-    unsigned limits[2]; // by order
-    void *places[2];    // by index: the last stop
+    unsigned limit;  // the stop at which the first part waits
+    void *places[2]; // by index: the last stop
     const char *calls[2];
     bool waited;
     int phase;
@@ -119,8 +120,7 @@ void PrintPlace(unsigned index)
 
 [[noreturn]] void GiveUp()
 {
-    std::fprintf(stderr, "schedule: deadlock in phase %d, stops %u and %u\n", Load(&run.phase), run.limits[0],
-                 run.limits[1]);
+    std::fprintf(stderr, "schedule: deadlock, part %u first, to its stop %u\n", run.first, run.limit);
     PrintPlace(0);
     PrintPlace(1);
     std::abort();
@@ -133,21 +133,19 @@ int AlonePhase(unsigned order)
 
 bool IsAlone(const PlayerT &self)
 {
-    const int phase = Load(&run.phase);
-    return phase == AlonePhase(self.order) || (phase == kFirstAgain && self.order == 0);
+    return Load(&run.phase) == AlonePhase(self.order);
 }
 
-// Ends a phase unless somebody has. The other part gets its second turn alone only if it waits at a stop.
-void EndPhase(int phase, bool atStop)
+// Ends a phase unless somebody has.
+void EndPhase(int phase)
 {
-    const int next = phase == kFirst ? kOther : phase == kOther && atStop ? kFirstAgain : kBoth;
-    if (__atomic_compare_exchange_n(&run.phase, &phase, next, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST))
+    if (__atomic_compare_exchange_n(&run.phase, &phase, phase + 1, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST))
         syscall(SYS_futex, &run.phase, FUTEX_WAKE_PRIVATE, INT_MAX, nullptr, nullptr, 0);
 }
 
 void AwaitTurn(const PlayerT &self)
 {
-    for (int phase; (phase = Load(&run.phase)) != kNoRun && phase != kBoth && !IsAlone(self);)
+    for (int phase; (phase = Load(&run.phase)) < AlonePhase(self.order);)
         Await(&run.phase, phase);
 }
 
@@ -156,11 +154,11 @@ void CannotGoOn(bool forGood)
 {
     if (player == nullptr || !IsAlone(*player))
         return;
-    if (Load(&run.phase) == kFirst && !forGood)
+    if (player->order == 0 && !forGood)
         return; // the other one has not begun: it waits for a third, which will come, or Run ends the phase
-    if (Load(&run.phase) == kFirst)
+    if (player->order == 0)
         run.waited = true;
-    EndPhase(Load(&run.phase), false);
+    EndPhase(AlonePhase(player->order));
 }
 
 bool IsNobodyElses(const volatile void *address, const PlayerT &self)
@@ -186,11 +184,11 @@ void Stop(const char *call, void *place)
         return;
     run.places[self->index] = place;
     run.calls[self->index] = call;
-    const int phase = AlonePhase(self->order);
-    if (Load(&run.phase) != phase || ++self->stops != run.limits[self->order])
+    if (self->order != 0 || Load(&run.phase) != kFirst || ++self->stops != run.limit)
         return;
-    EndPhase(phase, true);
-    AwaitTurn(*self);
+    EndPhase(kFirst);
+    while (Load(&run.phase) == kOther)
+        Await(&run.phase, kOther);
 }
 
 [[maybe_unused]] void StopAtAccess(const char *call, const volatile void *address, void *place, void *caller)
@@ -227,8 +225,8 @@ void Leave()
     player = nullptr;
     Give();
     if (IsAlone(self)) {
-        run.waited = run.waited || Load(&run.phase) == kFirst;
-        EndPhase(Load(&run.phase), false);
+        run.waited = run.waited || self.order == 0;
+        EndPhase(AlonePhase(self.order));
     }
     __atomic_fetch_add(&run.over, 1, __ATOMIC_SEQ_CST);
     syscall(SYS_futex, &run.over, FUTEX_WAKE_PRIVATE, INT_MAX, nullptr, nullptr, 0);
@@ -294,7 +292,7 @@ void AwaitWorkers()
         Await(&run.workers, workers);
 }
 
-bool Run(const PartT (&parts)[2], unsigned first, unsigned stop, unsigned otherStop)
+bool Run(const PartT (&parts)[2], unsigned first, unsigned stop)
 {
     AwaitWorkers();
     for (unsigned index = 0; index < 2; index++)
@@ -303,8 +301,7 @@ bool Run(const PartT (&parts)[2], unsigned first, unsigned stop, unsigned otherS
     run.parts[0] = parts[0];
     run.parts[1] = parts[1];
     run.first = first;
-    run.limits[0] = stop;
-    run.limits[1] = otherStop;
+    run.limit = stop;
     run.waited = false;
     run.over = 0;
     run.places[0] = run.places[1] = nullptr;
@@ -319,7 +316,7 @@ bool Run(const PartT (&parts)[2], unsigned first, unsigned stop, unsigned otherS
             GiveUp();
         if (Milliseconds() - started > kSecond && Load(&run.phase) == kFirst) {
             run.waited = true;
-            EndPhase(kFirst, false);
+            EndPhase(kFirst);
         }
     }
     EndRun();
@@ -471,14 +468,27 @@ WRAPPED(int, open, (const char *path, int flags, ...), (path, flags))
     const unsigned mode = (flags & O_CREAT) != 0 ? va_arg(args, unsigned) : 0;
     va_end(args);
     Stop("open", __builtin_return_address(0));
-    return __real_open(path, flags, mode);
+    const int fd = __real_open(path, flags, mode);
+    Stop("the end of open", __builtin_return_address(0));
+    return fd;
 }
 
 STOPS(int, pthread_cond_signal, (pthread_cond_t * condition), (condition))
 STOPS(int, pthread_cancel, (pthread_t thread), (thread))
 STOPS(int, close, (int fd), (fd))
-STOPS(FILE *, fopen, (const char *path, const char *mode), (path, mode))
-STOPS(FILE *, fopen64, (const char *path, const char *mode), (path, mode))
+STOPS(int, pclose, (FILE * file), (file))
+STOPS(int, closedir, (DIR * directory), (directory))
+// Also behind it: what follows may be a read, where a thread can be cancelled.
+#define STOPS_TWICE(result, name, parameters, arguments)                                                               \
+    WRAPPED(result, name, parameters, arguments)                                                                       \
+    {                                                                                                                  \
+        Stop(#name, __builtin_return_address(0));                                                                      \
+        result file = __real_##name arguments;                                                                         \
+        Stop("the end of " #name, __builtin_return_address(0));                                                        \
+        return file;                                                                                                   \
+    }
+STOPS_TWICE(FILE *, fopen, (const char *path, const char *mode), (path, mode))
+STOPS_TWICE(FILE *, fopen64, (const char *path, const char *mode), (path, mode))
 STOPS(int, fclose, (FILE * file), (file))
 STOPS(int, rename, (const char *from, const char *to), (from, to))
 STOPS(int, unlink, (const char *path), (path))

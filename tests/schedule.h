@@ -17,8 +17,6 @@
 namespace schedule
 {
 
-constexpr unsigned kNever = ~0u;
-
 // Who plays a part. Own: a thread that calls Play. Ticker: the timer task, for one pass over its timers.
 enum class Player { Worker, Own, Ticker };
 
@@ -27,9 +25,9 @@ struct PartT {
     void (*body)(); // Worker only
 };
 
-// Plays both parts. The part with the index first goes up to its stop-th stop (from 1), the other one then up to its
-// otherStop-th. False when the first part ended, or waited for an event, before that stop: there are no more orders.
-bool Run(const PartT (&parts)[2], unsigned first, unsigned stop, unsigned otherStop = kNever);
+// Plays both parts. The part with the index first goes up to its stop-th stop, counted from 1. Returns false when it
+// ended, or waited for an event, before that one: there are no more orders.
+bool Run(const PartT (&parts)[2], unsigned first, unsigned stop);
 
 // For the two threads that play Worker parts for good: waits for the bodies of that index, and runs them.
 [[noreturn]] void Work(unsigned index);
