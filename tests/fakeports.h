@@ -3,6 +3,7 @@
 // the terminal calls work on one record. To be included by one file of an executable.
 #pragma once
 
+#include "Common/OS/linux/mutexhold.h"
 #include "devlib/devmgr_serial.h"
 
 #include <atomic>
@@ -67,6 +68,7 @@ inline int OpenPty()
 
 inline int OpenAnswer()
 {
+    const CancelOffHold whole; // a deletion hits the program's calls, not the stand-in's
     int ends[2];
     EXPECT_EQ(0, pipe(ends));
     EXPECT_LT(0, write(ends[1], fake.answer.data(), fake.answer.size()));

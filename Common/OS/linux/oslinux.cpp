@@ -18,8 +18,10 @@
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
+#include <iterator>
 #include <memory>
 #include <pthread.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 Int32 ProcessorCnt;
@@ -99,10 +101,13 @@ UInt32 RelaySemaphore()
     return scall;
 }
 
+// Not by dprintf: its stream lies on the stack, and a task that is deleted in it leaves it in the C library's list.
 bool SendCommand(const char *command)
 {
     const OpenFile relay(kRelayPath, O_WRONLY);
-    return relay.fd() >= 0 && dprintf(relay.fd(), "%s\n", command) >= 0;
+    const std::size_t length = std::strlen(command);
+    const iovec line[] = {{const_cast<char *>(command), length}, {const_cast<char *>("\n"), 1}};
+    return relay.fd() >= 0 && writev(relay.fd(), line, std::size(line)) == static_cast<ssize_t>(length + 1);
 }
 
 // The C library's long may be wider than the result, which then stops at its own limits.
