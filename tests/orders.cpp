@@ -409,7 +409,7 @@ void MakeDevice()
          TellNobody();
          StartVictim([] { system_pthread("x"); });
      },
-     NoVictimIsLeft},
+     OnlyPlayersAreLeft},
     {"OutputAndDelete",
      {kOwn, Task(DeleteChild)},
      [] {
