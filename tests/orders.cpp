@@ -291,9 +291,9 @@ long NumDescriptors()
 }
 void NoVictimIsLeft()
 {
-    Once([] { shared = static_cast<UInt32>(NumDescriptors()); });
+    static const long descriptors = NumDescriptors();
     OnlyPlayersAreLeft();
-    EXPECT_EQ(NumDescriptors(), shared);
+    EXPECT_EQ(NumDescriptors(), descriptors);
 }
 pthread_t thread;
 
