@@ -921,7 +921,7 @@ const PairT kConfig[] = {
      {Task(DropFromCache), Task(Watch)},
      CacheItem,
      [] { EXPECT_EQ(ConfigDeleteCallback("item", 0, Heard, nullptr), kNoError); }},
-    {"DropAndUnwatch", {Task(DropFromCache), Task(Unwatch)}, PutWatchedItem, CacheIsFile},
+    {"DropAndUnwatch", {Task(DropFromCache), Task(Unwatch)}, CacheItem, CacheIsFile},
     {"DropAndLookUp", {Task(DropFromCache), Task([] { LookupItemInCache("item", 0); })}, CacheItem, CacheIsFile},
     {"DropAndDump", {Task(DropFromCache), Task(ConfigDumpAll)}, CacheItem, CacheIsFile},
     {"WriteAndDump", {Task(Write), Task([] { ConfigDumpByName("item"); })}, CacheItem, ItemIsNew},
