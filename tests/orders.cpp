@@ -314,13 +314,16 @@ void EndThread()
     pthread_cancel(thread);
     pthread_join(thread, nullptr);
 }
-// One flush task.
-void ConfigurationRuns()
+void OneFlushTask()
 {
-    EXPECT_EQ(ConfigRead("none", 0, std::array<char, kConfigValueSize>().data()), kItemNotFound);
     pthread_mutex_lock(&tcblistmutex);
     EXPECT_TRUE(tcblist != nullptr && tcblist->next == nullptr);
     pthread_mutex_unlock(&tcblistmutex);
+}
+void ConfigurationRuns()
+{
+    EXPECT_EQ(ConfigRead("none", 0, std::array<char, kConfigValueSize>().data()), kItemNotFound);
+    OneFlushTask();
 }
 constexpr auto PutFilter = [] { folders->Put("dat/cullfilter.dat", "nothing\n"); };
 void FilterIsReadOnce()
@@ -422,7 +425,10 @@ void MakeDevice()
     {"FindAndDelete", {kOwn, Task(DeleteChild)}, [] { StartVictim([] { find_pid(""); }); }, NoVictimIsLeft},
     {"ReadAndDelete",
      {kOwn, Task(DeleteChild)},
-     [] { StartVictim([] { ConfigStoreRead("item", 0, std::array<char, 8>().data(), 8); }); },
+     [] {
+         folders->Put("dat/item.dat", "old\n");
+         StartVictim([] { ConfigStoreRead("item", 0, std::array<char, 8>().data(), 8); });
+     },
      NoVictimIsLeft},
     {"WriteAndDelete",
      {kOwn, Task(DeleteChild)},
@@ -439,6 +445,12 @@ void MakeDevice()
      {kOwn, Task(EndThread)},
      [] { StartThread([] { ConfigRead("none", 0, std::array<char, kConfigValueSize>().data()); }); },
      ConfigurationRuns,
+     PairT::kNothingYet,
+     2},
+    {"FirstStoreAndCancel",
+     {kOwn, Task(EndThread)},
+     [] { StartThread(ConfigStoreInit); },
+     OneFlushTask,
      PairT::kNothingYet,
      2},
     {"FirstLineAndCancel",
@@ -893,6 +905,9 @@ void PutWatchedItem()
     Watch();
 }
 
+constexpr char kFoldersAreThere[] =
+    "Config Folder data initialized successfully(Choice dir: ../choice/, Dat Dir: ../dat/)\n";
+
 const PairT kConfig[] = {
     {"ReadAndWrite", {Task(Read), Task(Write)}, PutItem, ItemIsNew},
     {"ReadAndDelete", {Task(Read), Task(Delete)}, PutItem, [] { EXPECT_EQ(ReadItem(), "default"); }},
@@ -925,7 +940,21 @@ const PairT kConfig[] = {
     {"DropAndLookUp", {Task(DropFromCache), Task([] { LookupItemInCache("item", 0); })}, CacheItem, CacheIsFile},
     {"DropAndDump", {Task(DropFromCache), Task(ConfigDumpAll)}, CacheItem, CacheIsFile},
     {"WriteAndDump", {Task(Write), Task([] { ConfigDumpByName("item"); })}, CacheItem, ItemIsNew},
-    {"FirstReadAndWrite", {Task(Read), Task(Write)}, NoSetUp, ItemIsNew, PairT::kNothingYet, 2},
+    {"FirstReadAndWrite",
+     {Task(Read), Task(Write)},
+     NoSetUp,
+     [] {
+         EXPECT_EQ(printed, kFoldersAreThere);
+         ItemIsNew();
+     },
+     PairT::kNothingYet,
+     2},
+    {"FirstStores",
+     {Task(ConfigStoreInit), Task(ConfigStoreInit)},
+     NoSetUp,
+     [] { EXPECT_EQ(printed, kFoldersAreThere); },
+     PairT::kNothingYet,
+     2},
     {"FirstLines",
      {Task([] { loginfo("a", "one\n"); }), Task([] { loginfo("b", "two\n"); })},
      PutFilter,
@@ -974,12 +1003,20 @@ const PairT kRemote[] = {
     {"ReadAndAnswer",
      {Task([] { ReadRemotely(0); }), Task([] {
           const std::unique_lock lock(sendMutex);
-          shared = answerTo != nullptr ? 1 : 0;
-          if (shared != 0)
+          if (answerTo != nullptr)
               answerTo(&master, "config item 0 answer", answerContext);
       })},
      [] { BeRemote(SendToMaster); },
-     [] { EXPECT_EQ(answers[0], shared != 0 ? "answer" : ""); }},
+     [] { EXPECT_TRUE(answers[0].empty() || answers[0] == "answer") << answers[0]; }},
+    {"WaitForAnswer",
+     {Task([] { ReadRemotely(0); }), Task([] {})},
+     [] { BeRemote(SendToMaster), shared = schedule::Ticks(); },
+     [] {
+         EXPECT_GE(schedule::Ticks() - shared, 300u);
+         EXPECT_LE(schedule::Ticks() - shared, 350u);
+     },
+     PairT::kTasks,
+     16},
     {"TwoRead",
      {Task([] { ReadRemotely(0); }), Task([] { ReadRemotely(1); })},
      [] { BeRemote(AnswerAtOnce); },
@@ -1066,6 +1103,11 @@ const PairT kMods[] = {
                    ModAddCallbackToTask(&mods[0], 7, CallRegistered, nullptr, kModOnTask, ids[1]);
      },
      [] { ExitMod(0); }},
+    {"AddAndDeleteAll",
+     {Task(AddMany), Task([] { ModDeleteAllCallbacks(&mods[0]); })},
+     [] { InitMod(0); },
+     [] { ExitMod(0); }},
+    {"InitAndFind", {Task([] { InitMod(0); }), Task([] { ModFindByName("ordr", 0); })}, NoSetUp, [] { ExitMod(0); }},
     {"CallAndDeleteAll",
      {Task(CallMod), Task([] { ModDeleteAllCallbacks(&mods[0]); })},
      [] { InitMod(0), ModAddCallback(&mods[0], 7, CountCall, &results[0], 0); },
