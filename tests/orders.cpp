@@ -314,16 +314,12 @@ void EndThread()
     pthread_cancel(thread);
     pthread_join(thread, nullptr);
 }
-void OneFlushTask()
-{
-    pthread_mutex_lock(&tcblistmutex);
-    EXPECT_TRUE(tcblist != nullptr && tcblist->next == nullptr);
-    pthread_mutex_unlock(&tcblistmutex);
-}
 void ConfigurationRuns()
 {
     EXPECT_EQ(ConfigRead("none", 0, std::array<char, kConfigValueSize>().data()), kItemNotFound);
-    OneFlushTask();
+    pthread_mutex_lock(&tcblistmutex);
+    EXPECT_TRUE(tcblist != nullptr && tcblist->next == nullptr) << "one flush task";
+    pthread_mutex_unlock(&tcblistmutex);
 }
 constexpr auto PutFilter = [] { folders->Put("dat/cullfilter.dat", "nothing\n"); };
 void FilterIsReadOnce()
@@ -445,12 +441,6 @@ void MakeDevice()
      {kOwn, Task(EndThread)},
      [] { StartThread([] { ConfigRead("none", 0, std::array<char, kConfigValueSize>().data()); }); },
      ConfigurationRuns,
-     PairT::kNothingYet,
-     2},
-    {"FirstStoreAndCancel",
-     {kOwn, Task(EndThread)},
-     [] { StartThread(ConfigStoreInit); },
-     OneFlushTask,
      PairT::kNothingYet,
      2},
     {"FirstLineAndCancel",
@@ -826,20 +816,26 @@ const PairT kLog[] = {
      FillRing,
      NoLineIsTorn,
      PairT::kWriter},
+    {"LapOfTheFrontAndPrint",
+     {Task([] { syslogAdd(lapping.c_str(), 0); }), Task(PrintDuringLap)},
+     [] {
+         TakeAll();
+         syslogAdd(Line('1', kHalf + 100).c_str(), 0), syslogAdd(Line('2', kFill).c_str(), 0);
+     },
+     NoLineIsTorn,
+     PairT::kWriter},
     {"OverwriteAndPrint", // the second line goes where the first of the two was, if that has been taken
      {Task([] { syslogAdd(Line('A', 100000).c_str(), 0), syslogAdd(Line('B', 200000).c_str(), 0); }),
       Task(syslogDrainQueue)},
      FillRing,
      NoLineIsTorn,
      PairT::kWriter},
-    {"FilterAndLine", // of which each leaves characters behind for the next one
-     {Task([] {
-          for (const char *filter : {"xa", "axx"})
-              logmsg_cullfilter_add(filter), logmsg_cullfilter_delete(filter);
-      }),
+    {"FilterAndLine", // which finds characters of the one before
+     {Task([] { logmsg_cullfilter_add("axx"), logmsg_cullfilter_delete("axx"); }),
       Task([] { logmsg_print(lineA.c_str(), 40); })},
      [] {
          Once([] { logmsg_cullfilter_add("another"); }); // without one they are not looked at
+         logmsg_cullfilter_add("xa"), logmsg_cullfilter_delete("xa");
          EmptyRing();
      },
      [] { EXPECT_EQ(Drained(), lineA); },
