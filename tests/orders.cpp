@@ -935,6 +935,14 @@ const PairT kConfig[] = {
     {"DropAndUnwatch", {Task(DropFromCache), Task(Unwatch)}, CacheItem, CacheIsFile},
     {"DropAndLookUp", {Task(DropFromCache), Task([] { LookupItemInCache("item", 0); })}, CacheItem, CacheIsFile},
     {"DropAndDump", {Task(DropFromCache), Task(ConfigDumpAll)}, CacheItem, CacheIsFile},
+    {"WriteAndReadAnother", // of the same bucket
+     {Task(Write), Task([] { ConfigRead("iota", 0, std::array<char, kConfigValueSize>().data()); })},
+     [] {
+         PutItem();
+         DeleteItemFromCache("iota", 0);
+         folders->Put("dat/iota.dat", "old\n");
+     },
+     ItemIsNew},
     {"WriteAndDump", {Task(Write), Task([] { ConfigDumpByName("item"); })}, CacheItem, ItemIsNew},
     {"FirstReadAndWrite",
      {Task(Read), Task(Write)},
