@@ -21,6 +21,20 @@ std::string Read(const std::string &name, Int32 instance = 0)
     return result == kNoError ? value : std::to_string(result) + value;
 }
 
+// Also one whose name begins with no ASCII character.
+TEST(Config, DumpsTheItemsOfABucketInTheOrderInWhichTheyCame)
+{
+    const ConfigFolders folders;
+    ConfigInit();
+    for (const char *name : {"k2", "\xC4", "k1"})
+        ConfigWrite(name, 0, "x");
+    testing::internal::CaptureStdout();
+    ConfigDumpAll();
+    const std::string text = testing::internal::GetCapturedStdout();
+    EXPECT_NE(text.find("\n\xC4[0] "), std::string::npos) << text;
+    EXPECT_LT(text.find("\nk2[0] "), text.find("\nk1[0] ")) << text;
+}
+
 TEST(Config, KeepsItemsInCacheAndStore)
 {
     const ConfigFolders folders;

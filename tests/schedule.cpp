@@ -149,6 +149,12 @@ void AwaitTurn(const PlayerT &self)
         Await(&run.phase, phase);
 }
 
+// Ticks go on while the first part waits.
+bool MayTimeOut()
+{
+    return ticker.taken && run.parts[0].player != Player::Ticker && run.parts[1].player != Player::Ticker;
+}
+
 // The part that goes alone cannot go on without the other one.
 void CannotGoOn(bool forGood)
 {
@@ -403,7 +409,7 @@ WRAPPED(int, pthread_mutex_unlock, (pthread_mutex_t * mutex), (mutex))
 WRAPPED(int, pthread_cond_wait, (pthread_cond_t * condition, pthread_mutex_t *mutex), (condition, mutex))
 {
     Stop("pthread_cond_wait", __builtin_return_address(0));
-    CannotGoOn(true);
+    CannotGoOn(!schedule::MayTimeOut());
     return __real_pthread_cond_wait(condition, mutex);
 }
 
