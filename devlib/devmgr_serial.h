@@ -15,7 +15,9 @@
 // enables the port again, the task goes on.
 // Callbacks of one port never run at the same time. When another task stops or closes the port, no callback of
 // that port runs any more when the call returns: a callback that waits is cancelled there, one that computes is
-// waited for. A callback therefore must not wait for a task that stops or closes its port.
+// waited for. The one exception is a callback that is itself stopping the port of the caller's callback: it goes on.
+// A callback therefore must not wait for a task that stops or closes its port. While another task enables the port, a
+// callback must not disable it: the two may undo each other.
 // Opening and closing ports by the Serial API is not for callbacks; see there.
 #pragma once
 

@@ -372,7 +372,7 @@ TEST(Tasks, AreDeletedByAThreadWithTheHandleOfAnEndedOne)
     t_create("endd", 1, 0, 0, 0, &ended);
     t_create("trgt", 1, 0, 0, 0, &target);
     low_pointer<TCB>(ended)->thread = pthread_self();
-    low_pointer<TCB>(ended)->claimed = kDeletedByAnother;
+    low_pointer<TCB>(ended)->claimed = kJoinedByAnother;
     EXPECT_EQ(t_delete(target), 0u);
     EXPECT_EQ(NumTasks(), 1);
 }
@@ -392,6 +392,43 @@ TEST(Tasks, ThatAreAttachedAndDetachedAreDeletedAtTheirEnd)
     t_delete(tid);
     EXPECT_TRUE(ended);
     EXPECT_EQ(NumTasks(), 0);
+}
+
+TEST(Tasks, ThatDetachThemselvesAreDeletedAtTheirEnd)
+{
+    std::atomic<bool> detached = false;
+    const UInt32 tid = StartTask("self", [&] {
+        pthread_detach(pthread_self());
+        detached = true;
+        tm_wkafter(100000);
+    });
+    ASSERT_TRUE(Eventually([&] { return detached.load(); }));
+    t_delete(tid);
+    EXPECT_EQ(NumTasks(), 0);
+}
+
+// A thread on a block that is not a new task's would end up in a list that it is not in.
+TEST(Tasks, AreStartedOnceAndNotAfterTheirEnd)
+{
+    std::atomic<UInt32> runs = 0;
+    std::atomic<bool> over = false;
+    UInt32 tid = 0;
+    t_create("once", 1, 0, 0, 0, &tid);
+    const auto body = [&] {
+        runs++;
+        while (!over)
+            tm_wkafter(1);
+    };
+    StartBody(tid, body);
+    const auto start = [tid] {
+        return t_start(
+            tid, 0, [](UInt32, UInt32, UInt32, UInt32) {}, nullptr);
+    };
+    EXPECT_EQ(start(), kTaskNotStarted);
+    over = true;
+    ASSERT_TRUE(Eventually([] { return NumTasks() == 0; }));
+    EXPECT_EQ(start(), kTaskNotStarted);
+    EXPECT_EQ(runs, 1u);
 }
 
 INSTANTIATE_TEST_SUITE_P(ThreadLibrary, Deletion, testing::Values(0, 1));

@@ -261,6 +261,7 @@ using namespace std::string_literals;
 const MachineCase kMachines[] = {
     {"ByItsProcessor", "/proc/cpuinfo", "processor\t: 0\ncpu\t\t: e300c4\nplatform\t: MPC834x SYS\n", true},
     {"ByItsCompatibles", "/proc/device-tree/compatible", "maker,kora\0fsl,mpc8349ea\0"s, true},
+    {"ByItsBridge", "/proc/device-tree/pci@e0008500/compatible", "fsl,mpc8349-pci\0"s, true},
     {"ByItsModel", "/proc/device-tree/model", "MPC8349EMDS\0"s, true},
     {"NotAnother", "/proc/cpuinfo", "machine\t\t: PowerMac1,1\n", false},
 };

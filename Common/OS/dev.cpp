@@ -123,7 +123,7 @@ void StartCompTask()
     if (t_create("devc", kCompTaskPriority, kCompTaskStack, kCompTaskStack, 0, &tid) != 0)
         return;
     if (t_start(tid, 0, io_comp_task, nullptr) == 0)
-        io_comp_task_id = tid;
+        std::atomic_ref<UInt32>(io_comp_task_id).store(tid); // others look at it without a lock
     else
         t_delete(tid);
 }

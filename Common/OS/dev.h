@@ -134,7 +134,7 @@ Int32 iorb_list_avail(IORBList *pIORBList); // blocks in the queue
 // logged and waits. A device that is served stays open.
 void add_dev_to_comp_task(DEVCB *pDev);
 void io_comp_task(UInt32, UInt32, UInt32, UInt32);
-extern UInt32 io_comp_task_id; // 0 until the task exists; changed by whoever starts it
+extern UInt32 io_comp_task_id; // 0 until the task has been started
 
 // 1 when the poll list has an entry for fd with returned events.
 Int32 UFD_ISSET(Int32 fd, const pollfd *pPollList, Int32 count);

@@ -3,6 +3,7 @@
 #include "Common/OS/linux/mutexhold.h"
 
 #include <algorithm>
+#include <atomic>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -72,7 +73,10 @@ void BlockBrokenPipe()
 
 void os_assert_failed(const char *text, const char *file, int line, const char *function)
 {
+    static std::atomic_flag stopping;
     const CancelOffHold whole;
+    while (stopping.test_and_set()) // the first one's message is enough
+        pause();
     BlockBrokenPipe();
     FlushOutput();
     char message[1024];

@@ -3,8 +3,9 @@
 #pragma once
 
 // Flushes standard output, prints "Assertion failed: <text>, file <file>, line <line>, function <function>" to standard
-// error, and aborts. The abort comes in any case. Output that another thread holds, or that nobody reads, is given up
-// after a second.
+// error, and aborts. The abort comes in any case. Output that another thread holds, or that nobody reads, is given up:
+// a second is spent on the stream's lock, one on the flush, one on the message. One assertion stops the program: a
+// second one at the same time prints nothing.
 [[noreturn]] void os_assert_failed(const char *text, const char *file, int line, const char *function);
 
 // The condition is always evaluated, once. The text is what each assertion prints; it is not always what the compiler

@@ -26,9 +26,9 @@ constexpr UInt32 kMaxTasksDumped = 200;
 constexpr Int32 kMaxPriority = 99;
 
 constinit RetiredRecords<TCB> retiredTasks;
-pthread_cond_t taskChanged = PTHREAD_COND_INITIALIZER; // a thread or a task is gone
-std::atomic<UInt32> treeGeneration = 1;                // one more with every rebuilding of the tree
-thread_local TCB *ownTask;                             // from the thread's becoming a task to its very end
+pthread_cond_t taskGone = PTHREAD_COND_INITIALIZER;
+std::atomic<UInt32> treeGeneration = 1; // one more with every rebuilding of the tree
+thread_local TCB *ownTask;              // from the thread's becoming a task to its very end
 
 // Key of a thread in the tree. On a 64-bit host the handles of two live threads are at least a page
 // apart, and bits 12 to 43 tell them apart.
@@ -85,9 +85,11 @@ void RebuildTreeLocked()
         return;
     treeGeneration++;
     DestroyTree(gTCBTree);
-    for (TCB *tcb = tcblist; tcb != nullptr; tcb = tcb->next)
-        if (tcb->tid != 0 && tcb->thread != pthread_t{})
-            InsertItem(gTCBTree, ThreadKey(tcb->thread), tcb);
+    for (TCB *tcb = tcblist; tcb != nullptr; tcb = tcb->next) {
+        const pthread_t thread = tcb->thread; // which may end at this moment
+        if (tcb->tid != 0 && thread != pthread_t{})
+            InsertItem(gTCBTree, ThreadKey(thread), tcb);
+    }
 }
 
 // Replaces what an ended thread with the same handle has left.
@@ -111,7 +113,7 @@ void RetireLocked(TCB *tcb)
 {
     RemoveTcbLocked(tcb);
     retiredTasks.Add(tcb);
-    pthread_cond_broadcast(&taskChanged);
+    pthread_cond_broadcast(&taskGone);
 }
 
 TCB *FindListedLocked(const TCB *wanted)
@@ -177,17 +179,16 @@ void LeaveTask(void *task)
 {
     TCB *tcb = static_cast<TCB *>(task);
     ownTask = nullptr;
-    if (tcb->claimed == kDeletedByAnother && tcb->task_start != nullptr) {
-        // Who deletes it joins the thread, and does the rest. No lock: ThreadSanitizer does not see the locks of a
-        // thread that was cancelled in a wait.
+    if (tcb->claimed == kJoinedByAnother) {
+        // Who joins it does the rest. No lock: ThreadSanitizer does not see the locks of a thread that was cancelled in
+        // a wait.
         tcb->thread = pthread_t{};
         return;
     }
     const MutexHold hold(&tcblistmutex);
     tcb->thread = pthread_t{};
-    pthread_cond_broadcast(&taskChanged);
-    if (tcb->claimed == kDeletedByAnother)
-        return; // who joins the thread, and retires its task
+    if (tcb->claimed == kJoinedByAnother || tcb->claimed == kAwaitedByAnother)
+        return; // who retires the task
     if (tcb->claimed == kNotDeleted && tcb->task_start != nullptr)
         pthread_detach(pthread_self()); // nobody joins it
     RetireLocked(tcb);
@@ -271,6 +272,29 @@ void SetScheduling(TCB *tcb)
     pthread_attr_setschedparam(&tcb->attr, &tcb->prv_pri);
 }
 
+// Created, and neither started nor deleted.
+bool IsStartableLocked(const TCB *tcb)
+{
+    return FindListedLocked(tcb) != nullptr && tcb->claimed == kNotDeleted && tcb->thread == pthread_t{};
+}
+
+bool IsStartable(const TCB *tcb)
+{
+    const MutexHold hold(&tcblistmutex);
+    return IsStartableLocked(tcb);
+}
+
+// Returns an error number. The lock is held until the handle is stored: nobody takes the task for one never started.
+int StartThread(TCB *tcb)
+{
+    const MutexHold hold(&tcblistmutex);
+    pthread_t thread{};
+    const int error = IsStartableLocked(tcb) ? pthread_create(&thread, &tcb->attr, pthread_entry, tcb) : ESRCH;
+    if (error == 0)
+        tcb->thread = thread;
+    return error;
+}
+
 // ---- Deletion
 
 // What t_delete found out about its target.
@@ -290,6 +314,17 @@ bool WaitsForCallerLocked(const TCB *tcb)
     return tcb != nullptr;
 }
 
+bool IsDetached(pthread_t thread)
+{
+    pthread_attr_t attributes;
+    int state = PTHREAD_CREATE_JOINABLE;
+    if (thread != pthread_t{} && pthread_getattr_np(thread, &attributes) == 0) {
+        pthread_attr_getdetachstate(&attributes, &state);
+        pthread_attr_destroy(&attributes);
+    }
+    return state == PTHREAD_CREATE_DETACHED;
+}
+
 DeletionT ClaimTask(const TCB *target)
 {
     DeletionT deletion;
@@ -303,7 +338,8 @@ DeletionT ClaimTask(const TCB *target)
     if (tcb != ownTask && WaitsForCallerLocked(tcb))
         return deletion;
     if (tcb->claimed == kNotDeleted) {
-        tcb->claimed = tcb == ownTask ? kDeletedByItself : kDeletedByAnother;
+        const ClaimT byAnother = IsDetached(deletion.thread) ? kAwaitedByAnother : kJoinedByAnother;
+        tcb->claimed = tcb == ownTask ? kDeletedByItself : byAnother;
         deletion.tcb = tcb;
     }
     if (tcb != ownTask)
@@ -325,14 +361,29 @@ const char *NameOrUnknown(const TCB *tcb)
     pthread_exit(nullptr);
 }
 
-void CancelAndJoin(const DeletionT &deletion)
+// Returns the result of the join. The handle of a detached thread is good as long as the thread says so, under the
+// list's lock.
+int CancelAndJoin(const DeletionT &deletion)
+{
+    if (deletion.tcb->claimed == kJoinedByAnother) {
+        pthread_cancel(deletion.thread);
+        return pthread_join(deletion.thread, nullptr);
+    }
+    const MutexHold hold(&tcblistmutex);
+    if (deletion.tcb->thread != pthread_t{})
+        pthread_cancel(deletion.thread);
+    return EINVAL;
+}
+
+void EndTask(const DeletionT &deletion)
 {
     logwarn("os", "deleted task:%4.4s\n", deletion.name);
     if (deletion.thread == pthread_t{})
         return; // it was never started
-    pthread_cancel(deletion.thread);
-    if (const int result = pthread_join(deletion.thread, nullptr); result != 0)
+    if (const int result = CancelAndJoin(deletion); result != 0)
         logwarn("os", "deleted task failed to join: %d\n", result);
+    while (deletion.tcb->thread != pthread_t{})
+        tm_wkafter(1);
 }
 
 // The caller's part of a deletion is done: takes the task out, or waits until somebody else has.
@@ -340,13 +391,11 @@ void FinishDeletion(const DeletionT &deletion)
 {
     const MutexHold hold(&tcblistmutex);
     if (deletion.tcb != nullptr) {
-        while (deletion.tcb->thread != pthread_t{}) // somebody else had detached the thread
-            pthread_cond_wait(&taskChanged, &tcblistmutex);
         RetireLocked(deletion.tcb);
         RebuildTreeLocked();
     }
     while (FindSerialLocked(deletion.serial) != nullptr)
-        pthread_cond_wait(&taskChanged, &tcblistmutex);
+        pthread_cond_wait(&taskGone, &tcblistmutex);
     if (ownTask != nullptr)
         ownTask->waitsFor = 0;
 }
@@ -530,19 +579,15 @@ UInt32 t_start(UInt32 tid, UInt32 mode, TaskStartT start, const UInt32 *args)
 {
     TCB *tcb = low_pointer<TCB>(tid);
     os_assert(tcb, "tcb");
-    tcb->mode = mode;
-    tcb->task_start = start;
-    SetScheduling(tcb);
-    os_assert(start, "start");
-    if (args != nullptr)
-        std::memcpy(tcb->args, args, sizeof tcb->args);
-    int error = 0;
-    {
-        const MutexHold hold(&tcblistmutex); // until the handle is stored, nobody takes the task for one never started
-        pthread_t thread{};
-        error = pthread_create(&thread, &tcb->attr, pthread_entry, tcb);
-        if (error == 0)
-            tcb->thread = thread;
+    int error = ESRCH;
+    if (IsStartable(tcb)) {
+        tcb->mode = mode;
+        tcb->task_start = start;
+        SetScheduling(tcb);
+        os_assert(start, "start");
+        if (args != nullptr)
+            std::memcpy(tcb->args, args, sizeof tcb->args);
+        error = StartThread(tcb);
     }
     if (error == 0)
         return 0;
@@ -562,7 +607,7 @@ UInt32 t_delete(UInt32 tid)
     if (target != nullptr && target == ownTask)
         EndThread(deletion.tcb != nullptr);
     if (deletion.tcb != nullptr)
-        CancelAndJoin(deletion);
+        EndTask(deletion);
     FinishDeletion(deletion);
     return 0;
 }

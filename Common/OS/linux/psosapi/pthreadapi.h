@@ -5,10 +5,11 @@
 // task's name with "%4.4s" (task_name gives the pointer). A thread that is not a task, such as the
 // main thread, has no TCB.
 //
-// Owner:   t_create and t_attach make the TCB, the end or the deletion of the task gives it up. Its memory stays a TCB:
-//          another task gets it, and with it the identifier, only after 1024 other tasks have ended. Until then the
-//          identifier designates nobody. t_delete and ev_send_listed notice that; what other calls do with it reaches
-//          no task.
+// Owner:   t_create and t_attach make the TCB. It is kept when the task has ended: 1024 other tasks must end before a
+//          new task gets it, and with it the identifier. Until then t_start, t_delete and ev_send_listed find nobody
+//          under the identifier, and other calls change only the dead record.
+// Errors:  null for name_out, refcon_out, events_out or the tid_out of t_ident stops the program. So does t_start
+//          without a task or a function.
 // Locking: tcblistmutex guards the task list, the tree and who deletes a task; a task's event_mutex
 //          guards its waiting. events_captured is changed only by atomic operations.
 // Units:   time-outs in ticks of 10 ms.
@@ -38,8 +39,8 @@ constexpr std::size_t kTaskNameSize = 5; // four characters and a terminator
 
 using TaskStartT = void (*)(UInt32, UInt32, UInt32, UInt32);
 
-// Whether a task is being deleted, and who gives up its TCB.
-enum ClaimT : Int32 { kNotDeleted, kDeletedByItself, kDeletedByAnother };
+// Whether a task is being deleted, and who gives up its TCB: another one joins the thread, unless it is detached.
+enum ClaimT : Int32 { kNotDeleted, kDeletedByItself, kJoinedByAnother, kAwaitedByAnother };
 
 struct TCB {
     char taskname[4];
@@ -60,7 +61,7 @@ struct TCB {
     UInt32 tmid; // the time-out timer
     pthread_mutex_t event_mutex;
     pthread_cond_t event_cond;
-    Int32 taskWaiting; // set by the first wait and never cleared: from then on ev_send signals
+    Int32 taskWaiting; // set by the first wait and never cleared
     Int32 pid;
     Int32 tid;              // kernel thread id; only when gLibPThreadNPTL is 1
     Int32 systime, usrtime; // clock ticks seen by the last usage report
@@ -78,8 +79,8 @@ extern pthread_mutex_t tcblistmutex;
 // 1 when the thread library gives every thread its own kernel id. Left at 0, the first deletion of
 // a task empties the tree, and no task started before finds itself any more: ev_receive answers 6
 // and t_ident answers 9. A program whose threads have their own ids sets it to 1 before its first
-// task, and nothing is lost by a deletion. Either way a task for whose entry there is no memory, when it starts
-// or the tree is built again, does not find itself; without memory for the tree the program stops.
+// task, and nothing is lost by a deletion. A task does not find itself either when there was no memory for its entry in
+// the tree. Without memory for the tree itself the program stops.
 extern Int32 gLibPThreadNPTL;
 
 // Scheduling policy of tasks with a nonzero priority; 0 (SCHED_OTHER) at start, where priorities
@@ -99,9 +100,11 @@ inline const char *task_name(UInt32 tid)
 UInt32 t_create(const char *name, UInt32 priority, UInt32 sstack, UInt32 ustack, UInt32 flags, UInt32 *tid_out);
 
 // Starts a created task at start(args[0..3]); args may be null for zeros and is copied. A task
-// whose start function returns deletes itself. Returns 0, or kTaskNotStarted with the reason on
-// standard error; the task is then still there to be deleted or started again. Under a real-time policy
-// a priority above 99 stops the program.
+// whose start function returns deletes itself. Under a real-time policy a priority above 99 stops the program.
+// 0                the task runs.
+// kTaskNotStarted  there is no thread for it, or it runs already, is being deleted or is gone. The reason is on
+// standard
+//                  error. Nothing has changed: a task that was not started can be started again or deleted.
 UInt32 t_start(UInt32 tid, UInt32 mode, TaskStartT start, const UInt32 *args);
 
 // Deletes a task: another one by cancelling its thread and joining it, the caller (0 or its own identifier) by ending
@@ -114,9 +117,6 @@ UInt32 t_start(UInt32 tid, UInt32 mode, TaskStartT start, const UInt32 *args);
 // - for 0 from a thread that does not find itself (see gLibPThreadNPTL).
 // In a callback of a timer it stops the program.
 UInt32 t_delete(UInt32 tid);
-
-// Null for a name_out, a refcon_out, an events_out or the tid_out of t_ident stops the program, and so does t_start
-// without a task or a function.
 
 // Finds the first task in creation order whose stored four name bytes equal the first four of name,
 // or the caller with name null. node is ignored. Returns 0, or kTaskNotFound with *tid_out 0.
@@ -136,8 +136,8 @@ UInt32 t_setpri(UInt32 tid, UInt32 newpri, UInt32 *previous_out);
 
 // Makes a task of the calling thread, which then may wait for events. priority is 1 to 99, otherwise the program stops.
 // Returns 0 or kTaskNoMemory. A thread that is a task already keeps its TCB and identifier, and gets the new name and
-// priority. t_delete ends the task and detaches the thread. When the thread ends without it, its TCB leaves the task
-// list as well, but the tree keeps the other tasks whatever gLibPThreadNPTL is.
+// priority. t_delete ends the thread as well, and joins it unless somebody has detached it. When the thread ends
+// without it, its TCB leaves the task list too, but the tree keeps the other tasks whatever gLibPThreadNPTL is.
 UInt32 t_attach(const char *name, UInt32 priority);
 
 // One word of caller data. Both return 0, or kTaskNotFound when tid is 0 and the caller is no task.

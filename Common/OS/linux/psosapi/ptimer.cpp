@@ -219,13 +219,16 @@ bool NamesMpc8349(const char *path)
     char *end = text + std::fread(text, 1, sizeof text, file);
     std::fclose(file);
     return std::search(text, end, kFamily.begin(), kFamily.end(),
-                       [](char a, char b) { return std::tolower(a) == b; }) != end;
+                       [](char a, char b) { return std::tolower(static_cast<UInt8>(a)) == b; }) != end;
 }
 
 bool ProcessorIsMpc8349()
 {
-    return NamesMpc8349("/proc/cpuinfo") || NamesMpc8349("/proc/device-tree/compatible") ||
-           NamesMpc8349("/proc/device-tree/model");
+    constexpr const char *kFiles[] = {
+        "/proc/cpuinfo", "/proc/device-tree/compatible", "/proc/device-tree/model",
+        "/proc/device-tree/pci@e0008500/compatible", // the processor's own bridge, whatever the board is called
+    };
+    return std::any_of(std::begin(kFiles), std::end(kFiles), NamesMpc8349);
 }
 
 // Maps the clock and starts it. On any other machine nobody's physical memory is touched, and rtcp
