@@ -70,10 +70,9 @@ eErrorT ConfigReadBool(const char *pName, Int32 instance, Boolean *pValue);
 // value is the same, even if only the cache was told. But what the master could not write to the file is tried again.
 // Notifications of tasks that write the same item at the same time may come in any order. A thread that is no task
 // notifies nobody.
-// kNoError       done, or nothing to do. Elsewhere than on the master the command was given to the message path.
-// Without
-//                a path nothing is sent. The command of a task that is deleted while it waits for the path is not sent,
-//                and the same write later does not try it again.
+// kNoError       done, or nothing to do. Elsewhere than on the master the message path has the command. Without a path
+//                nothing is sent. The command of a task that is deleted while it waits for the path is not sent. The
+//                same write later does not send it either.
 // kBadParameter  refused: ConfigStoreMayWrite says no. The cache may have any name. Nothing has changed.
 // kBadParameter  the file could not be written. All else is done. The value holds until the restart. An empty value
 //                reads as the file's. The same write later tries the file again. It does not log or notify again.
