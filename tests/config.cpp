@@ -239,6 +239,12 @@ TEST(Config, TriesTheFileOfAValueAgainAndTellsOnce)
     EXPECT_EQ(ConfigWriteCacheOnly("item", 0, "cached"), kNoError);
     EXPECT_EQ(ConfigWrite("item", 0, "cached"), kNoError); // the file was not to have it
     EXPECT_EQ(folders.Get("dat/item.dat"), "missing");
+    std::filesystem::create_directory("../dat/item.dat");
+    EXPECT_EQ(ConfigWrite("item", 0, "failed"), kBadParameter);
+    std::filesystem::remove("../dat/item.dat");
+    WriteItemToCache("item", 0, "cached"); // nor was it here
+    EXPECT_EQ(ConfigWrite("item", 0, "cached"), kNoError);
+    EXPECT_EQ(folders.Get("dat/item.dat"), "missing");
 }
 
 struct NullT {
@@ -268,6 +274,7 @@ const NullT kNulls[] = {
     {"pFile", [] { ConfigStoreReadOpen("a", 0, nullptr); }},
     {"pFile", [] { ConfigStoreReadGetLine(nullptr, buffer, 2); }},
     {"pFile->stream", [] { ConfigStoreReadGetLine(&closed, buffer, 2); }},
+    {"len", [] { closed.stream = stdin, ConfigStoreReadGetLine(&closed, buffer, 1); }},
     {"pFile->stream", [] { ConfigStoreReadOpen("a", 0, &closed), ConfigStoreReadClose(&closed); }},
     {"pName", [] { ConfigStoreWriteOpen(nullptr, 0, &closed); }},
     {"pFile", [] { ConfigStoreWriteOpen("a", 0, nullptr); }},

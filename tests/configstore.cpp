@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
@@ -134,6 +135,15 @@ TEST(ConfigStore, ReplacesAFileThatIsOnlyAnItems)
     EXPECT_EQ(folders.Get("dat/item.dat.0.new"), "being written");
     EXPECT_EQ(folders.Get("work/else"), "not ours");
     close(writer);
+    rlimit many;
+    getrlimit(RLIMIT_NOFILE, &many);
+    const int last = dup(STDIN_FILENO);
+    const rlimit few = {static_cast<rlim_t>(last) + 1, many.rlim_max};
+    close(last);
+    setrlimit(RLIMIT_NOFILE, &few);
+    EXPECT_EQ(ConfigStoreWrite("item", 0, "with one descriptor"), kNoError);
+    setrlimit(RLIMIT_NOFILE, &many);
+    EXPECT_EQ(folders.Get("dat/item.dat"), "with one descriptor\n");
 }
 
 std::string refused; // a system call that fails
@@ -368,6 +378,7 @@ Int32 SendAndRead(RemMsgPathT *pPath, const char *command, RemMsgRspT completion
             std::exchange(meanwhile, nullptr)();
         completion(pPath, answer.c_str(), context);
     } else if (++depth == 1) {
+        EXPECT_EQ(ConfigWrite("first", 0, ""), kNoError); // what it has: not sent again
         EXPECT_EQ(ConfigWrite("second", 0, "v"), kNoError);
     } else if (depth == 2) {
         EXPECT_EQ(ConfigRead("first", 0, value), kNoError);

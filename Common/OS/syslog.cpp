@@ -34,7 +34,8 @@ constexpr Int32 kLapping = -1; // an adder overwrites lines that wait for the wr
 // Index of the next line to print, and above it the number of laps. The writer moves the index when it has copied the
 // line out. An adder that laps the writer counts the lap and sets the index to 0, and the writer, if it is copying,
 // fails to move what it has not seen, and throws its copy away. Both moves are read-modify-write: the one that comes
-// second acquires what the first released. So no adder overwrites a line before the writer has done with it.
+// second acquires what the first released. So an adder that does not lap overwrites no line before the writer has done
+// with it. One that laps may overwrite the line that is being copied: what was copied during a lap is thrown away.
 std::atomic<UInt32> log_buffer_head;
 constexpr UInt32 kLap = 0x100000;
 

@@ -41,7 +41,7 @@ void syslogDrainQueue();
 // Logs with a level and no component.
 __attribute__((format(printf, 2, 3))) void cm_syslog(Int32 pri, const char *fmt, ...);
 
-// The classic call set. The settings are kept and nothing consults them.
+// The classic call set. The settings are kept and nothing consults them. One task sets them; ident stays the caller's.
 void openlog(const char *ident, Int32 logstat, Int32 logfac);
 void closelog();
 Int32 setlogmask(Int32 pmask);      // returns the old mask; 0 changes nothing

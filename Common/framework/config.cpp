@@ -150,6 +150,7 @@ ConfigItemT *PutItem(const KeyT &key, Int32 instance, const char *value)
         return AddItemToCache(key.text, static_cast<UInt32>(instance), value);
     CopyValue(pItem->value, value);
     pItem->known = 1;
+    pItem->unsaved = 0;
     return pItem;
 }
 
@@ -269,7 +270,8 @@ struct WorkT {
 };
 
 // Gives the item the value, under changeSemaphore. There is nothing left to do when it has it already, unless a write
-// for the store did not get there.
+// for the store did not get there. That is so of the master's files alone: sending never fails, and while it lasts the
+// message path may write the same value.
 WorkT ChangeCache(const KeyT &key, const ConfigNotifyT &notify)
 {
     const auto instance = static_cast<Int32>(notify.instance);
@@ -281,11 +283,11 @@ WorkT ChangeCache(const KeyT &key, const ConfigNotifyT &notify)
     pItem = PutItem(key, instance, notify.value);
     if (pItem == nullptr)
         return {.result = isForStore ? kNoError : kOutOfMemory, .storesValue = isForStore, .tells = isForStore};
-    pItem->unsaved = isForStore ? 1 : 0;
+    pItem->unsaved = isForStore && IsMaster() ? 1 : 0;
     return {.storesValue = isForStore, .tells = true, .pWatched = pItem->mod.pCallbacks != nullptr ? pItem : nullptr};
 }
 
-void ChangeStore(const KeyT &key, const ConfigNotifyT &notify, WorkT *pWork)
+void ChangeFile(const KeyT &key, const ConfigNotifyT &notify, WorkT *pWork)
 {
     const auto instance = static_cast<Int32>(notify.instance);
     pWork->result = ConfigStoreTryWrite(key.text, instance, notify.value, &pWork->failure);
@@ -310,10 +312,10 @@ WorkT ChangeItem(const KeyT &key, const ConfigNotifyT &notify)
             return {.result = kSemUnavail};
         work = ChangeCache(key, notify);
         if (work.storesValue && isMaster)
-            ChangeStore(key, notify, &work);
+            ChangeFile(key, notify, &work);
     }
     if (work.storesValue && !isMaster)
-        ChangeStore(key, notify, &work);
+        work.result = ConfigStoreWrite(key.text, static_cast<Int32>(notify.instance), notify.value);
     return work;
 }
 
@@ -337,6 +339,15 @@ ConfigNotifyT Notification(const KeyT &key, Int32 instance, const char *value, c
     std::memcpy(notify.name, key.text, sizeof notify.name);
     CopyValue(notify.value, value);
     return notify;
+}
+
+void TellOfWrite(const KeyT &key, const ConfigNotifyT &notify, ConfigItemT *pWatched)
+{
+    if (IsMaster() && !IsSensitive(key.text))
+        loginfo("config", "%s[%d]:%s\n", key.text, static_cast<Int32>(notify.instance), notify.value);
+    if (pWatched != nullptr)
+        ModCallCallbacks(&pWatched->mod, kNotifyFunc, &notify, sizeof notify);
+    ModCallCallbacks(&gConfig.mod, kNotifyFunc, &notify, sizeof notify);
 }
 
 // ---- Dump
@@ -520,14 +531,9 @@ eErrorT ConfigWriteEx(const char *pName, Int32 instance, const char *value, cons
     ConfigInit();
     const ConfigNotifyT notify = Notification(key, instance, value, access, flags);
     const WorkT work = ChangeItem(key, notify);
-    ConfigStoreReport(work.failure);
-    if (!work.tells)
-        return work.result;
-    if (IsMaster() && !IsSensitive(key.text))
-        loginfo("config", "%s[%d]:%s\n", key.text, instance, notify.value);
-    if (work.pWatched != nullptr)
-        ModCallCallbacks(&work.pWatched->mod, kNotifyFunc, &notify, sizeof notify);
-    ModCallCallbacks(&gConfig.mod, kNotifyFunc, &notify, sizeof notify);
+    if (work.tells)
+        TellOfWrite(key, notify, work.pWatched);
+    ConfigStoreReport(work.failure); // last: a task that is deleted while it prints has told everybody
     return work.result;
 }
 

@@ -1,14 +1,13 @@
 // The configuration database: items of text, known by a name and an instance number, with a cache in
 // front of the files of the configuration store.
 //
-// Names:   compared and stored in lower case; at most 32 characters count, the rest is dropped. A name
-//          that is empty or has a "/" or a control character in it has no file: it is at most cached. On a
-//          processor other than the master that is also so for a name with a blank, a quotation mark or an
-//          apostrophe, which cannot be asked for.
+// Names:   compared and stored in lower case; at most 32 characters count, the rest is dropped. A name may be empty,
+//          or have a "/" or a control character in it. Such a name has no file. It can only be cached. Elsewhere than
+//          on the master the same holds for a name with a blank or a quote (" or ').
 // Values:  at most 370 characters, the rest is dropped. Only the first line reaches the file, and only
 //          369 characters of it come back after a restart. Until then the cache has the whole.
-// Files:   instances below 1 have one file, and a cache entry each, and so have instance 1 of "a" and
-//          instance 0 of "a1".
+// Files:   All instances below 1 share one file. Each has its own cache entry. Item "a1" instance 0 shares the file of
+//          item "a" instance 1.
 // Start:   the first call of any kind starts the database, safely from several tasks at once.
 // Locking: any task may call, with neither the interrupt lock nor another lock of the run-time held.
 //          configSemaphore guards the cache; a second one, taken first, lets one change through at a
@@ -31,7 +30,7 @@ struct ConfigItemT {
     ModT mod; // name, instance, place in the cache, callbacks
     char value[kConfigValueSize];
     Boolean known;   // 0: the item is here for its callbacks only, its value is the store's
-    Boolean unsaved; // 1: the value was to reach the store, and did not
+    Boolean unsaved; // 1: the value was to reach the file, and did not; on the master only
 };
 
 // What callbacks get as pArgs.
@@ -47,8 +46,8 @@ struct ConfigNotifyT {
 eErrorT ConfigInit();
 
 // Stops the flush task, flushes what it had still to flush, frees every item and stops the database. The next call
-// starts all of that again. One task may call this while no other one uses the database, and while none but the flush
-// task is at the first log line of the process. A task is deleted here: see gLibPThreadNPTL.
+// starts all of that again. No other task may use the database meanwhile. No other task than the flush task may be
+// writing the first log line of the process. The call deletes a task: see gLibPThreadNPTL.
 void ConfigExit();
 
 // Reads an item into value, kConfigValueSize characters. Returns kNoError, or kItemNotFound with an
@@ -68,13 +67,15 @@ eErrorT ConfigReadBool(const char *pName, Int32 instance, Boolean *pValue);
 
 // Writes an item to the cache and to the store, logs it unless it is sensitive, and notifies the callbacks of the item
 // and then those of getConfigModule(). access: at most four characters, such as "rw". Does nothing when the cached
-// value is the same, even if only the cache was told; but what the store could not write is tried again there.
+// value is the same, even if only the cache was told. But what the master could not write to the file is tried again.
 // Notifications of tasks that write the same item at the same time may come in any order. A thread that is no task
 // notifies nobody.
-// kNoError       done, or nothing to do. Elsewhere than on the master: the command is on its way.
+// kNoError       done, or nothing to do. Elsewhere than on the master the message path has the command. Without a path
+//                nothing is sent. The command of a task that is deleted while it waits for the path is not sent. The
+//                same write later does not send it either.
 // kBadParameter  refused: ConfigStoreMayWrite says no. The cache may have any name. Nothing has changed.
-// kBadParameter  the file could not be written. All else is done: the value holds until the restart, but for an empty
-//                one, which reads as what the file has. The same write tries the file again, and only that.
+// kBadParameter  the file could not be written. All else is done. The value holds until the restart. An empty value
+//                reads as the file's. The same write later tries the file again. It does not log or notify again.
 // kOutOfMemory   no memory for an item that only the cache was to have. Nothing has changed, and nobody was notified.
 // kSemUnavail    nothing has changed.
 eErrorT ConfigWriteEx(const char *pName, Int32 instance, const char *value, const char *access, UInt32 flags);
@@ -97,9 +98,12 @@ eErrorT ConfigDelete(const char *pName, Int32 instance);
 
 // Callbacks on an item, which need not exist: pFunc(item, 0, userDefined, ConfigNotifyT *). Add: runs on
 // the calling task; AddEx: with whenFlags and on the task given, as ModAddCallbackToTask has them;
-// Immediate: on the task that writes. Return kNoError; kBadParameter, kOutOfMemory or kSemUnavail with
-// nothing added, the first also for a thread that is no task and names none. Without memory for the list
-// of an item's callbacks the program stops. Delete returns kItemNotFound when there is none.
+// Immediate: on the task that writes. Without memory for the list of an item's callbacks the program stops.
+// kNoError       added, or deleted.
+// kBadParameter  Add: the name has no file, or the caller is no task and names none. Nothing is added.
+// kOutOfMemory   Add: no memory for the item. Nothing is added.
+// kSemUnavail    Add: the semaphores are missing. Nothing is added.
+// kItemNotFound  Delete: there is no such callback, or the semaphores are missing. Nothing is deleted.
 eErrorT ConfigAddCallback(const char *pName, Int32 instance, CallbackFuncPtrT pFunc, void *userDefined);
 eErrorT ConfigAddCallbackEx(const char *pName, Int32 instance, CallbackFuncPtrT pFunc, void *userDefined,
                             UInt32 whenFlags, UInt32 taskID);

@@ -16,6 +16,7 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 #include <utility>
 
@@ -239,9 +240,15 @@ void SyncFileSystems()
 // What lies at the path of an item's file.
 struct OldFileT {
     bool exists;
-    bool isReplaceable; // nothing, or a regular file that has this name alone and that may be written
+    bool isReplaceable; // nothing, or a regular file with this name alone, no access list, and leave to write it
     struct stat status;
 };
+
+// A new file would not have the access list: it would let other users read it, or none.
+bool HasAccessList(const char *path)
+{
+    return getxattr(path, "system.posix_acl_access", nullptr, 0) > 0;
+}
 
 OldFileT LookAt(const char *path)
 {
@@ -250,7 +257,7 @@ OldFileT LookAt(const char *path)
     if (!old.exists)
         old.isReplaceable = errno == ENOENT;
     else if (S_ISREG(old.status.st_mode) && old.status.st_nlink == 1)
-        old.isReplaceable = faccessat(AT_FDCWD, path, W_OK, AT_EACCESS) == 0;
+        old.isReplaceable = !HasAccessList(path) && faccessat(AT_FDCWD, path, W_OK, AT_EACCESS) == 0;
     return old;
 }
 
@@ -340,8 +347,27 @@ void Fail(ConfigFileT *pFile, const char *call)
 
 enum class ReplacementT { kDone, kFailed, kNotPossible };
 
+// Writes a temporary file, which stays open: it has to stay locked until it is in place. But a file on a network may
+// fail no earlier than on closing, so a copy of the descriptor is closed, if there is one left for it.
+bool WriteTemporary(int file, const ConfigFileT &source)
+{
+    if (!WriteAll(file, source.text, source.size))
+        return false;
+    const int copy = fcntl(file, F_DUPFD_CLOEXEC, 0);
+    return copy < 0 || close(copy) == 0;
+}
+
+// Whether the disk was too full for a second file, and the text has room where the old one is.
+bool FitsWhereItIs(const OldFileT &old, std::size_t size, int error)
+{
+    constexpr UInt64 kBlockSize = 512; // of st_blocks, on every file system
+    const bool isFull = error == ENOSPC || error == EDQUOT;
+    return isFull && old.exists && size <= static_cast<UInt64>(old.status.st_blocks) * kBlockSize;
+}
+
 // Puts a new file in the old one's place in one step. kFailed: it could not be written.
-// kNotPossible: it could not be made, or not be put there. After both the old file is as it was.
+// kNotPossible: it could not be made, not be put there, or it found the disk full where the old file has room for the
+// text. After both the old file is as it was.
 ReplacementT ReplaceFile(ConfigFileT *pFile, const OldFileT &old)
 {
     TemporaryPathT temporary;
@@ -350,13 +376,13 @@ ReplacementT ReplaceFile(ConfigFileT *pFile, const OldFileT &old)
         return ReplacementT::kNotPossible;
     ReplacementT result = ReplacementT::kNotPossible;
     if (!old.exists || TakeAttributes(file, old.status)) {
-        // A file on a network may fail no earlier than on closing. This one has to stay locked until it is in place.
-        const bool written = WriteAll(file, pFile->text, pFile->size) && close(fcntl(file, F_DUPFD_CLOEXEC, 0)) == 0;
-        if (!written) {
+        if (WriteTemporary(file, *pFile)) {
+            if (std::rename(temporary.text, pFile->path) == 0)
+                result = ReplacementT::kDone;
+        } else if (!FitsWhereItIs(old, pFile->size, errno)) {
             Fail(pFile, "ConfigStoreWrite: fwrite");
             result = ReplacementT::kFailed;
-        } else if (std::rename(temporary.text, pFile->path) == 0)
-            result = ReplacementT::kDone;
+        }
     }
     if (result != ReplacementT::kDone)
         unlink(temporary.text);
@@ -622,7 +648,7 @@ eErrorT ConfigStoreReadGetLine(ConfigFileT *pFile, char *s, UInt32 len)
     os_assert(pFile, "pFile");
     os_assert(pFile->stream, "pFile->stream");
     os_assert(s, "s");
-    os_assert(len, "len");
+    os_assert(len > 1, "len"); // a line of no characters would never reach the end
     return GetLine(pFile->stream, s, len);
 }
 

@@ -6,15 +6,16 @@
 // one line feed; only its first line is ever read back. A task "csyn" flushes the file systems some
 // seconds after the last write.
 //
-// Names:   1 to 32 characters, no "/" and no control character: any other name has no file, so that no
-//          item reaches out of its folder, or the message path's line. Callers pass lower case.
-//          Instances below 1 share the file without a number, and item "a1" has the same file as
-//          instance 1 of "a". On processors other than the master a name has no blank and no quotation mark
-//          or apostrophe either: the master would take it for more than one word of the command.
+// Names:   1 to 32 characters, no "/" and no control character. Any other name has no file. An item's path stays in
+//          its folder. A command stays one line. Callers pass lower case. Instances below 1 share the file without a
+//          number. Item "a1" has the same file as instance 1 of "a". On processors other than the master a name has
+//          no blank and no quotation mark or apostrophe either: the master would take it for more than one word of
+//          the command.
 // Locking: any task may call. Files are opened and closed within each call, the reading line by line excepted.
 //          Tasks and processes may write one item at the same time: a reader finds one of the values, and in a
 //          file that is written in place perhaps a mixture. No lock is held while the message path works.
-// Errors:  a null argument, a length of 0 and a file that is not open are programming errors and stop the program.
+// Errors:  a null argument, a length of 0 (of 0 or 1 for ConfigStoreReadGetLine) and a file that is not open are
+//          programming errors and stop the program.
 #pragma once
 
 #include "Common/framework/remmsg.h"
@@ -71,10 +72,12 @@ eErrorT ConfigStoreChoiceRead(const char *name, Int32 instance, char *s, UInt32 
 // A new file, "<file>.<n>.new" at first, takes the old one's place in one step: a kill or a full disk leaves one of the
 // two values. (A power cut before the flush may still leave neither.) Owner, group and permissions stay.
 // The file is written in place where that cannot be: the process may not give the owner, the group or the permissions;
-// the folder does not let it make or rename a file; the path is a link, a device, or one of several names of a file.
-// A file that may not be written is not replaced either. A temporary file that a killed process left is never read, and
-// is removed by the next write of the item that comes upon its number: n is the lowest one that nobody uses.
-// kNoError       written, or sent.
+// the folder does not let it make or rename a file; the path is a link, a device, or one of several names of a file;
+// the file has an access list, because a new one would have other rights; the disk is full, and the value fits where
+// the old file is.
+// A file that may not be written is not replaced either. A temporary file that a killed process left is never read.
+// n is the lowest number that no writer uses. A writer removes a leftover file that has its number.
+// kNoError       written, or given to the message path. Without a path nothing is sent.
 // kBadParameter  refused: ConfigStoreMayWrite says no. Nothing was written or sent.
 // kBadParameter  not written: the reason is on standard error. The old file is as it was; one that was written in
 //                place may hold a part of both values.
@@ -86,8 +89,8 @@ struct ConfigFailureT {
     int error;        // the system's number
 };
 
-// ConfigStoreWrite without the message, for a caller that holds a lock. ConfigStoreReport prints it afterwards, and
-// prints nothing when nothing failed.
+// ConfigStoreWrite without the message. On the master only, a caller may hold a lock: elsewhere the message path works.
+// ConfigStoreReport prints the message afterwards, and prints nothing when nothing failed.
 eErrorT ConfigStoreTryWrite(const char *name, Int32 instance, const char *value, ConfigFailureT *pFailure);
 void ConfigStoreReport(const ConfigFailureT &failure);
 

@@ -110,10 +110,13 @@ UInt32 ModID(ModT *pMod);
 // exit it, and free it, as soon as it is found. Only whoever knows that its service keeps it may use it.
 ModT *ModFindByName(const char *pName, Int32 instance);
 
-// Print on standard output. ModDump: one line, with its callbacks on a second; the heading before it
-// when verbose is not 0; kNoError. The others print that of all records of a name (ignoring case), of all, of those in
-// the table's slots first to last, and records may come and go meanwhile. A record that has a Dump of its own is
-// dumped by it, and its service has to keep the record until that is done.
+// Print on standard output. Records may come and go meanwhile. A record that has a Dump of its own is dumped by it. Its
+// service has to keep the record until that is done.
+// ModDumpHeading  the heading.
+// ModDump         one record: a line, and its callbacks on a second; with verbose not 0 the heading first. kNoError.
+// ModDumpByName   all records of that name, ignoring case.
+// ModDumpAll      all records.
+// ModDumpRange    the records in the table's slots first to last.
 void ModDumpHeading();
 eErrorT ModDump(ModT *pMod, Int32 verbose);
 void ModDumpByName(const char *pName);
@@ -122,9 +125,9 @@ void ModDumpRange(Int32 first, Int32 last);
 
 // Log a line under the module's name, "name[instance]: ..." or "owner[instance].name[instance]: ...".
 // Once there is a trace filter only the modules that one names log at all.
-// ModLog: at a level. The name is a part of the format, at most 255 characters with the caller's: "%%" in a name prints
-// one sign, and any other conversion in it is printed as it is written. What has no room is left out, from the first
-// conversion on that does not fit whole: the line feed is lost, and the next piece goes onto the same line.
+// ModLog: at a level. The name is a part of the format: "%%" in a name prints one sign, and any other conversion in it
+// is printed as it is written. The format has room for 255 characters, name included. The first conversion that does
+// not fit ends it. The line feed is then lost, and the next line continues this one.
 // ModTrace: at kLogDebug, with the name as component.
 __attribute__((format(printf, 3, 4))) void ModLog(ModT *pMod, LogLevelT level, const char *format, ...);
 __attribute__((format(printf, 2, 3))) void ModTrace(ModT *pMod, const char *format, ...);
@@ -137,9 +140,9 @@ eErrorT ModTraceFilterDelete(const char *pName);
 
 // Runs the callbacks of funcIndex in the order of their entries: at once, or, for one that asks for
 // another task, by handing that task the first argLen bytes of pArgs (at most kModMaxArgs) and
-// kModDeferredEvent. A task deletes its callbacks before it ends: afterwards they are dropped until
-// another task gets its identifier, and then run there. Returns kNoError, or kItemNotFound at the first
-// callback when the caller is no task; that one and the rest have then not run.
+// kModDeferredEvent. A task must delete its callbacks before it ends. Otherwise they are dropped. When another task
+// gets the identifier, they run on that task. Returns kNoError, or kItemNotFound at the first callback when the caller
+// is no task; that one and the rest have then not run.
 eErrorT ModCallCallbacks(ModT *pMod, UInt32 funcIndex, const void *pArgs, Int32 argLen);
 
 // Traces "exception:..." and runs the exception handlers. ExceptionIndex is 0. Returns kNoError.

@@ -107,7 +107,13 @@ bool SendCommand(const char *command)
     const OpenFile relay(kRelayPath, O_WRONLY);
     const std::size_t length = std::strlen(command);
     const iovec line[] = {{const_cast<char *>(command), length}, {const_cast<char *>("\n"), 1}};
-    return relay.fd() >= 0 && writev(relay.fd(), line, std::size(line)) == static_cast<ssize_t>(length + 1);
+    if (relay.fd() < 0)
+        return false;
+    const ssize_t written = writev(relay.fd(), line, std::size(line));
+    const bool isWhole = written == static_cast<ssize_t>(length + 1);
+    if (written >= 0 && !isWhole)
+        errno = EIO; // the system gave no reason
+    return isWhole;
 }
 
 // The C library's long may be wider than the result, which then stops at its own limits.
@@ -125,6 +131,15 @@ bool ReceiveResult(Int32 *result)
     ReadLine(relay.fd(), line, kRelayLine);
     *result = line[0] != '\0' ? DecimalValue(line) : -1;
     return true;
+}
+
+// One command at a time. Returns 0, or the reason, with the result unchanged.
+int AskRelay(const char *command, Int32 *result)
+{
+    const SemaphoreHold hold(RelaySemaphore());
+    if (hold.result() != 0)
+        return ENOMEM; // why there is no semaphore
+    return SendCommand(command) && ReceiveResult(result) ? 0 : errno;
 }
 
 // ---- Start-up
@@ -238,17 +253,13 @@ void sstackBackTrace(UInt32 /*taskID*/)
 Int32 system_pthread(const char *command)
 {
     os_assert(command, "command");
-    const SemaphoreHold hold(RelaySemaphore());
     Int32 result = -1;
-    if (hold.result() != 0) {
-        errno = ENOMEM; // why there is no semaphore
-    } else if (SendCommand(command) && ReceiveResult(&result)) {
+    const int error = AskRelay(command, &result);
+    if (error == 0)
         loginfo("system_pthread", "%s [%d]\n", command, result);
-        return result;
-    }
-    const int error = errno;
-    logerr("system_pthread", "%s [%d %s]\n", command, error, std::strerror(error));
-    return -1;
+    else
+        logerr("system_pthread", "%s [%d %s]\n", command, error, std::strerror(error));
+    return result;
 }
 
 Int32 read_command(const char *command, char *out, UInt32 size)

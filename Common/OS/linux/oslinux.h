@@ -60,13 +60,15 @@ void sstackBackTrace(UInt32 taskID); // prints that it is not implemented
 // ---- Commands
 
 // Relays a shell command to the launcher outside the program through "/tmp/plaunch" and waits for
-// its answer; one command at a time. Returns the launcher's decimal result; -1 when the relay
-// cannot be opened or there is no memory for its lock (both logged), or when it answers with an empty
-// line. The relay is never created here.
+// its answer; one command at a time. The wait for the launcher has no limit. The relay is never created here.
+// Logs the result, with no lock of its own held. Returns the launcher's decimal result.
+// -1  the relay cannot be opened, the command could not be written whole, or there is no memory for the lock: all three
+//     are logged with the system's reason. Or the launcher answered with an empty line.
 Int32 system_pthread(const char *command);
 
 // Runs a command through the shell and stores its first output line, trimmed at both ends, in out
-// (size bytes with the terminator). Returns 0, or -1 with out empty.
+// (size bytes with the terminator). Waits for the command's end, and so does a deletion of the caller.
+// Returns 0, or -1 with out empty.
 Int32 read_command(const char *command, char *out, UInt32 size);
 
 // 1 when the root file system is on NFS. Asks once and remembers; tasks that ask at the same time run the command
