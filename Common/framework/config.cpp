@@ -436,10 +436,9 @@ eErrorT ConfigInit()
 {
     if (gConfigInitialized != 0)
         return kNoError;
-    const CancelOffHold cancelOff; // done whole, or the next call would do it again
-    ConfigInitFolderData();        // which prints, so not under the lock
+    ConfigInitFolderData(); // which prints, so not under the lock
     if (StartDatabase())
-        ConfigStoreInit();
+        ConfigStoreInit(); // a task cannot be cancelled between the two, nor in this one now
     return kNoError;
 }
 
