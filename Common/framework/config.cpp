@@ -438,7 +438,7 @@ eErrorT ConfigInit()
         return kNoError;
     ConfigInitFolderData(); // which prints, so not under the lock
     if (StartDatabase())
-        ConfigStoreInit(); // a task cannot be cancelled between the two, nor in this one now
+        ConfigStoreInit(); // a task that does both cannot be cancelled between them, nor in this one
     return kNoError;
 }
 

@@ -226,7 +226,8 @@ void NoteWrite()
 
 void SyncFileSystems()
 {
-    const CancelOffHold cancelOff; // nobody else does what the flag no longer says, and a lost line is reported
+    // Nobody else does what the flag no longer says. The log line may go to the standard error: the ring may be full.
+    const CancelOffHold cancelOff;
     gsConfigWriteOutstanding = 0;
     loginfo("config", "synching filesystem\n");
     const UInt32 start = RealTimeMilliSeconds();
