@@ -369,6 +369,14 @@ const PairT kEnds[] = {
      {kOwn, Task([] { osTaskDump(), FindTcbThread(thread); })},
      [] { StartThread([] { t_attach("atch", 10), t_attach("agin", 11), t_delete(0); }); },
      OnlyPlayersAreLeft},
+    {"AttachAndEnd",
+     {kOwn, Task([] { FindTcbThread(thread); })},
+     [] { StartThread([] { t_attach("atch", 10); }); },
+     [] {
+         pthread_join(thread, nullptr);
+         EXPECT_EQ(FindTcbThread(thread), nullptr);
+         OnlyPlayersAreLeft();
+     }},
     {"EndAndEvent",
      {kOwn, Task([] { ev_send(child, 1); })},
      [] { StartVictim([] { WaitFor(0); }); },
@@ -1366,7 +1374,7 @@ const PairT kPorts[] = {
          Once([] {
              ConfigStoreExit(); // the task of the first log line
              FillRing();
-             while (syslogQueue(bigA.c_str()))
+             while (syslogQueue(lineA.c_str()))
                  continue;
          });
          synced = false;
