@@ -174,9 +174,10 @@ public:
         if (result_ != kNoError || kept_)
             return;
         const CancelOffHold whole;
-        if (port_devids[port_] != kReserved)
-            dev_close(port_devids[port_]);
         const SemaphoreHold hold(portdevids_lock);
+        const UInt32 devid = port_devids[port_];
+        if (devid != kReserved && devid != kClosed) // somebody may have closed it
+            dev_close(devid);
         port_devids[port_] = kClosed;
     }
     Reservation(const Reservation &) = delete;

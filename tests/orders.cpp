@@ -24,10 +24,14 @@
 
 extern "C" UInt32 __wrap__Z15GetProcessorNumv(); // NOLINT(bugprone-reserved-identifier): the linker's name for it
 
+extern std::atomic<Int32> gsConfigWriteOutstanding;
+extern std::atomic<UInt32> gstLastConfigWrite;
+
 namespace
 {
 
 std::atomic<UInt32> processor;
+bool synced;         // the file systems
 UInt32 ids[2];       // of the tasks that play the parts
 std::string printed; // on standard output, during the run
 const ConfigFolders *folders;
@@ -207,6 +211,12 @@ void OnlyPlayersAreLeft()
     EXPECT_TRUE(Eventually([] { return NumTasks() == 2; })) << NumTasks();
 }
 
+TCB *Tcb(UInt32 tid)
+{
+    return low_pointer<TCB>(tid);
+}
+std::atomic<bool> starts;
+
 const PairT kTasks[] = {
     {"TwoCreateAndDelete", {Task(MakeAndDelete), Task(MakeAndDelete)}, NoSetUp, OnlyPlayersAreLeft},
     {"CreateAndFind",
@@ -251,6 +261,21 @@ const PairT kTasks[] = {
          OnlyPlayersAreLeft();
      }},
     {"TwoDeleteUnstarted", {Task(DeleteChild), Task(DeleteChild)}, MakeChild, OnlyPlayersAreLeft},
+    {"StartAndEnd",
+     {Task([] {
+          starts = true;
+          t_start(
+              child, 0, [](UInt32, UInt32, UInt32, UInt32) {}, nullptr);
+      }),
+      Task([] {
+          for (int i = 0; i < 30 && starts && NumTasks() > 2; i++)
+              usleep(1000);
+      })},
+     [] { starts = false, MakeChild(); },
+     [] {
+         OnlyPlayersAreLeft();
+         EXPECT_EQ(Tcb(child)->thread, pthread_t{});
+     }},
     {"FirstTree", {Task(TreeStub), Task(TreeStub)}, NoSetUp, [] { EXPECT_NE(gTCBTree, 0u); }, PairT::kNewProcess, 2},
 };
 
@@ -344,6 +369,14 @@ const PairT kEnds[] = {
      {kOwn, Task([] { osTaskDump(), FindTcbThread(thread); })},
      [] { StartThread([] { t_attach("atch", 10), t_attach("agin", 11), t_delete(0); }); },
      OnlyPlayersAreLeft},
+    {"AttachAndEnd",
+     {kOwn, Task([] { FindTcbThread(thread); })},
+     [] { StartThread([] { t_attach("atch", 10); }); },
+     [] {
+         pthread_join(thread, nullptr);
+         EXPECT_EQ(FindTcbThread(thread), nullptr);
+         OnlyPlayersAreLeft();
+     }},
     {"EndAndEvent",
      {kOwn, Task([] { ev_send(child, 1); })},
      [] { StartVictim([] { WaitFor(0); }); },
@@ -361,119 +394,8 @@ void MakeDevice()
     dev_add(device);
 }
 
-[[maybe_unused]] const PairT kCancels[] = {
-    {"WaitAndDelete",
-     {kOwn, Task(DeleteChild)},
-     [] { StartVictim([] { WaitFor(0); }); },
-     [] {
-         OnlyPlayersAreLeft();
-         ev_send(child, 1); // by somebody who does not know yet
-     }},
-    {"TimedWaitAndDelete",
-     {kOwn, Task(DeleteChild)},
-     [] {
-         PrepareTicks();
-         StartVictim([] { WaitFor(100000); });
-     },
-     NothingIsLeftOfTheVictim},
-    {"TwoDeleteEachOther",
-     {kOwn, kOwn},
-     [] {
-         for (UInt32 &tid : twins)
-             t_create("twin", 10, 0, 0, 0, &tid);
-         for (unsigned i = 0; i < 2; i++)
-             StartBody(twins[i], [i] {
-                 schedule::Play(i);
-                 t_delete(twins[1 - i]);
-             });
-     },
-     OnlyPlayersAreLeft},
-    {"DeletionAndDelete",
-     {kOwn, Task(DeleteChild)},
-     [] {
-         twins[0] = StartTask("twin", [] { WaitFor(0); });
-         StartVictim([] { t_delete(twins[0]); });
-     },
-     OnlyPlayersAreLeft},
-    {"LogAndDelete",
-     {kOwn, Task(DeleteChild)},
-     [] { StartVictim([] { loginfo("test", "on its way\n"); }); },
-     [] {
-         OnlyPlayersAreLeft();
-         loginfo("test", "there is no lock left held\n");
-     }},
-    {"CommandAndDelete",
-     {kOwn, Task(DeleteChild)},
-     [] {
-         TellNobody();
-         StartVictim([] { system_pthread("x"); });
-     },
-     OnlyPlayersAreLeft},
-    {"OutputAndDelete",
-     {kOwn, Task(DeleteChild)},
-     [] {
-         StartVictim([] {
-             char text[8];
-             read_command("echo", text, sizeof text);
-         });
-     },
-     NoVictimIsLeft},
-    {"FindAndDelete", {kOwn, Task(DeleteChild)}, [] { StartVictim([] { find_pid(""); }); }, NoVictimIsLeft},
-    {"ReadAndDelete",
-     {kOwn, Task(DeleteChild)},
-     [] {
-         folders->Put("dat/item.dat", "old\n");
-         StartVictim([] { ConfigStoreRead("item", 0, std::array<char, 8>().data(), 8); });
-     },
-     NoVictimIsLeft},
-    {"WriteAndDelete",
-     {kOwn, Task(DeleteChild)},
-     [] { StartVictim([] { ConfigWrite("item", 0, shared++ % 2 == 0 ? "even" : "odd"); }); },
-     [] {
-         char value[kConfigValueSize];
-         OnlyPlayersAreLeft();
-         EXPECT_EQ(ConfigRead("item", 0, value), folders->Get("dat/item.dat") != "missing" ? kNoError : kItemNotFound);
-         EXPECT_EQ(folders->Get("dat/item.dat"), value + std::string(value[0] != '\0' ? "\n" : "missing"));
-         EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folders->root() / "dat"), {}),
-                   value[0] != '\0' ? 1 : 0);
-     }},
-    {"FirstReadAndCancel",
-     {kOwn, Task(EndThread)},
-     [] { StartThread([] { ConfigRead("none", 0, std::array<char, kConfigValueSize>().data()); }); },
-     ConfigurationRuns,
-     PairT::kNothingYet,
-     2},
-    {"FirstLineAndCancel",
-     {kOwn, Task(EndThread)},
-     [] {
-         PutFilter();
-         folders->Put("dat/logformat.dat", "level\n");
-         StartThread([] { loginfo("a", "one\n"); });
-     },
-     [] {
-         loginfo("b", "two\n");
-         EXPECT_EQ(logmsg_get_format(), kLogFormatLevel);
-         FilterIsReadOnce();
-         ConfigurationRuns();
-     },
-     PairT::kNothingYet,
-     4},
-    {"UsageAndDelete", {kOwn, Task(DeleteChild)}, [] { StartVictim(osTaskUsage); }, NoVictimIsLeft},
-    {"PollAndAdd",
-     {kOwn, Task([] { add_dev_to_comp_task(device), EndThread(); })},
-     [] {
-         MakeDevice();
-         StartThread([] { io_comp_task(0, 0, 0, 0); });
-     },
-     NoCheck},
-};
-
 // ---- Events and timers
 
-TCB *Tcb(UInt32 tid)
-{
-    return low_pointer<TCB>(tid);
-}
 void Receive(UInt32 events, UInt32 flags, UInt32 ticks)
 {
     results[0] = ev_receive(events, flags, ticks, &results[1]);
@@ -746,9 +668,22 @@ extern "C" void AnnotateIgnoreReadsEnd(const char *file, int line);
 void AnnotateIgnoreReadsBegin(const char * /*file*/, int /*line*/) {}
 void AnnotateIgnoreReadsEnd(const char * /*file*/, int /*line*/) {}
 #endif
-// What is copied while a lap overwrites it is thrown away, on purpose.
+std::atomic<bool> laps;
+void PrepareLap()
+{
+    FillRing();
+    laps = false;
+}
+void Lap()
+{
+    laps = true;
+    syslogAdd(lapping.c_str(), 0);
+}
+// What is copied while a lap overwrites it is thrown away, on purpose. A lap that has begun before does not.
 void PrintDuringLap()
 {
+    if (laps)
+        return syslogDrainQueue();
     AnnotateIgnoreReadsBegin(__FILE__, __LINE__);
     syslogDrainQueue();
     AnnotateIgnoreReadsEnd(__FILE__, __LINE__);
@@ -811,15 +746,12 @@ const PairT kLog[] = {
      TakeAll,
      [] { EXPECT_TRUE(printed == bigA); },
      PairT::kWriter},
-    {"LapAndPrint",
-     {Task([] { syslogAdd(lapping.c_str(), 0); }), Task(PrintDuringLap)},
-     FillRing,
-     NoLineIsTorn,
-     PairT::kWriter},
+    {"LapAndPrint", {Task(Lap), Task(PrintDuringLap)}, PrepareLap, NoLineIsTorn, PairT::kWriter},
     {"LapOfTheFrontAndPrint",
-     {Task([] { syslogAdd(lapping.c_str(), 0); }), Task(PrintDuringLap)},
+     {Task(Lap), Task(PrintDuringLap)},
      [] {
-         TakeAll();
+         PrepareLap();
+         EmptyRing();
          syslogAdd(Line('1', kHalf + 100).c_str(), 0), syslogAdd(Line('2', kFill).c_str(), 0);
      },
      NoLineIsTorn,
@@ -916,6 +848,15 @@ const PairT kConfig[] = {
      {Task(Read), Task([] { ConfigWriteCacheOnly("item", 0, "mine"); })},
      PutItem,
      [] { EXPECT_EQ(ReadItem(), "mine"); }},
+    {"WriteAndCache",
+     {Task(Write), Task([] { WriteItemToCache("item", 0, "mine"); })},
+     PutItem,
+     [] { EXPECT_EQ(folders->Get("dat/item.dat"), "new\n"); }},
+    {"WriteAndFlushTask", // which looks how old the last write is
+     {Task([] { ConfigStoreWrite("item", 0, "new"); }),
+      Task([] { results[1] = gsConfigWriteOutstanding != 0 ? RealTime() - gstLastConfigWrite : 0; })},
+     [] { gsConfigWriteOutstanding = 0, gstLastConfigWrite = 0; },
+     [] { EXPECT_LT(results[1], 4u); }},
     {"ReadAndDrop", {Task(Read), Task(DropFromCache)}, PutItem, CacheIsFile},
     {"TwoRead", {Task(Read), Task(Read)}, PutItem, CacheIsFile},
     {"WriteAndDelete",
@@ -1165,7 +1106,9 @@ const PairT kMods[] = {
 
 // ---- Ports
 
-constexpr RS232Cfg kFormat = {SERIAL_BAUDRATE_115200, SERIAL_DATABITS_8, SERIAL_PARITY_NO, SERIAL_STOPBITS_1, 0, 0, 0};
+constexpr RS232Cfg kFormat = {SERIAL_BAUDRATE_115200, SERIAL_DATABITS_8, SERIAL_PARITY_NO, SERIAL_STOPBITS_1, 0, 0, 0},
+                   kNoFormat = {
+                       SERIAL_BAUDRATE_115200, SERIAL_DATABITS_8, SERIAL_PARITY_NONE, SERIAL_STOPBITS_1, 0, 0, 0};
 
 void InitPorts()
 {
@@ -1250,10 +1193,42 @@ const PairT kPorts[] = {
      }},
     {"OpenAndCloseScript",
      {Task([] { OpenScript(0); }), Task([] { results[1] = static_cast<UInt32>(Serial_Close_PSH(0)); })},
-     InitScript,
      [] {
+         fake.commands[1] = open((folders->root() / "relay").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+         InitScript();
+     },
+     [] {
+         const std::string commands = folders->Get("relay");
+         const bool isOpen = commands.rfind(" open ") > commands.rfind(" close ");
+         EXPECT_EQ(Serial_GetCfg(0, &kFormat), isOpen ? kNoError : kItemNotFound) << commands;
          OneDidIt(kNoError);
          Serial_Close_PSH(0);
+         close(fake.commands[1]);
+     }},
+    {"FailToOpenAndClose", // each open one once
+     {Task([] { Serial_Open(0, nullptr, nullptr, nullptr, &kNoFormat); }), Task([] { Serial_Close(0); })},
+     InitPorts,
+     [] {
+         EXPECT_EQ(CBList->devCB.numCloses, CBList->devCB.numOpens);
+         EXPECT_EQ(Serial_Close(0), kItemNotFound);
+         close(fake.master);
+     }},
+    {"EnableAndStop", // which a callback does
+     {kOwn, Task([] { Serial_Enable(0, SERIAL_DIRECTION_TX); })},
+     [] {
+         InitPorts();
+         const auto stop = [](void *) { Serial_Disable(0, SERIAL_DIRECTION_RX); }; // and transmission
+         Serial_Open(0, nullptr, nullptr, nullptr, &kFormat);
+         Serial_Enable(0, SERIAL_DIRECTION_TX);
+         SetCallbacks({nullptr, nullptr, nullptr});
+         StartVictim([] { DevMgrSerial_asyncDataSendRecv(low_id(CBList), child, 0, 0); });
+         CBList->asyncThread_running = 1;
+         CBList->threadID = child;
+         SetCallbacks({stop, nullptr, nullptr});
+     },
+     [] {
+         ClosePort();
+         OnlyPlayersAreLeft();
      }},
     {"CallbacksAndTask",
      {Task([] { SetCallbacks(kCallbacksB), Serial_Enable(0, SERIAL_DIRECTION_TX), SetCallbacks(kCallbacksA); }),
@@ -1272,6 +1247,145 @@ const PairT kPorts[] = {
          CBList->asyncThread_running = 0;
          ClosePort();
      }},
+};
+
+// ---- Tasks that are deleted in the middle of something
+
+[[maybe_unused]] const PairT kCancels[] = {
+    {"WaitAndDelete",
+     {kOwn, Task(DeleteChild)},
+     [] { StartVictim([] { WaitFor(0); }); },
+     [] {
+         OnlyPlayersAreLeft();
+         ev_send(child, 1); // by somebody who does not know yet
+     }},
+    {"TimedWaitAndDelete",
+     {kOwn, Task(DeleteChild)},
+     [] {
+         PrepareTicks();
+         StartVictim([] { WaitFor(100000); });
+     },
+     NothingIsLeftOfTheVictim},
+    {"TwoDeleteEachOther",
+     {kOwn, kOwn},
+     [] {
+         for (UInt32 &tid : twins)
+             t_create("twin", 10, 0, 0, 0, &tid);
+         for (unsigned i = 0; i < 2; i++)
+             StartBody(twins[i], [i] {
+                 schedule::Play(i);
+                 t_delete(twins[1 - i]);
+             });
+     },
+     OnlyPlayersAreLeft},
+    {"DeletionAndDelete",
+     {kOwn, Task(DeleteChild)},
+     [] {
+         twins[0] = StartTask("twin", [] { WaitFor(0); });
+         StartVictim([] { t_delete(twins[0]); });
+     },
+     OnlyPlayersAreLeft},
+    {"LogAndDelete",
+     {kOwn, Task(DeleteChild)},
+     [] { StartVictim([] { loginfo("test", "on its way\n"); }); },
+     [] {
+         OnlyPlayersAreLeft();
+         loginfo("test", "there is no lock left held\n");
+     }},
+    {"CommandAndDelete",
+     {kOwn, Task(DeleteChild)},
+     [] {
+         TellNobody();
+         StartVictim([] { system_pthread("x"); });
+     },
+     OnlyPlayersAreLeft},
+    {"OutputAndDelete",
+     {kOwn, Task(DeleteChild)},
+     [] {
+         StartVictim([] {
+             char text[8];
+             read_command("echo", text, sizeof text);
+         });
+     },
+     NoVictimIsLeft},
+    {"FindAndDelete", {kOwn, Task(DeleteChild)}, [] { StartVictim([] { find_pid(""); }); }, NoVictimIsLeft},
+    {"ReadAndDelete",
+     {kOwn, Task(DeleteChild)},
+     [] {
+         folders->Put("dat/item.dat", "old\n");
+         StartVictim([] { ConfigStoreRead("item", 0, std::array<char, 8>().data(), 8); });
+     },
+     NoVictimIsLeft},
+    {"WriteAndDelete",
+     {kOwn, Task(DeleteChild)},
+     [] { StartVictim([] { ConfigWrite("item", 0, shared++ % 2 == 0 ? "even" : "odd"); }); },
+     [] {
+         char value[kConfigValueSize];
+         OnlyPlayersAreLeft();
+         EXPECT_EQ(ConfigRead("item", 0, value), folders->Get("dat/item.dat") != "missing" ? kNoError : kItemNotFound);
+         EXPECT_EQ(folders->Get("dat/item.dat"), value + std::string(value[0] != '\0' ? "\n" : "missing"));
+         EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folders->root() / "dat"), {}),
+                   value[0] != '\0' ? 1 : 0);
+     }},
+    {"FirstReadAndCancel",
+     {kOwn, Task(EndThread)},
+     [] { StartThread([] { ConfigRead("none", 0, std::array<char, kConfigValueSize>().data()); }); },
+     ConfigurationRuns,
+     PairT::kNothingYet,
+     2},
+    {"FirstLineAndCancel",
+     {kOwn, Task(EndThread)},
+     [] {
+         PutFilter();
+         folders->Put("dat/logformat.dat", "level\n");
+         StartThread([] { loginfo("a", "one\n"); });
+     },
+     [] {
+         loginfo("b", "two\n");
+         EXPECT_EQ(logmsg_get_format(), kLogFormatLevel);
+         FilterIsReadOnce();
+         ConfigurationRuns();
+     },
+     PairT::kNothingYet,
+     4},
+    {"UsageAndDelete", {kOwn, Task(DeleteChild)}, [] { StartVictim(osTaskUsage); }, NoVictimIsLeft},
+    {"PollAndAdd",
+     {kOwn, Task([] { add_dev_to_comp_task(device), EndThread(); })},
+     [] {
+         MakeDevice();
+         StartThread([] { io_comp_task(0, 0, 0, 0); });
+     },
+     NoCheck},
+    {"CloseAndDelete",
+     {kOwn, Task(DeleteChild)},
+     [] {
+         InitPorts();
+         Open(0);
+         StartVictim([] { Serial_Close(0); });
+     },
+     [] {
+         OnlyPlayersAreLeft();
+         EXPECT_EQ(Serial_Close(0), kItemNotFound);
+         close(fake.master);
+     }},
+    {"FlushAndDelete", // when the ring is full, which is reported
+     {kOwn, Task(DeleteChild)},
+     [] {
+         Once([] {
+             ConfigStoreExit(); // the task of the first log line
+             FillRing();
+             while (syslogQueue(lineA.c_str()))
+                 continue;
+         });
+         synced = false;
+         gsConfigWriteOutstanding = 1;
+         StartVictim(ConfigStoreExit);
+     },
+     [] {
+         OnlyPlayersAreLeft();
+         EXPECT_TRUE(synced);
+     },
+     PairT::kWriter},
 };
 
 std::string NameOf(const testing::TestParamInfo<PairT> &info)
@@ -1296,4 +1410,9 @@ INSTANTIATE_TEST_SUITE_P(Ports, Orders, testing::ValuesIn(kPorts), NameOf);
 UInt32 __wrap__Z15GetProcessorNumv()
 {
     return processor;
+}
+
+void sync() noexcept
+{
+    synced = true;
 }

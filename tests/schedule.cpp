@@ -482,8 +482,16 @@ WRAPPED(int, open, (const char *path, int flags, ...), (path, flags))
 STOPS(int, pthread_cond_signal, (pthread_cond_t * condition), (condition))
 STOPS(int, pthread_cancel, (pthread_t thread), (thread))
 STOPS(int, close, (int fd), (fd))
-STOPS(int, pclose, (FILE * file), (file))
-STOPS(int, closedir, (DIR * directory), (directory))
+// Calls in which a thread may be cancelled, though not in every C library.
+#define STOPS_AND_ENDS(result, name, parameters, arguments)                                                            \
+    WRAPPED(result, name, parameters, arguments)                                                                       \
+    {                                                                                                                  \
+        Stop(#name, __builtin_return_address(0));                                                                      \
+        pthread_testcancel();                                                                                          \
+        return __real_##name arguments;                                                                                \
+    }
+STOPS_AND_ENDS(int, pclose, (FILE * file), (file))
+STOPS_AND_ENDS(int, closedir, (DIR * directory), (directory))
 // Also behind it: what follows may be a read, where a thread can be cancelled.
 #define STOPS_TWICE(result, name, parameters, arguments)                                                               \
     WRAPPED(result, name, parameters, arguments)                                                                       \

@@ -447,10 +447,9 @@ eErrorT ConfigInit()
 {
     if (gConfigInitialized != 0)
         return kNoError;
-    const CancelOffHold cancelOff; // done whole, or the next call would do it again
-    ConfigInitFolderData();        // which prints, so not under the lock
+    ConfigInitFolderData(); // which prints, so not under the lock
     if (StartDatabase())
-        ConfigStoreInit();
+        ConfigStoreInit(); // a task that does both cannot be cancelled between them, nor in this one
     return kNoError;
 }
 

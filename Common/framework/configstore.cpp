@@ -24,7 +24,7 @@
 const char *CONFIG_DAT_FOLDER = "../dat/";
 const char *CONFIG_CHOICE_FOLDER = "../choice/";
 const char *CONFIG_CHOICE_GEN_FOLDER = "../choice.gen/";
-std::atomic<Int32> gbFolderDataInitialized;
+Int32 gbFolderDataInitialized; // under gFolderLock
 std::atomic<Int32> gsConfigWriteOutstanding;
 std::atomic<UInt32> gstLastConfigWrite; // seconds
 std::atomic<UInt32> gsSyncTID;          // the flush task that was started last; 0: none
@@ -227,7 +227,8 @@ void NoteWrite()
 
 void SyncFileSystems()
 {
-    const CancelOffHold cancelOff; // nobody else does what the flag no longer says
+    // Nobody else does what the flag no longer says. The log line may go to the standard error: the ring may be full.
+    const CancelOffHold cancelOff;
     gsConfigWriteOutstanding = 0;
     loginfo("config", "synching filesystem\n");
     const UInt32 start = RealTimeMilliSeconds();
@@ -418,7 +419,7 @@ void StoreFile(ConfigFileT *pFile)
 
 eErrorT CloseWritten(ConfigFileT *pFile, ConfigFailureT *pFailure)
 {
-    const CancelOffHold cancelOff; // no file stays open, and no temporary one stays behind
+    const CancelOffHold cancelOff; // no file stays open, no temporary one stays behind, and the lines are given back
     if (pFile->failure.call == nullptr)
         StoreFile(pFile);
     std::free(pFile->text);
@@ -474,7 +475,6 @@ void ConfigInitFolderData()
 
 void ConfigStoreInit()
 {
-    const CancelOffHold cancelOff; // a task that was created is started
     ConfigInitFolderData();
     UInt32 task = 0;
     if (t_create("csyn", 2, 0, 0, 0, &task) != 0)
@@ -590,7 +590,6 @@ eErrorT ConfigStoreTryWrite(const char *name, Int32 instance, const char *value,
         TellMaster(name, instance, value);
         return kNoError;
     }
-    const CancelOffHold cancelOff; // the line is given back
     ConfigFileT file;
     ConfigStoreWriteOpen(name, instance, &file);
     ConfigStoreWritePutLine(&file, value);

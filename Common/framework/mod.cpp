@@ -96,12 +96,11 @@ bool IsNamed(const ModT *pMod, const char *pName)
     return strcasecmp(pMod->name, pName) == 0;
 }
 
-// Without memory for the lock there are no blocks either.
+// Without memory for the lock there are no blocks either. Nobody else has the queue yet.
 template <class Block, std::size_t Count> void FillFreeList(const DeferredQueueT &queue, Block (&blocks)[Count])
 {
     if (sm_create("#region", 1, 2, &queue.region) != 0)
         return;
-    const SemaphoreHold hold(queue.region);
     for (Block &block : blocks)
         ListEnqueueUnprot(&queue.pFree, &block.list);
 }
