@@ -161,6 +161,12 @@ TEST(ConfigStore, WritesInPlaceWhatCannotBeReplaced)
         EXPECT_EQ(StatusOf("dat/item.dat").st_ino, old) << call;
         EXPECT_EQ(std::distance(std::filesystem::directory_iterator("../dat"), {}), 1) << call;
     }
+    for (int i = 0; i < 64; i++) // every name of a new file is taken
+        std::filesystem::create_directory("../dat/item.dat." + std::to_string(i) + ".new");
+    const ino_t old = StatusOf("dat/item.dat").st_ino;
+    EXPECT_EQ(ConfigStoreWrite("item", 0, "last"), kNoError);
+    EXPECT_EQ(folders.Get("dat/item.dat"), "last\n");
+    EXPECT_EQ(StatusOf("dat/item.dat").st_ino, old);
 }
 
 TEST(ConfigStore, WritesLinksInPlace)

@@ -249,7 +249,7 @@ void *pthread_entry(void *task)
     EnterTask(tcb);
     tcb->task_start(tcb->args[0], tcb->args[1], tcb->args[2], tcb->args[3]);
     t_delete(low_id(tcb));
-    return nullptr;
+    return nullptr; // t_delete does not come back
 }
 
 // Fills prv_pri and attr from the priority and the policy.
