@@ -141,9 +141,9 @@ std::string refused; // a system call that fails
 TEST(ConfigStore, DoesNotCacheWhatIsBeingDeleted)
 {
     const ConfigFolders folders;
-    char value[kConfigValueSize];
+    static char value[kConfigValueSize];
     EXPECT_EQ(ConfigWrite("item", 0, "old"), kNoError);
-    meanwhile = [&value] { EXPECT_EQ(ConfigRead("item", 0, value), kNoError); };
+    meanwhile = [] { EXPECT_EQ(ConfigRead("item", 0, value), kNoError); };
     EXPECT_EQ(ConfigDelete("item", 0), kNoError);
     EXPECT_STREQ(value, "old");
     EXPECT_EQ(ConfigRead("item", 0, value), kItemNotFound);

@@ -144,7 +144,7 @@ TCB *NewBlock()
 {
     if (TCB *tcb = retiredTasks.Take(); tcb != nullptr) {
         std::memset(static_cast<void *>(tcb), 0, offsetof(TCB, event_mutex));
-        std::memset(&tcb->taskWaiting, 0, sizeof(TCB) - offsetof(TCB, taskWaiting));
+        std::memset(static_cast<void *>(&tcb->taskWaiting), 0, sizeof(TCB) - offsetof(TCB, taskWaiting));
         return tcb;
     }
     void *block = low_calloc(sizeof(TCB));
