@@ -6,6 +6,7 @@
 #include "Common/OS/logmsg.h"
 #include "Common/OS/osassert.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>
@@ -143,8 +144,9 @@ TCB *FindSerialLocked(UInt32 serial)
 TCB *NewBlock()
 {
     if (TCB *tcb = retiredTasks.Take(); tcb != nullptr) {
-        std::memset(static_cast<void *>(tcb), 0, offsetof(TCB, event_mutex));
-        std::memset(static_cast<void *>(&tcb->taskWaiting), 0, sizeof(TCB) - offsetof(TCB, taskWaiting));
+        auto *bytes = reinterpret_cast<char *>(tcb);
+        std::fill(bytes, bytes + offsetof(TCB, event_mutex), '\0');
+        std::fill(bytes + offsetof(TCB, taskWaiting), bytes + sizeof(TCB), '\0');
         return tcb;
     }
     void *block = low_calloc(sizeof(TCB));
