@@ -215,6 +215,8 @@ const RowT kRows[] = {
     {"ConfigWriteCacheOnly", [] { return Write(ConfigWriteCacheOnly); }, [] { DeleteItemFromCache("item", 0); }, "-2"},
     {"ConfigRead", [] { return ConfigRead("choice", 0, text); }, [] { DeleteItemFromCache("choice", 0); }, "0 -25 0"},
     {"ConfigRestore", [] { return ConfigRestore("choice", 0); }, [] { ConfigDelete("choice", 0); }, "-25 0 -3"},
+    {"ConfigDumpAll", [] { return ConfigDumpAll(), 0; }, [] {}, "0", false,
+     [] { ConfigWriteCacheOnly("item", 0, ""); }},
     {"ConfigAddImmediateCallback", [] { return ConfigAddImmediateCallback("item", 0, Nothing, nullptr); },
      [] { ConfigDeleteCallback("item", 0, Nothing, nullptr); }, "-2 !0"},
     {"InitSyslogInterface",

@@ -151,9 +151,9 @@ std::string refused; // a system call that fails
 TEST(ConfigStore, DoesNotCacheWhatIsBeingDeleted)
 {
     const ConfigFolders folders;
-    char value[kConfigValueSize];
+    static char value[kConfigValueSize];
     EXPECT_EQ(ConfigWrite("item", 0, "old"), kNoError);
-    meanwhile = [&value] { EXPECT_EQ(ConfigRead("item", 0, value), kNoError); };
+    meanwhile = [] { EXPECT_EQ(ConfigRead("item", 0, value), kNoError); };
     EXPECT_EQ(ConfigDelete("item", 0), kNoError);
     EXPECT_STREQ(value, "old");
     EXPECT_EQ(ConfigRead("item", 0, value), kItemNotFound);
@@ -171,6 +171,12 @@ TEST(ConfigStore, WritesInPlaceWhatCannotBeReplaced)
         EXPECT_EQ(StatusOf("dat/item.dat").st_ino, old) << call;
         EXPECT_EQ(std::distance(std::filesystem::directory_iterator("../dat"), {}), 1) << call;
     }
+    for (int i = 0; i < 64; i++) // every name of a new file is taken
+        std::filesystem::create_directory("../dat/item.dat." + std::to_string(i) + ".new");
+    const ino_t old = StatusOf("dat/item.dat").st_ino;
+    EXPECT_EQ(ConfigStoreWrite("item", 0, "last"), kNoError);
+    EXPECT_EQ(folders.Get("dat/item.dat"), "last\n");
+    EXPECT_EQ(StatusOf("dat/item.dat").st_ino, old);
 }
 
 TEST(ConfigStore, WritesLinksInPlace)

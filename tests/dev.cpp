@@ -191,6 +191,7 @@ TEST(CompletionTask, ServesQueuedReadsWhenDataArrives)
     t_delete(tid);
     EXPECT_EQ(kTaskNotFound, t_ident("devc", 0, &tid));
     const pollfd list[] = {{3, POLLIN, 0}, {4, POLLIN, POLLIN}, {5, POLLIN, POLLHUP}};
+    EXPECT_EQ(0, UFD_ISSET(3, nullptr, 0));
     EXPECT_EQ(1, UFD_ISSET(3, list, 3) + UFD_ISSET(4, list, 3) + UFD_ISSET(5, list, 2));
 }
 

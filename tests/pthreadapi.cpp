@@ -143,6 +143,7 @@ TEST(Events, NeedATask)
     EXPECT_EQ(t_getRefCon(0, &value), kTaskNotFound);
     EXPECT_EQ(t_setpri(0, 1, nullptr), kTaskNotFound);
     EXPECT_EQ(FindTcbThread(pthread_self()), nullptr) << "there is not even a tree";
+    EXPECT_EQ(t_delete(0), 0u); // and does not end the thread
 }
 
 TEST(Tasks, AreFoundByTheirFourNameBytes)
@@ -528,8 +529,10 @@ TEST(Tasks, AttachingTwiceAndReturningLeaveOthersAlone)
         found = Self();
         tm_wkafter(100000);
     });
+    pthread_t handle{};
     for (int i = 0; i < 3; i++) // the handle comes back
-        std::thread([] {
+        std::thread([&handle] {
+            handle = pthread_self();
             EXPECT_EQ(t_attach("once", 5), 0u);
             const UInt32 self = Self();
             EXPECT_EQ(t_attach("more", 6), 0u);
@@ -537,8 +540,11 @@ TEST(Tasks, AttachingTwiceAndReturningLeaveOthersAlone)
             EXPECT_STREQ(task_name(self), "more");
             EXPECT_EQ(low_pointer<TCB>(self)->priority, 6u);
             EXPECT_EQ(NumTasks(), 2);
+            EXPECT_EQ(t_attach(nullptr, 7), 0u);
+            EXPECT_STREQ(task_name(self), "");
         }).join();
     EXPECT_EQ(NumTasks(), 1) << "returning is an end, too";
+    EXPECT_EQ(FindTcbThread(handle), nullptr);
     go = true;
     EXPECT_TRUE(Eventually([&] { return found == other; }));
     t_delete(other);

@@ -8,7 +8,7 @@
 // second one at the same time prints nothing.
 [[noreturn]] void os_assert_failed(const char *text, const char *file, int line, const char *function);
 
-// The condition is always evaluated, once. The text is what each assertion prints; it is not always what the compiler
-// would make of the condition.
+// The condition is always evaluated, once. People search traces for the text, so that it stays as it is: it is not
+// always what the compiler would make of the condition.
 #define os_assert(condition, text)                                                                                     \
     ((condition) ? static_cast<void>(0) : os_assert_failed(text, __FILE__, __LINE__, __func__))

@@ -6,6 +6,7 @@
 #include "Common/OS/logmsg.h"
 #include "Common/OS/osassert.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>
@@ -145,8 +146,9 @@ TCB *FindSerialLocked(UInt32 serial)
 TCB *NewBlock()
 {
     if (TCB *tcb = retiredTasks.Take(); tcb != nullptr) {
-        std::memset(static_cast<void *>(tcb), 0, offsetof(TCB, event_mutex));
-        std::memset(&tcb->taskWaiting, 0, sizeof(TCB) - offsetof(TCB, taskWaiting));
+        auto *bytes = reinterpret_cast<char *>(tcb);
+        std::fill(bytes, bytes + offsetof(TCB, event_mutex), '\0');
+        std::fill(bytes + offsetof(TCB, taskWaiting), bytes + sizeof(TCB), '\0');
         return tcb;
     }
     void *block = low_calloc(sizeof(TCB));
@@ -250,7 +252,7 @@ void *pthread_entry(void *task)
     EnterTask(tcb);
     tcb->task_start(tcb->args[0], tcb->args[1], tcb->args[2], tcb->args[3]);
     t_delete(low_id(tcb));
-    return nullptr;
+    return nullptr; // t_delete does not come back
 }
 
 // Fills prv_pri and attr from the priority and the policy.
