@@ -101,7 +101,8 @@ void SetTreeEntryLocked(pthread_t thread, TCB *tcb)
                   "InsertItem(gTCBTree, tcb->thread, (void *) tcb) == 0");
 }
 
-void RemoveTcbLocked(const TCB *tcb)
+// The caller of these two holds tcblistmutex as well.
+void RemoveTcb(const TCB *tcb)
 {
     TCB **link = &tcblist;
     while (*link != tcb)
@@ -110,9 +111,9 @@ void RemoveTcbLocked(const TCB *tcb)
 }
 
 // The block stays what it was: somebody may be about to post an event to it.
-void RetireLocked(TCB *tcb)
+void t_free_tcb(TCB *tcb)
 {
-    RemoveTcbLocked(tcb);
+    RemoveTcb(tcb);
     retiredTasks.Add(tcb);
     pthread_cond_broadcast(&taskGone);
 }
@@ -193,7 +194,7 @@ void LeaveTask(void *task)
         return; // who retires the task
     if (tcb->claimed == kNotDeleted && tcb->task_start != nullptr)
         pthread_detach(pthread_self()); // nobody joins it
-    RetireLocked(tcb);
+    t_free_tcb(tcb);
     if (tcb->claimed == kDeletedByItself)
         RebuildTreeLocked();
 }
@@ -393,7 +394,7 @@ void FinishDeletion(const DeletionT &deletion)
 {
     const MutexHold hold(&tcblistmutex);
     if (deletion.tcb != nullptr) {
-        RetireLocked(deletion.tcb);
+        t_free_tcb(deletion.tcb);
         RebuildTreeLocked();
     }
     while (FindSerialLocked(deletion.serial) != nullptr)
