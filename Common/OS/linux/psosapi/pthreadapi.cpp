@@ -317,17 +317,6 @@ bool WaitsForCallerLocked(const TCB *tcb)
     return tcb != nullptr;
 }
 
-bool IsDetached(pthread_t thread)
-{
-    pthread_attr_t attributes;
-    int state = PTHREAD_CREATE_JOINABLE;
-    if (thread != pthread_t{} && pthread_getattr_np(thread, &attributes) == 0) {
-        pthread_attr_getdetachstate(&attributes, &state);
-        pthread_attr_destroy(&attributes);
-    }
-    return state == PTHREAD_CREATE_DETACHED;
-}
-
 DeletionT ClaimTask(const TCB *target)
 {
     DeletionT deletion;
@@ -341,7 +330,7 @@ DeletionT ClaimTask(const TCB *target)
     if (tcb != ownTask && WaitsForCallerLocked(tcb))
         return deletion;
     if (tcb->claimed == kNotDeleted) {
-        const ClaimT byAnother = IsDetached(deletion.thread) ? kAwaitedByAnother : kJoinedByAnother;
+        const ClaimT byAnother = tcb->task_start != nullptr ? kJoinedByAnother : kAwaitedByAnother;
         tcb->claimed = tcb == ownTask ? kDeletedByItself : byAnother;
         deletion.tcb = tcb;
     }
@@ -364,8 +353,8 @@ const char *NameOrUnknown(const TCB *tcb)
     pthread_exit(nullptr);
 }
 
-// Returns the result of the join. The handle of a detached thread is good as long as the thread says so, under the
-// list's lock.
+// Returns the result of the join. A thread that was attached is detached and waited for instead, because its maker may
+// have detached it: its handle is good as long as it says so, under the list's lock.
 int CancelAndJoin(const DeletionT &deletion)
 {
     if (deletion.tcb->claimed == kJoinedByAnother) {
@@ -373,9 +362,10 @@ int CancelAndJoin(const DeletionT &deletion)
         return pthread_join(deletion.thread, nullptr);
     }
     const MutexHold hold(&tcblistmutex);
-    if (deletion.tcb->thread != pthread_t{})
-        pthread_cancel(deletion.thread);
-    return EINVAL;
+    if (deletion.tcb->thread == pthread_t{})
+        return 0;
+    pthread_cancel(deletion.thread);
+    return pthread_detach(deletion.thread);
 }
 
 void EndTask(const DeletionT &deletion)
