@@ -136,8 +136,8 @@ UInt32 t_setpri(UInt32 tid, UInt32 newpri, UInt32 *previous_out);
 
 // Makes a task of the calling thread, which then may wait for events. priority is 1 to 99, otherwise the program stops.
 // Returns 0 or kTaskNoMemory. A thread that is a task already keeps its TCB and identifier, and gets the new name and
-// priority. t_delete ends the thread as well, and detaches it: nobody may join it. When the thread ends without t_delete,
-// its TCB leaves the task list too, but the tree keeps the other tasks whatever gLibPThreadNPTL is.
+// priority. t_delete ends the thread as well, and detaches it: nobody may join it. When the thread ends without
+// t_delete, its TCB leaves the task list too, but the tree keeps the other tasks whatever gLibPThreadNPTL is.
 UInt32 t_attach(const char *name, UInt32 priority);
 
 // One word of caller data. Both return 0, or kTaskNotFound when tid is 0 and the caller is no task.
