@@ -1,6 +1,6 @@
 // What two tasks do at once, in every order of one interruption: one of them is stopped at each of its steps in turn
 // while the other one does all of its own, and then the other way round.
-#include "tests/schedule.h"
+#include "tests/schedule/schedule.h"
 
 #include "Common/OS/dev.h"
 #include "Common/OS/linux/oslinux.h"

@@ -1,6 +1,6 @@
 // Compiled without ThreadSanitizer. Nothing here may use what is compiled with it elsewhere, such as the C++ library's
 // templates: that would show it the turns.
-#include "tests/schedule.h"
+#include "tests/schedule/schedule.h"
 
 #include <cerrno>
 #include <climits>
