@@ -377,6 +377,19 @@ const PairT kEnds[] = {
          EXPECT_EQ(FindTcbThread(thread), nullptr);
          OnlyPlayersAreLeft();
      }},
+    {"AttachAndStart",
+     {kOwn, Task([] {
+          results[1] = kTaskNotStarted;
+          if (t_ident("atch", 0, &child) == 0)
+              results[1] = t_start(
+                  child, 0, [](UInt32, UInt32, UInt32, UInt32) {}, nullptr);
+      })},
+     [] { StartThread([] { t_attach("atch", 10); }); },
+     [] {
+         pthread_join(thread, nullptr);
+         EXPECT_EQ(results[1], kTaskNotStarted);
+         OnlyPlayersAreLeft();
+     }},
     {"EndAndEvent",
      {kOwn, Task([] { ev_send(child, 1); })},
      [] { StartVictim([] { WaitFor(0); }); },

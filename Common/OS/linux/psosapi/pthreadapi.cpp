@@ -164,8 +164,9 @@ TCB *NewBlock()
     return tcb;
 }
 
-// A complete block in the list, or null. It is listed last, so that nobody finds half a task.
-TCB *NewTcb(const char *name, UInt32 priority)
+// A complete block in the list, or null. It is listed last, so that nobody finds half a task. thread: the one that the
+// task has already, so that nobody starts another one for it.
+TCB *NewTcb(const char *name, UInt32 priority, pthread_t thread)
 {
     TCB *tcb = NewBlock();
     if (tcb == nullptr)
@@ -173,6 +174,7 @@ TCB *NewTcb(const char *name, UInt32 priority)
     if (name != nullptr)
         std::memcpy(tcb->taskname, name, sizeof tcb->taskname);
     tcb->priority = priority;
+    tcb->thread = thread;
     AddTcb(tcb);
     return tcb;
 }
@@ -560,7 +562,7 @@ TCB *FindTcbThread(pthread_t thread)
 
 UInt32 t_create(const char *name, UInt32 priority, UInt32, UInt32, UInt32, UInt32 *tid_out)
 {
-    TCB *tcb = NewTcb(name, priority);
+    TCB *tcb = NewTcb(name, priority, pthread_t{});
     if (tcb == nullptr)
         return kTaskNoMemory;
     if (tid_out != nullptr)
@@ -663,7 +665,7 @@ UInt32 t_attach(const char *name, UInt32 priority)
         AttachAgain(name, priority);
         return 0;
     }
-    TCB *tcb = NewTcb(name, priority);
+    TCB *tcb = NewTcb(name, priority, pthread_self());
     if (tcb == nullptr)
         return kTaskNoMemory;
     tcb->prv_pri.sched_priority = static_cast<Int32>(priority);
