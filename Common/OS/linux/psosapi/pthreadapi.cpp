@@ -300,8 +300,8 @@ int StartThread(TCB *tcb, UInt32 mode, TaskStartT start, const UInt32 *args)
     tcb->mode = mode;
     tcb->task_start = start;
     SetScheduling(tcb);
-    if (args != nullptr)
-        std::memcpy(tcb->args, args, sizeof tcb->args);
+    static constexpr decltype(TCB::args) kZeros = {}; // a start that failed may have left others
+    std::memcpy(tcb->args, args != nullptr ? args : kZeros, sizeof tcb->args);
     pthread_t thread{};
     const int error = pthread_create(&thread, &tcb->attr, pthread_entry, tcb);
     if (error == 0)
