@@ -10,6 +10,7 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <sys/xattr.h>
 
 namespace
 {
@@ -201,6 +202,21 @@ TEST(ConfigStore, WritesLinksInPlace)
         EXPECT_EQ(ConfigStoreWrite(name, 0, "new"), kBadParameter);
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "ConfigStoreWrite: fwrite: No space left on device\nConfigStoreWrite: fopen: Is a directory\n");
+}
+
+TEST(ConfigStore, GivesNobodyTheRightsOfTheFoldersAccessList)
+{
+    const ConfigFolders folders;
+    folders.Put("dat/item.dat", "old\n");
+    // Version 2; owner, user 65534, group, mask, others: tag, permissions and, little-endian, the user.
+    constexpr unsigned char kList[] = {2, 0,   0,   0,   1,   0,   7,  0, 255, 255, 255, 255, 2,   0,  7,
+                                       0, 254, 255, 0,   0,   4,   0,  5, 0,   255, 255, 255, 255, 16, 0,
+                                       7, 0,   255, 255, 255, 255, 32, 0, 0,   0,   255, 255, 255, 255};
+    if (setxattr("../dat", "system.posix_acl_default", kList, sizeof kList, 0) != 0)
+        GTEST_SKIP() << "no access lists here";
+    EXPECT_EQ(ConfigStoreWrite("item", 0, "new"), kNoError);
+    EXPECT_EQ(folders.Get("dat/item.dat"), "new\n");
+    EXPECT_EQ(getxattr("../dat/item.dat", "system.posix_acl_access", nullptr, 0), -1);
 }
 
 // As somebody who owns "own", "group", whose group is another, and "guarded", and may write "shared".
@@ -450,6 +466,9 @@ extern "C" int __wrap_flock(int file, int operation)
 }
 extern "C" int __wrap_fchmod(int file, mode_t mode)
 {
+    struct stat status;
+    EXPECT_EQ(fstat(file, &status), 0);
+    EXPECT_EQ(status.st_mode & 0077, 0u) << "somebody else could open it before";
     return refused == "fchmod" ? (errno = EPERM, -1) : __real_fchmod(file, mode);
 }
 extern "C" int __wrap_rename(const char *from, const char *to)

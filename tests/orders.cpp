@@ -276,6 +276,21 @@ const PairT kTasks[] = {
          OnlyPlayersAreLeft();
          EXPECT_EQ(Tcb(child)->thread, pthread_t{});
      }},
+    {"TwoStart",
+     {Task([] {
+          results[0] = t_start(
+              child, 0, [](UInt32, UInt32, UInt32, UInt32) { shared = 0; }, nullptr);
+      }),
+      Task([] {
+          results[1] = t_start(
+              child, 0, [](UInt32, UInt32, UInt32, UInt32) { shared = 1; }, nullptr);
+      })},
+     MakeChild,
+     [] {
+         OnlyPlayersAreLeft();
+         EXPECT_EQ(results[shared], 0u);
+         EXPECT_EQ(results[1 - shared], kTaskNotStarted);
+     }},
     {"FirstTree", {Task(TreeStub), Task(TreeStub)}, NoSetUp, [] { EXPECT_NE(gTCBTree, 0u); }, PairT::kNewProcess, 2},
 };
 
@@ -375,6 +390,19 @@ const PairT kEnds[] = {
      [] {
          pthread_join(thread, nullptr);
          EXPECT_EQ(FindTcbThread(thread), nullptr);
+         OnlyPlayersAreLeft();
+     }},
+    {"AttachAndStart",
+     {kOwn, Task([] {
+          results[1] = kTaskNotStarted;
+          if (t_ident("atch", 0, &child) == 0)
+              results[1] = t_start(
+                  child, 0, [](UInt32, UInt32, UInt32, UInt32) {}, nullptr);
+      })},
+     [] { StartThread([] { t_attach("atch", 10); }); },
+     [] {
+         pthread_join(thread, nullptr);
+         EXPECT_EQ(results[1], kTaskNotStarted);
          OnlyPlayersAreLeft();
      }},
     {"EndAndEvent",

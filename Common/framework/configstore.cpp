@@ -38,6 +38,8 @@ constexpr std::size_t kCommandSize = 512; // name, instance, value and the words
 constexpr UInt32 kSyncPause = 500;        // ticks
 constexpr UInt32 kQuietSeconds = 4;
 constexpr mode_t kNewFileMode = 0666;
+constexpr mode_t kOwnersMode = 0600; // until a file that takes another one's place has its permissions
+constexpr char kAccessList[] = "system.posix_acl_access";
 constexpr Int32 kTemporaries = 64; // writers that replace one item's file at the same time
 
 pthread_mutex_t gFolderLock = PTHREAD_MUTEX_INITIALIZER; // the choice of the folders
@@ -248,7 +250,7 @@ struct OldFileT {
 // A new file would not have the access list: it would let other users read it, or none.
 bool HasAccessList(const char *path)
 {
-    return getxattr(path, "system.posix_acl_access", nullptr, 0) > 0;
+    return getxattr(path, kAccessList, nullptr, 0) > 0;
 }
 
 OldFileT LookAt(const char *path)
@@ -263,11 +265,11 @@ OldFileT LookAt(const char *path)
 }
 
 // Gives a new file the owner, the group and the permissions of the old one: a secret stays one. False when the
-// process may not.
+// process may not, and when the folder gave the file an access list, which the old one does not have.
 bool TakeAttributes(int file, const struct stat &old)
 {
     struct stat now;
-    if (fstat(file, &now) != 0)
+    if (fstat(file, &now) != 0 || fgetxattr(file, kAccessList, nullptr, 0) > 0)
         return false;
     const bool isOwners = now.st_uid == old.st_uid && now.st_gid == old.st_gid;
     if (!isOwners && fchown(file, old.st_uid, old.st_gid) != 0)
@@ -304,11 +306,11 @@ struct TemporaryPathT {
 
 // Opens a new file beside the item's, for this call alone until it is closed: whoever writes one has locked it.
 // Returns -1 when the folder or its file system does not let us.
-int OpenTemporary(const char *path, TemporaryPathT *pTemporary)
+int OpenTemporary(const char *path, mode_t mode, TemporaryPathT *pTemporary)
 {
     for (Int32 tried = 0; tried < 2 * kTemporaries; tried++) { // each twice: a leftover is removed between
         std::snprintf(pTemporary->text, sizeof pTemporary->text, "%s.%d.new", path, tried / 2);
-        const int file = open(pTemporary->text, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kNewFileMode);
+        const int file = open(pTemporary->text, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
         if (file < 0 && errno != EEXIST)
             return -1;
         if (file >= 0) {
@@ -372,7 +374,7 @@ bool FitsWhereItIs(const OldFileT &old, std::size_t size, int error)
 ReplacementT ReplaceFile(ConfigFileT *pFile, const OldFileT &old)
 {
     TemporaryPathT temporary;
-    const int file = OpenTemporary(pFile->path, &temporary);
+    const int file = OpenTemporary(pFile->path, old.exists ? kOwnersMode : kNewFileMode, &temporary);
     if (file < 0)
         return ReplacementT::kNotPossible;
     ReplacementT result = ReplacementT::kNotPossible;

@@ -73,8 +73,8 @@ eErrorT ConfigStoreChoiceRead(const char *name, Int32 instance, char *s, UInt32 
 // two values. (A power cut before the flush may still leave neither.) Owner, group and permissions stay.
 // The file is written in place where that cannot be: the process may not give the owner, the group or the permissions;
 // the folder does not let it make or rename a file; the path is a link, a device, or one of several names of a file;
-// the file has an access list, because a new one would have other rights; the disk is full, and the value fits where
-// the old file is.
+// the file has an access list, or the folder gives new files one: a new file would have other rights; the disk is
+// full, and the value fits where the old file is.
 // A file that may not be written is not replaced either. A temporary file that a killed process left is never read.
 // n is the lowest number that no writer uses. A writer removes a leftover file that has its number.
 // kNoError       written, or given to the message path. Without a path nothing is sent.

@@ -164,8 +164,9 @@ TCB *NewBlock()
     return tcb;
 }
 
-// A complete block in the list, or null. It is listed last, so that nobody finds half a task.
-TCB *NewTcb(const char *name, UInt32 priority)
+// A complete block in the list, or null. It is listed last, so that nobody finds half a task. thread: the one that the
+// task has already, so that nobody starts another one for it.
+TCB *NewTcb(const char *name, UInt32 priority, pthread_t thread)
 {
     TCB *tcb = NewBlock();
     if (tcb == nullptr)
@@ -173,6 +174,7 @@ TCB *NewTcb(const char *name, UInt32 priority)
     if (name != nullptr)
         std::memcpy(tcb->taskname, name, sizeof tcb->taskname);
     tcb->priority = priority;
+    tcb->thread = thread;
     AddTcb(tcb);
     return tcb;
 }
@@ -256,6 +258,14 @@ void *pthread_entry(void *task)
     return nullptr; // t_delete does not come back
 }
 
+void CheckPriority(const TCB *tcb)
+{
+    if (sched_policy == SCHED_OTHER || tcb->priority <= kMaxPriority)
+        return;
+    std::printf("tpri %d %s\n", static_cast<Int32>(tcb->priority), tcb->taskname);
+    os_assert(false, "((int) tcb->prv_pri.__sched_priority >= 0) && tcb->prv_pri.__sched_priority <= 99");
+}
+
 // Fills prv_pri and attr from the priority and the policy.
 void SetScheduling(TCB *tcb)
 {
@@ -264,14 +274,7 @@ void SetScheduling(TCB *tcb)
     pthread_attr_setschedpolicy(&tcb->attr, tcb->priority != 0 ? policy : SCHED_OTHER);
     pthread_attr_setinheritsched(&tcb->attr, PTHREAD_EXPLICIT_SCHED);
     pthread_attr_getschedparam(&tcb->attr, &tcb->prv_pri);
-    tcb->prv_pri.sched_priority = 0;
-    if (policy != SCHED_OTHER) {
-        tcb->prv_pri.sched_priority = static_cast<Int32>(tcb->priority);
-        if (tcb->priority > kMaxPriority)
-            std::printf("tpri %d %s\n", tcb->prv_pri.sched_priority, tcb->taskname);
-        os_assert(tcb->priority <= kMaxPriority,
-                  "((int) tcb->prv_pri.__sched_priority >= 0) && tcb->prv_pri.__sched_priority <= 99");
-    }
+    tcb->prv_pri.sched_priority = policy != SCHED_OTHER ? static_cast<Int32>(tcb->priority) : 0;
     pthread_attr_setschedparam(&tcb->attr, &tcb->prv_pri);
 }
 
@@ -287,12 +290,20 @@ bool IsStartable(const TCB *tcb)
     return IsStartableLocked(tcb);
 }
 
-// Returns an error number. The lock is held until the handle is stored: nobody takes the task for one never started.
-int StartThread(TCB *tcb)
+// Returns an error number. The lock is held until the handle is stored: nobody takes the task for one never started,
+// and of two starts at once the one that is refused changes nothing.
+int StartThread(TCB *tcb, UInt32 mode, TaskStartT start, const UInt32 *args)
 {
     const MutexHold hold(&tcblistmutex);
+    if (!IsStartableLocked(tcb))
+        return ESRCH;
+    tcb->mode = mode;
+    tcb->task_start = start;
+    SetScheduling(tcb);
+    static constexpr decltype(TCB::args) kZeros = {}; // a start that failed may have left others
+    std::memcpy(tcb->args, args != nullptr ? args : kZeros, sizeof tcb->args);
     pthread_t thread{};
-    const int error = IsStartableLocked(tcb) ? pthread_create(&thread, &tcb->attr, pthread_entry, tcb) : ESRCH;
+    const int error = pthread_create(&thread, &tcb->attr, pthread_entry, tcb);
     if (error == 0)
         tcb->thread = thread;
     return error;
@@ -560,7 +571,7 @@ TCB *FindTcbThread(pthread_t thread)
 
 UInt32 t_create(const char *name, UInt32 priority, UInt32, UInt32, UInt32, UInt32 *tid_out)
 {
-    TCB *tcb = NewTcb(name, priority);
+    TCB *tcb = NewTcb(name, priority, pthread_t{});
     if (tcb == nullptr)
         return kTaskNoMemory;
     if (tid_out != nullptr)
@@ -574,13 +585,9 @@ UInt32 t_start(UInt32 tid, UInt32 mode, TaskStartT start, const UInt32 *args)
     os_assert(tcb, "tcb");
     int error = ESRCH;
     if (IsStartable(tcb)) {
-        tcb->mode = mode;
-        tcb->task_start = start;
-        SetScheduling(tcb);
+        CheckPriority(tcb);
         os_assert(start, "start");
-        if (args != nullptr)
-            std::memcpy(tcb->args, args, sizeof tcb->args);
-        error = StartThread(tcb);
+        error = StartThread(tcb, mode, start, args);
     }
     if (error == 0)
         return 0;
@@ -663,7 +670,7 @@ UInt32 t_attach(const char *name, UInt32 priority)
         AttachAgain(name, priority);
         return 0;
     }
-    TCB *tcb = NewTcb(name, priority);
+    TCB *tcb = NewTcb(name, priority, pthread_self());
     if (tcb == nullptr)
         return kTaskNoMemory;
     tcb->prv_pri.sched_priority = static_cast<Int32>(priority);
