@@ -4,8 +4,8 @@
 // config_change.cpp  writing and deleting: cache, store, log and callbacks
 // config_dump.cpp    what is printed of the items, and which values are never shown
 // Owner:   each piece of state belongs to the file that defines it. An item belongs to the cache.
-// Locking: gChangeSemaphore is taken before configSemaphore. Each function below says what its caller holds. Nothing
-//          is logged, printed or called back with either.
+// Locking: gChangeSemaphore is taken before configSemaphore. A function that works on the cache takes configSemaphore
+//          itself, unless it says that its caller holds it. Nothing is logged, printed or called back with either.
 #pragma once
 
 #include "Common/framework/config.h"
@@ -58,8 +58,8 @@ ConfigItemT *FindItem(const KeyT &key, Int32 instance);
 // is short. The caller holds configSemaphore.
 ConfigItemT *PutItem(const KeyT &key, Int32 instance, const char *value);
 
-// The item, for its callbacks: added without a value if there is none. Null when memory is short.
-// The caller holds gChangeSemaphore.
+// The item, for its callbacks. It is added without a value if there is none. Returns null when memory is short. The
+// caller holds gChangeSemaphore, so that nobody deletes the item meanwhile.
 ConfigItemT *NeedItem(const KeyT &key, Int32 instance);
 
 // Takes the item's value out of the cache, and frees the item unless it has a list of callbacks. The caller holds
@@ -68,10 +68,11 @@ ConfigItemT *NeedItem(const KeyT &key, Int32 instance);
 // kItemNotFound  it had none, or is not there, or the semaphore is missing.
 eErrorT DropItem(const KeyT &key, Int32 instance);
 
-// Frees all items. No other task may use the database meanwhile.
+// Frees all items without a lock. No other task may use the database meanwhile.
 void FreeAllItems();
 
-void CopyValue(char (&to)[kConfigValueSize], const char *from); // what fits
+// Copies as much of a value as fits.
+void CopyValue(char (&to)[kConfigValueSize], const char *from);
 
 // When something was read.
 struct MomentT {
@@ -79,12 +80,13 @@ struct MomentT {
     bool isQuiet; // no change was under way
 };
 
-// Copies a cached value, and notes when. The value stays as it is when there is no item. Returns kNoError or
-// kSemUnavail.
+// Copies a cached value, and notes the moment. Without an item the caller's value stays as it is.
+// kNoError     done, also without an item.
+// kSemUnavail  the semaphore is missing. Nothing was stored.
 eErrorT ReadFromCache(const KeyT &key, Int32 instance, char (&value)[kConfigValueSize], MomentT *pMoment);
 
-// Caches what was read from the store since that moment, unless the store or the cache has changed since, or the cache
-// has what the store still lacks. Returns kNoError or kSemUnavail.
+// Caches what was read from the store after that moment. Leaves the cache as it is when the store or the cache has
+// changed since then, and when the cache has a value that the store still lacks. Returns kNoError or kSemUnavail.
 eErrorT CacheFromStore(const KeyT &key, Int32 instance, const char *value, const MomentT &since);
 
 // Logs that the semaphore is missing. message has a "%s" for the task's name.

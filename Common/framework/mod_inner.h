@@ -5,7 +5,8 @@
 // mod_dump.cpp       what is printed of the records
 // mod_log.cpp        log lines under a record's name
 // Owner:   each piece of state belongs to the file that defines it.
-// Locking: said with each function. callbackSemaphore is taken before a "#region" and before the interrupt lock.
+// Locking: callbackSemaphore is taken before the lock of a queue ("#region") and before the interrupt lock. A function
+//          takes what it needs, unless it says that its caller holds it.
 #pragma once
 
 #include "Common/framework/mod.h"
@@ -24,7 +25,7 @@ extern SlotT gMods[kMaxMods];
 // Creates what all records share, once in the process. Any task may call.
 void NeedModState();
 
-// Stop the program, the first when the record has no signature, the second also when it is null.
+// Stop the program when the record has no signature. CheckRecord also stops it when the record is null.
 void CheckSignature(const ModT *pMod);
 void CheckRecord(const ModT *pMod);
 
