@@ -145,7 +145,7 @@ ListT *ListDequeueUnprot(ListT **ppList)
 
 ListT *ListDequeue(ListT **ppList)
 {
-    InterruptsOffHold hold;
+    const InterruptsOffHold hold;
     return ListDequeueUnprot(ppList);
 }
 
@@ -170,7 +170,7 @@ ListT *ListExtractUnprot(ListT **ppList, ListT *pElem)
 
 ListT *ListExtract(ListT **ppList, ListT *pElem)
 {
-    InterruptsOffHold hold;
+    const InterruptsOffHold hold;
     return ListExtractUnprot(ppList, pElem);
 }
 
@@ -212,7 +212,7 @@ void ListExtractIfPresentUnprot(ListT **ppList, ListT *pElem)
 
 void ListExtractIfPresent(ListT **ppList, ListT *pElem)
 {
-    InterruptsOffHold hold;
+    const InterruptsOffHold hold;
     ListExtractIfPresentUnprot(ppList, pElem);
 }
 
@@ -251,7 +251,7 @@ Int32 ListLenUnprot(ListT **ppList)
 
 Int32 ListLen(ListT **ppList)
 {
-    InterruptsOffHold hold;
+    const InterruptsOffHold hold;
     return ListLenUnprot(ppList);
 }
 
@@ -263,7 +263,7 @@ Boolean ListIsEmptyUnprot(ListT **ppList)
 
 Boolean ListIsEmpty(ListT **ppList)
 {
-    InterruptsOffHold hold;
+    const InterruptsOffHold hold;
     return ListIsEmptyUnprot(ppList);
 }
 

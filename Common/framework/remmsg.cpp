@@ -38,10 +38,15 @@ void SendToOthers(const char *command, RemMsgRspT completion, void *context)
 
 } // namespace
 
+bool IsMasterProcessor()
+{
+    return GetProcessorNum() == kMasterProcessor;
+}
+
 Int32 RemMsgSendCmd(const char *command, RemMsgRspT completion, void *context)
 {
     os_assert(command, "command");
-    if (GetProcessorNum() != kMasterProcessor)
+    if (!IsMasterProcessor())
         return SendToMaster(command, completion, context);
     SendToOthers(command, completion, context);
     return 0;

@@ -14,6 +14,9 @@ constexpr UInt32 kMasterProcessor = 0;
 
 constexpr UInt32 kRemMsgPathOpen = 2; // stateFlags: the master has opened the path
 
+// Whether this is the master.
+bool IsMasterProcessor();
+
 struct RemMsgPathT;
 
 // Completion of a command: called once, on any task, with the answer of the processor that ran it.

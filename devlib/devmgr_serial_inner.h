@@ -1,0 +1,135 @@
+// What the files of the serial drivers share among each other; nobody else includes it.
+// devmgr_serial.cpp        the ports, their registration, and the entry points that both families share
+// devmgr_serial_async.cpp  the callbacks and the asynchronous task
+// devmgr_serial_cpu.cpp    the CPU family: its entry points and control requests
+// devmgr_serial_fpga.cpp   the FPGA family: the same
+// Owner:   the port records belong to devmgr_serial.cpp.
+// Locking: Callbacks and StoreCallbacks take the interrupt lock. The caller of these functions holds none.
+#pragma once
+
+#include "devlib/devmgr_serial.h"
+
+#include <cstddef>
+#include <cstring>
+#include <sys/types.h>
+#include <termios.h>
+
+// ---- What the bits of CtrlBitMask mean to each family. The first row whose bit is set counts, else the last one.
+
+struct DataBitsRow {
+    UInt32 bit;
+    tcflag_t lineFlags;
+    fpgaserial_databits_t fpgaCode;
+};
+constexpr DataBitsRow kDataBits[] = {
+    {kSerialDataBits5, CS5, FPGASERIAL_DATABITS_SIZE5},
+    {kSerialDataBits6, CS6, FPGASERIAL_DATABITS_SIZE6},
+    {kSerialDataBits7, CS7, FPGASERIAL_DATABITS_SIZE7},
+    {kSerialDataBits8, CS8, FPGASERIAL_DATABITS_SIZE8},
+};
+struct ParityRow {
+    UInt32 bit;
+    tcflag_t lineFlags;
+    fpgaserial_parity_t fpgaCode;
+};
+constexpr ParityRow kParities[] = {
+    {kSerialParityEven, PARENB, FPGASERIAL_EVEN_PARITY},
+    {kSerialParityOdd, PARENB | PARODD, FPGASERIAL_ODD_PARITY},
+    {0, 0, FPGASERIAL_PARITY_NONE},
+};
+struct StopBitsRow {
+    UInt32 bit;
+    tcflag_t lineFlags;
+    fpgaserial_stopbits_t fpgaCode;
+};
+constexpr StopBitsRow kStopBits[] = {
+    {kSerialTwoStopBits, CSTOPB, FPGASERIAL_STOPBITS_2},
+    {kSerialOneStopBit, 0, FPGASERIAL_STOPBITS_1},
+};
+
+template <class Row, std::size_t Count> constexpr const Row &SelectRow(const Row (&rows)[Count], UInt32 ctrlBitMask)
+{
+    for (const Row &row : rows)
+        if ((ctrlBitMask & row.bit) != 0)
+            return row;
+    return rows[Count - 1];
+}
+
+// ---- Both families (devmgr_serial.cpp)
+
+static_assert(offsetof(DevMgrSerial_CB_t, devCB) == 0);
+inline DevMgrSerial_CB_t *PortOf(DEVCB *pDev)
+{
+    return reinterpret_cast<DevMgrSerial_CB_t *>(pDev);
+}
+
+// Before the wait: what to wait for. After it: what the port is ready for.
+struct ReadinessT {
+    bool read;
+    bool write;
+};
+
+// Waits on one descriptor, at most pLimit, which gets the remaining time. Returns the result of select, and -1 for a
+// descriptor that no set can hold.
+int WaitForPort(Int32 fd, ReadinessT *pReadiness, timeval *pLimit);
+
+// A count of microseconds as select takes it.
+timeval Microseconds(UInt32 count);
+
+// Whether a request has a device and a buffer. If not, SERIAL_INVALID_PARAM is stored in pIORB->err.
+bool IsWhole(const DEVCB *pDev, IORB *pIORB);
+
+// The entry points that both families share. The results are those of the entry points, with two exceptions.
+// OpenPort  returns the descriptor, negative when the device file cannot be opened.
+// ReadPort  returns the result of the system call of a read without time-out, else 0.
+int OpenPort(DEVCB *pDev);
+UInt32 ClosePort(DEVCB *pDev);
+ssize_t ReadPort(const DEVCB *pDev, IORB *pIORB);
+void WritePort(DEVCB *pDev, IORB *pIORB);
+
+// ---- Callbacks and the asynchronous task (devmgr_serial_async.cpp)
+
+// Copies and replaces the port's callbacks.
+DevmgrSerial_CBInfo_t Callbacks(const DevMgrSerial_CB_t *pPort);
+void StoreCallbacks(DevMgrSerial_CB_t *pPort, const DevmgrSerial_CBInfo_t &cbInfo);
+
+// Control code 2 of both families. Returns the driver's error.
+UInt32 SetCallbacks(DevMgrSerial_CB_t *pPort, const DevmgrSerial_CBInfo_t *pCBInfo);
+
+// The end of control code 3 of both families: wanted says whether an enabled port needs the task. Returns the driver's
+// error.
+UInt32 StartOrStopAsyncThread(DevMgrSerial_CB_t *pPort, bool wanted);
+
+// Switches sending as portStatus says, if it does. Sending is gated in software only.
+void SwitchTransmitter(DevMgrSerial_CB_t *pPort, UInt32 portStatus);
+
+// ---- Control requests
+
+// The control record that a request's buffer holds; it need not be aligned as the record would be.
+template <class Record> Record ControlRecord(const IORB *pIORB)
+{
+    Record record;
+    // NOLINTNEXTLINE(bugprone-sizeof-expression): the record of the callbacks request is a pointer
+    std::memcpy(&record, pIORB->pBuffer, sizeof record);
+    return record;
+}
+
+// Answers a control request that is whole. configure gets the settings, enable the port's new status. Both return the
+// driver's error.
+template <class Configure, class Enable>
+void ServeControl(DevMgrSerial_CB_t *pPort, IORB *pIORB, Configure configure, Enable enable)
+{
+    switch (pIORB->ctlCode) {
+    case kSerialConfigure:
+        pIORB->err = configure(ControlRecord<DevmgrSerial_Config_t>(pIORB));
+        break;
+    case kSerialSetCallbacks:
+        pIORB->err = SetCallbacks(pPort, ControlRecord<const DevmgrSerial_CBInfo_t *>(pIORB));
+        break;
+    case kSerialEnable:
+        pIORB->err = enable(ControlRecord<UInt32>(pIORB));
+        break;
+    default:
+        pIORB->err = SERIAL_UNKNOWN_IOCTL;
+    }
+}
