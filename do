@@ -7,7 +7,7 @@ readonly build_packages="g++ cmake ninja-build"
 readonly test_packages="$build_packages libgtest-dev"
 readonly bench_packages="$build_packages libbenchmark-dev valgrind strace python3 binutils"
 readonly coverage_packages="$test_packages gcovr python3"
-readonly lint_packages="$test_packages libbenchmark-dev clang clang-tidy clang-format cppcheck mandoc"
+readonly lint_packages="$test_packages libbenchmark-dev clang clang-tidy clang-format cppcheck mandoc python3"
 readonly cross_packages="$test_packages g++-powerpc-linux-gnu googletest python3"
 readonly board_packages="$cross_packages linux-source-6.1 qemu-system-ppc make flex bison bc xz-utils dpkg-dev"
 readonly footprint_packages="$board_packages qemu-user-static"
@@ -34,7 +34,8 @@ usage: ./do COMMAND
   faults [quick]   every fault at every step of an update, failing allocations and a stress of the tasks; quick:
                    a fixed part of it
   bench            speed and size, with the bars they have to meet
-  lint             both compilers without a warning, clang-format, clang-tidy, cppcheck, manual page
+  lint             who includes whom, both compilers without a warning, clang-format, clang-tidy, cppcheck,
+                   manual page
   format           format the sources
   clean            remove build/
 EOF
@@ -166,6 +167,7 @@ sources() {
 
 lint() {
     need $lint_packages
+    layers/check
     build default # warnings are errors
     cmake --preset clang >/dev/null
     sources | xargs clang-format --dry-run -Werror

@@ -60,15 +60,15 @@ Int32 LogFile = -1;
 Int32 connected;
 char syslogHostname[256];
 
-struct CodeT {
+struct CodeRow {
     const char *c_name;
     Int32 c_val;
 };
-[[maybe_unused]] constexpr CodeT prioritynames[] = {
+[[maybe_unused]] constexpr CodeRow prioritynames[] = {
     {"alert", 1}, {"crit", 2},   {"debug", 7},   {"emerg", 0},  {"err", 3},
     {"info", 6},  {"notice", 5}, {"warning", 4}, {nullptr, -1},
 };
-[[maybe_unused]] constexpr CodeT facilitynames[] = {
+[[maybe_unused]] constexpr CodeRow facilitynames[] = {
     {"auth", 4 << 3},     {"authpriv", 10 << 3}, {"cron", 9 << 3},    {"daemon", 3 << 3},  {"ftp", 11 << 3},
     {"kern", 0 << 3},     {"lpr", 6 << 3},       {"mail", 2 << 3},    {"mark", 24 << 3},   {"news", 7 << 3},
     {"security", 4 << 3}, {"syslog", 5 << 3},    {"user", 1 << 3},    {"uucp", 8 << 3},    {"local0", 16 << 3},
@@ -193,7 +193,7 @@ void PrintLine(const char *line)
     std::printf("%s%.6s%.7s%s", stamp, level, tag, text);
     if (logmsg_get_syslog_echo() != 0) {
         constexpr Int32 kUucp = 64; // deliberate: the host's log is routed by this facility
-        host_syslog(mapLogLevel(line[0]) | kUucp, tag);
+        HostSyslog(mapLogLevel(line[0]) | kUucp, tag);
     }
 }
 

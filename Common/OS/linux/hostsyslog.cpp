@@ -2,7 +2,7 @@
 
 #include <syslog.h>
 
-void host_syslog(Int32 priority, const char *text)
+void HostSyslog(Int32 priority, const char *text)
 {
     syslog(priority, "%s", text);
 }

@@ -5,4 +5,4 @@
 #include "Common/types.h"
 
 // Logs text as it is; priority combines level and facility as the system numbers them.
-void host_syslog(Int32 priority, const char *text);
+void HostSyslog(Int32 priority, const char *text);

@@ -46,16 +46,16 @@ constexpr UInt32 kLargestClass = 20;
 constexpr UInt32 kHeaderSize = 16;
 
 // In front of every block; next only while the block is free.
-struct BlockHeader {
+struct BlockHeaderT {
     UInt32 sizeClass;
-    BlockHeader *next;
+    BlockHeaderT *next;
 };
-static_assert(sizeof(BlockHeader) <= kHeaderSize && alignof(std::max_align_t) <= kHeaderSize);
+static_assert(sizeof(BlockHeaderT) <= kHeaderSize && alignof(std::max_align_t) <= kHeaderSize);
 
 pthread_mutex_t regionMutex = PTHREAD_MUTEX_INITIALIZER;
 char *regionNext; // first byte never handed out; null before the first use
 char *regionEnd;
-BlockHeader *freeBlocks[kLargestClass + 1];
+BlockHeaderT *freeBlocks[kLargestClass + 1];
 
 char *MapAt(std::uintptr_t hint)
 {
@@ -85,9 +85,9 @@ void ReserveRegion()
 #endif
 }
 
-BlockHeader *TakeBlock(UInt32 sizeClass)
+BlockHeaderT *TakeBlock(UInt32 sizeClass)
 {
-    if (BlockHeader *block = freeBlocks[sizeClass]; block != nullptr) {
+    if (BlockHeaderT *block = freeBlocks[sizeClass]; block != nullptr) {
         freeBlocks[sizeClass] = block->next;
         return block;
     }
@@ -96,7 +96,7 @@ BlockHeader *TakeBlock(UInt32 sizeClass)
     const auto size = std::ptrdiff_t{1} << sizeClass;
     if (regionEnd - regionNext < size)
         return nullptr;
-    auto *block = reinterpret_cast<BlockHeader *>(regionNext);
+    auto *block = reinterpret_cast<BlockHeaderT *>(regionNext);
     regionNext += size;
     block->sizeClass = sizeClass;
     return block;
@@ -112,7 +112,7 @@ void *low_calloc(UInt32 size)
     if (sizeClass > kLargestClass)
         return nullptr;
     MutexHold hold(&regionMutex);
-    BlockHeader *block = TakeBlock(sizeClass);
+    BlockHeaderT *block = TakeBlock(sizeClass);
     if (block == nullptr)
         return nullptr;
     return std::memset(reinterpret_cast<char *>(block) + kHeaderSize, 0, size);
@@ -122,7 +122,7 @@ void low_free(void *block)
 {
     if (block == nullptr)
         return;
-    auto *header = reinterpret_cast<BlockHeader *>(static_cast<char *>(block) - kHeaderSize);
+    auto *header = reinterpret_cast<BlockHeaderT *>(static_cast<char *>(block) - kHeaderSize);
     MutexHold hold(&regionMutex);
     header->next = freeBlocks[header->sizeClass];
     freeBlocks[header->sizeClass] = header;

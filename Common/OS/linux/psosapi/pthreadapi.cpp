@@ -1,183 +1,24 @@
 #include "Common/OS/linux/psosapi/pthreadapi.h"
 
 #include "Common/OS/linux/mutexhold.h"
-#include "Common/OS/linux/oslinux.h"
+#include "Common/OS/linux/psosapi/pthreadapi_inner.h"
 #include "Common/OS/linux/psosapi/ptimer.h"
 #include "Common/OS/logmsg.h"
 #include "Common/OS/osassert.h"
 
-#include <algorithm>
 #include <cerrno>
-#include <cstddef>
 #include <cstdio>
 #include <cstring>
-#include <new>
 #include <unistd.h>
 
-TCB *tcblist;
-tBTreeHandle gTCBTree;
-pthread_mutex_t tcblistmutex = PTHREAD_MUTEX_INITIALIZER;
-Int32 gLibPThreadNPTL;
 std::atomic<Int32> sched_policy; // SCHED_OTHER
 
 namespace
 {
 
-constexpr UInt32 kMaxTasksDumped = 200;
 constexpr Int32 kMaxPriority = 99;
 
-constinit RetiredRecords<TCB> retiredTasks;
-pthread_cond_t taskGone = PTHREAD_COND_INITIALIZER;
-std::atomic<UInt32> treeGeneration = 1; // one more with every rebuilding of the tree
-thread_local TCB *ownTask;              // from the thread's becoming a task to its very end
-
-// Key of a thread in the tree. On a 64-bit host the handles of two live threads are at least a page
-// apart, and bits 12 to 43 tell them apart.
-UInt32 ThreadKey(pthread_t thread)
-{
-    constexpr int kShift = sizeof(pthread_t) > sizeof(UInt32) ? 12 : 0;
-    return static_cast<UInt32>(thread >> kShift);
-}
-
-// The calling task as the tree knows it, or null. A thread's place in the tree is lost only when the tree is rebuilt,
-// so each thread remembers that it was found until then.
-TCB *FindCaller()
-{
-    thread_local UInt32 foundIn = 0;
-    const UInt32 generation = treeGeneration;
-    if (ownTask != nullptr && foundIn != generation) {
-        if (FindTcbThread(pthread_self()) != ownTask)
-            return nullptr;
-        foundIn = generation;
-    }
-    return ownTask;
-}
-
-TCB *ResolveTask(UInt32 tid)
-{
-    return tid != 0 ? low_pointer<TCB>(tid) : FindCaller();
-}
-
-// ---- The list and the tree. Names ending in Locked: the caller holds tcblistmutex.
-
-// The list is in creation order, which is the order of the serial numbers.
-void AddTcb(TCB *tcb)
-{
-    static UInt32 tasksCreated;
-    const MutexHold hold(&tcblistmutex);
-    tcb->serial = ++tasksCreated;
-    TCB **link = &tcblist;
-    while (*link != nullptr)
-        link = &(*link)->next;
-    *link = tcb;
-}
-
-void TreeStubLocked()
-{
-    if (gTCBTree == 0)
-        gTCBTree = CreateTree();
-}
-
-// Only tasks with a kernel thread id come back. Where threads have none of their own (see
-// gLibPThreadNPTL) the tree is empty afterwards, on purpose.
-void RebuildTreeLocked()
-{
-    if (gTCBTree == 0)
-        return;
-    treeGeneration++;
-    DestroyTree(gTCBTree);
-    for (TCB *tcb = tcblist; tcb != nullptr; tcb = tcb->next) {
-        const pthread_t thread = tcb->thread; // which may end at this moment
-        if (tcb->tid != 0 && thread != pthread_t{})
-            InsertItem(gTCBTree, ThreadKey(thread), tcb);
-    }
-}
-
-// Replaces what an ended thread with the same handle has left.
-void SetTreeEntryLocked(pthread_t thread, TCB *tcb)
-{
-    if (ReplaceItem(gTCBTree, ThreadKey(thread), tcb) != kNoError)
-        os_assert(InsertItem(gTCBTree, ThreadKey(thread), tcb) == 0,
-                  "InsertItem(gTCBTree, tcb->thread, (void *) tcb) == 0");
-}
-
-// The caller of these two holds tcblistmutex as well.
-void RemoveTcb(const TCB *tcb)
-{
-    TCB **link = &tcblist;
-    while (*link != tcb)
-        link = &(*link)->next;
-    *link = tcb->next;
-}
-
-// The block stays what it was: somebody may be about to post an event to it.
-void t_free_tcb(TCB *tcb)
-{
-    RemoveTcb(tcb);
-    retiredTasks.Add(tcb);
-    pthread_cond_broadcast(&taskGone);
-}
-
-TCB *FindListedLocked(const TCB *wanted)
-{
-    TCB *tcb = tcblist;
-    while (tcb != nullptr && tcb != wanted)
-        tcb = tcb->next;
-    return tcb;
-}
-
-// The first task in the list with at least that serial number, or null.
-TCB *FindFromLocked(UInt32 serial)
-{
-    TCB *tcb = tcblist;
-    while (tcb != nullptr && tcb->serial < serial)
-        tcb = tcb->next;
-    return tcb;
-}
-
-TCB *FindSerialLocked(UInt32 serial)
-{
-    TCB *tcb = FindFromLocked(serial);
-    return tcb != nullptr && tcb->serial == serial ? tcb : nullptr;
-}
-
-// ---- Creation
-
-// A zeroed block with its lock, or null. The lock of a block that was used before has stayed.
-TCB *NewBlock()
-{
-    if (TCB *tcb = retiredTasks.Take(); tcb != nullptr) {
-        auto *bytes = reinterpret_cast<char *>(tcb);
-        std::fill(bytes, bytes + offsetof(TCB, event_mutex), '\0');
-        std::fill(bytes + offsetof(TCB, taskWaiting), bytes + sizeof(TCB), '\0');
-        return tcb;
-    }
-    void *block = low_calloc(sizeof(TCB));
-    if (block == nullptr)
-        return nullptr;
-    TCB *tcb = new (block) TCB{};
-    if (InitPriorityMutex(&tcb->event_mutex) != 0) {
-        low_free(block);
-        return nullptr;
-    }
-    pthread_cond_init(&tcb->event_cond, nullptr);
-    return tcb;
-}
-
-// A complete block in the list, or null. It is listed last, so that nobody finds half a task. thread: the one that the
-// task has already, so that nobody starts another one for it.
-TCB *NewTcb(const char *name, UInt32 priority, pthread_t thread)
-{
-    TCB *tcb = NewBlock();
-    if (tcb == nullptr)
-        return nullptr;
-    if (name != nullptr)
-        std::memcpy(tcb->taskname, name, sizeof tcb->taskname);
-    tcb->priority = priority;
-    tcb->thread = thread;
-    AddTcb(tcb);
-    return tcb;
-}
+// ---- The thread of a task
 
 // The very end of a task's thread: nothing that the task calls is left to run, and its handle is not used again yet.
 void LeaveTask(void *task)
@@ -352,11 +193,6 @@ DeletionT ClaimTask(const TCB *target)
     return deletion;
 }
 
-const char *NameOrUnknown(const TCB *tcb)
-{
-    return tcb != nullptr ? tcb->taskname : "????";
-}
-
 [[noreturn]] void EndThread(bool claimed)
 {
     if (claimed) // otherwise somebody else is deleting the task, and joins it
@@ -398,150 +234,9 @@ void FinishDeletion(const DeletionT &deletion)
         t_free_tcb(deletion.tcb);
         RebuildTreeLocked();
     }
-    while (FindSerialLocked(deletion.serial) != nullptr)
-        pthread_cond_wait(&taskGone, &tcblistmutex);
+    AwaitGoneLocked(deletion.serial);
     if (ownTask != nullptr)
         ownTask->waitsFor = 0;
-}
-
-// ---- Events
-
-void LockEvents(TCB *tcb)
-{
-    os_assert(pthread_mutex_lock(&tcb->event_mutex) == 0, "pthread_mutex_lock(&tcb->event_mutex) == 0");
-}
-
-void UnlockEvents(TCB *tcb)
-{
-    os_assert(pthread_mutex_unlock(&tcb->event_mutex) == 0, "pthread_mutex_unlock(&tcb->event_mutex) == 0");
-}
-
-void SignalEvents(TCB *tcb)
-{
-    os_assert(pthread_cond_signal(&tcb->event_cond) == 0, "pthread_cond_signal(&tcb->event_cond) == 0");
-}
-
-// The timer list's lock is never taken under an event mutex: the timer task takes the two the other
-// way round.
-void StartTimeout(TCB *tcb, UInt32 timeout)
-{
-    UnlockEvents(tcb);
-    tm_callback_after(timeout, &tcb->tmid, ev_receive_timeout, tcb);
-    LockEvents(tcb);
-}
-
-// The timer may expire at this very moment, and its block belong to somebody else the next.
-void CancelTimeout(TCB *tcb)
-{
-    const UInt32 tmid = tcb->tmid;
-    tcb->tmid = 0;
-    UnlockEvents(tcb);
-    if (tmid != 0)
-        tm_cancel_callback(tmid, ev_receive_timeout, tcb);
-    LockEvents(tcb);
-}
-
-// When the waiting task is deleted, its event mutex must not stay locked and its timer must not
-// outlive the task.
-class WaitEnd
-{
-public:
-    explicit WaitEnd(TCB *tcb) : tcb_(tcb) {}
-    ~WaitEnd()
-    {
-        if (tcb_ == nullptr)
-            return;
-        CancelTimeout(tcb_);
-        UnlockEvents(tcb_);
-    }
-    WaitEnd(const WaitEnd &) = delete;
-    WaitEnd &operator=(const WaitEnd &) = delete;
-    void Done() { tcb_ = nullptr; }
-
-private:
-    TCB *tcb_;
-};
-
-void SleepOnEvents(TCB *tcb)
-{
-    WaitEnd end(tcb);
-    os_assert(pthread_cond_wait(&tcb->event_cond, &tcb->event_mutex) == 0,
-              "pthread_cond_wait(&tcb->event_cond, &tcb->event_mutex) == 0");
-    end.Done();
-}
-
-// Under the event mutex: takes the matching events. 0: there are none.
-UInt32 TakeEvents(TCB *tcb, UInt32 events, UInt32 flags, UInt32 *events_out)
-{
-    const UInt32 matched = events_matched(tcb->events_captured, events, flags);
-    if (matched != 0) {
-        *events_out = matched;
-        tcb->events_captured.fetch_and(~matched);
-    }
-    return matched;
-}
-
-// Under the event mutex, which is released while the timer is started, cancelled, and in the sleep.
-UInt32 WaitForEvents(TCB *tcb, UInt32 events, UInt32 flags, UInt32 timeout, UInt32 *events_out)
-{
-    tcb->timedout = 0;
-    tcb->timedwait = 1;
-    tcb->taskWaiting = 1;
-    if (timeout != 0)
-        StartTimeout(tcb, timeout);
-    while (events_matched(tcb->events_captured, events, flags) == 0 && (timeout == 0 || tcb->timedout == 0))
-        SleepOnEvents(tcb);
-    tcb->timedwait = 0;
-    // Events that came together with the time-out count.
-    const UInt32 matched = TakeEvents(tcb, events, flags, events_out);
-    if (timeout != 0)
-        CancelTimeout(tcb);
-    return matched != 0 ? 0 : kEvTimedOut;
-}
-
-// ---- Reports
-
-// Processor time in clock ticks, from a stat file of /proc; zeros when it cannot be read.
-void ReadProcessorTime(Int32 kernelId, Int32 *user, Int32 *system)
-{
-    const CancelOffHold hold;
-    char path[64];
-    char text[1024];
-    std::snprintf(path, sizeof path, gLibPThreadNPTL == 1 ? "/proc/self/task/%d/stat" : "/proc/%d/stat", kernelId);
-    *user = *system = 0;
-    std::FILE *file = std::fopen(path, "r");
-    if (file == nullptr)
-        return;
-    text[std::fread(text, 1, sizeof text - 1, file)] = '\0';
-    std::fclose(file);
-    // Fields 14 and 15. Field 2 is a name in parentheses that may hold anything, so that only the last one counts.
-    const char *end = std::strrchr(text, ')');
-    if (end == nullptr || std::sscanf(end, ") %*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %d %d", user, system) != 2)
-        *user = *system = 0;
-}
-
-Int32 KernelId(const TCB *tcb)
-{
-    return gLibPThreadNPTL == 1 ? tcb->tid : tcb->pid;
-}
-
-// What the usage report knows of a task.
-struct UsageT {
-    UInt32 serial, id, priority;
-    char name[4];
-    Int32 kernelId, user, system;
-};
-
-// Goes on to the next task; false when there is none. No lock is held between two tasks.
-bool NextUsage(UsageT *usage)
-{
-    const MutexHold hold(&tcblistmutex);
-    const TCB *tcb = FindFromLocked(usage->serial + 1);
-    if (tcb == nullptr)
-        return false;
-    *usage = {tcb->serial, low_id(tcb), tcb->priority, {}, KernelId(tcb), tcb->usrtime, tcb->systime};
-    std::memcpy(usage->name, tcb->taskname, sizeof usage->name);
-    return true;
 }
 
 } // namespace
@@ -554,19 +249,6 @@ void set_sched_policy(Int32 policy)
 Int32 get_sched_policy()
 {
     return sched_policy;
-}
-
-void TreeStub()
-{
-    const MutexHold hold(&tcblistmutex);
-    TreeStubLocked();
-}
-
-TCB *FindTcbThread(pthread_t thread)
-{
-    const MutexHold hold(&tcblistmutex);
-    auto *tcb = gTCBTree != 0 ? static_cast<TCB *>(SearchTree(gTCBTree, ThreadKey(thread))) : nullptr;
-    return tcb != nullptr && tcb->thread == thread ? tcb : nullptr; // an ended task's entry may still be there
 }
 
 UInt32 t_create(const char *name, UInt32 priority, UInt32, UInt32, UInt32, UInt32 *tid_out)
@@ -610,37 +292,6 @@ UInt32 t_delete(UInt32 tid)
         EndTask(deletion);
     FinishDeletion(deletion);
     return 0;
-}
-
-UInt32 t_ident(const char *name, UInt32, UInt32 *tid_out)
-{
-    os_assert(tid_out, "tid_out");
-    const TCB *found = nullptr;
-    if (name == nullptr) {
-        found = FindCaller();
-    } else {
-        const MutexHold hold(&tcblistmutex);
-        for (found = tcblist; found != nullptr; found = found->next)
-            if (std::memcmp(found->taskname, name, sizeof found->taskname) == 0)
-                break;
-    }
-    *tid_out = low_id(found);
-    return found != nullptr ? 0 : kTaskNotFound;
-}
-
-UInt32 t_name(UInt32 tid)
-{
-    return low_id(ResolveTask(tid));
-}
-
-UInt32 t_copy_name(UInt32 tid, char *name_out)
-{
-    os_assert(name_out, "name_out");
-    const TCB *wanted = ResolveTask(tid);
-    const MutexHold hold(&tcblistmutex);
-    const TCB *tcb = FindListedLocked(wanted);
-    std::memcpy(name_out, NameOrUnknown(tcb), kTaskNameSize);
-    return tcb != nullptr ? 0 : kTaskNotFound;
 }
 
 UInt32 t_setpri(UInt32 tid, UInt32 newpri, UInt32 *previous_out)
@@ -695,136 +346,4 @@ UInt32 t_getRefCon(UInt32 tid, UInt32 *refcon_out)
         return kTaskNotFound;
     *refcon_out = tcb->refcon;
     return 0;
-}
-
-UInt32 t_name_from_pid(Int32 pid, char *name_out)
-{
-    return t_name_and_pri_from_pid(pid, name_out, nullptr);
-}
-
-UInt32 t_name_and_pri_from_pid(Int32 pid, char *name_out, UInt32 *priority_out)
-{
-    os_assert(name_out, "name_out");
-    const MutexHold hold(&tcblistmutex);
-    for (const TCB *tcb = tcblist; tcb != nullptr; tcb = tcb->next) {
-        if (tcb->pid != pid)
-            continue;
-        std::memcpy(name_out, tcb->taskname, sizeof tcb->taskname);
-        name_out[sizeof tcb->taskname] = '\0';
-        if (priority_out != nullptr)
-            *priority_out = tcb->priority;
-        return 0;
-    }
-    return kTaskNotFound;
-}
-
-UInt32 events_matched(UInt32 captured, UInt32 wanted, UInt32 flags)
-{
-    if ((flags & kEvAny) != 0)
-        return captured & wanted;
-    return (captured & wanted) == wanted ? wanted : 0;
-}
-
-UInt32 ev_send(UInt32 tid, UInt32 events)
-{
-    TCB *tcb = ResolveTask(tid);
-    if (tcb == nullptr)
-        return 0;
-    tcb->events_captured.fetch_or(events);
-    // A sender posts before it looks whether the task waits, and a task says that it waits before it looks for events.
-    // All four are sequentially consistent, so that at least one of the two sees the other.
-    if (tcb->timedwait == 0)
-        return 0;
-    pthread_mutex_lock(&tcb->event_mutex);
-    const bool waiting = tcb->taskWaiting != 0;
-    UnlockEvents(tcb);
-    if (waiting)
-        SignalEvents(tcb);
-    return 0;
-}
-
-UInt32 ev_send_listed(UInt32 tid, UInt32 events)
-{
-    {
-        const MutexHold hold(&tcblistmutex);
-        if (FindListedLocked(low_pointer<TCB>(tid)) == nullptr)
-            return kTaskNotFound;
-    }
-    return ev_send(tid, events);
-}
-
-UInt32 ev_receive(UInt32 events, UInt32 flags, UInt32 timeout, UInt32 *events_out)
-{
-    TCB *tcb = FindCaller();
-    if (tcb == nullptr)
-        return kNoCallerTask;
-    os_assert(events_out, "events_out");
-    UInt32 result = 0;
-    LockEvents(tcb);
-    if (events == 0)
-        *events_out = tcb->events_captured;
-    else if ((flags & kEvNoWait) != 0)
-        result = TakeEvents(tcb, events, flags, events_out) != 0 ? 0 : kEvNotPending;
-    else
-        result = WaitForEvents(tcb, events, flags, timeout, events_out);
-    UnlockEvents(tcb);
-    return result;
-}
-
-int ev_receive_timeout(void *task)
-{
-    TCB *tcb = static_cast<TCB *>(task);
-    os_assert(tcb, "pTask");
-    LockEvents(tcb);
-    const bool expired = tcb->timedwait != 0;
-    const bool waiting = tcb->taskWaiting != 0;
-    if (expired)
-        tcb->timedout = 1;
-    UnlockEvents(tcb);
-    if (expired && waiting)
-        SignalEvents(tcb);
-    else if (expired)
-        std::printf("ev timed out without task waiting %4.4s\n", task_name(t_name(low_id(tcb))));
-    return 0;
-}
-
-void osTaskDump()
-{
-    struct RowT {
-        UInt32 id;
-        char name[5];
-        UInt32 priority;
-        Int32 kernelId;
-    } rows[kMaxTasksDumped];
-    UInt32 count = 0;
-    {
-        const MutexHold hold(&tcblistmutex);
-        for (const TCB *tcb = tcblist; tcb != nullptr && count < kMaxTasksDumped; tcb = tcb->next, count++) {
-            rows[count] = {low_id(tcb), {}, tcb->priority, KernelId(tcb)};
-            std::memcpy(rows[count].name, tcb->taskname, sizeof tcb->taskname);
-        }
-    }
-    std::printf("T[%d] Task:  ID    Name  Priority PID\n", static_cast<Int32>(GetProcessorNum()));
-    for (UInt32 i = 0; i < count; i++)
-        std::printf("T[%d]    %08x  %4s    %3d    %3d\n", static_cast<Int32>(GetProcessorNum()), rows[i].id,
-                    rows[i].name, static_cast<Int32>(rows[i].priority), rows[i].kernelId);
-}
-
-void osTaskUsage()
-{
-    std::puts("TaskID     Name  Pri Usage");
-    std::puts("--------------------------");
-    UsageT usage = {};
-    while (NextUsage(&usage)) {
-        Int32 user = 0;
-        Int32 system = 0;
-        ReadProcessorTime(usage.kernelId, &user, &system);
-        std::printf("%08x   %4.4s  %3u %5d\n", usage.id, usage.name, usage.priority,
-                    user - usage.user + system - usage.system);
-        const MutexHold hold(&tcblistmutex);
-        if (TCB *tcb = FindSerialLocked(usage.serial); tcb != nullptr) {
-            tcb->usrtime = user;
-            tcb->systime = system;
-        }
-    }
 }
