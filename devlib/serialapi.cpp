@@ -80,7 +80,8 @@ private:
     {
         const SemaphoreHold hold(portdevids_lock);
         if (hold.result() != 0) {
-            ReportFailure("Open", port, "Mutex Lock failed....", hold.result());
+            std::printf("SERIALAPI: In Open, Port: %d Mutex Lock failed...., err: %d\n", port,
+                        PrintedError(hold.result()));
             return kSemUnavail;
         }
         if (port_devids[port] != kClosed)
@@ -110,7 +111,7 @@ bool OpenDevice(int port)
             return true;
         }
     }
-    std::printf("SERIALAPI: In OPEN, Port: %d Device Manager open returned err: %d\n", port, static_cast<int>(err));
+    std::printf("SERIALAPI: In OPEN, Port: %d Device Manager open returned err: %d\n", port, PrintedError(err));
     std::printf("SERIALAPI: GIVE UP in Serial_Open() ... at Iteration:%d ...\n", kOpenAttempts);
     return false;
 }
@@ -121,7 +122,7 @@ UInt32 SetUpDevice(int port, DevmgrSerial_Config_t config, DevmgrSerial_CBInfo_t
     const UInt32 devid = port_devids[port];
     UInt32 err = Control(devid, kSerialConfigure, &config);
     if (err != 0) {
-        ReportFailure("OPEN", port, "Device Manager config failed", err);
+        std::printf("SERIALAPI: In OPEN, Port: %d Device Manager config failed, err: %d\n", port, PrintedError(err));
         return err;
     }
     if (callbacks.txCBFunc == nullptr && callbacks.rxCBFunc == nullptr)
@@ -129,7 +130,8 @@ UInt32 SetUpDevice(int port, DevmgrSerial_Config_t config, DevmgrSerial_CBInfo_t
     DevmgrSerial_CBInfo_t *pCallbacks = &callbacks;
     err = Control(devid, kSerialSetCallbacks, &pCallbacks);
     if (err != 0)
-        ReportFailure("OPEN", port, "Device Manager set callback failed", err);
+        std::printf("SERIALAPI: In OPEN, Port: %d Device Manager set callback failed, err: %d\n", port,
+                    PrintedError(err));
     return err;
 }
 
@@ -143,16 +145,11 @@ bool IsPort(int port)
     return true;
 }
 
-void ReportFailure(const char *request, int port, const char *what, UInt32 err)
-{
-    std::printf("SERIALAPI: In %s, Port: %d %s, err: %d\n", request, port, what, static_cast<int>(err));
-}
-
 void Serial_Init()
 {
     const UInt32 err = sm_create("SERI", 1, 0, &portdevids_lock);
     if (err != 0)
-        std::printf("SERIALAPI: In INIT, sm_create() err: %d\n", static_cast<int>(err));
+        std::printf("SERIALAPI: In INIT, sm_create() err: %d\n", PrintedError(err));
     for (std::atomic<UInt32> &devid : port_devids)
         devid = kClosed;
     if (GetSystemHardwareType() == kKora)
@@ -193,7 +190,7 @@ eErrorT Serial_Close(int port)
         return kBadState;
     const SemaphoreHold hold(portdevids_lock);
     if (hold.result() != 0) {
-        ReportFailure("CLOSE", port, "Mutex lock failed", hold.result());
+        std::printf("SERIALAPI: In CLOSE, Port: %d Mutex lock failed, err: %d\n", port, PrintedError(hold.result()));
         return kSemUnavail;
     }
     const UInt32 devid = port_devids[port];

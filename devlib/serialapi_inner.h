@@ -29,8 +29,11 @@ extern std::atomic<UInt32> Serialport_Modes[kNumSerialPorts];
 // False above the last port. A negative number is a programming error and stops the program.
 bool IsPort(int port);
 
-// Prints "SERIALAPI: In <request>, Port: <port> <what>, err: <err>".
-void ReportFailure(const char *request, int port, const char *what, UInt32 err);
+// Errors are printed as signed numbers.
+inline int PrintedError(UInt32 err)
+{
+    return static_cast<int>(err);
+}
 
 // Sends a control request; record is what the control code takes. Returns the driver's error.
 template <class Record> UInt32 Control(UInt32 devid, UInt32 ctlCode, Record *pRecord)

@@ -43,11 +43,19 @@ Int32 StartPshSession(int port, const RS232Cfg &cfg)
 }
 
 // What the script's result means. A failure is printed, so the lock is given back first.
-eErrorT ScriptResult(const char *request, int port, Int32 err)
+eErrorT OpenResult(int port, Int32 err)
 {
     if (err == 0)
         return kNoError;
-    ReportFailure(request, port, "System call failed", static_cast<UInt32>(err));
+    std::printf("SERIALAPI: In PSH OPEN, Port: %d System call failed, err: %d\n", port, err);
+    return kSystemCallFailed;
+}
+
+eErrorT CloseResult(int port, Int32 err)
+{
+    if (err == 0)
+        return kNoError;
+    std::printf("SERIALAPI: In PSH CLOSE, Port: %d System call failed, err: %d\n", port, err);
     return kSystemCallFailed;
 }
 
@@ -64,7 +72,8 @@ eErrorT Serial_Open_PSH(int port, const RS232Cfg *serialCfg)
     {
         const SemaphoreHold hold(portdevids_lock);
         if (hold.result() != 0) {
-            ReportFailure("PSH OPEN", port, "Mutex lock failed", hold.result());
+            std::printf("SERIALAPI: In PSH OPEN, Port: %d Mutex lock failed, err: %d\n", port,
+                        PrintedError(hold.result()));
             return kSemUnavail;
         }
         if (port_devids[port] != kClosed)
@@ -72,8 +81,8 @@ eErrorT Serial_Open_PSH(int port, const RS232Cfg *serialCfg)
         closeErr = StopPshSession(port);
         openErr = StartPshSession(port, *serialCfg);
     }
-    ScriptResult("PSH CLOSE", port, closeErr); // of an earlier run's session, maybe: it does not matter
-    return ScriptResult("PSH OPEN", port, openErr);
+    CloseResult(port, closeErr); // of an earlier run's session, maybe: it does not matter
+    return OpenResult(port, openErr);
 }
 
 eErrorT Serial_Close_PSH(int port)
@@ -88,15 +97,16 @@ eErrorT Serial_Stop_PSHSession(int port, int port_locked)
     if (DevMgrSerial_InCallback())
         return kBadState;
     if (port_locked != 0)
-        return ScriptResult("PSH CLOSE", port, StopPshSession(port));
+        return CloseResult(port, StopPshSession(port));
     Int32 err = 0;
     {
         const SemaphoreHold hold(portdevids_lock);
         if (hold.result() != 0) {
-            ReportFailure("PSH CLOSE", port, "Mutex lock failed", hold.result());
+            std::printf("SERIALAPI: In PSH CLOSE, Port: %d Mutex lock failed, err: %d\n", port,
+                        PrintedError(hold.result()));
             return kSemUnavail;
         }
         err = StopPshSession(port);
     }
-    return ScriptResult("PSH CLOSE", port, err);
+    return CloseResult(port, err);
 }

@@ -1,5 +1,7 @@
 #include "devlib/serialapi_inner.h"
 
+#include <cstdio>
+
 namespace
 {
 
@@ -15,9 +17,11 @@ constexpr DirectionRow kDirections[] = {
     {SERIAL_DIRECTION_BOTH, PORT_RX_ENABLE | PORT_TX_ENABLE, PORT_RX_DISABLE | PORT_TX_DISABLE},
 };
 
-// Sends the status that the column of kDirections gives for the direction.
-eErrorT SetDirection(int port, SerialDirectionType serialDir, UInt32 DirectionRow::*column, const char *request)
+// Sends the status that the column of kDirections gives for the direction. *pErr: the driver's error, or 0; the
+// result is kNoError with it.
+eErrorT SetDirection(int port, SerialDirectionType serialDir, UInt32 DirectionRow::*column, UInt32 *pErr)
 {
+    *pErr = 0;
     if (!IsPort(port))
         return kBadParameter;
     const UInt32 devid = port_devids[port];
@@ -31,24 +35,16 @@ eErrorT SetDirection(int port, SerialDirectionType serialDir, UInt32 DirectionRo
         if (row.direction != serialDir)
             continue;
         UInt32 status = row.*column;
-        const UInt32 err = Control(devid, kSerialEnable, &status);
-        if (err == 0)
-            return kNoError;
-        ReportFailure(request, port, "Device Manager ioctl failed", err);
-        return Serial_Get_AppErr(static_cast<DevMgrSerial_error_t>(err));
+        *pErr = Control(devid, kSerialEnable, &status);
+        return kNoError;
     }
     return kBadParameter;
 }
 
-struct TransferT {
-    void (*call)(UInt32 devid, IORB *pIORB);
-    const char *request, *failure; // as they are printed
-};
-constexpr TransferT kRead = {dev_read, "READ", "Device Manager read failed"};
-constexpr TransferT kWrite = {dev_write, "WRITE", "Device Manager write failed"};
-
-int MoveBytes(const TransferT &transfer, int port, char *buf, int size, int numOfMicroseconds)
+// Returns the number of bytes, or a result code. *pErr: the driver's error, or 0.
+int MoveBytes(void (*call)(UInt32, IORB *), int port, char *buf, int size, int numOfMicroseconds, UInt32 *pErr)
 {
+    *pErr = 0;
     if (!IsPort(port) || buf == nullptr)
         return kBadParameter;
     const UInt32 devid = port_devids[port];
@@ -58,32 +54,49 @@ int MoveBytes(const TransferT &transfer, int port, char *buf, int size, int numO
     iorb.pBuffer = buf;
     iorb.reqLen = static_cast<UInt32>(size);
     iorb.timeout = static_cast<UInt32>(numOfMicroseconds);
-    transfer.call(devid, &iorb);
-    if (iorb.err == 0)
-        return static_cast<int>(iorb.actLen);
-    ReportFailure(transfer.request, port, transfer.failure, iorb.err);
-    return 0;
+    call(devid, &iorb);
+    *pErr = iorb.err;
+    return iorb.err == 0 ? static_cast<int>(iorb.actLen) : 0;
 }
 
 } // namespace
 
 eErrorT Serial_Enable(int port, SerialDirectionType serialDir)
 {
-    return SetDirection(port, serialDir, &DirectionRow::enable, "ENABLE");
+    UInt32 err = 0;
+    const eErrorT result = SetDirection(port, serialDir, &DirectionRow::enable, &err);
+    if (err == 0)
+        return result;
+    std::printf("SERIALAPI: In ENABLE, Port: %d Device Manager ioctl failed, err: %d\n", port, PrintedError(err));
+    return Serial_Get_AppErr(static_cast<DevMgrSerial_error_t>(err));
 }
 
 eErrorT Serial_Disable(int port, SerialDirectionType serialDir)
 {
-    return SetDirection(port, serialDir, &DirectionRow::disable, "DISABLE");
+    UInt32 err = 0;
+    const eErrorT result = SetDirection(port, serialDir, &DirectionRow::disable, &err);
+    if (err == 0)
+        return result;
+    std::printf("SERIALAPI: In DISABLE, Port: %d Device Manager ioctl failed, err: %d\n", port, PrintedError(err));
+    return Serial_Get_AppErr(static_cast<DevMgrSerial_error_t>(err));
 }
 
 int Serial_Read(int port, char *readBuf, int readSize, int numOfMicroseconds)
 {
-    return MoveBytes(kRead, port, readBuf, readSize, numOfMicroseconds);
+    UInt32 err = 0;
+    const int result = MoveBytes(dev_read, port, readBuf, readSize, numOfMicroseconds, &err);
+    if (err != 0)
+        std::printf("SERIALAPI: In READ, Port: %d Device Manager read failed, err: %d\n", port, PrintedError(err));
+    return result;
 }
 
 int Serial_Write(int port, const char *writeBuf, int writeSize, int numOfMicroseconds)
 {
     // A request block serves both directions; nobody stores through the buffer of a write.
-    return MoveBytes(kWrite, port, const_cast<char *>(writeBuf), writeSize, numOfMicroseconds);
+    char *buf = const_cast<char *>(writeBuf);
+    UInt32 err = 0;
+    const int result = MoveBytes(dev_write, port, buf, writeSize, numOfMicroseconds, &err);
+    if (err != 0)
+        std::printf("SERIALAPI: In WRITE, Port: %d Device Manager write failed, err: %d\n", port, PrintedError(err));
+    return result;
 }
