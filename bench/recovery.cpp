@@ -203,13 +203,12 @@ The exit status does not show what the microcontroller answers to its blocks. Th
 | In the trace | Meaning | What the device holds | What to do |
 |---|---|---|---|
 )" // one row takes several lines here
-    "| `GOT A [NACK] FROM HALDEN MICRO CONTROLLER` | The microcontroller did not answer a block in time, or refused it "
-    "three "
-    "times. | microcontroller: anything | Run `haldenflash micro`. It sends the image again if the version differs. |\n"
+    "| `GOT A [NACK] FROM HALDEN MICRO CONTROLLER` | The microcontroller did not answer a block in time, or "
+    "refused it three times. | microcontroller: anything | Run `haldenflash micro`. It sends the image again if the "
+    "version differs. |\n"
     "| a second `Iteration` of a block, or `UNKNOWN RESPONSE FROM FARSIGHT DURING HALDEN MICRO` | The microcontroller "
-    "refused a block, or gave an unknown verdict. Bytes of the image are missing, even if the version is the new one. "
-    "| "
-    "microcontroller: anything | Send an image of another version first. |\n"
+    "refused a block, or gave an unknown verdict. Bytes of the image are missing, even if the version is the new "
+    "one. | microcontroller: anything | Send an image of another version first. |\n"
     R"(
 A disturbed line may double a reply. The trace need not show that. The host takes the second copy for the verdict on the
 next block, and all later verdicts are one block late. The host then never reads a refusal of the last block, and the
