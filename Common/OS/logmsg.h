@@ -53,12 +53,14 @@ Int32 addProcID(char *str);
 Int32 logmsg_print(const char *msg, Int32 len);
 
 // Ten show filters and ten cull filters. A filter is a part of a line; case counts. With show filters, a line passes
-// only if it contains one of them. A line that contains a cull filter does not pass. add     returns 0. Returns -1, and
-// prints that, if all ten are in use. delete  deletes one filter (case does not count), or with "*" all. Returns 0;
-// prints that there is no such filter. load    adds the filters of the configuration. Returns how many there were. save
-// stores all ten in the configuration. Returns 0. dump    prints the filters to standard output. Returns 0. On a
-// processor other than the master load and save do nothing and return 0. The same holds for load, save and dump of the
-// format, and for load of the repeat filter.
+// only if it contains one of them. A line that contains a cull filter does not pass.
+// add     returns 0. Returns -1, and prints that, if all ten are in use.
+// delete  deletes one filter (case does not count), or with "*" all. Returns 0; prints that there is no such filter.
+// load    adds the filters of the configuration. Returns how many there were.
+// save    stores all ten in the configuration. Returns 0.
+// dump    prints the filters to standard output. Returns 0.
+// On a processor other than the master load and save do nothing and return 0. The same holds for load, save and dump of
+// the format, and for load of the repeat filter.
 Int32 logmsg_showfilter_add(const char *text);
 Int32 logmsg_showfilter_delete(const char *text);
 Int32 logmsg_showfilter_load();

@@ -2,8 +2,7 @@
 //
 // Every line is dropped before InitSyslogInterface is called, and in a process that never calls it.
 // Locking: any task may add lines. log_Semaphore lets one task add at a time; it is held only while a line is copied.
-// The
-//          writer task reads the ring without the semaphore, and moves the head. A task that laps the writer sets
+//          The writer task reads the ring without the semaphore, and moves the head. A task that laps the writer sets
 //          it back.
 #pragma once
 

@@ -8,11 +8,9 @@
 //          new task gets it, and with it the identifier. Until then t_start, t_delete and ev_send_listed find no task
 //          under the identifier. Any other call changes only the dead record.
 // Errors:  null for name_out, refcon_out, events_out or the tid_out of t_ident stops the program. t_start without a
-// task
-//          or without a function stops it too.
+//          task or without a function stops it too.
 // Locking: tcblistmutex guards the task list, the tree, and the decision who deletes a task. event_mutex of a task
-// guards
-//          its waiting. events_captured is changed only by atomic operations.
+//          guards its waiting. events_captured is changed only by atomic operations.
 // Units:   time-outs in ticks of 10 ms.
 #pragma once
 

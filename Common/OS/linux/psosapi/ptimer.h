@@ -2,11 +2,10 @@
 //
 // Units:   ticks of 10 ms, unless a name says otherwise.
 // Owner:   timers come from a fixed pool of 50. The 51st that runs at the same time stops the program. So does the
-// first
-//          one, if there is no memory for the pool. A timer that has expired for good goes back to the pool by itself.
+//          first one, if there is no memory for the pool. A timer that has expired for good goes back to the pool by
+//          itself.
 // Locking: tmcblistmutex guards the pool and the running list. The timer task "tmtk" holds it while it runs callbacks
-// and
-//          posts events. So a callback must not start or cancel a timer, call ev_receive with a time-out, or call
+//          and posts events. So a callback must not start or cancel a timer, call ev_receive with a time-out, or call
 //          t_delete, whatever the task: the call would wait for ever, and stops the program instead. A callback must
 //          not wait for a task that makes such a call.
 //

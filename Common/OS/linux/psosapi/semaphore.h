@@ -41,8 +41,11 @@ inline SMCB *FindSemaphore(UInt32 smid)
 UInt32 sm_create(const char *name, UInt32 count, UInt32 flags, UInt32 *smid_out);
 
 // Takes the semaphore. With kSmNoWait in opt it does not wait. Otherwise it waits without limit, whatever max_wait
-// says. 0                the caller has it. kSmNotFound      there is no such semaphore. kSmNotAvailable  kSmNoWait,
-// and somebody has it. Taking and giving back are inline, because another call costs a quarter of an uncontended lock.
+// says.
+// 0                the caller has it.
+// kSmNotFound      there is no such semaphore.
+// kSmNotAvailable  kSmNoWait, and somebody has it.
+// Taking and giving back are inline, because another call costs a quarter of an uncontended lock.
 inline UInt32 sm_p(UInt32 smid, UInt32 opt, UInt32 /*max_wait*/)
 {
     SMCB *smcb = FindSemaphore(smid);
