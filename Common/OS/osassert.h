@@ -7,7 +7,7 @@
 // Only one assertion prints. A second one at the same time prints nothing.
 [[noreturn]] void os_assert_failed(const char *text, const char *file, int line, const char *function);
 
-// The condition is always evaluated, exactly once. People search traces for the text, so no text changes. It is not
-// always what the compiler would make of the condition.
+// The condition is always evaluated, exactly once. People search traces for the message, so a message never changes. It
+// is not always what the compiler would make of the condition.
 #define os_assert(condition, text)                                                                                     \
     ((condition) ? static_cast<void>(0) : os_assert_failed(text, __FILE__, __LINE__, __func__))
