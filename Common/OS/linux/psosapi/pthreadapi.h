@@ -76,11 +76,10 @@ extern TCB *tcblist;
 extern tBTreeHandle gTCBTree;
 extern pthread_mutex_t tcblistmutex;
 
-// 0 at start: the first deletion of a task empties the tree. No task that was started before finds itself any more:
-// ev_receive returns 6, and t_ident returns 9.
-// 1: the thread library gives every thread a kernel id of its own, and a deletion loses nothing. A program sets it
-//    before
-// its first task.
+// Whether the thread library gives every thread a kernel id of its own. A program sets it before its first task.
+// - 0, as at start: the first deletion of a task empties the tree. No task that was started before finds itself any
+//   more: ev_receive returns 6, and t_ident returns 9.
+// - 1: a deletion loses nothing.
 // With either value a task does not find itself if there was no memory for its entry in the tree. Without memory for
 // the tree itself the program stops.
 extern Int32 gLibPThreadNPTL;
