@@ -2,6 +2,8 @@
 
 #include "bench/text.h"
 
+#include <cstring>
+
 namespace bench
 {
 
@@ -13,6 +15,7 @@ constexpr unsigned kWhole = kBefore | kImage;
 constexpr unsigned kAny = kBefore | kPart | kImage;
 
 constexpr char kSuccess[] = "#######[SUCCESSFULLY] HALDEN FLASH UPDATE";
+constexpr char kRequired[] = "########## Halden Image(s) Update Required";
 constexpr char kFailed[] = "#######[FAILED] HALDEN FLASH UPDATE";
 constexpr char kUnknownVerdict[] = "UNKNOWN RESPONSE FROM FARSIGHT DURING";
 constexpr char kNoVerdict[] = "GOT A [NACK] FROM HALDEN MICRO CONTROLLER";
@@ -23,82 +26,100 @@ constexpr char kNoVerdict[] = "GOT A [NACK] FROM HALDEN MICRO CONTROLLER";
 constexpr RecoveryRow kRows[] = {
     {0, kSuccess, "Could not open Halden Microcontroller BIN file", kBefore, kWhole, kWhole,
      "There was no image for the microcontroller, or it could not be opened.",
-     "If the microcontroller was to be updated, provide `haldenmicro.bin` and run again."},
+     "If the microcontroller was to be updated: provide `haldenmicro.bin` and run again."},
     {0, kSuccess, "Failed reading the version of Halden Microcontroller BIN file", kBefore, kWhole, kWhole,
      "The microcontroller's image is empty, begins with the version 0, or could not be read.",
-     "If the microcontroller was to be updated, provide another `haldenmicro.bin` and run again."},
+     "If the microcontroller was to be updated: provide another `haldenmicro.bin` and run again."},
     {0, kSuccess, "", kWhole, kWhole, kWhole,
-     "The devices that were asked for hold their images, or gave the images' versions for theirs.", "Nothing."},
+     "Each device took its image, or answered that it runs the image's version.", "Nothing."},
     {0, "########## NO Halden Image(s) Update Required", "Could not open Halden Microcontroller BIN file", kBefore,
-     kBefore, kBefore, "Query: there is no image for the microcontroller, so that nothing is known of it.",
+     kBefore, kBefore,
+     "Query. There is no image for the microcontroller, so the query tells nothing about it.",
      "Provide `haldenmicro.bin` and ask again."},
     {0, "########## NO Halden Image(s) Update Required", "", kBefore, kBefore, kBefore,
-     "Query: the devices are up to date.", "Nothing."},
-    {1, "########## Halden Image(s) Update Required", "", kBefore, kBefore, kBefore,
-     "Query: an image differs from what a device runs.", "Run the update."},
-    {255, "Usage: haldenflash", "", kBefore, kBefore, kBefore,
-     "No target was named.", "Name `all`, `micro` or `farsight`."},
-
-    {255, kFailed, "Failed open port: 1,", kBefore, kBefore, kBefore,
-     "The microcontroller's port did not open, or could not be configured.", "Look for who else uses the port; run again."},
-    {255, kFailed, "Failed to enable serial port[1]", kBefore, kBefore, kBefore,
-     "The microcontroller's port could not be switched on.", "Run again; then look at the driver."},
-    {255, kFailed, "Failed open port: 0,", kWhole, kBefore, kBefore,
-     "The camera's port did not open, or could not be configured.", "Look for who else uses the port; run again."},
-    {255, kFailed, "Failed to enable serial port[0]", kWhole, kBefore, kBefore,
-     "The camera's port could not be switched on.", "Run again; then look at the driver."},
-    {255, kFailed, "ERROR reading: farsight", kWhole, kAny, kAny,
-     "An image of the camera could not be read.", "Look at the file; run again."},
-    {255, kFailed, "camNumBlocks:0 ", kWhole, kAny, kAny,
-     "The camera image was empty, or could not be opened when its blocks were counted.",
-     "Provide `farsightcam.bin`, if that image was to be sent, and run again; if not, see the rows below."},
-    {255, kFailed, "sysNUmBlocks:0 ", kWhole, kAny, kAny,
-     "The system image was empty, or could not be opened when its blocks were counted.",
-     "Provide `farsightsys.bin`, if that image was to be sent, and run again; if not, see the rows below."},
-    {255, kFailed, "#### Failed sending the farsight data block", kWhole, kAny, kAny,
-     "The camera refused a block, or a block could not be read or sent.",
-     "Run again: what is not whole is sent anew. An image that the camera always refuses is not for it."},
-    {255, kFailed, "GOT A [NACK] FARSIGHT", kWhole, kAny, kAny,
-     "The camera gave no verdict on a block in 4 s, or an unknown one.",
-     "Look at the camera's power and cable; run again: what is not whole is sent anew."},
-    {255, kFailed, "FarSight FW update with, camNumBlocks", kWhole, kAny, kAny,
-     "The blocks were sent; the camera's port could not be switched off.", "Run again."},
-    {255, kFailed, "Failed to disable serial port[0]", kWhole, kBefore, kBefore,
-     "The camera needed no update, or was only asked; its port could not be switched off.", "Run again."},
-    {255, kFailed, "########### calling flash_farsight()", kWhole, kBefore, kBefore,
-     "The camera did not answer, or a file of it could not be read; it was sent no block.",
-     "The lines before the last tell which: provide the files, or look at the camera's power and cable; run again."},
-    {255, kFailed, "ABORT Micro programming", kAny, kBefore, kBefore,
-     "The microcontroller's image could not be read.", "Look at the file; run again."},
-    {255, kFailed, "Flashing Halden Micro Controller Image block", kAny, kBefore, kBefore,
-     "A block could not be sent, or the microcontroller's port could not be switched off.",
-     "Run again: the image is sent anew unless the microcontroller already runs it."},
-    {255, kFailed, "Failed to disable serial port[1]", kBefore, kBefore, kBefore,
-     "The microcontroller needed no update, or was only asked; its port could not be switched off.", "Run again."},
-    {255, kFailed, "Could not open Halden Microcontroller BIN file", kBefore, kBefore, kBefore,
-     "The microcontroller's image could not be opened a second time; nothing was sent.", "Run again."},
-    {255, kFailed, "", kBefore, kBefore, kBefore,
-     "The microcontroller could not be asked, or did not answer completely; it was sent no block.",
-     "Look at its power and cable; run again."},
+     "Query. The devices are up to date.", "Nothing."},
+    {1, kRequired, "", kBefore, kBefore, kBefore,
+     "Query. An image differs from what a device runs.", "Run the update."},
 
     {127, "", "", kBefore, kBefore, kBefore,
-     "The program could not be loaded.", "Install it again, with the libraries that it needs; run again."},
+     "The program could not be loaded.", "Install the program again, with the libraries that it needs. Run again."},
     {134, "", "", kBefore, kBefore, kBefore,
-     "An assertion stopped the program before anything was sent. It is on standard error; on a board other than KORA "
-     "it is the missing configuration folder.", "Mend what it names; run again."},
+     "An assertion stopped the program before anything was sent. Standard error names it. On a board other than KORA "
+     "it is the missing configuration folder.", "Mend what the assertion names. Run again."},
     {kBySignal, "", "", kAny, kAny, kAny,
-     "A signal ended the program, which sends nothing more.", "Run again: what is not whole is sent anew."},
+     "A signal ended the program. Nothing is sent after that.", "Run again. The run sends each incomplete image anew."},
+
+    {255, "Usage: haldenflash", "", kBefore, kBefore, kBefore,
+     "No target was named.", "Name `all`, `micro` or `farsight`."},
+    {255, kFailed, "Failed open port: 1,", kBefore, kBefore, kBefore,
+     "The microcontroller's port did not open, or could not be configured.",
+     "Find out who else uses the port. Run again."},
+    {255, kFailed, "Failed to enable serial port[1]", kBefore, kBefore, kBefore,
+     "The microcontroller's port could not be switched on.", "Run again. If that fails, look at the driver."},
+    {255, kFailed, "Failed open port: 0,", kWhole, kBefore, kBefore,
+     "The camera's port did not open, or could not be configured.", "Find out who else uses the port. Run again."},
+    {255, kFailed, "Failed to enable serial port[0]", kWhole, kBefore, kBefore,
+     "The camera's port could not be switched on.", "Run again. If that fails, look at the driver."},
+    {255, kFailed, "ERROR reading: farsight", kWhole, kAny, kAny,
+     "An image of the camera could not be read.", "Look at the file. Run again."},
+    {255, kFailed, "camNumBlocks:0 ", kWhole, kAny, kAny,
+     "The camera image was empty, or did not open when its blocks were counted.",
+     "If that image was to be sent: provide `farsightcam.bin` and run again. If not: see the rows below."},
+    {255, kFailed, "sysNUmBlocks:0 ", kWhole, kAny, kAny,
+     "The system image was empty, or did not open when its blocks were counted.",
+     "If that image was to be sent: provide `farsightsys.bin` and run again. If not: see the rows below."},
+    {255, kFailed, "#### Failed sending the farsight data block", kWhole, kAny, kAny,
+     "The camera refused a block, or a block could not be read or sent.",
+     "Run again. The run sends each incomplete image anew. If the camera always refuses an image, that image is not "
+     "for it."},
+    {255, kFailed, "GOT A [NACK] FARSIGHT", kWhole, kAny, kAny,
+     "The camera gave no verdict on a block in 4 s, or an unknown one.",
+     "Look at the camera's power and cable. Run again. The run sends each incomplete image anew."},
+    {255, kFailed, "FarSight FW update with, camNumBlocks", kWhole, kAny, kAny,
+     "The blocks were sent. The camera's port could not be switched off.", "Run again."},
+    {255, kFailed, "Failed to disable serial port[0]", kWhole, kBefore, kBefore,
+     "The camera needed no update, or the run was a query. Its port could not be switched off.", "Run again."},
+    {255, kFailed, "########### calling flash_farsight()", kWhole, kBefore, kBefore,
+     "The camera did not answer, or one of its files could not be read. No block was sent to it.",
+     "The lines before the last one tell which. Provide the files, or look at the camera's power and cable. Run "
+     "again."},
+    {255, kFailed, "ABORT Micro programming", kAny, kBefore, kBefore,
+     "The microcontroller's image could not be read.", "Look at the file. Run again."},
+    {255, kFailed, "Flashing Halden Micro Controller Image block", kAny, kBefore, kBefore,
+     "A block could not be sent, or the microcontroller's port could not be switched off.",
+     "Run again. The run sends the image anew, unless the microcontroller already runs it."},
+    {255, kFailed, "Failed to disable serial port[1]", kBefore, kBefore, kBefore,
+     "The microcontroller needed no update, or the run was a query. Its port could not be switched off.", "Run again."},
+    {255, kFailed, "Could not open Halden Microcontroller BIN file", kBefore, kBefore, kBefore,
+     "The microcontroller's image could not be opened a second time. Nothing was sent.", "Run again."},
+    {255, kFailed, "", kBefore, kBefore, kBefore,
+     "The microcontroller could not be asked, or did not answer completely. No block was sent to it.",
+     "Look at its power and cable. Run again."},
 };
 
 // Ends whose result line got lost with standard output: the status holds.
 constexpr RecoveryRow kMuteRows[] = {
     {0, "", "", kWhole, kWhole, kWhole,
-     "Standard output was lost: the host saw no failure, but nothing tells whether the microcontroller gave its verdicts.",
+     "The host saw no failure. Nothing tells whether the microcontroller gave its verdicts.",
      "Ask with `haldenflash micro q`."},
     {1, "", "", kBefore, kBefore, kBefore,
-     "Standard output was lost; the status holds: an image differs.", "Run the update."},
+     "Query. An image differs from what a device runs.", "Run the update."},
     {255, "", "", kAny, kAny, kAny,
-     "Standard output was lost; the status holds: an update failed.", "Run again, with its output kept."},
+     "An update or a query failed.", "Run again, and keep the output."},
+};
+
+// The sections of the page, each for one exit status.
+constexpr struct {
+    int status;
+    const char *title;
+    const char *last; // the last line where the row does not name it; "": each row names its own
+} kSections[] = {
+    {0, "Exit status 0: no failure", kSuccess},
+    {1, "Exit status 1: an update is required", ""},
+    {127, "Exit status 127: not started", ""},
+    {134, "Exit status 134: stopped by an assertion", ""},
+    {kBySignal, "Any other exit status above 128, except 255: ended by a signal", ""},
+    {255, "Exit status 255: a failure", kFailed},
 };
 
 // clang-format on
@@ -126,41 +147,78 @@ std::string NamesOf(unsigned held)
     return names;
 }
 
-std::string Line(const RecoveryRow &row)
+std::string Quoted(const char *line)
 {
-    std::string end = row.status == kBySignal ? "above 128" : std::to_string(row.status);
-    if (row.last[0] != '\0')
-        end += std::string(", `") + row.last + "`";
-    const std::string reason = row.reason[0] == '\0' ? "" : std::string("`") + row.reason + "`";
-    return "| " + end + " | " + reason + " | " + row.meaning + " | " + NamesOf(row.micro) + " | " +
-           NamesOf(row.camera) + " | " + NamesOf(row.system) + " | " + row.next + " |\n";
+    return std::string("`") + line + "`";
 }
 
-constexpr char kHead[] =
-    "# After a run\n"
-    "\n"
-    "What each end of `haldenflash` says, what each device may hold then if it was asked for, and what to do. The\n"
-    "first row counts whose status, last line and line of the trace are there; the microcontroller is done where a "
-    "row\n"
-    "speaks of the camera. `./do faults` holds the end of each run of its sweeps against this table;\n"
-    "`haldenfaults --recovery` prints this page.\n"
-    "\n"
-    "Whatever the row says: after the line `GOT A [NACK] FROM HALDEN MICRO CONTROLLER` the microcontroller may hold\n"
-    "anything, because its silence, its third refusal, a block that it refused once and a verdict that is neither all\n"
-    "leave the status as it is. `haldenflash micro` sends the image again if the version differs. If the trace has a\n"
-    "second `Iteration` of a block, or `UNKNOWN RESPONSE FROM FARSIGHT DURING HALDEN MICRO`, bytes are missing even "
-    "if\n"
-    "the version is the new one: send an image of another version first.\n"
-    "\n"
-    "A verdict too many, as a reply that the line doubles, need not show in the trace: it is taken for the one on\n"
-    "the next block, and so are all that follow. A refusal of the last block is then never read, and the status is\n"
-    "0 all the same; `haldenflash all q` tells.\n"
-    "\n"
-    "Devices like those of the bench answer the next run whatever they hold of an image, and are sent all of it "
-    "again.\n"
-    "\n"
-    "| Exit status, last line | In the trace | Meaning | Microcontroller | Camera image | System image | What to do |\n"
-    "|---|---|---|---|---|---|---|\n";
+// What the trace has to show for a row; usualLast: the last line that the section names.
+std::string TraceOf(const RecoveryRow &row, const char *usualLast)
+{
+    const bool hasReason = row.reason[0] != '\0';
+    const bool namesLast = row.last[0] != '\0' && !(hasReason && std::strcmp(row.last, usualLast) == 0);
+    if (!hasReason && !namesLast)
+        return "anything";
+    return (namesLast ? "last line " + Quoted(row.last) : "") + (hasReason && namesLast ? ", and " : "") +
+           (hasReason ? Quoted(row.reason) : "");
+}
+
+std::string HoldingsOf(const RecoveryRow &row)
+{
+    const std::string micro = NamesOf(row.micro), camera = NamesOf(row.camera), system = NamesOf(row.system);
+    if (micro == camera && camera == system)
+        return "each device: " + micro;
+    if (camera == system)
+        return "microcontroller: " + micro + "; camera: " + camera;
+    return "microcontroller: " + micro + "; camera image: " + camera + "; system image: " + system;
+}
+
+std::string Line(const RecoveryRow &row, const std::string &trace)
+{
+    return "| " + trace + " | " + row.meaning + " | " + HoldingsOf(row) + " | " + row.next + " |\n";
+}
+
+constexpr char kHead[] = R"(# After a run
+
+This page tells what the devices may hold after each end of `haldenflash`, and what to do next.
+
+1. Go to the section of the exit status.
+2. Go down its table. The first row whose line is in the trace applies. The rows below it do not count.
+3. Read the exceptions at the end of the page.
+
+A row speaks of the devices that the command line asked for. Any other device holds what it held. Where a row tells of
+a failure with the camera, the microcontroller's update had ended without a failure.
+
+- "what it held": what the device held before the run, whole.
+- "the image": the image that was to be sent, whole.
+- "anything": one of these two, or a part of an image.
+)";
+
+constexpr char kTail[] =
+    R"(
+## Exceptions
+
+The exit status does not show what the microcontroller answers to its blocks. These lines count more than the row above:
+
+| In the trace | Meaning | What the device holds | What to do |
+|---|---|---|---|
+)" // one row takes several lines here
+    "| `GOT A [NACK] FROM HALDEN MICRO CONTROLLER` | The microcontroller did not answer a block in time, or "
+    "refused it three times. | microcontroller: anything | Run `haldenflash micro`. It sends the image again if the "
+    "version differs. |\n"
+    "| a second `Iteration` of a block, or `UNKNOWN RESPONSE FROM FARSIGHT DURING HALDEN MICRO` | The microcontroller "
+    "refused a block, or gave an unknown verdict. Bytes of the image are missing, even if the version is the new "
+    "one. | microcontroller: anything | Send an image of another version first. |\n"
+    R"(
+A disturbed line may double a reply. The trace need not show that. The host takes the second copy for the verdict on the
+next block, and all later verdicts are one block late. The host then never reads a refusal of the last block, and the
+status is 0. `haldenflash all q` tells which versions the devices run.
+
+Devices like those of the bench answer the next run, whatever part of an image they hold. That run sends them the whole
+image again.
+
+`./do faults` compares the end of each run of its sweeps with these tables. `haldenfaults --recovery` prints this page.
+)";
 
 } // namespace
 
@@ -208,11 +266,19 @@ const char *NameOf(Held held)
 std::string RecoveryPage()
 {
     std::string page = kHead;
-    for (const RecoveryRow &row : kRows)
-        page += Line(row);
-    for (const RecoveryRow &row : kMuteRows)
-        page += Line(row);
-    return page;
+    for (const auto &section : kSections) {
+        page += std::string("\n## ") + section.title + "\n\n";
+        if (section.last[0] != '\0')
+            page += "The last line is " + Quoted(section.last) + " where the row names none.\n\n";
+        page += "| In the trace | Meaning | What the devices hold | What to do |\n|---|---|---|---|\n";
+        for (const RecoveryRow &row : kRows)
+            if (row.status == section.status)
+                page += Line(row, TraceOf(row, section.last));
+        for (const RecoveryRow &row : kMuteRows)
+            if (row.status == section.status)
+                page += Line(row, "no result line: standard output was lost");
+    }
+    return page + kTail;
 }
 
 } // namespace bench

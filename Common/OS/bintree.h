@@ -1,6 +1,6 @@
-// Height-balanced (AVL) search tree from unsigned 32-bit keys to object pointers.
-// Owner:   the tree owns its leaves and its handle, never the objects.
-// Locking: none; the user of a tree locks it.
+// Height-balanced (AVL) search tree. It leads from unsigned 32-bit keys to object pointers.
+// Owner:   the tree owns its leaves and its handle. It never owns the objects.
+// Locking: the tree has no lock. Its user locks it.
 #pragma once
 
 #include "Common/types.h"
@@ -27,7 +27,7 @@ struct BinaryLeafS {
 using BinaryLeafT = BinaryLeafS;
 
 struct BinaryTreeS {
-    UInt32 leafCount; // always 0: never counted up, do not rely on it
+    UInt32 leafCount; // always 0: nothing counts it up
     BinaryLeafT *pBaseLeaf;
 };
 using BinaryTreeT = BinaryTreeS;
@@ -39,22 +39,24 @@ struct BTreeLeavesS {
 };
 using BTreeLeavesT = BTreeLeavesS;
 
-// Returns an empty tree, or 0 when memory runs out.
+// Returns an empty tree. Returns 0 if there is no memory for it.
 tBTreeHandle CreateTree();
 
-// Stores an object under a key that must not be there yet (a duplicate stops the program).
-// Always returns kNoError, also when memory ran out and the object was silently not stored.
+// Stores an object under a new key. A key that the tree has already stops the program.
+// Always returns kNoError. Without memory for the leaf the object is not stored, and the result does not tell.
 eErrorT InsertItem(tBTreeHandle handle, UInt32 key, void *pObject);
 
-// Stores another object under a key that is there. Returns kNoError, or kItemNotFound with nothing changed.
+// Replaces the object of a key.
+// kNoError       replaced.
+// kItemNotFound  the tree does not have the key. Nothing has changed.
 eErrorT ReplaceItem(tBTreeHandle handle, UInt32 key, void *pObject);
 
-// Returns the object stored under the key, or null. A null handle stops the program.
+// Returns the object of the key. Returns null if the tree does not have the key. A null handle stops the program.
 void *SearchTree(tBTreeHandle handle, UInt32 key);
 
-// Frees every leaf. The handle stays valid, and empty. A null handle stops the program.
+// Frees every leaf. The handle stays valid, and its tree is empty. A null handle stops the program.
 void DestroyTree(tBTreeHandle handle);
 
-// Empties the tree, then inserts the entries in array order. Returns kNoError. Null for pLeaves stops the
-// program unless count is 0.
+// Empties the tree, then inserts the entries in the order of the array. Returns kNoError.
+// pLeaves may be null if count is 0. Otherwise a null pLeaves stops the program.
 eErrorT BuildTree(tBTreeHandle handle, const BTreeLeavesT *pLeaves, UInt32 count);

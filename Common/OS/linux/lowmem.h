@@ -1,7 +1,7 @@
-// Memory that a 32-bit identifier can designate. Tasks, timers, semaphores, trees and devices are
-// known by the 32-bit address of their record. On a 32-bit machine that is a plain cast; on a
-// 64-bit host such records come from one region below 4 GiB.
-// Locking: safe from any thread; no call here is a cancellation point.
+// Memory with addresses that fit in a 32-bit identifier. Tasks, timers, semaphores, trees and devices are known by the
+// 32-bit address of their record. On a 32-bit machine an identifier is a plain cast. On a 64-bit host the records come
+// from one region below 4 GiB.
+// Locking: any thread may call. No call is a cancellation point.
 #pragma once
 
 #include "Common/OS/linux/mutexhold.h"
@@ -9,33 +9,32 @@
 
 #include <utility>
 
-// Returns size zeroed bytes, aligned for any type, or null when there is no memory left (64-bit
-// hosts: when the region of 16 MiB is used up, or for more than 1 MiB less 16 bytes). The caller owns
-// the block and gives it to low_free.
+// Returns size zeroed bytes, aligned for any type. The caller owns them and gives them to low_free.
+// Returns null if there is no memory. A 64-bit host has 16 MiB in all, and at most 1 MiB less 16 bytes for one block.
 void *low_calloc(UInt32 size);
 
-// Gives a block back; null is ignored.
+// Gives a block back. Null does nothing.
 void low_free(void *block);
 
-// The identifier of a record. An address that does not fit in 32 bits stops the program.
+// Returns the identifier of a record. An address that does not fit in 32 bits stops the program.
 UInt32 low_id(const void *record);
 
-// The record that an identifier designates. Identifiers are not checked.
+// Returns the record of an identifier. The identifier is not checked.
 template <class Record> Record *low_pointer(UInt32 id)
 {
     return reinterpret_cast<Record *>(static_cast<std::uintptr_t>(id));
 }
 
-// The low 32 bits of an address, for messages that print one with "%x".
+// Returns the low 32 bits of an address, for messages that print an address with "%x".
 template <class Pointer> UInt32 AddressWord(Pointer *pointer)
 {
     return static_cast<UInt32>(reinterpret_cast<std::uintptr_t>(pointer));
 }
 
-// Records from low_calloc that were given up while somebody may still hold their identifier. Each stays what it was,
-// and is taken for another one only when 1024 more were given up after it. Their memory is never freed.
-// Record has a member next, which is the list's.
-// Locking: safe from any thread; no call is a cancellation point.
+// Records that were given up while somebody may still hold their identifier. They come from low_calloc. Each record
+// keeps its contents and its type. It is used again only after 1024 more were given up. Its memory is never freed.
+// Record has a member next, which belongs to the list.
+// Locking: any thread may call. No call is a cancellation point.
 template <class Record> class RetiredRecords
 {
 public:
@@ -47,7 +46,7 @@ public:
         end_ = &record->next;
         count_++;
     }
-    // The record that was given up first, or null when it is too early for it.
+    // Returns the record that was given up first. Returns null if fewer than 1024 were given up after it.
     Record *Take()
     {
         const MutexHold hold(&mutex_);

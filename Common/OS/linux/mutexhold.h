@@ -1,6 +1,5 @@
-// Mutexes with priority inheritance, and a mutex held for the length of a scope. Deleting a task cancels its thread,
-// and a cancelled thread unwinds through its scopes: the destructor is the cancellation clean-up as well as the
-// ordinary release.
+// Mutexes with priority inheritance, and a mutex that is held for the length of a scope. The deletion of a task cancels
+// its thread. A cancelled thread unwinds through its scopes. So the destructor is also the cancellation clean-up.
 #pragma once
 
 #include <pthread.h>
@@ -29,8 +28,8 @@ private:
     pthread_mutex_t *mutex_;
 };
 
-// Puts off the cancellation of the calling thread for the length of a scope: for what has to be done
-// whole, and for cancellation points in destructors, out of which a cancellation would end the program.
+// Puts off the cancellation of the calling thread for the length of a scope. There are two uses: work that has to be
+// done whole, and cancellation points in a destructor, where a cancellation would end the program.
 class CancelOffHold
 {
 public:
