@@ -17,14 +17,14 @@ constexpr UInt32 kAsyncPollMicroseconds = 5000;
 constexpr std::size_t kAsyncBufferSize = 256;
 
 // The port that the calling task serves, if it is an asynchronous task, and the task's identifier.
-thread_local const DevMgrSerial_CB_t *gServedPort;
-thread_local UInt32 gServingTask;
+thread_local const DevMgrSerial_CB_t *servedPort;
+thread_local UInt32 servingTask;
 
 // Whether the calling task still serves the port. Once a callback has stopped it the descriptor is not ours:
 // it may be closed, and its number be another file's.
 bool StillServing(const DevMgrSerial_CB_t *pPort)
 {
-    return pPort->threadID == gServingTask;
+    return pPort->threadID == servingTask;
 }
 
 void ClearIf(std::atomic<UInt32> *pWord, UInt32 value)
@@ -39,14 +39,14 @@ class ServiceHold
 public:
     ServiceHold(DevMgrSerial_CB_t *pPort, UInt32 tid) : pPort_(pPort)
     {
-        gServedPort = pPort;
-        gServingTask = tid;
+        servedPort = pPort;
+        servingTask = tid;
     }
     ~ServiceHold()
     {
-        ClearIf(&pPort_->threadID, gServingTask);
-        ClearIf(&pPort_->servingID, gServingTask);
-        gServedPort = nullptr;
+        ClearIf(&pPort_->threadID, servingTask);
+        ClearIf(&pPort_->servingID, servingTask);
+        servedPort = nullptr;
     }
     ServiceHold(const ServiceHold &) = delete;
     ServiceHold &operator=(const ServiceHold &) = delete;
@@ -60,7 +60,7 @@ private:
 void AwaitTurn(DevMgrSerial_CB_t *pPort)
 {
     UInt32 former = 0;
-    while (StillServing(pPort) && !pPort->servingID.compare_exchange_strong(former, gServingTask)) {
+    while (StillServing(pPort) && !pPort->servingID.compare_exchange_strong(former, servingTask)) {
         tm_wkafter(1);
         former = 0;
     }
@@ -179,8 +179,8 @@ void DevMgrSerial_Start_AsyncThread(DevMgrSerial_CB_t *pPort, UInt32 *pErr)
     os_assert(pErr != nullptr, "pErr");
     *pErr = SERIAL_NOERROR;
     pPort->asyncThread_running = 1; // first: a callback of the new task may clear it at once
-    if (gServedPort == pPort) {
-        pPort->threadID = gServingTask;
+    if (servedPort == pPort) {
+        pPort->threadID = servingTask;
     } else if (!StartAsyncTask(pPort)) {
         pPort->asyncThread_running = 0;
         *pErr = SERIAL_ERROR_UNKNOWN;
@@ -191,7 +191,7 @@ UInt32 DevMgrSerial_Stop_AsyncThread(DevMgrSerial_CB_t *pPort)
 {
     os_assert(pPort != nullptr, "pPort");
     UInt32 result = 0;
-    if (gServedPort != pPort) {
+    if (servedPort != pPort) {
         result = DeleteIfAny(pPort->threadID);
         DeleteIfAny(pPort->servingID);
     }
@@ -213,5 +213,5 @@ void DevMgrSerial_asyncDataSendRecv(UInt32 portRecord, UInt32 tid, UInt32, UInt3
 
 bool DevMgrSerial_InCallback()
 {
-    return gServedPort != nullptr;
+    return servedPort != nullptr;
 }

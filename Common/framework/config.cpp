@@ -14,13 +14,13 @@
 
 ConfigT gConfig;
 UInt32 configSemaphore;
-UInt32 gChangeSemaphore;
+UInt32 changeSemaphore;
 std::atomic<Int32> gConfigInitialized;
 
 namespace
 {
 
-pthread_mutex_t gStartMutex = PTHREAD_MUTEX_INITIALIZER; // the database's start and end
+pthread_mutex_t startMutex = PTHREAD_MUTEX_INITIALIZER; // the database's start and end
 
 // A number in decimal and nothing else.
 template <class Number> eErrorT ReadNumber(const char *pName, Int32 instance, Number *pValue)
@@ -42,11 +42,11 @@ template <class Number> eErrorT ReadNumber(const char *pName, Int32 instance, Nu
 // False when it runs already.
 bool StartDatabase()
 {
-    const MutexHold hold(&gStartMutex);
+    const MutexHold hold(&startMutex);
     if (gConfigInitialized != 0)
         return false;
     if (sm_create("cnfg", 1, 2, &configSemaphore) == 0)
-        sm_create("cnfc", 1, 2, &gChangeSemaphore); // without the other nothing may change
+        sm_create("cnfc", 1, 2, &changeSemaphore); // without the other nothing may change
     gConfig = {};
     ModInit(&gConfig.mod, "Config", 0, nullptr);
     gConfigInitialized = 1;
@@ -55,15 +55,15 @@ bool StartDatabase()
 
 void StopDatabase()
 {
-    const MutexHold hold(&gStartMutex);
+    const MutexHold hold(&startMutex);
     if (gConfigInitialized.exchange(0) == 0)
         return;
     FreeAllItems();
     ModExit(&gConfig.mod);
     sm_delete(configSemaphore);
-    sm_delete(gChangeSemaphore);
+    sm_delete(changeSemaphore);
     configSemaphore = 0;
-    gChangeSemaphore = 0;
+    changeSemaphore = 0;
 }
 
 } // namespace
@@ -189,7 +189,7 @@ eErrorT ConfigAddCallbackEx(const char *pName, Int32 instance, CallbackFuncPtrT 
     if (!ConfigStoreIsValidName(key.text) || (forCaller && t_ident(nullptr, 0, &caller) != 0))
         return kBadParameter;
     ConfigInit();
-    const SemaphoreHold hold(gChangeSemaphore); // so that nobody deletes the item meanwhile
+    const SemaphoreHold hold(changeSemaphore); // so that nobody deletes the item meanwhile
     ConfigItemT *pItem = hold.result() == 0 ? NeedItem(key, instance) : nullptr;
     if (pItem == nullptr)
         return hold.result() == 0 ? kOutOfMemory : kSemUnavail;
@@ -216,7 +216,7 @@ eErrorT ConfigDeleteCallback(const char *pName, Int32 instance, CallbackFuncPtrT
     const KeyT key(pName);
     os_assert(pFunc, "pFunc");
     ConfigInit();
-    const SemaphoreHold hold(gChangeSemaphore);
+    const SemaphoreHold hold(changeSemaphore);
     ConfigItemT *pItem = LookupItemInCache(key.text, instance);
     if (pItem == nullptr)
         return kItemNotFound;

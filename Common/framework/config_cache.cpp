@@ -13,8 +13,8 @@ namespace
 
 // Under configSemaphore. What was read from the store must not overwrite the cache when the store or the cache has
 // changed since, or the store was about to.
-UInt32 gChanges;         // beginnings and ends of changes
-UInt32 gChangesUnderWay; // not ended yet
+UInt32 changes;         // beginnings and ends of changes
+UInt32 changesUnderWay; // not ended yet
 
 ListT *&BucketOf(const char *key)
 {
@@ -100,7 +100,7 @@ eErrorT ReadFromCache(const KeyT &key, Int32 instance, char (&value)[kConfigValu
     const SemaphoreHold hold(configSemaphore);
     if (hold.result() != 0)
         return kSemUnavail;
-    *pMoment = {gChanges, gChangesUnderWay == 0};
+    *pMoment = {changes, changesUnderWay == 0};
     if (const ConfigItemT *pItem = FindItem(key, instance))
         CopyValue(value, pItem->value);
     return kNoError;
@@ -112,7 +112,7 @@ eErrorT CacheFromStore(const KeyT &key, Int32 instance, const char *value, const
     if (hold.result() != 0)
         return kSemUnavail;
     const ConfigItemT *pItem = FindItem(key, instance);
-    if (since.isQuiet && since.changes == gChanges && (pItem == nullptr || pItem->unsaved == 0))
+    if (since.isQuiet && since.changes == changes && (pItem == nullptr || pItem->unsaved == 0))
         PutItem(key, instance, value);
     return kNoError;
 }
@@ -122,8 +122,8 @@ void StoreChangeScope::Count(UInt32 more)
     const SemaphoreHold hold(configSemaphore);
     if (hold.result() != 0)
         return;
-    gChanges++;
-    gChangesUnderWay += more;
+    changes++;
+    changesUnderWay += more;
 }
 
 void FreeAllItems()
@@ -143,7 +143,7 @@ ConfigItemT *WriteItemToCache(const char *pName, UInt32 instance, const char *va
     {
         const SemaphoreHold hold(configSemaphore);
         if (hold.result() == 0) {
-            gChanges++;
+            changes++;
             return PutItem(key, static_cast<Int32>(instance), value);
         }
     }
@@ -177,7 +177,7 @@ eErrorT DeleteItemFromCache(const char *pName, Int32 instance)
 {
     const KeyT key(pName);
     ConfigInit();
-    const SemaphoreHold hold(gChangeSemaphore);
+    const SemaphoreHold hold(changeSemaphore);
     return hold.result() == 0 ? DropItem(key, instance) : kSemUnavail;
 }
 

@@ -18,7 +18,7 @@ struct WorkT {
     ConfigFailureT failure = {};     // of the file, not printed yet
 };
 
-// Gives the item the value, under gChangeSemaphore. There is nothing left to do when it has it already, unless a write
+// Gives the item the value, under changeSemaphore. There is nothing left to do when it has it already, unless a write
 // for the store did not get there. That is so of the master's files alone: sending never fails, and while it lasts the
 // message path may write the same value.
 WorkT ChangeCache(const KeyT &key, const ConfigNotifyT &notify)
@@ -56,7 +56,7 @@ WorkT ChangeItem(const KeyT &key, const ConfigNotifyT &notify)
     const bool isMaster = IsMasterProcessor();
     WorkT work;
     {
-        const SemaphoreHold hold(gChangeSemaphore);
+        const SemaphoreHold hold(changeSemaphore);
         if (hold.result() != 0)
             return {.result = kSemUnavail};
         work = ChangeCache(key, notify);
@@ -167,7 +167,7 @@ eErrorT ConfigDelete(const char *pName, Int32 instance)
     const KeyT key(pName);
     ConfigInit();
     {
-        const SemaphoreHold hold(gChangeSemaphore);
+        const SemaphoreHold hold(changeSemaphore);
         if (hold.result() != 0)
             return kSemUnavail;
         const StoreChangeScope change;

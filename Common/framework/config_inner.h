@@ -4,7 +4,7 @@
 // config_change.cpp  writing and deleting: cache, store, log and callbacks
 // config_dump.cpp    what is printed of the items, and which values are never shown
 // Owner:   each piece of state belongs to the file that defines it. An item belongs to the cache.
-// Locking: gChangeSemaphore is taken before configSemaphore. A function that works on the cache takes configSemaphore
+// Locking: changeSemaphore is taken before configSemaphore. A function that works on the cache takes configSemaphore
 //          itself, unless it says that its caller holds it. Nothing is logged, printed or called back with either.
 #pragma once
 
@@ -39,9 +39,9 @@ struct ConfigT {
 
 constexpr UInt32 kConfigNotifyFunc = 0; // funcIndex of change callbacks
 
-extern ConfigT gConfig;         // the buckets under configSemaphore
-extern UInt32 configSemaphore;  // the cache
-extern UInt32 gChangeSemaphore; // one change of cache and files at a time
+extern ConfigT gConfig;        // the buckets under configSemaphore
+extern UInt32 configSemaphore; // the cache
+extern UInt32 changeSemaphore; // one change of cache and files at a time
 extern std::atomic<Int32> gConfigInitialized;
 
 // ---- The cache (config_cache.cpp)
@@ -59,11 +59,11 @@ ConfigItemT *FindItem(const KeyT &key, Int32 instance);
 ConfigItemT *PutItem(const KeyT &key, Int32 instance, const char *value);
 
 // The item, for its callbacks. It is added without a value if there is none. Returns null when memory is short. The
-// caller holds gChangeSemaphore, so that nobody deletes the item meanwhile.
+// caller holds changeSemaphore, so that nobody deletes the item meanwhile.
 ConfigItemT *NeedItem(const KeyT &key, Int32 instance);
 
 // Takes the item's value out of the cache, and frees the item unless it has a list of callbacks. The caller holds
-// gChangeSemaphore.
+// changeSemaphore.
 // kNoError       it had a value.
 // kItemNotFound  it had none, or is not there, or the semaphore is missing.
 eErrorT DropItem(const KeyT &key, Int32 instance);

@@ -19,7 +19,7 @@
 const char *CONFIG_DAT_FOLDER = "../dat/";
 const char *CONFIG_CHOICE_FOLDER = "../choice/";
 const char *CONFIG_CHOICE_GEN_FOLDER = "../choice.gen/";
-Int32 gbFolderDataInitialized; // under gFolderLock
+Int32 gbFolderDataInitialized; // under folderLock
 std::atomic<Int32> gsConfigWriteOutstanding;
 std::atomic<UInt32> gstLastConfigWrite; // seconds
 std::atomic<UInt32> gsSyncTID;          // the flush task that was started last; 0: none
@@ -30,7 +30,7 @@ namespace
 constexpr UInt32 kSyncPause = 500; // ticks
 constexpr UInt32 kQuietSeconds = 4;
 
-pthread_mutex_t gFolderLock = PTHREAD_MUTEX_INITIALIZER; // the choice of the folders
+pthread_mutex_t folderLock = PTHREAD_MUTEX_INITIALIZER; // the choice of the folders
 
 mode_t FileType(const char *path)
 {
@@ -82,7 +82,7 @@ void SyncFileSystems()
 void ConfigInitFolderData()
 {
     {
-        const MutexHold hold(&gFolderLock);
+        const MutexHold hold(&folderLock);
         if (gbFolderDataInitialized != 0)
             return;
         ChooseFolder(CONFIG_CHOICE_FOLDER, "/opt/talvora/choice/");

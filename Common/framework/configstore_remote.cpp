@@ -20,16 +20,16 @@ struct RemoteReadT {
     UInt32 taskID; // who waits; 0: nobody
     char *pAnswer; // kCommandSize characters
 };
-RemoteReadT gRemoteReads[64];
-UInt32 gNextRemoteRead;
-pthread_mutex_t gRemoteReadLock = PTHREAD_MUTEX_INITIALIZER; // all of the above
+RemoteReadT remoteReads[64];
+UInt32 nextRemoteRead;
+pthread_mutex_t remoteReadLock = PTHREAD_MUTEX_INITIALIZER; // all of the above
 
 // Null when more tasks read than there are contexts.
 RemoteReadT *TakeRemoteRead(UInt32 taskID, char *pAnswer)
 {
-    const MutexHold hold(&gRemoteReadLock);
-    for (std::size_t tried = 0; tried < std::size(gRemoteReads); tried++) {
-        RemoteReadT *pRead = &gRemoteReads[gNextRemoteRead++ % std::size(gRemoteReads)];
+    const MutexHold hold(&remoteReadLock);
+    for (std::size_t tried = 0; tried < std::size(remoteReads); tried++) {
+        RemoteReadT *pRead = &remoteReads[nextRemoteRead++ % std::size(remoteReads)];
         if (pRead->taskID == 0) {
             *pRead = {taskID, pAnswer};
             return pRead;
@@ -45,7 +45,7 @@ public:
     RemoteReadHold(UInt32 taskID, char *pAnswer) : pRead_(TakeRemoteRead(taskID, pAnswer)) {}
     ~RemoteReadHold()
     {
-        const MutexHold hold(&gRemoteReadLock);
+        const MutexHold hold(&remoteReadLock);
         if (pRead_ != nullptr)
             *pRead_ = {};
     }
@@ -97,7 +97,7 @@ void remoteRspCallback(RemMsgPathT * /*pHandle*/, const char *response, void *co
     if (context == nullptr)
         return;
     os_assert(response, "response");
-    const MutexHold hold(&gRemoteReadLock);
+    const MutexHold hold(&remoteReadLock);
     auto *pRead = static_cast<RemoteReadT *>(context);
     if (pRead->pAnswer != nullptr)
         std::snprintf(pRead->pAnswer, kCommandSize, "%s", response);
