@@ -265,30 +265,6 @@ TEST(ConfigStore, TwoProcessesWriteOneItem)
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator("../dat"), {}), 1);
 }
 
-void StartAtOnce()
-{
-    stdout = stderr; // where the test looks
-    processor = 1;   // which reads no log settings: that would start one more task
-    std::barrier release(4);
-    {
-        std::deque<std::jthread> threads;
-        for (int i = 0; i < 4; i++)
-            threads.emplace_back([&release] { release.arrive_and_wait(), ConfigStoreInit(); });
-    }
-    int tasks = 0;
-    const MutexHold hold(&tcblistmutex);
-    for (const TCB *tcb = tcblist; tcb != nullptr; tcb = tcb->next, tasks++)
-        EXPECT_TRUE(tcb->thread != pthread_t{});
-    _exit(tasks == 4 && !testing::Test::HasFailure() ? 0 : 1);
-}
-
-TEST(ConfigStore, StartsOnceForEachCall)
-{
-    const ConfigFolders folders;
-    for (int i = 0; i < 10; i++)
-        EXPECT_EXIT(StartAtOnce(), testing::ExitedWithCode(0), "^Config Folder data[^\n]*\n$");
-}
-
 TEST(ConfigStore, FlushesOnceWhenTheLastWriteIsOldEnough)
 {
     const ConfigFolders folders;

@@ -195,25 +195,6 @@ TEST(CompletionTask, ServesQueuedReadsWhenDataArrives)
     EXPECT_EQ(1, UFD_ISSET(3, list, 3) + UFD_ISSET(4, list, 3) + UFD_ISSET(5, list, 2));
 }
 
-TEST(CompletionTask, IsStartedOnceByTwoThreads)
-{
-    DEVCB *pDev = AddDevice(1);
-    for (int round = 0; round < 100; round++) {
-        std::atomic<int> ready{0};
-        const auto add = [&] {
-            for (ready++; ready < 2;)
-                std::this_thread::yield();
-            add_dev_to_comp_task(pDev);
-        };
-        std::thread other(add);
-        add();
-        other.join();
-        ASSERT_EQ(1, NumTasks());
-        t_delete(io_comp_task_id);
-        io_comp_task_id = 0;
-    }
-}
-
 TEST(DeviceAssertion, StopsTheProgram)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");

@@ -142,21 +142,6 @@ TEST(Filters, TablesHoldTen)
     CheckTable("cull", logmsg_cullfilter_add, logmsg_cullfilter_delete, logmsg_cullfilter_dump);
 }
 
-TEST(Filters, ChangeWhileAnotherTaskLogs)
-{
-    std::atomic<int> logged;
-    std::jthread other([&](const std::stop_token &stop) {
-        for (; !stop.stop_requested(); logged++)
-            EXPECT_EQ(logmsg_print("the other task", 14), 14);
-    });
-    const std::string longest(369, 'x');
-    for (int i = 0; i < 1000 || logged < 1000; i++) {
-        const char *filter = i % 2 == 0 ? "short" : longest.c_str();
-        EXPECT_EQ(logmsg_cullfilter_add(filter), 0);
-        logmsg_cullfilter_delete(filter);
-    }
-}
-
 TEST(LogFormat, Words)
 {
     EXPECT_EQ(logmsg_get_format(), kLogFormatProc);

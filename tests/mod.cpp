@@ -127,27 +127,6 @@ TEST_F(Mod, DumpsHoldNoLockAndRecordsMayGo)
     EXPECT_NE(PrintedWhile(ModDumpDeferredFunctions, [](auto) { ModSearchDeferredFunction(64, nullptr); }), "");
 }
 
-TEST_F(Mod, RecordsComeAndGoWhileTheyAreDumped)
-{
-    std::FILE *const before = std::exchange(stdout, std::fopen("/dev/null", "w"));
-    std::atomic<bool> over = false;
-    std::thread other([&] {
-        for (; !over; ModFindByName("gone", 7))
-            ModDumpRange(0, 3);
-    });
-    for (Int32 i = 0; i < 20000; i++) {
-        auto *pMod = static_cast<ModT *>(std::calloc(1, sizeof(ModT)));
-        ModInit(pMod, "gone", i % 8, nullptr);
-        ModAddCallback(pMod, 1, count, nullptr, 0);
-        ModExit(pMod);
-        std::memset(static_cast<void *>(pMod), 0xFF, sizeof(ModT)); // what is read now is not a record
-        std::free(pMod);
-    }
-    over = true;
-    other.join();
-    std::fclose(std::exchange(stdout, before));
-}
-
 TEST_F(Mod, WhatTheProcessSharesIsThereForAnotherUnit)
 {
     EXPECT_EQ(numMods, 2); // the configuration's came first
@@ -317,28 +296,6 @@ TEST_F(Mod, CallbacksRunInOrderWhereTheyBelong)
     for (int i = 0; i < 90; i++) // more blocks than there are
         EXPECT_EQ(ran("*.&a&bO.E.*.&aP.O.-aP.+a"), "");
     std::thread([this] { EXPECT_EQ(ModCallCallbacks(&mod, 1, nullptr, 0), kItemNotFound); }).join();
-}
-
-TEST_F(Mod, CallbacksBalanceWhileTasksAddAndDeleteThem)
-{
-    std::atomic<int> ran{0};
-    ModAddCallback(&mod, 1, count, &ran, 0), ModAddExceptionHandler(&mod, count, &ran);
-    ModAddCallbackToTask(&mod, kModExceptionFunc, count, nullptr, kModOnTask, 64); // there is no such task
-    ModDeleteCallback(&mod, 1, count, &ran); // the tasks change an entry in front of the others, too
-    for (int round = 1; round <= 50; round++) {
-        for (const UInt32 first : {1000u, 2000u, 3000u})
-            StartTask("work", [this, first, &ran] {
-                for (UInt32 i = first; i < first + 80; i++) {
-                    ModAddCallback(&mod, i, count, &ran, 0);
-                    ModCallCallbacks(&mod, i, nullptr, 0);
-                    ModThrowException(&mod, 0, "", nullptr, 0);
-                    EXPECT_EQ(ModDeleteCallback(&mod, i - 8, count, &ran), i < first + 8 ? kItemNotFound : kNoError);
-                }
-            });
-        EXPECT_TRUE(Eventually([&] { return ModProcessDeferredCallbacks(), NumTasks() == 1 && ran == round * 480; }));
-    }
-    EXPECT_EQ(ModDeleteExceptionHandler(&mod, count, &ran), kNoError);
-    EXPECT_EQ(ModDeleteExceptionHandler(&mod, count, &ran), kItemNotFound);
 }
 
 } // namespace

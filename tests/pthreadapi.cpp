@@ -92,33 +92,6 @@ TEST(Events, TimedWaits)
     });
 }
 
-// Events that come with the tick of the time-out must not take anybody else's timer along.
-TEST(Events, ThatMeetTheTimeoutLeaveOtherTimersAlone)
-{
-    gLibPThreadNPTL = 1;
-    std::atomic<bool> stop = false;
-    std::atomic<UInt32> timeouts[3] = {};
-    ConfigInit(); // as the first log line would, with a line of its own
-    testing::internal::CaptureStdout();
-    for (int i = 0; i < 3; i++) {
-        StartTask("race", [&] {
-            for (UInt32 tmid = 0, events = 0; !stop; ev_receive(0x1, 0, 2, &events))
-                tm_evafter(2, 0x1, &tmid);
-            UInt32 tmid = 0, events = 0;
-            tm_evafter(5, 0x4, &tmid);
-            ev_receive(0x4, 0, 0, &events); // the other timers have run out before this one
-        });
-        StartTask("wait", [&, i] {
-            for (UInt32 events = 0; !stop; timeouts[i]++)
-                ev_receive(0x2, 0, 1, &events);
-        });
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
-    stop = true;
-    EXPECT_TRUE(Eventually([] { return NumTasks() == 1; })) << "a wait never ended";
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-}
-
 TEST(Events, ATimeoutOfATaskThatNeverWaitedIsReported)
 {
     UInt32 tid = 0;
@@ -241,40 +214,6 @@ TEST_P(Deletion, DecidesWhoFindsItself)
     EXPECT_TRUE(Eventually([] { return NumTasks() == 0; }));
     EXPECT_EQ(received, GetParam() == 1 ? kEvNotPending : kNoCallerTask);
     EXPECT_EQ(found, GetParam() == 1 ? 0u : kTaskNotFound);
-}
-
-// Tasks that wait with and without time-outs are deleted in the middle of it, over and over, while
-// their ring of neighbours goes on posting: no event is lost and nothing is left behind.
-TEST_P(Deletion, InTheMiddleOfWaitsLeavesNothingBehind)
-{
-    gLibPThreadNPTL = GetParam();
-    for (int round = 0; round < 20; round++) {
-        std::vector<UInt32> tids;
-        for (UInt32 i = 0; i < 6; i++)
-            tids.push_back(StartTask("loop", [i] {
-                UInt32 events = 0;
-                while (ev_receive(0x1, kEvAny, i % 3, &events) != kNoCallerTask) {
-                }
-            }));
-        for (const UInt32 tid : tids)
-            ev_send(tid, 0x1);
-        std::this_thread::sleep_for(std::chrono::milliseconds(round % 5));
-        for (const UInt32 tid : tids)
-            t_delete(tid);
-    }
-    EXPECT_TRUE(Eventually([] { return NumTasks() == 1; })) << "the timer task is left";
-}
-
-TEST_P(Deletion, OfOneTaskByTwoHappensOnce)
-{
-    gLibPThreadNPTL = GetParam();
-    for (int round = 0; round < 50; round++) {
-        const UInt32 victim = StartTask("both", [round] { tm_wkafter(round % 2 == 0 ? 0 : 100000); });
-        std::thread rival([victim] { t_delete(victim); });
-        t_delete(victim);
-        ASSERT_EQ(NumTasks(), 0) << "whoever deletes it";
-        rival.join();
-    }
 }
 
 // Thread handles are used again at once, while the tasks that had them are still being taken out.
@@ -433,32 +372,6 @@ TEST(Tasks, AreStartedOnceAndNotAfterTheirEnd)
 }
 
 INSTANTIATE_TEST_SUITE_P(ThreadLibrary, Deletion, testing::Values(0, 1));
-
-TEST(Events, NoneIsLostBetweenTasks)
-{
-    gLibPThreadNPTL = 1;
-    constexpr UInt32 kRounds = 2000;
-    std::atomic<UInt32> pongs = 0;
-    UInt32 ping = 0;
-    t_create("ping", 1, 0, 0, 0, &ping);
-    const UInt32 pong = StartTask("pong", [&] {
-        UInt32 events = 0;
-        for (; pongs < kRounds; pongs++) {
-            ev_receive(0x1, 0, 0, &events);
-            ev_send(ping, 0x2);
-        }
-    });
-    std::atomic<UInt32> pings = 0, failures = 0;
-    StartBody(ping, [&] {
-        UInt32 events = 0;
-        for (; pings < kRounds; pings++) {
-            ev_send(pong, 0x1);
-            failures += ev_receive(0x2, kEvAny, 500, &events) != 0;
-        }
-    });
-    EXPECT_TRUE(Eventually([&] { return pings == kRounds && pongs == kRounds && NumTasks() == 1; }));
-    EXPECT_EQ(failures, 0u);
-}
 
 TEST(Tasks, ReportThemselves)
 {

@@ -159,26 +159,6 @@ TEST(Timers, KeepTheirStateInReach)
     EXPECT_LT(freetimerList - TimerContBlocks, 50);
 }
 
-TEST(Timers, FirstUseBySeveralThreadsStartsOneTimerTask)
-{
-    static int index = 0;
-    std::atomic<bool> go = false;
-    std::thread threads[8];
-    for (std::thread &thread : threads)
-        thread = std::thread([&] {
-            while (!go)
-                std::this_thread::yield();
-            UInt32 tmid = 0;
-            tm_callback_after(1, &tmid, CountOnce, &index);
-        });
-    go = true;
-    for (std::thread &thread : threads)
-        thread.join();
-    EXPECT_TRUE(Eventually([] { return calls[0] == 8; }));
-    EXPECT_EQ(NumTasks(), 1);
-    EXPECT_STREQ(task_name(low_id(tcblist)), "tmtk");
-}
-
 TEST(TimersDeathTest, ThePoolEndsAtFifty)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");

@@ -119,23 +119,6 @@ TEST(SemaphoresDeathTest, StopOnMisuse)
     EXPECT_DEATH(sm_delete(smid), "failed: pthread_mutex_destroy\\(&smcb->mutex\\) == 0, .*function sm_delete");
 }
 
-TEST(InterruptLock, KeepsThreadsApart)
-{
-    int shared = 0;
-    const auto work = [&] {
-        for (int i = 0; i < 10000; i++) {
-            const UInt32 depth = interruptsOff();
-            EXPECT_EQ(depth, 1u);
-            shared++;
-            EXPECT_EQ(interruptsRestore(depth), 0);
-        }
-    };
-    std::thread other(work);
-    work();
-    other.join();
-    EXPECT_EQ(shared, 20000);
-}
-
 TEST(InterruptLock, NestsAfterInitialisation)
 {
     os_init();

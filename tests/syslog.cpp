@@ -263,30 +263,6 @@ TEST(LogRing, IsNeverFilledToTheLastByte)
     EXPECT_EQ(writer.Drained(), expected + testing::internal::GetCapturedStderr());
 }
 
-TEST(LogRing, TakesLinesOfManyTasks)
-{
-    constexpr int kTasks = 4, kLines = 40, kRounds = 120; // in all more than once round the ring
-    LogWriter writer(0);
-    const std::string filling(40, '.');
-    for (int round = 0; round < kRounds && !HasFailure(); round++) {
-        std::thread threads[kTasks];
-        for (int task = 0; task < kTasks; task++)
-            threads[task] = std::thread([&, task] {
-                for (int i = 0; i < kLines; i++)
-                    loginfo("c", "%d%s%d\n", task, filling.c_str(), i);
-            });
-        for (std::thread &thread : threads)
-            thread.join();
-        std::istringstream text(writer.Drained());
-        int next[kTasks] = {}, task = 0;
-        for (std::string line; std::getline(text, line); next[task]++) {
-            ASSERT_EQ(std::sscanf(line.c_str(), "pc[0]: c: %1d", &task), 1) << line;
-            ASSERT_EQ(line, "pc[0]: c: " + std::to_string(task) + filling + std::to_string(next[task]));
-        }
-        EXPECT_TRUE(std::all_of(next, next + kTasks, [](int lines) { return lines == kLines; }));
-    }
-}
-
 TEST(LogWriterTask, GoesOnWhenItDoesNotFindItselfAnyMore)
 {
     LogWriter writer(0);
