@@ -35,24 +35,28 @@ UInt32 Self()
     return tid;
 }
 
+struct ReceiveRow {
+    UInt32 sent, wanted, flags, result, received;
+};
+
 TEST(Events, AreMatchedAndTakenOneByOne)
 {
-    RunTask([] {
-        const UInt32 self = Self();
-        UInt32 events = 0xAAAA;
-        EXPECT_EQ(ev_receive(0x3, kEvNoWait | kEvAny, 0, &events), kEvNotPending);
-        ev_send(self, 0x1);
-        EXPECT_EQ(ev_receive(0x3, kEvNoWait, 0, &events), kEvNotPending);
-        EXPECT_EQ(events, 0xAAAAu) << "a failed receive stores nothing";
-        EXPECT_EQ(ev_receive(0, 0, 0, &events), 0u);
-        EXPECT_EQ(events, 0x1u) << "events 0 reports and takes nothing";
-        ev_send(self, 0x80000006);
-        EXPECT_EQ(ev_receive(0x3, 0, 0, &events), 0u);
-        EXPECT_EQ(events, 0x3u) << "all of them, and only those";
-        EXPECT_EQ(ev_receive(0xFFFFFFFF, kEvAny, 0, &events), 0u);
-        EXPECT_EQ(events, 0x80000004u);
-        EXPECT_EQ(ev_receive(0, 0, 0, &events), 0u);
-        EXPECT_EQ(events, 0u);
+    constexpr UInt32 kNothing = 0xAAAA; // a receive that fails stores nothing
+    const ReceiveRow rows[] = {
+        {0, 0x3, kEvNoWait | kEvAny, kEvNotPending, kNothing},
+        {0x1, 0x3, kEvNoWait, kEvNotPending, kNothing},
+        {0, 0, 0, 0, 0x1},            // reports and takes nothing
+        {0x80000006, 0x3, 0, 0, 0x3}, // all of them, and only those
+        {0, 0xFFFFFFFF, kEvAny, 0, 0x80000004},
+        {0, 0, 0, 0, 0},
+    };
+    RunTask([&] {
+        for (const ReceiveRow &row : rows) {
+            UInt32 events = kNothing;
+            ev_send(Self(), row.sent);
+            EXPECT_EQ(ev_receive(row.wanted, row.flags, 0, &events), row.result) << &row - rows;
+            EXPECT_EQ(events, row.received) << &row - rows;
+        }
     });
 }
 
@@ -97,11 +101,9 @@ TEST(Events, ATimeoutOfATaskThatNeverWaitedIsReported)
     UInt32 tid = 0;
     t_create("lazy", 1, 0, 0, 0, &tid);
     low_pointer<TCB>(tid)->timedwait = 1;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(ev_receive_timeout(low_pointer<TCB>(tid)), 0);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "ev timed out without task waiting lazy\n");
+    EXPECT_EQ(Printed([=] { EXPECT_EQ(ev_receive_timeout(low_pointer<TCB>(tid)), 0); }),
+              "ev timed out without task waiting lazy\n");
     EXPECT_EQ(low_pointer<TCB>(tid)->timedout, 1);
-    t_delete(tid);
 }
 
 TEST(Events, NeedATask)
@@ -141,27 +143,32 @@ TEST(Tasks, AreFoundByTheirFourNameBytes)
     EXPECT_EQ(NumTasks(), 0) << "tasks that were never started are freed";
 }
 
-TEST(Tasks, GetTheirArgumentsAndEndThemselves)
+TEST(Tasks, GetTheirArguments)
 {
-    static std::atomic<UInt32> sum = 0;
-    UInt32 tid = 0;
+    static std::vector<UInt32> got;
+    UInt32 tid = 0, args[4] = {1, 2, 3, 4};
     t_create("args", 0, 1, 2, 3, &tid);
-    UInt32 args[4] = {1, 20, 300, 4000};
     EXPECT_EQ(t_start(
-                  tid, 9, [](UInt32 a, UInt32 b, UInt32 c, UInt32 d) { sum = a + b + c + d; }, args),
+                  tid, 9,
+                  [](UInt32 a, UInt32 b, UInt32 c, UInt32 d) {
+                      got = {a, b, c, d};
+                  },
+                  args),
               0u);
     args[0] = 0; // was copied
     EXPECT_TRUE(Eventually([] { return NumTasks() == 0; }));
-    EXPECT_EQ(sum, 4321u);
-    StartTask("exit", [] { pthread_exit(nullptr); });
-    EXPECT_TRUE(Eventually([] { return NumTasks() == 0; }));
+    EXPECT_EQ(got, (std::vector<UInt32>{1, 2, 3, 4}));
+}
+
+TEST(Tasks, EndThemselves)
+{
     std::atomic<bool> returned = false;
-    StartTask("self", [&] {
-        t_delete(0);
-        returned = true;
-    });
-    EXPECT_TRUE(Eventually([] { return NumTasks() == 0; }));
-    EXPECT_FALSE(returned);
+    const std::function<void()> ends[] = {[] { pthread_exit(nullptr); }, [] { t_delete(0); }};
+    for (const auto &end : ends) {
+        StartTask("self", [&] { end(), returned = true; });
+        EXPECT_TRUE(Eventually([] { return NumTasks() == 0; }));
+        EXPECT_FALSE(returned);
+    }
 }
 
 TEST(Tasks, AnIdentifierComesBackAfterAThousandOthersHaveEnded)
@@ -373,20 +380,24 @@ TEST(Tasks, AreStartedOnceAndNotAfterTheirEnd)
 
 INSTANTIATE_TEST_SUITE_P(ThreadLibrary, Deletion, testing::Values(0, 1));
 
-TEST(Tasks, ReportThemselves)
-{
+// A task that is not started, and is taken for a thread of this process.
+struct Report : testing::Test {
+    Report() { t_create("dump", 42, 0, 0, 0, &tid), low_pointer<TCB>(tid)->pid = getpid(); }
     UInt32 tid = 0;
-    t_create("dump", 42, 0, 0, 0, &tid);
-    low_pointer<TCB>(tid)->pid = 4711;
+};
+
+TEST_F(Report, ListsTheTasks)
+{
     char row[64];
+    low_pointer<TCB>(tid)->pid = 4711;
     std::snprintf(row, sizeof row, "T[0]    %08x  dump     42    4711\n", tid);
-    testing::internal::CaptureStdout();
-    osTaskDump();
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), std::string("T[0] Task:  ID    Name  Priority PID\n") + row);
-    low_pointer<TCB>(tid)->pid = getpid();
+    EXPECT_EQ(Printed(osTaskDump), std::string("T[0] Task:  ID    Name  Priority PID\n") + row);
+}
+
+TEST_F(Report, CountsTheTimeSinceTheLastOne)
+{
     const auto usage = [] {
-        testing::internal::CaptureStdout(), osTaskUsage();
-        const std::string text = testing::internal::GetCapturedStdout();
+        const std::string text = Printed(osTaskUsage);
         EXPECT_EQ(text.find("TaskID     Name  Pri Usage\n--------------------------\n"), 0u);
         return std::stoi(text.substr(text.rfind(' ')));
     };
@@ -394,14 +405,22 @@ TEST(Tasks, ReportThemselves)
     for (tms spent = {}; spent.tms_stime < 4;) // system time, mostly
         times(&spent);
     EXPECT_GE(usage(), 4);
-    EXPECT_LE(usage(), 2); // since the last report
+    EXPECT_LE(usage(), 2);
+}
+
+TEST_F(Report, FindsTheNameOfAKernelThread)
+{
     char name[5] = "";
     UInt32 priority = 0;
-    EXPECT_EQ(t_name_from_pid(getpid(), name), 0u);
-    EXPECT_EQ(t_name_and_pri_from_pid(getpid(), name, &priority), 0u);
-    EXPECT_STREQ(name, "dump");
-    EXPECT_EQ(priority, 42u);
     EXPECT_EQ(t_name_from_pid(4711, name), kTaskNotFound);
+    EXPECT_EQ(t_name_from_pid(getpid(), name), 0u);
+    EXPECT_STREQ(name, "dump");
+    EXPECT_EQ(t_name_and_pri_from_pid(getpid(), name, &priority), 0u);
+    EXPECT_EQ(priority, 42u);
+}
+
+TEST_F(Report, OfPriorityAndContextIsWhatWasSet)
+{
     UInt32 previous = 0, refcon = 0;
     EXPECT_EQ(t_setpri(tid, 99, &previous), 0u);
     EXPECT_EQ(t_setpri(tid, 99, nullptr), 0u);
@@ -410,7 +429,6 @@ TEST(Tasks, ReportThemselves)
     EXPECT_EQ(t_setRefCon(tid, 99), 0u);
     EXPECT_EQ(t_getRefCon(tid, &refcon), 0u);
     EXPECT_EQ(refcon, 99u);
-    t_delete(tid);
 }
 
 TEST(Tasks, AnAttachedThreadIsATask)

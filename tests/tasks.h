@@ -10,6 +10,7 @@
 #include <deque>
 #include <functional>
 #include <gtest/gtest.h>
+#include <string>
 #include <thread>
 
 // Starts a created task that runs body; to be called from the test's own thread.
@@ -52,6 +53,14 @@ inline int NumTasks()
         count += std::strcmp(tcb->taskname, "csyn") != 0 ? 1 : 0;
     pthread_mutex_unlock(&tcblistmutex);
     return count;
+}
+
+// What work prints on standard output.
+inline std::string Printed(const std::function<void()> &work)
+{
+    testing::internal::CaptureStdout();
+    work();
+    return testing::internal::GetCapturedStdout();
 }
 
 inline std::chrono::milliseconds::rep MillisecondsOf(const std::function<void()> &work)
