@@ -325,7 +325,8 @@ TEST(ConfigStore, AsksAndTellsTheMaster)
     path.stateFlags = ~kRemMsgPathOpen;
     std::thread([&] { tm_wkafter(50), path.stateFlags = kRemMsgPathOpen; }).detach();
     EXPECT_EQ(ConfigStoreWrite("n", 2, "a b\nc"), kNoError);
-    EXPECT_TRUE(sent.starts_with("config n -2|") && sent.ends_with("|config n 2 \"a b\" rw file notify|")) << sent;
+    EXPECT_TRUE(sent.starts_with("config n -2|")) << sent;
+    EXPECT_TRUE(sent.ends_with("|config n 2 \"a b\" rw file notify|")) << sent;
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               "ConfigStoreRead: \"n[5]\" timeout\nConfigStoreRead: \"n[-2]\" timeout\n"
               "Waiting for master processor to open up message path\n");

@@ -54,7 +54,7 @@ std::string Printed(void (*work)())
 }
 
 enum KindT {
-    kTasks,
+    kTwoTasks,
     kWriter,     // the second player is the log writer's task
     kNewProcess, // each time, for what a process does once; the players are no tasks
     kNothingYet, // the same, and there was no log line yet, which reads settings
@@ -64,7 +64,7 @@ struct PairT {
     const char *name;
     schedule::PartT first, second;
     std::function<void()> setUp = nullptr, check = nullptr;
-    KindT kind = kTasks;
+    KindT kind = kTwoTasks;
     unsigned stride = 1; // from one stop to the next
 };
 
@@ -78,12 +78,14 @@ constexpr auto kOwn = schedule::Player::Own;
 constexpr auto Nothing = [] {};
 
 // Pairs that have no set-up, no check or no kind of their own have these.
-std::vector<PairT> Pairs(void (*setUp)(), void (*check)(), std::vector<PairT> pairs, KindT kind = kTasks)
+template <std::size_t count>
+std::vector<PairT> Group(const PairT (&rows)[count], void (*setUp)(), void (*check)(), KindT kind = kTwoTasks)
 {
+    std::vector<PairT> pairs(rows, std::end(rows));
     for (PairT &pair : pairs) {
         pair.setUp = pair.setUp ? pair.setUp : setUp;
         pair.check = pair.check ? pair.check : check;
-        pair.kind = pair.kind != kTasks ? pair.kind : kind;
+        pair.kind = pair.kind != kTwoTasks ? pair.kind : kind;
     }
     return pairs;
 }
@@ -170,6 +172,11 @@ TEST_P(Orders, KeepTheirWord)
     std::printf("orders: %u of %s\n", runs, pair.name);
 }
 
+std::string NameOf(const testing::TestParamInfo<PairT> &info)
+{
+    return info.param.name;
+}
+
 // Runs once in a process; each lambda has a type of its own.
 template <class Function> void Once(Function function)
 {
@@ -214,33 +221,32 @@ void AwaitEndOfChild()
         usleep(1000);
 }
 
-const auto kTaskPairs = Pairs(
-    MakeChild, OnlyPlayersAreLeft,
-    {
-        {"TwoCreateAndDelete", MakeAndDelete, MakeAndDelete, Nothing},
-        {"CreateAndFind", MakeAndDelete, [] { t_ident("chld", 0, &results[1]); }, Nothing},
-        {"DeleteAndName", DeleteChild, [] { t_copy_name(child, ignored); }},
-        {"DeleteAndLookUp", DeleteChild, [] { t_name_from_pid(-2, ignored); }},
-        {"DeleteAndDump", DeleteChild, osTaskDump},
-        {"DeleteAndUsage", DeleteChild, osTaskUsage},
-        {"DeleteAndSelf", DeleteChild, [] { FindTcbThread(pthread_self()); }},
-        {"DeleteAndListedEvent", DeleteChild, [] { ev_send_listed(child, 1); }},
-        {"TwoDeleteUnstarted", DeleteChild, DeleteChild},
-        {"PriorityAndDump", SetPriority, osTaskDump, Nothing},
-        {"PriorityAndLookUp", SetPriority, [] { t_name_and_pri_from_pid(getpid(), ignored, &results[1]); }, Nothing},
-        {"TwoDelete", DeleteAndLook<0>, DeleteAndLook<1>, [] { child = StartTask("chld", [] { tm_wkafter(10000); }); },
-         [] {
-             EXPECT_EQ(results[0], kTaskNotFound);
-             EXPECT_EQ(results[1], kTaskNotFound);
-             OnlyPlayersAreLeft();
-         }},
-        {"StartAndEnd", StartChild, AwaitEndOfChild, [] { starts = false, MakeChild(); },
-         [] {
-             OnlyPlayersAreLeft();
-             EXPECT_EQ(Tcb(child)->thread, pthread_t{});
-         }},
-        {"FirstTree", TreeStub, TreeStub, Nothing, [] { EXPECT_NE(gTCBTree, 0u); }, kNewProcess, 2},
-    });
+const PairT kTasks[] = {
+    {"TwoCreateAndDelete", MakeAndDelete, MakeAndDelete, Nothing},
+    {"CreateAndFind", MakeAndDelete, [] { t_ident("chld", 0, &results[1]); }, Nothing},
+    {"DeleteAndName", DeleteChild, [] { t_copy_name(child, ignored); }},
+    {"DeleteAndLookUp", DeleteChild, [] { t_name_from_pid(-2, ignored); }},
+    {"DeleteAndDump", DeleteChild, osTaskDump},
+    {"DeleteAndUsage", DeleteChild, osTaskUsage},
+    {"DeleteAndSelf", DeleteChild, [] { FindTcbThread(pthread_self()); }},
+    {"DeleteAndListedEvent", DeleteChild, [] { ev_send_listed(child, 1); }},
+    {"TwoDeleteUnstarted", DeleteChild, DeleteChild},
+    {"PriorityAndDump", SetPriority, osTaskDump, Nothing},
+    {"PriorityAndLookUp", SetPriority, [] { t_name_and_pri_from_pid(getpid(), ignored, &results[1]); }, Nothing},
+    {"TwoDelete", DeleteAndLook<0>, DeleteAndLook<1>, [] { child = StartTask("chld", [] { tm_wkafter(10000); }); },
+     [] {
+         EXPECT_EQ(results[0], kTaskNotFound);
+         EXPECT_EQ(results[1], kTaskNotFound);
+         OnlyPlayersAreLeft();
+     }},
+    {"StartAndEnd", StartChild, AwaitEndOfChild, [] { starts = false, MakeChild(); },
+     [] {
+         OnlyPlayersAreLeft();
+         EXPECT_EQ(Tcb(child)->thread, pthread_t{});
+     }},
+    {"FirstTree", TreeStub, TreeStub, Nothing, [] { EXPECT_NE(gTCBTree, 0u); }, kNewProcess, 2},
+};
+INSTANTIATE_TEST_SUITE_P(Tasks, Orders, testing::ValuesIn(Group(kTasks, MakeChild, OnlyPlayersAreLeft)), NameOf);
 
 // A task of its own that is deleted, or ends, while the second part does something to it.
 void StartVictim(void (*body)())
@@ -301,20 +307,19 @@ void EndThread()
 }
 constexpr auto FindThread = [] { FindTcbThread(thread); };
 
-const auto kEndPairs =
-    Pairs(Nothing, OnlyPlayersAreLeft,
-          {
-              {"EndAndDelete", kOwn, DeleteChild, [] { StartVictim(Nothing); }},
-              {"EndAndEvent", kOwn, [] { ev_send(child, 1); }, [] { StartVictim([] { WaitFor(0); }); }},
-              {"AttachAndDump", kOwn, [] { osTaskDump(), FindThread(); },
-               [] { StartThread([] { t_attach("atch", 10), t_attach("agin", 11), t_delete(0); }); }},
-              {"AttachAndEnd", kOwn, FindThread, [] { StartThread([] { t_attach("atch", 10); }); },
-               [] {
-                   pthread_join(thread, nullptr);
-                   EXPECT_EQ(FindTcbThread(thread), nullptr);
-                   OnlyPlayersAreLeft();
-               }},
-          });
+const PairT kEnds[] = {
+    {"EndAndDelete", kOwn, DeleteChild, [] { StartVictim(Nothing); }},
+    {"EndAndEvent", kOwn, [] { ev_send(child, 1); }, [] { StartVictim([] { WaitFor(0); }); }},
+    {"AttachAndDump", kOwn, [] { osTaskDump(), FindThread(); },
+     [] { StartThread([] { t_attach("atch", 10), t_attach("agin", 11), t_delete(0); }); }},
+    {"AttachAndEnd", kOwn, FindThread, [] { StartThread([] { t_attach("atch", 10); }); },
+     [] {
+         pthread_join(thread, nullptr);
+         EXPECT_EQ(FindTcbThread(thread), nullptr);
+         OnlyPlayersAreLeft();
+     }},
+};
+INSTANTIATE_TEST_SUITE_P(Ends, Orders, testing::ValuesIn(Group(kEnds, Nothing, OnlyPlayersAreLeft)), NameOf);
 
 // ---- Events and timers
 
@@ -333,54 +338,53 @@ template <int again> void StartOneTick()
         1, &tmid, [](void *) { return again; }, nullptr);
 }
 
-const auto kEventPairs =
-    Pairs(PrepareTicks, TimersAreFree,
-          {
-              {"ReceiveAndSend", [] { Receive(1, kEvAny, 0), shared++; }, // the event hands it over
-               [] { shared = 1, ev_send(ids[0], 1); }, Nothing, [] { EXPECT_EQ(shared, 2u); }},
-              {"ReceiveAllAndSend", [] { Receive(3, 0, 0); }, [] { Send<1>(), Send<2>(); }, Nothing,
-               [] { EXPECT_EQ(results[1], 3u); }},
-              {"TakeAndSend", [] { Receive(1, kEvAny | kEvNoWait, 0); }, Send<2>, Send<1>,
-               [] { EXPECT_EQ(Tcb(ids[0])->events_captured.exchange(0), 2u); }},
-              {"TwoSend", SendToChild<1>, SendToChild<2>, MakeChildOnce,
-               [] { EXPECT_EQ(Tcb(child)->events_captured.exchange(0), 3u); }},
-              {"SendAndTimeout", SendToChild<1>, [] { ev_receive_timeout(Tcb(child)); }, MakeChildOnce, Nothing},
-              {"ReceiveAndTick", [] { Receive(1, kEvAny, 1); }, kTick, nullptr,
-               [] {
-                   EXPECT_EQ(results[0], kEvTimedOut);
-                   EXPECT_EQ(printed, "");
-                   TimersAreFree();
-               }},
-              {"FirstReceiveAndTick", kOwn, kTick, [] { PrepareTicks(), StartVictim([] { WaitFor(1); }); },
-               [] {
-                   EXPECT_EQ(printed, "");
-                   NothingIsLeftOfTheVictim();
-               }},
-              {"TimedReceiveAndSend", [] { Receive(1, kEvAny, 100000); }, Send<1>, nullptr,
-               [] {
-                   EXPECT_EQ(results[0], 0u);
-                   TimersAreFree();
-               }},
-              {"StartAndTick", [] { tm_evafter(1, 1, &tmid), Receive(1, kEvAny, 0); }, kTick},
-              {"CancelAndTick", [] { tm_cancel(tmid); }, kTick, StartOneTick<1>},
-              {"CancelExpiredAndTick", [] { tm_cancel_callback(tmid, ev_receive_timeout, &shared); }, kTick,
-               StartOneTick<0>, Nothing},
-              {"CancelAnothersTimer", [] { tm_cancel_callback(tmid, ev_receive_timeout, &results[0]); },
-               [] {
-                   tm_cancel_callback(tmid, ev_receive_timeout, &results[0]);
-                   tm_callback_after(100000, &otherTmid, ev_receive_timeout, &results[1]);
-               },
-               [] { PrepareTicks(), tm_callback_after(100000, &tmid, ev_receive_timeout, &results[0]); },
-               [] { EXPECT_EQ(Printed([] { tm_cancel(otherTmid); }), ""); }},
-              {"ClockAndTick", [] { results[0] = gEpochMillisecs; }, kTick, nullptr, Nothing},
-              {"FirstTimers", [] { tm_callback_after(1000, &tmid, ev_receive_timeout, nullptr); },
-               [] { tm_callback_after(1000, &otherTmid, ev_receive_timeout, nullptr); }, Nothing,
-               [] {
-                   EXPECT_NE(tmid, otherTmid);
-                   EXPECT_EQ(NumTasks(), 1);
-               },
-               kNewProcess, 2},
-          });
+const PairT kEvents[] = {
+    {"ReceiveAndSend", [] { Receive(1, kEvAny, 0), shared++; }, // the event hands it over
+     [] { shared = 1, ev_send(ids[0], 1); }, Nothing, [] { EXPECT_EQ(shared, 2u); }},
+    {"ReceiveAllAndSend", [] { Receive(3, 0, 0); }, [] { Send<1>(), Send<2>(); }, Nothing,
+     [] { EXPECT_EQ(results[1], 3u); }},
+    {"TakeAndSend", [] { Receive(1, kEvAny | kEvNoWait, 0); }, Send<2>, Send<1>,
+     [] { EXPECT_EQ(Tcb(ids[0])->events_captured.exchange(0), 2u); }},
+    {"TwoSend", SendToChild<1>, SendToChild<2>, MakeChildOnce,
+     [] { EXPECT_EQ(Tcb(child)->events_captured.exchange(0), 3u); }},
+    {"SendAndTimeout", SendToChild<1>, [] { ev_receive_timeout(Tcb(child)); }, MakeChildOnce, Nothing},
+    {"ReceiveAndTick", [] { Receive(1, kEvAny, 1); }, kTick, nullptr,
+     [] {
+         EXPECT_EQ(results[0], kEvTimedOut);
+         EXPECT_EQ(printed, "");
+         TimersAreFree();
+     }},
+    {"FirstReceiveAndTick", kOwn, kTick, [] { PrepareTicks(), StartVictim([] { WaitFor(1); }); },
+     [] {
+         EXPECT_EQ(printed, "");
+         NothingIsLeftOfTheVictim();
+     }},
+    {"TimedReceiveAndSend", [] { Receive(1, kEvAny, 100000); }, Send<1>, nullptr,
+     [] {
+         EXPECT_EQ(results[0], 0u);
+         TimersAreFree();
+     }},
+    {"StartAndTick", [] { tm_evafter(1, 1, &tmid), Receive(1, kEvAny, 0); }, kTick},
+    {"CancelAndTick", [] { tm_cancel(tmid); }, kTick, StartOneTick<1>},
+    {"CancelExpiredAndTick", [] { tm_cancel_callback(tmid, ev_receive_timeout, &shared); }, kTick, StartOneTick<0>,
+     Nothing},
+    {"CancelAnothersTimer", [] { tm_cancel_callback(tmid, ev_receive_timeout, &results[0]); },
+     [] {
+         tm_cancel_callback(tmid, ev_receive_timeout, &results[0]);
+         tm_callback_after(100000, &otherTmid, ev_receive_timeout, &results[1]);
+     },
+     [] { PrepareTicks(), tm_callback_after(100000, &tmid, ev_receive_timeout, &results[0]); },
+     [] { EXPECT_EQ(Printed([] { tm_cancel(otherTmid); }), ""); }},
+    {"ClockAndTick", [] { results[0] = gEpochMillisecs; }, kTick, nullptr, Nothing},
+    {"FirstTimers", [] { tm_callback_after(1000, &tmid, ev_receive_timeout, nullptr); },
+     [] { tm_callback_after(1000, &otherTmid, ev_receive_timeout, nullptr); }, Nothing,
+     [] {
+         EXPECT_NE(tmid, otherTmid);
+         EXPECT_EQ(NumTasks(), 1);
+     },
+     kNewProcess, 2},
+};
+INSTANTIATE_TEST_SUITE_P(Events, Orders, testing::ValuesIn(Group(kEvents, PrepareTicks, TimersAreFree)), NameOf);
 
 // ---- Locks, lists, requests, memory
 
@@ -449,33 +453,32 @@ void TellNobody()
 constexpr auto Command = [] { system_pthread("a"); };
 constexpr auto Ask = [] { is_NFS(); };
 
-const auto kListPairs = Pairs(
-    Nothing, Nothing,
-    {
-        {"Lists", [] { UseList(1); }, [] { UseList(2); }, OneElement, OneElementIsLeft},
-        {"QueueAndCount", [] { ListEnqueue(&list, &elements[1]), ListDequeue(&list); },
-         [] { ListIsEmpty(&list), ListLen(&list), ListDequeue(&list), ListEnqueue(&list, &elements[2]); }, OneElement,
-         OneElementIsLeft},
-        {"Requests", [] { iorb_list_enqueue(&requests, &blocks[0]), iorb_list_extract(&requests, &blocks[0]); },
-         [] { iorb_list_enqueue(&requests, &blocks[1]), iorb_list_avail(&requests), iorb_list_dequeue(&requests); },
-         InitRequests, [] { EXPECT_LE(iorb_list_avail(&requests), 2); }},
-        {"OpenAndRequest", [] { dev_open("dev", 0, &results[0]); },
-         [] { iorb_list_enqueue(&device->readIORBs, &blocks[0]); },
-         [] { MakeDevice(), InitRequests(), device->readIORBs = {}; },
-         [] { EXPECT_LE(iorb_list_avail(&device->readIORBs), 1); }},
-        {"Semaphore", CountWithSemaphore, [] { rsm_p(semaphore, 0), shared++, rsm_v(semaphore); },
-         [] {
-             Once([] { sm_create("test", 1, 0, &semaphore); });
-             shared = 0;
-         },
-         BothCounted},
-        {"Interrupts", CountWithoutInterrupts, CountWithoutInterrupts, [] { shared = 0; }, BothCounted},
-        {"Blocks", UseBlock, UseBlock},
-        {"FirstCommands", Command, Command, nullptr, nullptr, kNewProcess, 2},
-        {"FirstQuestions", Ask, Ask, nullptr, nullptr, kNewProcess, 2},
-        {"TwoCommands", Command, Command, TellNobody},
-        {"FirstPolls", AddDevice, AddDevice, MakeDevice, [] { EXPECT_EQ(NumTasks(), 1); }, kNewProcess, 2},
-    });
+const PairT kLists[] = {
+    {"Lists", [] { UseList(1); }, [] { UseList(2); }, OneElement, OneElementIsLeft},
+    {"QueueAndCount", [] { ListEnqueue(&list, &elements[1]), ListDequeue(&list); },
+     [] { ListIsEmpty(&list), ListLen(&list), ListDequeue(&list), ListEnqueue(&list, &elements[2]); }, OneElement,
+     OneElementIsLeft},
+    {"Requests", [] { iorb_list_enqueue(&requests, &blocks[0]), iorb_list_extract(&requests, &blocks[0]); },
+     [] { iorb_list_enqueue(&requests, &blocks[1]), iorb_list_avail(&requests), iorb_list_dequeue(&requests); },
+     InitRequests, [] { EXPECT_LE(iorb_list_avail(&requests), 2); }},
+    {"OpenAndRequest", [] { dev_open("dev", 0, &results[0]); },
+     [] { iorb_list_enqueue(&device->readIORBs, &blocks[0]); },
+     [] { MakeDevice(), InitRequests(), device->readIORBs = {}; },
+     [] { EXPECT_LE(iorb_list_avail(&device->readIORBs), 1); }},
+    {"Semaphore", CountWithSemaphore, [] { rsm_p(semaphore, 0), shared++, rsm_v(semaphore); },
+     [] {
+         Once([] { sm_create("test", 1, 0, &semaphore); });
+         shared = 0;
+     },
+     BothCounted},
+    {"Interrupts", CountWithoutInterrupts, CountWithoutInterrupts, [] { shared = 0; }, BothCounted},
+    {"Blocks", UseBlock, UseBlock},
+    {"FirstCommands", Command, Command, nullptr, nullptr, kNewProcess, 2},
+    {"FirstQuestions", Ask, Ask, nullptr, nullptr, kNewProcess, 2},
+    {"TwoCommands", Command, Command, TellNobody},
+    {"FirstPolls", AddDevice, AddDevice, MakeDevice, [] { EXPECT_EQ(NumTasks(), 1); }, kNewProcess, 2},
+};
+INSTANTIATE_TEST_SUITE_P(Lists, Orders, testing::ValuesIn(Group(kLists, Nothing, Nothing)), NameOf);
 
 // ---- Log: the second player is the writer's task
 
@@ -573,57 +576,54 @@ void NoLineIsTorn()
 }
 constexpr auto LogTwo = [] { loginfo("b", "two\n"); };
 
-const auto kLogPairs = Pairs(
-    EmptyRing, Nothing,
-    {
-        {"TwoLines", [] { loginfo("a", "one\n"); }, LogTwo, nullptr,
-         [] {
-             const std::string a = "INFO  pc[0]: a: one\n", b = "INFO  pc[0]: b: two\n", text = Drained();
-             EXPECT_TRUE(text == a + b || text == b + a) << text;
-         }},
-        {"LineInPieces", [] { loginfo("a", "o"), loginfo("a", "ne\n"); }, LogTwo, nullptr,
-         [] {
-             const std::string text = Drained();
-             EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 2) << text;
-             EXPECT_NE(text.find("two\n"), std::string::npos) << text;
-             EXPECT_NE(text.find("ne\n"), std::string::npos) << text;
-         }},
-        {"RepeatedLines", [] { loginfo("a", "same\n"), loginfo("a", "same\n"); }, [] { loginfo("a", "same\n"); },
-         [] {
-             Once([] { logmsg_set_spewfilter(1); });
-             loginfo("a", "another\n");
-             EmptyRing();
-         },
-         [] {
-             loginfo("a", "last\n");
-             EXPECT_EQ(Drained(),
-                       "INFO  pc[0]: a: same\nDEBUG pc[0]: ...last line repeated 3 times\nINFO  pc[0]: a: last\n");
-         }},
-        {"TwoAdd", AddBoth, AddBoth, nullptr, [] { EXPECT_EQ(Drained().size(), 180u); }},
-        {"AddAndPrint", AddBoth, [] { PrintAll(90); }, nullptr, [] { EXPECT_EQ(printed, lineA + lineB); }},
-        {"WrapAndPrint", [] { syslogAdd(bigA.c_str(), 0); }, [] { PrintAll(150000); }, [] { FillRing(), EmptyRing(); },
-         [] { EXPECT_TRUE(printed == bigA); }},
-        {"LapAndPrint", Lap, PrintDuringLap, PrepareLap, NoLineIsTorn},
-        {"LapOfTheFrontAndPrint", Lap, PrintDuringLap, PrepareLapOfTheFront, NoLineIsTorn},
-        {"OverwriteAndPrint", // the second line goes where the first of the two was, if that has been taken
-         [] { syslogAdd(Line('A', 100000).c_str(), 0), syslogAdd(Line('B', 200000).c_str(), 0); }, syslogDrainQueue,
-         FillRing, NoLineIsTorn},
-        {"FilterAndLine", // which finds characters of the one before
-         [] { logmsg_cullfilter_add("axx"), logmsg_cullfilter_delete("axx"); }, [] { logmsg_print(lineA.c_str(), 40); },
-         [] {
-             Once([] { logmsg_cullfilter_add("another"); }); // without one they are not looked at
-             logmsg_cullfilter_add("xa"), logmsg_cullfilter_delete("xa");
-             EmptyRing();
-         },
-         [] { EXPECT_EQ(Drained(), lineA); }},
-        {"FormatAndLine", [] { logmsg_set_format(kLogFormatLevel); }, syslogDrainQueue,
-         [] { EmptyRing(), syslogAdd(lineA.c_str(), 0); }, [] { EXPECT_EQ(printed, lineA); }},
-        {"StartAndLine", InitSyslogInterface, LogTwo, Nothing, Nothing, kNewProcess, 2},
-        {"SwitchesAndLine", [] { syslogSetLogLevel(kLogDebug), logmsg_set_syslog_echo(0), logmsg_set_spewfilter(0); },
-         [] { loginfo("a", "line\n"), syslogDrainQueue(); }, nullptr,
-         [] { EXPECT_EQ(printed, "INFO  pc[0]: a: line\n"); }},
-    },
-    kWriter);
+const PairT kLog[] = {
+    {"TwoLines", [] { loginfo("a", "one\n"); }, LogTwo, nullptr,
+     [] {
+         const std::string a = "INFO  pc[0]: a: one\n", b = "INFO  pc[0]: b: two\n", text = Drained();
+         EXPECT_TRUE(text == a + b || text == b + a) << text;
+     }},
+    {"LineInPieces", [] { loginfo("a", "o"), loginfo("a", "ne\n"); }, LogTwo, nullptr,
+     [] {
+         const std::string text = Drained();
+         EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 2) << text;
+         EXPECT_NE(text.find("two\n"), std::string::npos) << text;
+         EXPECT_NE(text.find("ne\n"), std::string::npos) << text;
+     }},
+    {"RepeatedLines", [] { loginfo("a", "same\n"), loginfo("a", "same\n"); }, [] { loginfo("a", "same\n"); },
+     [] {
+         Once([] { logmsg_set_spewfilter(1); });
+         loginfo("a", "another\n");
+         EmptyRing();
+     },
+     [] {
+         loginfo("a", "last\n");
+         EXPECT_EQ(Drained(),
+                   "INFO  pc[0]: a: same\nDEBUG pc[0]: ...last line repeated 3 times\nINFO  pc[0]: a: last\n");
+     }},
+    {"TwoAdd", AddBoth, AddBoth, nullptr, [] { EXPECT_EQ(Drained().size(), 180u); }},
+    {"AddAndPrint", AddBoth, [] { PrintAll(90); }, nullptr, [] { EXPECT_EQ(printed, lineA + lineB); }},
+    {"WrapAndPrint", [] { syslogAdd(bigA.c_str(), 0); }, [] { PrintAll(150000); }, [] { FillRing(), EmptyRing(); },
+     [] { EXPECT_TRUE(printed == bigA); }},
+    {"LapAndPrint", Lap, PrintDuringLap, PrepareLap, NoLineIsTorn},
+    {"LapOfTheFrontAndPrint", Lap, PrintDuringLap, PrepareLapOfTheFront, NoLineIsTorn},
+    {"OverwriteAndPrint", // the second line goes where the first of the two was, if that has been taken
+     [] { syslogAdd(Line('A', 100000).c_str(), 0), syslogAdd(Line('B', 200000).c_str(), 0); }, syslogDrainQueue,
+     FillRing, NoLineIsTorn},
+    {"FilterAndLine", // which finds characters of the one before
+     [] { logmsg_cullfilter_add("axx"), logmsg_cullfilter_delete("axx"); }, [] { logmsg_print(lineA.c_str(), 40); },
+     [] {
+         Once([] { logmsg_cullfilter_add("another"); }); // without one they are not looked at
+         logmsg_cullfilter_add("xa"), logmsg_cullfilter_delete("xa");
+         EmptyRing();
+     },
+     [] { EXPECT_EQ(Drained(), lineA); }},
+    {"FormatAndLine", [] { logmsg_set_format(kLogFormatLevel); }, syslogDrainQueue,
+     [] { EmptyRing(), syslogAdd(lineA.c_str(), 0); }, [] { EXPECT_EQ(printed, lineA); }},
+    {"StartAndLine", InitSyslogInterface, LogTwo, Nothing, Nothing, kNewProcess, 2},
+    {"SwitchesAndLine", [] { syslogSetLogLevel(kLogDebug), logmsg_set_syslog_echo(0), logmsg_set_spewfilter(0); },
+     [] { loginfo("a", "line\n"), syslogDrainQueue(); }, nullptr, [] { EXPECT_EQ(printed, "INFO  pc[0]: a: line\n"); }},
+};
+INSTANTIATE_TEST_SUITE_P(Log, Orders, testing::ValuesIn(Group(kLog, EmptyRing, Nothing, kWriter)), NameOf);
 
 // ---- Configuration
 
@@ -677,41 +677,40 @@ void FoldersAreFoundOnce()
     EXPECT_EQ(printed, "Config Folder data initialized successfully(Choice dir: ../choice/, Dat Dir: ../dat/)\n");
 }
 
-const auto kConfigPairs =
-    Pairs(PutItem, CacheIsFile,
-          {
-              {"ReadAndWrite", Read, Write, nullptr, ItemIsNew},
-              {"ReadAndDelete", Read, Delete, nullptr, [] { EXPECT_EQ(ReadItem(), "default"); }},
-              {"ReadAndRestore", Read, [] { ConfigRestore("item", 0); }},
-              {"ReadAndCache", Read, Cache, nullptr, ItemIsMine},
-              {"ReadAndCacheOnly", Read, [] { ConfigWriteCacheOnly("item", 0, "mine"); }, nullptr, ItemIsMine},
-              {"WriteAndCache", Write, Cache, nullptr, [] { EXPECT_EQ(folders->Get("dat/item.dat"), "new\n"); }},
-              {"WriteAndFlushTask", // which looks how old the last write is
-               [] { ConfigStoreWrite("item", 0, "new"); },
-               [] { results[1] = gsConfigWriteOutstanding != 0 ? RealTime() - gstLastConfigWrite : 0; },
-               [] { gsConfigWriteOutstanding = 0, gstLastConfigWrite = 0; }, [] { EXPECT_LT(results[1], 4u); }},
-              {"ReadAndDrop", Read, Drop},
-              {"TwoRead", Read, Read},
-              {"WriteAndDelete", Write, Delete, nullptr,
-               [] { EXPECT_EQ(folders->Get("dat/item.dat"), ReadItem() == "new" ? "new\n" : "missing"); }},
-              {"WriteAndDrop", Write, Drop, nullptr, ItemIsNew},
-              {"TwoWrite", Write, [] { ConfigWrite("item", 0, "other"); }},
-              {"TwoWriteNew", Write, Write, NoItem, ItemIsNew},
-              {"WriteAndWatch", Write, Watch, nullptr, ItemIsNew},
-              {"ReadAndWatch", Read, Watch},
-              {"WriteAndUnwatch", Write, Unwatch, [] { PutItem(), Watch(); }, ItemIsNew},
-              {"DropAndWatch", Drop, Watch, CacheItem,
-               [] { EXPECT_EQ(ConfigDeleteCallback("item", 0, Heard, nullptr), kNoError); }},
-              {"DropAndUnwatch", Drop, Unwatch, CacheItem},
-              {"DropAndLookUp", Drop, [] { LookupItemInCache("item", 0); }, CacheItem},
-              {"DropAndDump", Drop, ConfigDumpAll, CacheItem},
-              {"WriteAndReadAnother", // of the same bucket
-               Write, [] { ConfigRead("iota", 0, ignored); }, [] { PutItem(), Put("iota"); }, ItemIsNew},
-              {"WriteAndDump", Write, [] { ConfigDumpByName("item"); }, CacheItem, ItemIsNew},
-              {"FirstReadAndWrite", Read, Write, Nothing, [] { FoldersAreFoundOnce(), ItemIsNew(); }, kNothingYet, 2},
-              {"FirstStores", ConfigStoreInit, ConfigStoreInit, Nothing, FoldersAreFoundOnce, kNothingYet, 2},
-              {"FirstLines", [] { loginfo("a", "one\n"); }, LogTwo, PutFilter, FilterIsReadOnce, kNothingYet, 4},
-          });
+const PairT kConfig[] = {
+    {"ReadAndWrite", Read, Write, nullptr, ItemIsNew},
+    {"ReadAndDelete", Read, Delete, nullptr, [] { EXPECT_EQ(ReadItem(), "default"); }},
+    {"ReadAndRestore", Read, [] { ConfigRestore("item", 0); }},
+    {"ReadAndCache", Read, Cache, nullptr, ItemIsMine},
+    {"ReadAndCacheOnly", Read, [] { ConfigWriteCacheOnly("item", 0, "mine"); }, nullptr, ItemIsMine},
+    {"WriteAndCache", Write, Cache, nullptr, [] { EXPECT_EQ(folders->Get("dat/item.dat"), "new\n"); }},
+    {"WriteAndFlushTask", // which looks how old the last write is
+     [] { ConfigStoreWrite("item", 0, "new"); },
+     [] { results[1] = gsConfigWriteOutstanding != 0 ? RealTime() - gstLastConfigWrite : 0; },
+     [] { gsConfigWriteOutstanding = 0, gstLastConfigWrite = 0; }, [] { EXPECT_LT(results[1], 4u); }},
+    {"ReadAndDrop", Read, Drop},
+    {"TwoRead", Read, Read},
+    {"WriteAndDelete", Write, Delete, nullptr,
+     [] { EXPECT_EQ(folders->Get("dat/item.dat"), ReadItem() == "new" ? "new\n" : "missing"); }},
+    {"WriteAndDrop", Write, Drop, nullptr, ItemIsNew},
+    {"TwoWrite", Write, [] { ConfigWrite("item", 0, "other"); }},
+    {"TwoWriteNew", Write, Write, NoItem, ItemIsNew},
+    {"WriteAndWatch", Write, Watch, nullptr, ItemIsNew},
+    {"ReadAndWatch", Read, Watch},
+    {"WriteAndUnwatch", Write, Unwatch, [] { PutItem(), Watch(); }, ItemIsNew},
+    {"DropAndWatch", Drop, Watch, CacheItem,
+     [] { EXPECT_EQ(ConfigDeleteCallback("item", 0, Heard, nullptr), kNoError); }},
+    {"DropAndUnwatch", Drop, Unwatch, CacheItem},
+    {"DropAndLookUp", Drop, [] { LookupItemInCache("item", 0); }, CacheItem},
+    {"DropAndDump", Drop, ConfigDumpAll, CacheItem},
+    {"WriteAndReadAnother", // of the same bucket
+     Write, [] { ConfigRead("iota", 0, ignored); }, [] { PutItem(), Put("iota"); }, ItemIsNew},
+    {"WriteAndDump", Write, [] { ConfigDumpByName("item"); }, CacheItem, ItemIsNew},
+    {"FirstReadAndWrite", Read, Write, Nothing, [] { FoldersAreFoundOnce(), ItemIsNew(); }, kNothingYet, 2},
+    {"FirstStores", ConfigStoreInit, ConfigStoreInit, Nothing, FoldersAreFoundOnce, kNothingYet, 2},
+    {"FirstLines", [] { loginfo("a", "one\n"); }, LogTwo, PutFilter, FilterIsReadOnce, kNothingYet, 4},
+};
+INSTANTIATE_TEST_SUITE_P(Config, Orders, testing::ValuesIn(Group(kConfig, PutItem, CacheIsFile)), NameOf);
 
 // ---- Reads through the master
 
@@ -756,22 +755,22 @@ template <unsigned index> void ReadRemotely()
     answers[index] = value;
 }
 
-const auto kRemotePairs = Pairs(BeRemote<SendToMaster>, Nothing,
-                                {
-                                    {"ReadAndAnswer", ReadRemotely<0>, Answer, nullptr,
-                                     [] { EXPECT_TRUE(answers[0].empty() || answers[0] == "answer") << answers[0]; }},
-                                    {"WaitForAnswer", ReadRemotely<0>, Nothing, nullptr,
-                                     [] {
-                                         EXPECT_GE(schedule::Ticks() - shared, 300u);
-                                         EXPECT_LE(schedule::Ticks() - shared, 350u);
-                                     },
-                                     kTasks, 16},
-                                    {"TwoRead", ReadRemotely<0>, ReadRemotely<1>, BeRemote<AnswerAtOnce>,
-                                     [] {
-                                         EXPECT_EQ(answers[0], "answer");
-                                         EXPECT_EQ(answers[1], "answer");
-                                     }},
-                                });
+const PairT kRemote[] = {
+    {"ReadAndAnswer", ReadRemotely<0>, Answer, nullptr,
+     [] { EXPECT_TRUE(answers[0].empty() || answers[0] == "answer") << answers[0]; }},
+    {"WaitForAnswer", ReadRemotely<0>, Nothing, nullptr,
+     [] {
+         EXPECT_GE(schedule::Ticks() - shared, 300u);
+         EXPECT_LE(schedule::Ticks() - shared, 350u);
+     },
+     kTwoTasks, 16},
+    {"TwoRead", ReadRemotely<0>, ReadRemotely<1>, BeRemote<AnswerAtOnce>,
+     [] {
+         EXPECT_EQ(answers[0], "answer");
+         EXPECT_EQ(answers[1], "answer");
+     }},
+};
+INSTANTIATE_TEST_SUITE_P(Remote, Orders, testing::ValuesIn(Group(kRemote, BeRemote<SendToMaster>, Nothing)), NameOf);
 
 // ---- Modules
 
@@ -844,50 +843,49 @@ void Unregister()
     ModProcessDeferredCallbacks();
 }
 
-const auto kModPairs = Pairs(
-    InitMod<0>, ExitMod<0>,
-    {
-        {"TwoInit", InitMod<0>, InitMod<1>, Nothing,
-         [] {
-             EXPECT_EQ(ModFindByName("ordr", 0), &mods[0]);
-             EXPECT_EQ(ModFindByName("ordr", 1), &mods[1]);
-             ExitMod<0>(), ExitMod<1>();
-         }},
-        {"ExitAndFind", ExitMod<0>, [] { EXPECT_EQ(ModFindByName("ordr", 1), &mods[1]); },
-         [] { InitMod<0>(), InitMod<1>(); }, ExitMod<1>},
-        {"CallAndAdd", CallMod, AddMany, InitModWithCounter, [] { EXPECT_EQ(results[0], 1u), ExitMod<0>(); }},
-        {"TwoAdd", AddCounter<0>, AddCounter<1>, nullptr,
-         [] {
-             for (UInt32 &result : results)
-                 EXPECT_EQ(ModDeleteCallback(&mods[0], 7, CountCall, &result), kNoError);
-             ExitMod<0>();
-         }},
-        {"CallAndDelete", CallMod, Unregister,
-         [] {
-             shared++, registered = true, InitMod<0>();
-             ModAddCallbackToTask(&mods[0], 7, CallRegistered, nullptr, kModOnTask, ids[1]);
-         }},
-        {"AddAndDeleteAll", AddMany, DeleteAll},
-        {"InitAndFind", InitMod<0>, [] { ModFindByName("ordr", 0); }, Nothing},
-        {"CallAndDeleteAll", CallMod, DeleteAll, InitModWithCounter},
-        {"DumpAndAdd", [] { ModDump(&mods[0], 0); }, AddMany},
-        {"DeferAndProcess", DeferTwo, ProcessTwo, [] { results[1] = 0; }, Nothing},
-        {"TwoDefer", DeferToSelf, DeferToSelf, InitModOnce, Nothing},
-        {"DeferAndDump", DeferToSelf, ModDumpDeferredFunctions, InitModOnce, Nothing},
-        {"DeferAndSearch", DeferToSelf, Search, InitModOnce, Nothing},
-        {"FilterAndTrace", [] { ModTraceFilterAdd("other"), ModTraceFilterDelete("other"); },
-         [] { ModTraceFilterAdd("another"), ModTrace(&mods[0], "line\n"), ModTraceFilterDelete("another"); },
-         InitModOnce, [] { EXPECT_EQ(ModTraceFilterDelete("other"), kBadParameter); }},
-        {"FirstInits", InitMod<0>, InitMod<1>, Nothing, [] { EXPECT_EQ(ModFindByName("ordr", 1), &mods[1]); },
-         kNothingYet, 2},
-        {"TooManyAndProcess", [] { ModDeferFunctionCall(ids[1], DoNothing, nullptr, 0); }, ModProcessDeferredFunctions,
-         [] {
-             InitModOnce();
-             while (ModDeferFunctionCall(ids[1], DoNothing, nullptr, 0) == kNoError)
-                 continue;
-         },
-         Nothing, kTasks, 16},
-    });
+const PairT kMods[] = {
+    {"TwoInit", InitMod<0>, InitMod<1>, Nothing,
+     [] {
+         EXPECT_EQ(ModFindByName("ordr", 0), &mods[0]);
+         EXPECT_EQ(ModFindByName("ordr", 1), &mods[1]);
+         ExitMod<0>(), ExitMod<1>();
+     }},
+    {"ExitAndFind", ExitMod<0>, [] { EXPECT_EQ(ModFindByName("ordr", 1), &mods[1]); },
+     [] { InitMod<0>(), InitMod<1>(); }, ExitMod<1>},
+    {"CallAndAdd", CallMod, AddMany, InitModWithCounter, [] { EXPECT_EQ(results[0], 1u), ExitMod<0>(); }},
+    {"TwoAdd", AddCounter<0>, AddCounter<1>, nullptr,
+     [] {
+         for (UInt32 &result : results)
+             EXPECT_EQ(ModDeleteCallback(&mods[0], 7, CountCall, &result), kNoError);
+         ExitMod<0>();
+     }},
+    {"CallAndDelete", CallMod, Unregister,
+     [] {
+         shared++, registered = true, InitMod<0>();
+         ModAddCallbackToTask(&mods[0], 7, CallRegistered, nullptr, kModOnTask, ids[1]);
+     }},
+    {"AddAndDeleteAll", AddMany, DeleteAll},
+    {"InitAndFind", InitMod<0>, [] { ModFindByName("ordr", 0); }, Nothing},
+    {"CallAndDeleteAll", CallMod, DeleteAll, InitModWithCounter},
+    {"DumpAndAdd", [] { ModDump(&mods[0], 0); }, AddMany},
+    {"DeferAndProcess", DeferTwo, ProcessTwo, [] { results[1] = 0; }, Nothing},
+    {"TwoDefer", DeferToSelf, DeferToSelf, InitModOnce, Nothing},
+    {"DeferAndDump", DeferToSelf, ModDumpDeferredFunctions, InitModOnce, Nothing},
+    {"DeferAndSearch", DeferToSelf, Search, InitModOnce, Nothing},
+    {"FilterAndTrace", [] { ModTraceFilterAdd("other"), ModTraceFilterDelete("other"); },
+     [] { ModTraceFilterAdd("another"), ModTrace(&mods[0], "line\n"), ModTraceFilterDelete("another"); }, InitModOnce,
+     [] { EXPECT_EQ(ModTraceFilterDelete("other"), kBadParameter); }},
+    {"FirstInits", InitMod<0>, InitMod<1>, Nothing, [] { EXPECT_EQ(ModFindByName("ordr", 1), &mods[1]); }, kNothingYet,
+     2},
+    {"TooManyAndProcess", [] { ModDeferFunctionCall(ids[1], DoNothing, nullptr, 0); }, ModProcessDeferredFunctions,
+     [] {
+         InitModOnce();
+         while (ModDeferFunctionCall(ids[1], DoNothing, nullptr, 0) == kNoError)
+             continue;
+     },
+     Nothing, kTwoTasks, 16},
+};
+INSTANTIATE_TEST_SUITE_P(Mods, Orders, testing::ValuesIn(Group(kMods, InitMod<0>, ExitMod<0>)), NameOf);
 
 // ---- Ports
 
@@ -968,58 +966,56 @@ const DevmgrSerial_CBInfo_t kCallbacksA = {Sent<0>, nullptr, &results[0]},
                             kCallbacksB = {Sent<1>, nullptr, &results[1]};
 int portFd;
 
-const auto kPortPairs =
-    Pairs(InitPorts, ClosePort,
-          {
-              {"TwoOpen", Open<0>, Open<1>, nullptr, [] { OneDidIt(opened, kAlreadyInUse); }},
-              {"TwoClose", Close<0>, Close<1>, OpenPort, [] { OneDidIt(closed, kItemNotFound); }},
-              {"CloseAndOpen", Close<0>, Open<1>, OpenPort,
-               [] {
-                   EXPECT_EQ(closed[0], kNoError);
-                   EXPECT_EQ(Serial_Close(0), opened[1] == kNoError ? kNoError : kItemNotFound);
-                   close(fake.master);
-               }},
-              {"OpenAndEnable", Open<0>, Enable},
-              {"TwoOpenScript", OpenScript<0>, OpenScript<1>, InitScript, OneOpenedIt},
-              {"OpenAndOpenScript", Open<0>, OpenScript<1>, InitScript, OneOpenedIt},
-              {"OpenAndCloseScript", OpenScript<0>, [] { closed[1] = Serial_Close_PSH(0); }, InitScriptToFile,
-               ScriptIsAsThePort},
-              {"FailToOpenAndClose", // each open one once
-               [] { Serial_Open(0, nullptr, nullptr, nullptr, &kNoFormat); }, Close<1>, nullptr,
-               [] {
-                   EXPECT_EQ(CBList->devCB.numCloses, CBList->devCB.numOpens);
-                   EXPECT_EQ(Serial_Close(0), kItemNotFound);
-                   close(fake.master);
-               }},
-              {"EnableAndStop", // which a callback does
-               kOwn, Enable,
-               [] {
-                   const auto stop = [](void *) { Serial_Disable(0, SERIAL_DIRECTION_RX); }; // and transmission
-                   OpenPort();
-                   Enable();
-                   SetCallbacks({nullptr, nullptr, nullptr});
-                   StartVictim([] { DevMgrSerial_asyncDataSendRecv(low_id(CBList), child, 0, 0); });
-                   CBList->asyncThread_running = 1;
-                   CBList->threadID = child;
-                   SetCallbacks({stop, nullptr, nullptr});
-               },
-               [] { ClosePort(), OnlyPlayersAreLeft(); }},
-              {"CallbacksAndTask", [] { SetCallbacks(kCallbacksB), Enable(), SetCallbacks(kCallbacksA); },
-               [] { DevMgrSerial_asyncDataSendRecv(low_id(CBList), 0, 0, 0); },
-               [] {
-                   OpenPort();
-                   Enable();
-                   sent = 0;
-                   portFd = CBList->devCB.fd;
-                   CBList->asyncThread_running = 1; // it is the second player
-                   SetCallbacks(kCallbacksA);
-               },
-               [] {
-                   CBList->devCB.fd = portFd;
-                   CBList->asyncThread_running = 0;
-                   ClosePort();
-               }},
-          });
+const PairT kPorts[] = {
+    {"TwoOpen", Open<0>, Open<1>, nullptr, [] { OneDidIt(opened, kAlreadyInUse); }},
+    {"TwoClose", Close<0>, Close<1>, OpenPort, [] { OneDidIt(closed, kItemNotFound); }},
+    {"CloseAndOpen", Close<0>, Open<1>, OpenPort,
+     [] {
+         EXPECT_EQ(closed[0], kNoError);
+         EXPECT_EQ(Serial_Close(0), opened[1] == kNoError ? kNoError : kItemNotFound);
+         close(fake.master);
+     }},
+    {"OpenAndEnable", Open<0>, Enable},
+    {"TwoOpenScript", OpenScript<0>, OpenScript<1>, InitScript, OneOpenedIt},
+    {"OpenAndOpenScript", Open<0>, OpenScript<1>, InitScript, OneOpenedIt},
+    {"OpenAndCloseScript", OpenScript<0>, [] { closed[1] = Serial_Close_PSH(0); }, InitScriptToFile, ScriptIsAsThePort},
+    {"FailToOpenAndClose", // each open one once
+     [] { Serial_Open(0, nullptr, nullptr, nullptr, &kNoFormat); }, Close<1>, nullptr,
+     [] {
+         EXPECT_EQ(CBList->devCB.numCloses, CBList->devCB.numOpens);
+         EXPECT_EQ(Serial_Close(0), kItemNotFound);
+         close(fake.master);
+     }},
+    {"EnableAndStop", // which a callback does
+     kOwn, Enable,
+     [] {
+         const auto stop = [](void *) { Serial_Disable(0, SERIAL_DIRECTION_RX); }; // and transmission
+         OpenPort();
+         Enable();
+         SetCallbacks({nullptr, nullptr, nullptr});
+         StartVictim([] { DevMgrSerial_asyncDataSendRecv(low_id(CBList), child, 0, 0); });
+         CBList->asyncThread_running = 1;
+         CBList->threadID = child;
+         SetCallbacks({stop, nullptr, nullptr});
+     },
+     [] { ClosePort(), OnlyPlayersAreLeft(); }},
+    {"CallbacksAndTask", [] { SetCallbacks(kCallbacksB), Enable(), SetCallbacks(kCallbacksA); },
+     [] { DevMgrSerial_asyncDataSendRecv(low_id(CBList), 0, 0, 0); },
+     [] {
+         OpenPort();
+         Enable();
+         sent = 0;
+         portFd = CBList->devCB.fd;
+         CBList->asyncThread_running = 1; // it is the second player
+         SetCallbacks(kCallbacksA);
+     },
+     [] {
+         CBList->devCB.fd = portFd;
+         CBList->asyncThread_running = 0;
+         ClosePort();
+     }},
+};
+INSTANTIATE_TEST_SUITE_P(Ports, Orders, testing::ValuesIn(Group(kPorts, InitPorts, ClosePort)), NameOf);
 
 // ---- Tasks that are deleted in the middle of something
 
@@ -1066,85 +1062,69 @@ void FillRingForGood()
     gsConfigWriteOutstanding = 1;
 }
 
-[[maybe_unused]] const auto kCancelPairs = Pairs(
-    Nothing, OnlyPlayersAreLeft,
-    {
-        Deleted(
-            "WaitAndDelete", [] { WaitFor(0); }, Nothing,
-            [] {
-                OnlyPlayersAreLeft();
-                ev_send(child, 1); // by somebody who does not know yet
-            }),
-        Deleted(
-            "TimedWaitAndDelete", [] { WaitFor(100000); }, PrepareTicks, NothingIsLeftOfTheVictim),
-        {"TwoDeleteEachOther", kOwn, kOwn, StartTwins},
-        Deleted(
-            "DeletionAndDelete", [] { t_delete(twins[0]); }, [] { twins[0] = StartTask("twin", [] { WaitFor(0); }); }),
-        Deleted(
-            "LogAndDelete", [] { loginfo("test", "on its way\n"); }, Nothing,
-            [] {
-                OnlyPlayersAreLeft();
-                loginfo("test", "there is no lock left held\n");
-            }),
-        Deleted("CommandAndDelete", Command, TellNobody),
-        Deleted(
-            "OutputAndDelete", [] { read_command("echo", ignored, sizeof ignored); }, Nothing, NoVictimIsLeft),
-        Deleted(
-            "FindAndDelete", [] { find_pid(""); }, Nothing, NoVictimIsLeft),
-        Deleted("UsageAndDelete", osTaskUsage, Nothing, NoVictimIsLeft),
-        Deleted(
-            "ReadAndDelete", [] { ConfigStoreRead("item", 0, ignored, 8); }, PutItem, NoVictimIsLeft),
-        Deleted(
-            "WriteAndDelete", [] { ConfigWrite("item", 0, shared++ % 2 == 0 ? "even" : "odd"); }, Nothing, ItemIsWhole),
-        Deleted(
-            "CloseAndDelete", [] { Serial_Close(0); }, OpenPort,
-            [] {
-                OnlyPlayersAreLeft();
-                EXPECT_EQ(Serial_Close(0), kItemNotFound);
-                close(fake.master);
-            }),
-        {"FirstReadAndCancel", kOwn, EndThread, [] { StartThread([] { ConfigRead("none", 0, ignored); }); },
-         ConfigurationRuns, kNothingYet, 2},
-        {"FirstLineAndCancel", kOwn, EndThread,
-         [] {
-             PutFilter();
-             folders->Put("dat/logformat.dat", "level\n");
-             StartThread([] { loginfo("a", "one\n"); });
-         },
-         [] {
-             LogTwo();
-             EXPECT_EQ(logmsg_get_format(), kLogFormatLevel);
-             FilterIsReadOnce();
-             ConfigurationRuns();
-         },
-         kNothingYet, 4},
-        {"PollAndAdd", kOwn, [] { AddDevice(), EndThread(); },
-         [] { MakeDevice(), StartThread([] { io_comp_task(0, 0, 0, 0); }); }, Nothing},
-        {"FlushAndDelete", // when the ring is full, which is reported
-         kOwn, DeleteChild, [] { FillRingForGood(), StartVictim(ConfigStoreExit); },
-         [] {
-             OnlyPlayersAreLeft();
-             EXPECT_TRUE(synced);
-         },
-         kWriter},
-    });
-
-std::string NameOf(const testing::TestParamInfo<PairT> &info)
-{
-    return info.param.name;
-}
-INSTANTIATE_TEST_SUITE_P(Tasks, Orders, testing::ValuesIn(kTaskPairs), NameOf);
-INSTANTIATE_TEST_SUITE_P(Ends, Orders, testing::ValuesIn(kEndPairs), NameOf);
+[[maybe_unused]] const PairT kCancels[] = {
+    Deleted(
+        "WaitAndDelete", [] { WaitFor(0); }, Nothing,
+        [] {
+            OnlyPlayersAreLeft();
+            ev_send(child, 1); // by somebody who does not know yet
+        }),
+    Deleted(
+        "TimedWaitAndDelete", [] { WaitFor(100000); }, PrepareTicks, NothingIsLeftOfTheVictim),
+    {"TwoDeleteEachOther", kOwn, kOwn, StartTwins},
+    Deleted(
+        "DeletionAndDelete", [] { t_delete(twins[0]); }, [] { twins[0] = StartTask("twin", [] { WaitFor(0); }); }),
+    Deleted(
+        "LogAndDelete", [] { loginfo("test", "on its way\n"); }, Nothing,
+        [] {
+            OnlyPlayersAreLeft();
+            loginfo("test", "there is no lock left held\n");
+        }),
+    Deleted("CommandAndDelete", Command, TellNobody),
+    Deleted(
+        "OutputAndDelete", [] { read_command("echo", ignored, sizeof ignored); }, Nothing, NoVictimIsLeft),
+    Deleted(
+        "FindAndDelete", [] { find_pid(""); }, Nothing, NoVictimIsLeft),
+    Deleted("UsageAndDelete", osTaskUsage, Nothing, NoVictimIsLeft),
+    Deleted(
+        "ReadAndDelete", [] { ConfigStoreRead("item", 0, ignored, 8); }, PutItem, NoVictimIsLeft),
+    Deleted(
+        "WriteAndDelete", [] { ConfigWrite("item", 0, shared++ % 2 == 0 ? "even" : "odd"); }, Nothing, ItemIsWhole),
+    Deleted(
+        "CloseAndDelete", [] { Serial_Close(0); }, OpenPort,
+        [] {
+            OnlyPlayersAreLeft();
+            EXPECT_EQ(Serial_Close(0), kItemNotFound);
+            close(fake.master);
+        }),
+    {"FirstReadAndCancel", kOwn, EndThread, [] { StartThread([] { ConfigRead("none", 0, ignored); }); },
+     ConfigurationRuns, kNothingYet, 2},
+    {"FirstLineAndCancel", kOwn, EndThread,
+     [] {
+         PutFilter();
+         folders->Put("dat/logformat.dat", "level\n");
+         StartThread([] { loginfo("a", "one\n"); });
+     },
+     [] {
+         LogTwo();
+         EXPECT_EQ(logmsg_get_format(), kLogFormatLevel);
+         FilterIsReadOnce();
+         ConfigurationRuns();
+     },
+     kNothingYet, 4},
+    {"PollAndAdd", kOwn, [] { AddDevice(), EndThread(); },
+     [] { MakeDevice(), StartThread([] { io_comp_task(0, 0, 0, 0); }); }, Nothing},
+    {"FlushAndDelete", // when the ring is full, which is reported
+     kOwn, DeleteChild, [] { FillRingForGood(), StartVictim(ConfigStoreExit); },
+     [] {
+         OnlyPlayersAreLeft();
+         EXPECT_TRUE(synced);
+     },
+     kWriter},
+};
 #ifndef __SANITIZE_ADDRESS__ // it cannot follow a cancelled thread through its scopes
-INSTANTIATE_TEST_SUITE_P(Cancels, Orders, testing::ValuesIn(kCancelPairs), NameOf);
+INSTANTIATE_TEST_SUITE_P(Cancels, Orders, testing::ValuesIn(Group(kCancels, Nothing, OnlyPlayersAreLeft)), NameOf);
 #endif
-INSTANTIATE_TEST_SUITE_P(Events, Orders, testing::ValuesIn(kEventPairs), NameOf);
-INSTANTIATE_TEST_SUITE_P(Lists, Orders, testing::ValuesIn(kListPairs), NameOf);
-INSTANTIATE_TEST_SUITE_P(Log, Orders, testing::ValuesIn(kLogPairs), NameOf);
-INSTANTIATE_TEST_SUITE_P(Config, Orders, testing::ValuesIn(kConfigPairs), NameOf);
-INSTANTIATE_TEST_SUITE_P(Remote, Orders, testing::ValuesIn(kRemotePairs), NameOf);
-INSTANTIATE_TEST_SUITE_P(Mods, Orders, testing::ValuesIn(kModPairs), NameOf);
-INSTANTIATE_TEST_SUITE_P(Ports, Orders, testing::ValuesIn(kPortPairs), NameOf);
 
 } // namespace
 

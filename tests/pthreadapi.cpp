@@ -98,8 +98,7 @@ TEST(Events, TimedWaits)
 
 TEST(Events, ATimeoutOfATaskThatNeverWaitedIsReported)
 {
-    UInt32 tid = 0;
-    t_create("lazy", 1, 0, 0, 0, &tid);
+    const UInt32 tid = NewTask("lazy");
     low_pointer<TCB>(tid)->timedwait = 1;
     EXPECT_EQ(Printed([=] { EXPECT_EQ(ev_receive_timeout(low_pointer<TCB>(tid)), 0); }),
               "ev timed out without task waiting lazy\n");
@@ -125,10 +124,8 @@ TEST(Tasks, AreFoundByTheirFourNameBytes)
 {
     const char shortName[4] = {'a', 'b', 0, 0};
     const char sameStart[4] = {'a', 'b', 0, 'x'};
-    UInt32 first = 0, second = 0, nameless = 0, found = 0;
-    t_create(shortName, 1, 0, 0, 0, &first);
-    t_create(shortName, 2, 0, 0, 0, &second);
-    t_create(nullptr, 3, 0, 0, 0, &nameless);
+    const UInt32 first = NewTask(shortName), second = NewTask(shortName), nameless = NewTask(nullptr);
+    UInt32 found = 0;
     EXPECT_EQ(t_ident(shortName, 0, &found), 0u);
     EXPECT_EQ(found, first) << "the first in creation order";
     EXPECT_EQ(t_ident(sameStart, 0, &found), kTaskNotFound);
@@ -146,15 +143,10 @@ TEST(Tasks, AreFoundByTheirFourNameBytes)
 TEST(Tasks, GetTheirArguments)
 {
     static std::vector<UInt32> got;
+    const auto take = [](UInt32 a, UInt32 b, UInt32 c, UInt32 d) { got = {a, b, c, d}; };
     UInt32 tid = 0, args[4] = {1, 2, 3, 4};
     t_create("args", 0, 1, 2, 3, &tid);
-    EXPECT_EQ(t_start(
-                  tid, 9,
-                  [](UInt32 a, UInt32 b, UInt32 c, UInt32 d) {
-                      got = {a, b, c, d};
-                  },
-                  args),
-              0u);
+    EXPECT_EQ(t_start(tid, 9, take, args), 0u);
     args[0] = 0; // was copied
     EXPECT_TRUE(Eventually([] { return NumTasks() == 0; }));
     EXPECT_EQ(got, (std::vector<UInt32>{1, 2, 3, 4}));
@@ -176,8 +168,7 @@ TEST(Tasks, AnIdentifierComesBackAfterAThousandOthersHaveEnded)
     const UInt32 stale = StartTask("gone", [] {});
     ASSERT_TRUE(Eventually([] { return NumTasks() == 0; }));
     for (int i = 0; i < 1024; i++) {
-        UInt32 stranger = 0;
-        t_create("strg", 1, 0, 0, 0, &stranger);
+        const UInt32 stranger = NewTask("strg");
         ASSERT_NE(stranger, stale);
         ev_send(stale, 0x1);
         t_setRefCon(stale, 1);
@@ -186,8 +177,8 @@ TEST(Tasks, AnIdentifierComesBackAfterAThousandOthersHaveEnded)
         ASSERT_EQ(NumTasks(), 1);
         t_delete(stranger);
     }
-    UInt32 next = 0, refcon = 7;
-    t_create("next", 1, 0, 0, 0, &next);
+    const UInt32 next = NewTask("next");
+    UInt32 refcon = 7;
     EXPECT_EQ(next, stale);
     EXPECT_EQ(t_getRefCon(next, &refcon), 0u);
     EXPECT_EQ(refcon, 0u);
@@ -197,11 +188,11 @@ TEST(Tasks, AnIdentifierComesBackAfterAThousandOthersHaveEnded)
 // With the value of gLibPThreadNPTL: whether a task still finds itself after another was deleted.
 class Deletion : public testing::TestWithParam<Int32>
 {
+    void SetUp() override { gLibPThreadNPTL = GetParam(); }
 };
 
 TEST_P(Deletion, DecidesWhoFindsItself)
 {
-    gLibPThreadNPTL = GetParam();
     std::atomic<UInt32> found = 77, received = 77;
     std::atomic<bool> ready = false, go = false;
     StartTask("stay", [&] {
@@ -226,15 +217,13 @@ TEST_P(Deletion, DecidesWhoFindsItself)
 // Thread handles are used again at once, while the tasks that had them are still being taken out.
 TEST_P(Deletion, ByManyAtOnceKeepsTheTreeWhole)
 {
-    gLibPThreadNPTL = GetParam();
     std::thread threads[4];
     for (std::thread &thread : threads)
         thread = std::thread([] {
             for (int round = 0; round < 100; round++) {
-                UInt32 tid = 0;
-                t_create("many", 1, 0, 0, 0, &tid);
+                const UInt32 tid = NewTask("many");
                 t_start(
-                    tid, 0, [](UInt32, UInt32, UInt32, UInt32) { tm_wkafter(100000); }, nullptr);
+                    tid, 0, [](auto...) { tm_wkafter(100000); }, nullptr);
                 t_delete(tid);
             }
         });
@@ -246,7 +235,6 @@ TEST_P(Deletion, ByManyAtOnceKeepsTheTreeWhole)
 // Deleters that are deleted by their target, one of which waits for the other, are spared, and see it end.
 TEST_P(Deletion, OfADeleterLetsItFinish)
 {
-    gLibPThreadNPTL = GetParam();
     std::atomic<bool> spared = false, ended = false;
     std::atomic<UInt32> deleters[2] = {};
     const UInt32 target = StartTask("slow", [&] {
@@ -301,7 +289,6 @@ TEST_P(Deletion, OfAParentWaitsForTheEndOfItsScopes)
 #ifdef __SANITIZE_ADDRESS__
     GTEST_SKIP() << "AddressSanitizer cannot follow a cancelled thread through its scopes";
 #endif
-    gLibPThreadNPTL = GetParam();
     for (const bool deletesItself : {false, true}) {
         ParentT parent;
         const UInt32 tid = StartTask("prnt", [&] { parent.Run(deletesItself); });
@@ -315,9 +302,7 @@ TEST_P(Deletion, OfAParentWaitsForTheEndOfItsScopes)
 // A task that was joined may still be listed when another thread has got its handle already.
 TEST(Tasks, AreDeletedByAThreadWithTheHandleOfAnEndedOne)
 {
-    UInt32 ended = 0, target = 0;
-    t_create("endd", 1, 0, 0, 0, &ended);
-    t_create("trgt", 1, 0, 0, 0, &target);
+    const UInt32 ended = NewTask("endd"), target = NewTask("trgt");
     low_pointer<TCB>(ended)->thread = pthread_self();
     low_pointer<TCB>(ended)->claimed = kJoinedByAnother;
     EXPECT_EQ(t_delete(target), 0u);
@@ -359,8 +344,7 @@ TEST(Tasks, AreStartedOnceAndNotAfterTheirEnd)
 {
     std::atomic<UInt32> runs = 0;
     std::atomic<bool> over = false;
-    UInt32 tid = 0;
-    t_create("once", 1, 0, 0, 0, &tid);
+    const UInt32 tid = NewTask("once");
     const auto body = [&] {
         runs++;
         while (!over)
@@ -382,8 +366,8 @@ INSTANTIATE_TEST_SUITE_P(ThreadLibrary, Deletion, testing::Values(0, 1));
 
 // A task that is not started, and is taken for a thread of this process.
 struct Report : testing::Test {
-    Report() { t_create("dump", 42, 0, 0, 0, &tid), low_pointer<TCB>(tid)->pid = getpid(); }
-    UInt32 tid = 0;
+    Report() { low_pointer<TCB>(tid)->pid = getpid(); }
+    const UInt32 tid = NewTask("dump", 42);
 };
 
 TEST_F(Report, ListsTheTasks)
@@ -519,8 +503,7 @@ TEST(Tasks, WithoutMemoryNothingChanges)
 
 TEST(TasksDeathTest, RefuseNullArguments)
 {
-    UInt32 tid = 0;
-    t_create("null", 1, 0, 0, 0, &tid);
+    const UInt32 tid = NewTask("null");
     EXPECT_DEATH(t_start(0, 0, nullptr, nullptr), "failed: tcb,");
     EXPECT_DEATH(t_start(tid, 0, nullptr, nullptr), "failed: start,");
     EXPECT_DEATH(t_ident("null", 0, nullptr), "failed: tid_out,");
@@ -539,8 +522,7 @@ TEST(TasksDeathTest, RefuseNullArguments)
 TEST(TasksDeathTest, RefuseImpossiblePriorities)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    UInt32 tid = 0;
-    t_create("prio", 100, 0, 0, 0, &tid);
+    const UInt32 tid = NewTask("prio", 100);
     EXPECT_DEATH(t_setpri(tid, 101, nullptr), "Assertion failed: tcb->prv_pri.__sched_priority <= 99, file Common/OS/");
     EXPECT_DEATH(t_attach("prio", 0), "\\(\\(int\\) tcb->prv_pri.__sched_priority > 0\\)");
     EXPECT_DEATH(

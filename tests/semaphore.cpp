@@ -89,26 +89,6 @@ TEST(Semaphores, LeaveTheirIdentifierToNobodyForLong)
     EXPECT_EQ(sm_p(next, kSmNoWait, 0), 0u);
 }
 
-TEST(Semaphores, AreReleasedByADeletedTask)
-{
-#ifdef __SANITIZE_ADDRESS__
-    GTEST_SKIP() << "AddressSanitizer cannot follow a cancelled thread through its scopes";
-#endif
-    gLibPThreadNPTL = 1;
-    UInt32 smid = 0;
-    ASSERT_EQ(sm_create("task", 1, 0, &smid), 0u);
-    std::atomic<bool> held = false;
-    const UInt32 tid = StartTask("hold", [&] {
-        const SemaphoreHold hold(smid);
-        held = true;
-        tm_wkafter(100000);
-    });
-    ASSERT_TRUE(Eventually([&] { return held.load(); }));
-    EXPECT_EQ(sm_p(smid, kSmNoWait, 0), kSmNotAvailable);
-    EXPECT_EQ(t_delete(tid), 0u);
-    EXPECT_EQ(sm_p(smid, kSmNoWait, 0), 0u);
-}
-
 TEST(SemaphoresDeathTest, StopOnMisuse)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");

@@ -274,15 +274,21 @@ TEST_F(SerialApi, CrossesTheSingleDirectionsOfDisable)
 
 TEST(SerialErrors, HaveATextAndAResult)
 {
-    std::string all;
-    for (const int error : {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 48})
-        all += Trace([&] { return Serial_Get_AppErr(DevMgrSerial_error_t(error)); }) + ";";
-    EXPECT_EQ("0;Serial API Error - Not Supported\n-27;Serial API Error - Invalid Parameter\n-3;"
-              "Serial API Error - Read System call failed\n-34;Serial API Error - Write System call failed\n-34;"
-              "Serial API Error - Invalid Parameter\n-3;Serial API Error - TX Disabled\n-4;"
-              "Serial API Error - RX Disabled\n-4;Serial API Error - Timeout\n-35;"
-              "Serial API Error - Unknown Error\n-34;0;",
-              all);
+    const std::pair<int, std::string> rows[] = {
+        {0, "0"},
+        {1, "Serial API Error - Not Supported\n-27"},
+        {2, "Serial API Error - Invalid Parameter\n-3"},
+        {3, "Serial API Error - Read System call failed\n-34"},
+        {4, "Serial API Error - Write System call failed\n-34"},
+        {5, "Serial API Error - Invalid Parameter\n-3"},
+        {6, "Serial API Error - TX Disabled\n-4"},
+        {7, "Serial API Error - RX Disabled\n-4"},
+        {8, "Serial API Error - Timeout\n-35"},
+        {9, "Serial API Error - Unknown Error\n-34"},
+        {48, "0"},
+    };
+    for (const auto &[error, trace] : rows)
+        EXPECT_EQ(trace, Trace([error] { return Serial_Get_AppErr(DevMgrSerial_error_t(error)); })) << error;
 }
 
 TEST_F(SerialApi, ClosesTheScriptsSessionsOnOtherBoards)

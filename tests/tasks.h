@@ -27,11 +27,18 @@ inline void StartBody(UInt32 tid, std::function<void()> body)
     EXPECT_EQ(t_start(tid, 0, run, args), 0u);
 }
 
+// Creates a task that is not started.
+inline UInt32 NewTask(const char *name, UInt32 priority = 1)
+{
+    UInt32 tid = 0;
+    EXPECT_EQ(t_create(name, priority, 0, 0, 0, &tid), 0u);
+    return tid;
+}
+
 // Creates and starts a task that runs body.
 inline UInt32 StartTask(const char *name, std::function<void()> body)
 {
-    UInt32 tid = 0;
-    EXPECT_EQ(t_create(name, 10, 0, 0, 0, &tid), 0u);
+    const UInt32 tid = NewTask(name, 10);
     StartBody(tid, std::move(body));
     return tid;
 }
