@@ -15,9 +15,8 @@ namespace
 
 using namespace std::string_literals;
 
-std::function<void()> meanwhile; // what happens once while the master is asked, or before a file is removed
-std::atomic<UInt32> processor;   // the one that the run-time takes itself for
-std::string sent, answer;        // all commands; what reads are answered with, unless it is empty
+std::atomic<UInt32> processor; // the one that the run-time takes itself for
+std::string sent, answer;      // all commands; what reads are answered with, unless it is empty
 
 std::string Read(const std::string &name, Int32 instance = 0, UInt32 len = 8)
 {
@@ -150,17 +149,6 @@ TEST(ConfigStore, ReplacesAFileThatIsOnlyAnItems)
 }
 
 std::string refused; // a system call that fails
-
-TEST(ConfigStore, DoesNotCacheWhatIsBeingDeleted)
-{
-    const ConfigFolders folders;
-    static char value[kConfigValueSize];
-    EXPECT_EQ(ConfigWrite("item", 0, "old"), kNoError);
-    meanwhile = [] { EXPECT_EQ(ConfigRead("item", 0, value), kNoError); };
-    EXPECT_EQ(ConfigDelete("item", 0), kNoError);
-    EXPECT_STREQ(value, "old");
-    EXPECT_EQ(ConfigRead("item", 0, value), kItemNotFound);
-}
 
 TEST(ConfigStore, WritesInPlaceWhatCannotBeReplaced)
 {
@@ -366,8 +354,6 @@ Int32 SendAndRead(RemMsgPathT *pPath, const char *command, RemMsgRspT completion
     char value[kConfigValueSize];
     sent += command + "|"s;
     if (completion != nullptr) {
-        if (meanwhile)
-            std::exchange(meanwhile, nullptr)();
         completion(pPath, answer.c_str(), context);
     } else if (++depth == 1) {
         EXPECT_EQ(ConfigWrite("first", 0, ""), kNoError); // what it has: not sent again
@@ -394,17 +380,6 @@ TEST(ConfigStore, LetsTheMessagePathUseTheDatabase)
     char value[kConfigValueSize];
     EXPECT_EQ(ConfigRead("first", 0, value), kNoError);
     EXPECT_STREQ(value, "fresh");
-    const std::function<void()> changes[] = {[] { ConfigWrite("item", 0, ""); },
-                                             [] { WriteItemToCache("item", 0, ""); }};
-    for (const auto &change : changes) {
-        DeleteItemFromCache("item", 0);
-        meanwhile = change;
-        for (const char *word : {"stale", "fresh"}) { // the first one is not cached
-            answer = "config item 0 "s + word;
-            EXPECT_EQ(ConfigRead("item", 0, value), kNoError);
-            EXPECT_STREQ(value, word);
-        }
-    }
 }
 
 } // namespace
@@ -423,13 +398,6 @@ extern "C" Int32 __wrap__Z16GetNumProcessorsv() // NOLINT(bugprone-reserved-iden
 extern "C" int __real_flock(int file, int operation);
 extern "C" int __real_fchmod(int file, mode_t mode);
 extern "C" int __real_rename(const char *from, const char *to);
-extern "C" int __real_unlink(const char *path);
-extern "C" int __wrap_unlink(const char *path)
-{
-    if (meanwhile)
-        std::exchange(meanwhile, nullptr)();
-    return __real_unlink(path);
-}
 extern "C" int __wrap_flock(int file, int operation)
 {
     return refused == "flock" ? (errno = ENOLCK, -1) : __real_flock(file, operation);

@@ -312,28 +312,6 @@ TEST_P(BothFamilies, WaitForACallbackThatStoppedItsOwnPort)
     EXPECT_FALSE(HasTask());
 }
 
-TEST_P(BothFamilies, AreClosedWholeByATaskThatIsDeleted)
-{
-    std::atomic<bool> called{false}, go{false};
-    Seen seen;
-    seen.action = [&] {
-        const CancelOffHold computing;
-        called = true;
-        while (!go)
-            tm_wkafter(1);
-    };
-    port.SetCallbacks(&seen.callbacks), port.Enable(PORT_RX_ENABLE);
-    fake.Send("a");
-    EXPECT_TRUE(Eventually([&] { return called.load(); }));
-    const UInt32 tid = StartTask("clos", [this] { dev_close(port.devid); });
-    tm_wkafter(3); // it waits for the callback
-    StartTask("wait", [&] { tm_wkafter(3), go = true; });
-    t_delete(tid);
-    EXPECT_FALSE(HasTask());
-    EXPECT_EQ(0u, port.record->asyncThread_running);
-    EXPECT_EQ(0u, port.record->devCB.state);
-}
-
 TEST(SerialAssertion, StopsTheProgram)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");

@@ -60,27 +60,6 @@ TEST(Events, AreMatchedAndTakenOneByOne)
     });
 }
 
-TEST(Events, WakeAWaitingTaskOnlyWhenAllAreThere)
-{
-    std::atomic<UInt32> received = 0;
-    const UInt32 tid = StartTask("wait", [&] {
-        UInt32 events = 0;
-        ev_receive(0x3, 0, 0, &events);
-        received = events;
-        tm_wkafter(1000);
-    });
-    EXPECT_TRUE(Eventually([&] {
-        MutexHold hold(&low_pointer<TCB>(tid)->event_mutex);
-        return low_pointer<TCB>(tid)->taskWaiting != 0;
-    }));
-    ev_send(tid, 0x1);
-    std::this_thread::sleep_for(std::chrono::milliseconds(30));
-    EXPECT_EQ(received, 0u);
-    ev_send(tid, 0x2);
-    EXPECT_TRUE(Eventually([&] { return received == 0x3; }));
-    EXPECT_EQ(t_delete(tid), 0u);
-}
-
 TEST(Events, TimedWaits)
 {
     RunTask([] {
@@ -413,24 +392,6 @@ TEST_F(Report, OfPriorityAndContextIsWhatWasSet)
     EXPECT_EQ(t_setRefCon(tid, 99), 0u);
     EXPECT_EQ(t_getRefCon(tid, &refcon), 0u);
     EXPECT_EQ(refcon, 99u);
-}
-
-TEST(Tasks, AnAttachedThreadIsATask)
-{
-    static std::atomic<bool> attached = false;
-    const auto attach = [](void *) -> void * {
-        EXPECT_EQ(t_attach("main", 5), 0u);
-        attached = true;
-        EXPECT_STREQ(task_name(Self()), "main");
-        UInt32 events = 0;
-        ev_send(0, 0x4);
-        EXPECT_EQ(ev_receive(0x4, 0, 0, &events), 0u);
-        t_delete(0); // which detaches the thread
-        return nullptr;
-    };
-    pthread_t thread;
-    ASSERT_EQ(pthread_create(&thread, nullptr, attach, nullptr), 0);
-    EXPECT_TRUE(Eventually([] { return attached && NumTasks() == 0; }));
 }
 
 // The unrelated task notices an empty tree, as gLibPThreadNPTL is 0.
