@@ -395,19 +395,13 @@ extern "C" Int32 __wrap__Z16GetNumProcessorsv() // NOLINT(bugprone-reserved-iden
 }
 
 // NOLINTBEGIN(bugprone-reserved-identifier)
-extern "C" int __real_flock(int file, int operation);
-extern "C" int __real_fchmod(int file, mode_t mode);
-extern "C" int __real_rename(const char *from, const char *to);
-extern "C" int __wrap_flock(int file, int operation)
-{
-    return refused == "flock" ? (errno = ENOLCK, -1) : __real_flock(file, operation);
-}
-extern "C" int __wrap_fchmod(int file, mode_t mode)
-{
-    return refused == "fchmod" ? (errno = EPERM, -1) : __real_fchmod(file, mode);
-}
-extern "C" int __wrap_rename(const char *from, const char *to)
-{
-    return refused == "rename" ? (errno = EBUSY, -1) : __real_rename(from, to);
-}
+#define REFUSABLE(name, error, parameters, arguments)                                                                  \
+    extern "C" int __real_##name parameters;                                                                           \
+    extern "C" int __wrap_##name parameters                                                                            \
+    {                                                                                                                  \
+        return refused == #name ? (errno = error, -1) : __real_##name arguments;                                       \
+    }
+REFUSABLE(flock, ENOLCK, (int file, int operation), (file, operation))
+REFUSABLE(fchmod, EPERM, (int file, mode_t mode), (file, mode))
+REFUSABLE(rename, EBUSY, (const char *from, const char *to), (from, to))
 // NOLINTEND(bugprone-reserved-identifier)

@@ -67,16 +67,13 @@ TEST_F(Mod, DumpsAreRowsOfATable)
 TEST_F(Mod, TableIsFullAtFourThousand)
 {
     std::memset(&last, 0xFF, sizeof last);
-    const auto callCallbacks = last.CallCallbacks;
-    const auto throwException = last.ThrowException;
-    const auto setOwner = last.SetOwner;
-    const auto getOwner = last.GetOwner;
+    const ModT before = last;
     for (ModT &each : mods)
         ModInit(&each, "A23456789012345678901234567890123456789", static_cast<Int32>(&each - mods), nullptr);
-    EXPECT_EQ(last.CallCallbacks, callCallbacks) << "what is there is kept";
-    EXPECT_EQ(last.ThrowException, throwException);
-    EXPECT_EQ(last.SetOwner, setOwner);
-    EXPECT_EQ(last.GetOwner, getOwner);
+    EXPECT_EQ(last.CallCallbacks, before.CallCallbacks) << "what is there is kept";
+    EXPECT_EQ(last.ThrowException, before.ThrowException);
+    EXPECT_EQ(last.SetOwner, before.SetOwner);
+    EXPECT_EQ(last.GetOwner, before.GetOwner);
     EXPECT_EQ(last.Exit, ModExit);
     EXPECT_EQ(last.Dump, ModDump);
     EXPECT_EQ(last.processorNum, ~0u);
