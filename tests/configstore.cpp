@@ -399,7 +399,7 @@ extern "C" Int32 __wrap__Z16GetNumProcessorsv() // NOLINT(bugprone-reserved-iden
     extern "C" int __real_##name parameters;                                                                           \
     extern "C" int __wrap_##name parameters                                                                            \
     {                                                                                                                  \
-        return refused == #name ? (errno = error, -1) : __real_##name arguments;                                       \
+        return refused == #name ? (errno = (error), -1) : __real_##name arguments;                                     \
     }
 REFUSABLE(flock, ENOLCK, (int file, int operation), (file, operation))
 REFUSABLE(fchmod, EPERM, (int file, mode_t mode), (file, mode))

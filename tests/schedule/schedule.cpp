@@ -384,12 +384,12 @@ using schedule::StopAtAccess;
         return __real_##name arguments;                                                                                \
     }
 // Calls in which a thread may be cancelled, though not in every C library.
-#define STOPS_AND_ENDS(name, type)                                                                                     \
-    WRAPPED(int, name, (type * stream))                                                                                \
+#define STOPS_AND_ENDS(name, parameters, arguments)                                                                    \
+    WRAPPED(int, name, parameters)                                                                                     \
     {                                                                                                                  \
         Stop(#name, __builtin_return_address(0));                                                                      \
         pthread_testcancel();                                                                                          \
-        return __real_##name(stream);                                                                                  \
+        return __real_##name arguments;                                                                                \
     }
 // Also behind it: what follows may be a read, where a thread can be cancelled.
 #define STOPS_TWICE(name)                                                                                              \
@@ -497,8 +497,8 @@ WRAPPED(int, open, (const char *path, int flags, ...))
 STOPS(int, pthread_cond_signal, (pthread_cond_t * condition), (condition))
 STOPS(int, pthread_cancel, (pthread_t thread), (thread))
 STOPS(int, close, (int fd), (fd))
-STOPS_AND_ENDS(pclose, FILE)
-STOPS_AND_ENDS(closedir, DIR)
+STOPS_AND_ENDS(pclose, (FILE * file), (file))
+STOPS_AND_ENDS(closedir, (DIR * directory), (directory))
 STOPS_TWICE(fopen)
 STOPS_TWICE(fopen64)
 STOPS(int, fclose, (FILE * file), (file))
