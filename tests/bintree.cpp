@@ -24,7 +24,8 @@ int CheckLeaf(const BinaryLeafT *leaf, Keys &inOrder)
     const int right = CheckLeaf(leaf->right, inOrder);
     EXPECT_EQ(static_cast<int>(leaf->factor), left - right) << "at key " << leaf->key;
     EXPECT_LE(std::abs(left - right), 1) << "at key " << leaf->key;
-    EXPECT_EQ(leaf->leftcount + leaf->rightcount, 0u);
+    EXPECT_EQ(leaf->leftcount, 0u);
+    EXPECT_EQ(leaf->rightcount, 0u);
     return 1 + std::max(left, right);
 }
 

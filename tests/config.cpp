@@ -1,9 +1,9 @@
 #include "Common/framework/config.h"
 #include "tests/folders.h"
+#include "tests/fullpipe.h"
 #include "tests/logwriter.h"
 
 #include <csignal>
-#include <fcntl.h>
 #include <sys/resource.h>
 
 extern std::atomic<Int32> gConfigInitialized, gsConfigWriteOutstanding;
@@ -28,61 +28,129 @@ TEST(Config, DumpsTheItemsOfABucketInTheOrderInWhichTheyCame)
     ConfigInit();
     for (const char *name : {"k2", "\xC4", "k1"})
         ConfigWrite(name, 0, "x");
-    testing::internal::CaptureStdout();
-    ConfigDumpAll();
-    const std::string text = testing::internal::GetCapturedStdout();
+    const std::string text = Printed(ConfigDumpAll);
     EXPECT_NE(text.find("\n\xC4[0] "), std::string::npos) << text;
     EXPECT_LT(text.find("\nk2[0] "), text.find("\nk1[0] ")) << text;
 }
 
-TEST(Config, KeepsItemsInCacheAndStore)
+// How far a file may grow, until the end of the scope.
+class FileLimit
+{
+public:
+    explicit FileLimit(rlim_t size) { Set(size), std::signal(SIGXFSZ, SIG_IGN); }
+    ~FileLimit() { Set(RLIM_INFINITY); }
+    FileLimit(const FileLimit &) = delete;
+    FileLimit &operator=(const FileLimit &) = delete;
+
+private:
+    static void Set(rlim_t size)
+    {
+        const rlimit limit = {size, RLIM_INFINITY};
+        setrlimit(RLIMIT_FSIZE, &limit);
+    }
+};
+
+TEST(Config, KeepsItemsInTheCache)
 {
     const ConfigFolders folders;
-    EXPECT_DEATH(ConfigRead(nullptr, 0, nullptr), "failed: pName,");
-    EXPECT_DEATH(ConfigRead("a", 0, nullptr), "failed: value,");
-    const std::string longest(32, 'n'), x(5000, 'x');
     for (const auto &[text, value] : {std::pair{"", ""}, {"first", "first"}, {"second", "first"}}) {
         folders.Put("dat/item.dat", text);
         EXPECT_EQ(Read("Item"), value);
     }
-    EXPECT_FALSE(ConfigWriteCacheOnly("item", 0, "cached") || ConfigWrite("item", 0, "cached"));
-    EXPECT_EQ(Read("item") + folders.Get("dat/item.dat"), "cachedsecond");
+    EXPECT_EQ(ConfigWriteCacheOnly("item", 0, "cached"), kNoError);
+    EXPECT_EQ(ConfigWrite("item", 0, "cached"), kNoError);
+    EXPECT_EQ(Read("item"), "cached");
+    EXPECT_EQ(folders.Get("dat/item.dat"), "second");
+    ConfigExit();
+    EXPECT_EQ(Read("item"), "second");
+    for (const char *name : {"", "a/b", "a\nb"}) {
+        EXPECT_EQ(ConfigWriteCacheOnly(name, 0, "cached"), kNoError) << name;
+        EXPECT_EQ(Read(name), "cached") << name;
+    }
+}
+
+TEST(Config, CutsNamesAndValues)
+{
+    const ConfigFolders folders;
+    const std::string longest(32, 'n'), x(5000, 'x'), file = "dat/" + longest + "2.dat";
     EXPECT_EQ(ConfigWrite((longest + "more").c_str(), 2, x.c_str()), kNoError);
-    EXPECT_EQ(Read(longest, 2) + folders.Get("dat/" + longest + "2.dat"), x.substr(0, 740) + "\n");
+    EXPECT_EQ(Read(longest, 2), x.substr(0, 370));
+    EXPECT_EQ(folders.Get(file), x.substr(0, 370) + "\n");
     EXPECT_EQ(gsConfigWriteOutstanding, 1);
     ConfigExit(), ConfigExit(); // once
     EXPECT_EQ(gsConfigWriteOutstanding, 0);
-    EXPECT_EQ(Read("item") + Read(longest + "MORE", 2), "second" + x.substr(0, 369));
+    EXPECT_EQ(Read(longest + "MORE", 2), x.substr(0, 369)) << "of a line as long as it can be";
+}
+
+TEST(Config, DeletesAndRestores)
+{
+    const ConfigFolders folders;
     folders.Put("choice/item.choice", "default");
-    EXPECT_FALSE(ConfigWrite("item", 0, "mine") || ConfigRestore("ITEM", 0));
-    EXPECT_EQ(Read("item") + folders.Get("dat/item.dat"), "defaultdefault\n");
-    std::signal(SIGXFSZ, SIG_IGN);
-    const rlimit full = {300, RLIM_INFINITY}, fuller = {0, RLIM_INFINITY}, empty = {RLIM_INFINITY, RLIM_INFINITY};
-    testing::internal::CaptureStderr();
-    setrlimit(RLIMIT_FSIZE, &full);
-    EXPECT_EQ(ConfigWrite("item", 0, x.c_str()), kBadParameter);
-    setrlimit(RLIMIT_FSIZE, &empty);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "ConfigStoreWrite: fwrite: File too large\n");
-    EXPECT_EQ(Read("item") + folders.Get("dat/item.dat"), x.substr(0, 370) + "default\n");
-    setrlimit(RLIMIT_FSIZE, &fuller);
-    EXPECT_EQ(ConfigWrite("item", 0, ""), kBadParameter);
-    setrlimit(RLIMIT_FSIZE, &empty);
-    EXPECT_EQ(Read("item"), "default"); // an empty value is looked for in the file, and does not come back from there
-    EXPECT_STREQ(LookupItemInCache("item", 0)->value, "");
-    EXPECT_EQ(ConfigWrite("item", 0, ""), kNoError);
-    EXPECT_EQ(folders.Get("dat/item.dat"), "\n");
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator("../dat"), {}), 2) << "temporary files";
-    EXPECT_TRUE(ConfigWrite("item", 0, "new") == kNoError && folders.Get("dat/item.dat") == "new\n");
+    EXPECT_EQ(ConfigWrite("item", 0, "mine"), kNoError);
+    EXPECT_EQ(ConfigRestore("ITEM", 0), kNoError);
+    EXPECT_EQ(Read("item"), "default");
+    EXPECT_EQ(folders.Get("dat/item.dat"), "default\n");
     EXPECT_EQ(ConfigDelete("item", 0), kNoError);
     EXPECT_EQ(ConfigDelete("item", 0), kItemNotFound);
-    EXPECT_EQ(Read("item") + folders.Get("dat/item.dat"), "defaultmissing");
+    EXPECT_EQ(Read("item"), "default");
+    EXPECT_EQ(folders.Get("dat/item.dat"), "missing");
     EXPECT_EQ(ConfigWriteCacheOnly("gone", 0, "v"), kNoError);
     EXPECT_EQ(ConfigDelete("gone", 0), kNoError);
-    EXPECT_EQ(ConfigRestore("gone", 0) + ConfigRestore("a/b", 0), 2 * kItemNotFound);
+    for (const char *name : {"gone", "a/b"})
+        EXPECT_EQ(ConfigRestore(name, 0), kItemNotFound);
     std::filesystem::create_directory("../dat/folder.dat");
     EXPECT_EQ(ConfigDelete("folder", 0), kBadParameter);
-    for (const char *name : {"", "a/b", "a\nb"})
-        EXPECT_EQ(ConfigWriteCacheOnly(name, 0, "cached") == kNoError ? Read(name) : "", "cached") << name;
+}
+
+TEST(Config, KeepsTheFileThatItCannotReplace)
+{
+    const ConfigFolders folders;
+    const std::string x(5000, 'x');
+    folders.Put("dat/item.dat", "default\n");
+    {
+        const FileLimit full(300);
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(ConfigWrite("item", 0, x.c_str()), kBadParameter);
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "ConfigStoreWrite: fwrite: File too large\n");
+    EXPECT_EQ(Read("item"), x.substr(0, 370));
+    {
+        const FileLimit full(0);
+        EXPECT_EQ(ConfigWrite("item", 0, ""), kBadParameter);
+    }
+    EXPECT_EQ(folders.Get("dat/item.dat"), "default\n");
+    EXPECT_EQ(Read("item"), "default"); // an empty value is looked for in the file, and does not come back from there
+    EXPECT_STREQ(LookupItemInCache("item", 0)->value, "");
+    for (const std::string value : {"", "new"}) {
+        EXPECT_EQ(ConfigWrite("item", 0, value.c_str()), kNoError);
+        EXPECT_EQ(folders.Get("dat/item.dat"), value + "\n");
+    }
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator("../dat"), {}), 1) << "temporary files";
+}
+
+// Tells itself; "missing" is none.
+std::string ValueOf(UInt32 change)
+{
+    const std::string filling(37 * change % 350, static_cast<char>('a' + change % 26));
+    return change % 4 == 0 ? "missing" : std::to_string(change) + filling + "\n";
+}
+
+void WriteUntilKilled(UInt32 round)
+{
+    const std::jthread killer([round] { usleep(round * 7919 % 10000), raise(SIGKILL); });
+    for (UInt32 change = 1; !testing::Test::HasFailure(); change++)
+        change % 4 == 0 ? ConfigDelete("item", 0) : ConfigWrite("item", 0, ValueOf(change).c_str());
+    _exit(1);
+}
+
+TEST(Config, KilledWritersLeaveWholeValues)
+{
+    const ConfigFolders folders;
+    for (UInt32 round = 0; round < 100; round++) {
+        EXPECT_EXIT(WriteUntilKilled(round), testing::KilledBySignal(SIGKILL), "");
+        const std::string text = folders.Get("dat/item.dat");
+        ASSERT_EQ(text, ValueOf(static_cast<UInt32>(std::atoi(text.c_str()))));
+    }
 }
 
 void EndAtOnce(useconds_t pause)
@@ -109,28 +177,15 @@ TEST(Config, EndsWithItsFlushTask)
 // A thread that prints waits for a pipe that is full. Nobody else waits for that thread.
 void PrintWhileOthersWrite(int output, void (*print)())
 {
-    int ends[2];
-    ASSERT_EQ(pipe2(ends, O_NONBLOCK), 0);
-    while (write(ends[1], "x", 1) == 1)
-        ;
-    fcntl(ends[1], F_SETFL, 0);
-    fcntl(ends[0], F_SETFL, 0);
     std::fflush(stdout);
-    const int terminal = dup(output);
-    dup2(ends[1], output);
-    std::jthread printing(print);
+    const FullPipe full(output);
+    std::atomic<bool> printed = false, written = false;
+    const std::jthread printing([&] { print(), printed = true; });
     usleep(100000);
-    std::atomic<bool> written = false;
     const std::jthread writing([&] { written = ConfigWrite("n", output, "new") == kNoError; });
-    const bool before = Eventually([&] { return written == true; });
-    const std::jthread reading([&ends] {
-        for (char chunk[4096]; read(ends[0], chunk, sizeof chunk) > 0;)
-            ;
-    });
-    printing.join();
-    dup2(terminal, output);
-    close(ends[1]);
-    EXPECT_TRUE(before) << output;
+    EXPECT_TRUE(Eventually([&] { return written.load(); })) << output;
+    EXPECT_FALSE(printed);
+    EXPECT_TRUE(Eventually([&] { return full.Drain(), printed.load(); }));
 }
 
 TEST(Config, PrintsWithoutHoldingAnybodyUp)
@@ -142,23 +197,55 @@ TEST(Config, PrintsWithoutHoldingAnybodyUp)
     PrintWhileOthersWrite(STDERR_FILENO, [] { ConfigWrite("folder", 0, "fails"); });
 }
 
-TEST(Config, ReadsAndWritesNumbers)
+TEST(Config, ReadsNumbers)
 {
     const ConfigFolders folders;
-    const auto get = [](auto call, auto value) { return call("n", 0, &value), "|" + std::to_string(value); };
-    for (const std::string row : // 9 is what was there before
-         {"-32768|-32768|-32768|0", "32768|32768|9|0", "2147483648|9|9|0", "1x|9|9|0", "|9|9|0", "tRUE|9|9|1"}) {
-        ConfigWrite("n", 0, row.substr(0, row.find('|')).c_str());
-        EXPECT_EQ(Read("n") + get(ConfigReadInt32, 9) + get(ConfigReadInt16, Int16{9}) + get(ConfigReadBool, 9u), row);
+    const struct {
+        std::string text;
+        Int32 word;
+        Int16 half;
+        Boolean boolean;
+    } rows[] = {
+        // 9 is what was there before
+        {"-32768", -32768, -32768, 0},
+        {"32768", 32768, 9, 0},
+        {"2147483648", 9, 9, 0},
+        {"1x", 9, 9, 0},
+        {"", 9, 9, 0},
+        {"tRUE", 9, 9, 1},
+    };
+    for (const auto &row : rows) {
+        Int32 word = 9;
+        Int16 half = 9;
+        Boolean boolean = 9;
+        ConfigWrite("n", 0, row.text.c_str());
+        ConfigReadInt32("n", 0, &word), ConfigReadInt16("n", 0, &half), ConfigReadBool("n", 0, &boolean);
+        EXPECT_EQ(word, row.word) << row.text;
+        EXPECT_EQ(half, row.half) << row.text;
+        EXPECT_EQ(boolean, row.boolean) << row.text;
     }
     Int32 number = 9;
     EXPECT_EQ(ConfigReadInt32("none", 0, &number), kItemNotFound);
     EXPECT_EQ(number, 9);
-    EXPECT_EQ(ConfigWriteInt32("a", 0, INT32_MIN) + ConfigWriteBool("b", 0, 2) + ConfigWrite3("c", 1, -2, 3, "w"), 0);
-    EXPECT_EQ(ConfigWriteInt16("d", 0, INT16_MIN) + ConfigWrite2("c", 1, -2, "v"), 0);
-    char two[kConfigValueSize], three[kConfigValueSize];
-    EXPECT_EQ(ConfigRead2("C", 1, -2, two) + ConfigRead3("C", 1, -2, 3, three), 0);
-    EXPECT_EQ(Read("a") + Read("b") + Read("d") + two + three + Read("c1_-2"), "-2147483648True-32768vwv");
+}
+
+TEST(Config, WritesNumbersAndInstances)
+{
+    const ConfigFolders folders;
+    char value[kConfigValueSize];
+    EXPECT_EQ(ConfigWriteInt32("a", 0, INT32_MIN), kNoError);
+    EXPECT_EQ(Read("a"), "-2147483648");
+    EXPECT_EQ(ConfigWriteInt16("a", 0, INT16_MIN), kNoError);
+    EXPECT_EQ(Read("a"), "-32768");
+    EXPECT_EQ(ConfigWriteBool("a", 0, 2), kNoError);
+    EXPECT_EQ(Read("a"), "True");
+    EXPECT_EQ(ConfigWrite2("c", 1, -2, "two"), kNoError);
+    EXPECT_EQ(ConfigRead2("C", 1, -2, value), kNoError);
+    EXPECT_STREQ(value, "two");
+    EXPECT_EQ(Read("c1_-2"), "two");
+    EXPECT_EQ(ConfigWrite3("c", 1, -2, 3, "three"), kNoError);
+    EXPECT_EQ(ConfigRead3("C", 1, -2, 3, value), kNoError);
+    EXPECT_STREQ(value, "three");
 }
 
 void Tell(ModT *pMod, UInt32, void *userDefined, void *pArgs)
@@ -181,15 +268,19 @@ TEST(Config, LogsChangesAndNotifiesTheTasksThatAsked)
         EXPECT_EQ(ConfigWrite(name.c_str(), 1, "secret"), kNoError);
     ConfigDumpAll();
     const std::string shown = writer.Drained();
-    EXPECT_TRUE(shown.find("\nsw[1] ") != shown.npos && shown.find("secret") == shown.npos) << shown;
+    EXPECT_NE(shown.find("\nsw[1] "), shown.npos) << shown;
+    EXPECT_EQ(shown.find("secret"), shown.npos) << shown;
     char own[] = "own", all[] = "all", given[] = "given";
     EXPECT_EQ(ConfigAddImmediateCallback("item", 3, Tell, all), kNoError);
     ConfigWrite("item", 3, "by no task");
-    EXPECT_EQ(ConfigAddCallback("item", 3, Tell, own) + ConfigWrite("a/b", 0, "v"), 2 * kBadParameter);
+    EXPECT_EQ(ConfigAddCallback("item", 3, Tell, own), kBadParameter);
+    EXPECT_EQ(ConfigWrite("a/b", 0, "v"), kBadParameter);
     EXPECT_EQ(ConfigAddImmediateCallback("a/b", 0, Tell, own), kBadParameter);
     t_attach("here", 10);
-    EXPECT_EQ(ConfigAddCallback("Item", 3, Tell, own) + ConfigAddCallback2("n", 1, 2, Tell, own), kNoError);
-    EXPECT_EQ(ConfigAddCallback3("n", 1, 2, 3, Tell, own) + ConfigWrite2("n", 1, 2, ""), kNoError);
+    EXPECT_EQ(ConfigAddCallback("Item", 3, Tell, own), kNoError);
+    EXPECT_EQ(ConfigAddCallback2("n", 1, 2, Tell, own), kNoError);
+    EXPECT_EQ(ConfigAddCallback3("n", 1, 2, 3, Tell, own), kNoError);
+    EXPECT_EQ(ConfigWrite2("n", 1, 2, ""), kNoError);
     EXPECT_EQ(ConfigWritePerm("n1_2_3", 0, "3", "ro"), kNoError);
     std::thread([&, here = t_name(0)] {
         t_attach("away", 10);
@@ -284,6 +375,8 @@ const NullT kNulls[] = {
     {"response", [] { remoteRspCallback(nullptr, nullptr, buffer); }},
     {"command", [] { RemMsgSendCmd(nullptr, nullptr, nullptr); }},
     {"pName", [] { ConfigWrite(nullptr, 0, ""); }},
+    {"pName", [] { ConfigRead(nullptr, 0, buffer); }},
+    {"value", [] { ConfigRead("a", 0, nullptr); }},
     {"value", [] { ConfigWrite("a", 0, nullptr); }},
     {"access", [] { ConfigWritePerm("a", 0, "", nullptr); }},
     {"pValue", [] { ConfigReadInt32("a", 0, nullptr); }},

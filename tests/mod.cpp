@@ -49,21 +49,34 @@ std::string PrintedWhile(const std::function<void()> &print, const MeanwhileT &m
     return cookie.second;
 }
 
-TEST_F(Mod, IsFilledInListedDumpedAndChecked)
+bool Matches(const std::string &text, const std::string &pattern)
 {
-    static ModT mods[4000], &last = mods[3999]; // 3998 have room beside the test's and the configuration's
-    std::memset(&last, 0xFF, sizeof last);
-    const auto ops = [] { return std::tuple(last.CallCallbacks, last.ThrowException, last.SetOwner, last.GetOwner); };
-    const auto own = ops();
-    const std::string heading = "Module               address  task flags\n-------------------- -------- ---- -----\n";
+    return testing::internal::RE::FullMatch(text, pattern);
+}
+const std::string kHeading = "Module               address  task flags\n-------------------- -------- ---- -----\n";
+ModT mods[4000], &last = mods[3999]; // 3998 have room beside the test's and the configuration's
+
+TEST_F(Mod, DumpsAreRowsOfATable)
+{
     const std::string line = "cfg\\[3] {15}.{8} main  I   \n";
-    testing::internal::CaptureStdout(), ModDumpAll(), ModDumpRange(1, 1), ModDump(&owner, 1);
-    EXPECT_TRUE(testing::internal::RE::FullMatch(testing::internal::GetCapturedStdout(),
-                                                 heading + "Config\\[0] .+ main  I   \n" + line + heading + line +
-                                                     heading + "\\[0] {18}.{8} {11}\n"));
+    EXPECT_PRED2(Matches, Printed(ModDumpAll), kHeading + "Config\\[0] .+ main  I   \n" + line);
+    EXPECT_PRED2(Matches, Printed([] { ModDumpRange(1, 1); }), kHeading + line);
+    EXPECT_PRED2(Matches, Printed([this] { ModDump(&owner, 1); }), kHeading + "\\[0] {18}.{8} {11}\n");
+}
+
+TEST_F(Mod, TableIsFullAtFourThousand)
+{
+    std::memset(&last, 0xFF, sizeof last);
+    const ModT before = last;
     for (ModT &each : mods)
         ModInit(&each, "A23456789012345678901234567890123456789", static_cast<Int32>(&each - mods), nullptr);
-    EXPECT_EQ(std::tuple(ops(), last.Exit, last.Dump, last.processorNum), std::tuple(own, &ModExit, &ModDump, ~0u));
+    EXPECT_EQ(last.CallCallbacks, before.CallCallbacks) << "what is there is kept";
+    EXPECT_EQ(last.ThrowException, before.ThrowException);
+    EXPECT_EQ(last.SetOwner, before.SetOwner);
+    EXPECT_EQ(last.GetOwner, before.GetOwner);
+    EXPECT_EQ(last.Exit, ModExit);
+    EXPECT_EQ(last.Dump, ModDump);
+    EXPECT_EQ(last.processorNum, ~0u);
     EXPECT_EQ(ModFindByName("a2345678901234567890123456789012", 3998), nullptr);
     ModExit(ModFindByName("a2345678901234567890123456789012", 3997)); // makes room
     ModInit(&last, "CFG", INT32_MIN, nullptr);
@@ -71,12 +84,16 @@ TEST_F(Mod, IsFilledInListedDumpedAndChecked)
     ModAddCallback(&last, 5, count, nullptr, 0);
     ModExit(&mods[9]), ModExit(&mods[3998]); // leaves a hole, and was never in
     EXPECT_EQ(ModFindByName("none", 5), nullptr);
-    const std::string dump =
-        heading + line + "CFG\\[-2147483648]     .{8} main AI   \n  callbacks: 2147483647:0x.+ 5:0x.+ \n";
-    testing::internal::CaptureStdout();
-    ModDumpByName("Cfg");
-    EXPECT_TRUE(testing::internal::RE::FullMatch(testing::internal::GetCapturedStdout(), dump));
+    EXPECT_PRED2(Matches, Printed([] { ModDumpByName("Cfg"); }),
+                 kHeading + "cfg\\[3] {15}.{8} main  I   \nCFG\\[-2147483648]     .{8} main AI   \n"
+                            "  callbacks: 2147483647:0x.+ 5:0x.+ \n");
+}
+
+TEST_F(Mod, MisuseStopsTheProgram)
+{
     GTEST_FLAG_SET(death_test_style, "threadsafe");
+    ModInit(&last, "last", 0, nullptr);
+    ModAddExceptionHandler(&last, count, nullptr);
     const auto print = [](auto misuse) { dup2(STDERR_FILENO, STDOUT_FILENO), misuse(); };
     const auto call = [] { ModCallCallbacks(&last, kModExceptionFunc, nullptr, 0); };
     EXPECT_DEATH(ModTrace(nullptr, "x"), "failed: pMod,");
@@ -111,41 +128,16 @@ std::string DumpWhileItGoes(const std::string &after)
 
 TEST_F(Mod, DumpsHoldNoLockAndRecordsMayGo)
 {
-    const std::string heading = "Module               address  task flags\n-------------------- -------- ---- -----\n";
     const std::string line = "gone\\[1] {14}.{8} main  I   \n", callback = "  callbacks: 7:0x[0-9a-f]+ ";
-    const auto matches = [](const std::string &text, const std::string &pattern) {
-        return testing::internal::RE::FullMatch(text, pattern);
-    };
-    EXPECT_TRUE(matches(DumpWhileItGoes("-----"), heading));
-    EXPECT_TRUE(matches(DumpWhileItGoes("gone"), heading + line));
-    EXPECT_TRUE(matches(DumpWhileItGoes("7:"), heading + line + callback + "\n"));
+    EXPECT_PRED2(Matches, DumpWhileItGoes("-----"), kHeading);
+    EXPECT_PRED2(Matches, DumpWhileItGoes("gone"), kHeading + line);
+    EXPECT_PRED2(Matches, DumpWhileItGoes("7:"), kHeading + line + callback + "\n");
     mod.Dump = [](ModT *pMod, Int32 verbose) { return std::printf("own %s %d\n", pMod->name, verbose), kNoError; };
     EXPECT_EQ(PrintedWhile([] { ModDumpByName("cfg"); }, [](auto) { ModFindByName("cfg", 3); }),
-              heading + "own cfg 0\n");
+              kHeading + "own cfg 0\n");
     ModDeferFunctionCall(
         0, [](void *, Int32) {}, nullptr, 0);
     EXPECT_NE(PrintedWhile(ModDumpDeferredFunctions, [](auto) { ModSearchDeferredFunction(64, nullptr); }), "");
-}
-
-TEST_F(Mod, RecordsComeAndGoWhileTheyAreDumped)
-{
-    std::FILE *const before = std::exchange(stdout, std::fopen("/dev/null", "w"));
-    std::atomic<bool> over = false;
-    std::thread other([&] {
-        for (; !over; ModFindByName("gone", 7))
-            ModDumpRange(0, 3);
-    });
-    for (Int32 i = 0; i < 20000; i++) {
-        auto *pMod = static_cast<ModT *>(std::calloc(1, sizeof(ModT)));
-        ModInit(pMod, "gone", i % 8, nullptr);
-        ModAddCallback(pMod, 1, count, nullptr, 0);
-        ModExit(pMod);
-        std::memset(static_cast<void *>(pMod), 0xFF, sizeof(ModT)); // what is read now is not a record
-        std::free(pMod);
-    }
-    over = true;
-    other.join();
-    std::fclose(std::exchange(stdout, before));
 }
 
 TEST_F(Mod, WhatTheProcessSharesIsThereForAnotherUnit)
@@ -217,128 +209,166 @@ TEST_F(Mod, LogLinesAreWhatIsWritten)
     }
 }
 
-TEST_F(Mod, LogLinesAndDeferredFunctions)
+TEST_F(Mod, LogLinesNameTheOwnerOnRequest)
 {
     LogWriter writer(kLogFormatLevel);
     ModInit(&owner, "%s", 0, nullptr);
-    ModLog(&mod, kLogError, "%d\n", mod.SetOwner(&mod, &owner));
-    mod.flags |= kModFlagLogOwner, mod.id = 7;
-    EXPECT_EQ(std::tuple(mod.GetOwner(&mod), ModID(&mod), ModGetProcNum(&mod)), std::tuple(&owner, 7u, 0u));
-    ModLog(&mod, kLogError, "%d\n", ModTraceFilterDelete("cfg"));
+    EXPECT_EQ(mod.SetOwner(&mod, &owner), kNoError);
+    ModLog(&mod, kLogError, "x\n");
+    mod.flags |= kModFlagLogOwner;
+    ModLog(&mod, kLogError, "x\n");
+    EXPECT_EQ(writer.Drained(), "ERROR pc[0]: cfg[3]: x\nERROR pc[0]: %s[0].cfg[3]: x\n");
+    mod.id = 7;
+    EXPECT_EQ(mod.GetOwner(&mod), &owner);
+    EXPECT_EQ(ModID(&mod), 7u);
+    EXPECT_EQ(ModGetProcNum(&mod), 0u);
+    EXPECT_STREQ(ModName(nullptr), "none");
+}
+
+TEST_F(Mod, TraceFiltersAreTen)
+{
+    LogWriter writer(kLogFormatLevel);
+    EXPECT_EQ(ModTraceFilterAdd(""), kBadParameter);
+    EXPECT_EQ(ModTraceFilterDelete("cfg"), kBadParameter);
     for (const char *name : {"b", "CFG", "c", "d", "e", "f", "g", "h", "i", "j"})
         EXPECT_EQ(ModTraceFilterAdd(name), kNoError);
     mod.ThrowException(&mod, 0, "why", nullptr, 0);
-    ModLog(&mod, kLogError, "%d\n", ModTraceFilterAdd("x"));
-    ModLog(&mod, kLogError, "%d\n", ModTraceFilterDelete("Cfg")), ModTrace(&mod, "\n"); // both dropped
-    ModLog(&mod, kLogError, "%d\n", ModTraceFilterDelete("*"));
-    EXPECT_EQ(writer.Drained(),
-              "ERROR pc[0]: cfg[3]: 0\nWARN  pc[0]: MOD: can't delete trace filter, name not found\n"
-              "ERROR pc[0]: %s[0].cfg[3]: -3\nDEBUG pc[0]: %s[0].cfg[3]: exception:Mod Fatal Exception (why)\n"
-              "WARN  pc[0]: MOD: can't add trace, out of filter entries\nERROR pc[0]: %s[0].cfg[3]: -2\n"
-              "ERROR pc[0]: %s[0].cfg[3]: 0\n");
-    static std::string ran, expected;
-    const DeferredFuncPtrT note = [](void *pArgs, Int32 argLen) { ran += static_cast<char *>(pArgs)[argLen - 1]; };
-    EXPECT_EQ(ModDeferFunctionCall(t_name(0), note, nullptr, kModMaxArgs + 1), kBadParameter);
-    EXPECT_EQ(ModDeferFunctionCall(64, note, nullptr, 0), kItemNotFound);
-    EXPECT_EQ(ModDeferFunctionCall(0, nullptr, "", 1) + ModDeferFunctionCall(0, note, "", -1), 2 * kBadParameter);
-    EXPECT_EQ(ModName(nullptr) + std::to_string(ModTraceFilterAdd("")), "none-3");
-    EXPECT_EQ(ModDeferFunctionCall(0, note, std::string(kModMaxArgs, '#').data(), kModMaxArgs), kNoError);
-    expected = "#";
-    for (char c = 0; ModDeferFunctionCall(0, note, &c, 1) == kNoError; c++)
+    EXPECT_EQ(ModTraceFilterAdd("x"), kOutOfMemory);
+    EXPECT_EQ(ModTraceFilterDelete("Cfg"), kNoError);
+    ModLog(&mod, kLogError, "dropped\n"), ModTrace(&mod, "dropped\n");
+    EXPECT_EQ(ModTraceFilterDelete("*"), kNoError);
+    ModLog(&mod, kLogError, "x\n");
+    EXPECT_EQ(writer.Drained(), "WARN  pc[0]: MOD: can't delete trace filter, name not found\n"
+                                "DEBUG pc[0]: cfg[3]: exception:Mod Fatal Exception (why)\n"
+                                "WARN  pc[0]: MOD: can't add trace, out of filter entries\n"
+                                "ERROR pc[0]: cfg[3]: x\n");
+}
+
+std::string ran; // of deferred functions: the last character of what each was given
+void NoteLast(void *pArgs, Int32 argLen)
+{
+    ran += static_cast<char *>(pArgs)[argLen - 1];
+}
+
+TEST_F(Mod, DeferredFunctionsMayBeRefused)
+{
+    LogWriter writer(kLogFormatLevel);
+    EXPECT_EQ(ModDeferFunctionCall(0, NoteLast, nullptr, kModMaxArgs + 1), kBadParameter);
+    EXPECT_EQ(ModDeferFunctionCall(0, NoteLast, "", -1), kBadParameter);
+    EXPECT_EQ(ModDeferFunctionCall(0, nullptr, "", 1), kBadParameter);
+    EXPECT_EQ(ModDeferFunctionCall(64, NoteLast, nullptr, 0), kItemNotFound);
+    EXPECT_EQ(writer.Drained(), "WARN  pc[0]: MOD: can't defer function call to task ????, it doesn't exist\n");
+    DeferredFuncStatsT stats{};
+    EXPECT_EQ(ModSearchDeferredFunction(64, NoteLast), kItemNotFound);
+    EXPECT_EQ(ModGetDeferredFunctionStats(64, &stats), kItemNotFound);
+    EXPECT_EQ(ModGetDeferredFunctionStats(0, &stats), kItemNotFound);
+}
+
+TEST_F(Mod, DeferredFunctionsRunInTheirOrder)
+{
+    LogWriter writer(kLogFormatLevel);
+    std::string expected = "#";
+    EXPECT_EQ(ModDeferFunctionCall(0, NoteLast, std::string(kModMaxArgs, '#').data(), kModMaxArgs), kNoError);
+    for (char c = 0; ModDeferFunctionCall(0, NoteLast, &c, 1) == kNoError; c++)
         expected += c;
-    const char *lines = "WARN  pc\\[0]: MOD: can't defer function call to task \\?{4}, it doesn't exist\n"
-                        "WARN  pc\\[0]: MOD: can't defer function call from main to task main func 0x[0-9a-f]+, "
-                        "out of deferred function blocks\n"
-                        "WARN  pc\\[0]: MOD: task main has not responded to deferred func calls for [0-9]+mS\n";
-    const std::string text = writer.Drained();
-    EXPECT_TRUE(testing::internal::RE::FullMatch(text, lines)) << text;
-    EXPECT_EQ(ModSearchDeferredFunction(64, note) + ModSearchDeferredFunction(t_name(0), [](auto...) {}),
-              2 * kItemNotFound);
-    EXPECT_EQ(ModSearchDeferredFunction(t_name(0), note), kNoError);
+    EXPECT_PRED2(Matches, writer.Drained(),
+                 "WARN  pc\\[0]: MOD: can't defer function call from main to task main func 0x[0-9a-f]+, "
+                 "out of deferred function blocks\n"
+                 "WARN  pc\\[0]: MOD: task main has not responded to deferred func calls for [0-9]+mS\n");
+    EXPECT_EQ(ModSearchDeferredFunction(t_name(0), [](auto...) {}), kItemNotFound);
+    EXPECT_EQ(ModSearchDeferredFunction(t_name(0), NoteLast), kNoError);
     usleep(2000), ModProcessDeferredFunctions(); // all have waited
     EXPECT_EQ(ran, expected);
     DeferredFuncStatsT stats{};
-    EXPECT_EQ((ModGetDeferredFunctionStats(t_name(0), &stats), stats.runCount), 384u);
-    EXPECT_TRUE(stats.minTime <= stats.maxTime && stats.maxTime < stats.totalTime);
-    EXPECT_EQ(ModGetDeferredFunctionStats(64, &stats) + ModGetDeferredFunctionStats(0, &stats), 2 * kItemNotFound);
-    ModDeferFunctionCall(t_name(0), note, "x", 1), ModDumpDeferredFunctions();
-    EXPECT_TRUE(testing::internal::RE::FullMatch(
-        writer.Drained(),
-        "main func 0x[0-9a-f]+ waiting [0-9]+ms\nmain runs 384 min [0-9]+ms max [0-9]+ms total .+\n"));
+    EXPECT_EQ(ModGetDeferredFunctionStats(t_name(0), &stats), kNoError);
+    EXPECT_EQ(stats.runCount, 384u);
+    EXPECT_LE(stats.minTime, stats.maxTime);
+    EXPECT_LT(stats.maxTime, stats.totalTime);
+    ModDeferFunctionCall(t_name(0), NoteLast, "x", 1), ModDumpDeferredFunctions();
+    EXPECT_PRED2(Matches, writer.Drained(),
+                 "main func 0x[0-9a-f]+ waiting [0-9]+ms\nmain runs 384 min [0-9]+ms max [0-9]+ms total .+\n");
 }
 
-std::string calls, names = "abcdefghijklmXY."; // the callbacks that ran, and those that there are
+std::string calls, names = "abcdefghijklmnopqrstuvwxyz"; // the callbacks that ran, and those that there are
+std::function<void(char)> during;                        // what a callback does
 
-void Do(ModT *pMod, const std::string &script);
-
-eErrorT Step(ModT *pMod, char step, CallbackFuncPtrT note, char *user)
+void Note(ModT * /*pMod*/, UInt32 /*funcIndex*/, void *user, void *pArgs)
 {
-    UInt32 events = 0;
-    switch (step) {
-    case '+': // add a callback that runs at once
-        return ModAddCallback(pMod, 1, note, user, 0);
-    case '&': // add one that runs on this task
-        return ModAddCallback(pMod, 1, note, user, kModOnTask);
-    case '-':
-        return ModDeleteCallback(pMod, 1, note, user);
-    case '*': // delete all
-        return ModDeleteAllCallbacks(pMod);
-    case 'C': // call them
-        return ModCallCallbacks(pMod, 1, std::string(3000, 'x').data(), 3000);
-    case 'E': // take the event of a deferred one
-        return static_cast<eErrorT>(ev_receive(kModDeferredEvent, kEvNoWait, 0, &events));
-    case 'P': // run those that were deferred to this task
-        ModProcessDeferredCallbacks();
-        return kNoError;
-    default: // 'O': another task calls them, and runs what was deferred to it
-        StartTask("othr", [=] { Do(pMod, "C.P."); });
-        return Eventually([] { return NumTasks() == 1; }) ? kNoError : kTimeOut;
+    EXPECT_EQ(std::string(static_cast<char *>(pArgs), kModMaxArgs), std::string(kModMaxArgs, 'x'));
+    calls += *static_cast<char *>(user);
+    if (during)
+        during(calls.back());
+}
+
+// Callbacks have a letter each. Who makes them run gets the letters of those that did.
+struct Callbacks : Mod {
+    void Add(const std::string &letters, UInt32 flags = 0)
+    {
+        for (const char letter : letters)
+            EXPECT_EQ(ModAddCallback(&mod, 1, Note, &names[names.find(letter)], flags), kNoError);
     }
-}
-
-// A script has steps of two letters: what to do, and with which callback ("." for none).
-void Do(ModT *pMod, const std::string &script)
-{
-    const CallbackFuncPtrT note = [](ModT *pCalled, UInt32, void *user, void *pArgs) {
-        EXPECT_EQ(std::string(static_cast<char *>(pArgs), kModMaxArgs), std::string(kModMaxArgs, 'x'));
-        calls += *static_cast<char *>(user);
-        Do(pCalled, calls.back() == 'X' ? "-b-X+d+e+f+g+h+i+j+k+l+m" : calls.back() == 'Y' ? "*." : "");
-    };
-    for (std::size_t i = 0; i < script.size(); i += 2)
-        EXPECT_EQ(Step(pMod, script[i], note, &names[names.find(script[i + 1])]), kNoError) << script << " " << i;
-}
-
-TEST_F(Mod, CallbacksRunInOrderWhereTheyBelong)
-{
-    const auto ran = [this](const char *script) { return calls.clear(), Do(&mod, script), calls; };
-    EXPECT_EQ(ran("C.+a+b+a&bC.-a+c+XC.C."), "abcbXfghijklmcdefghijklm");
-    EXPECT_EQ(ran("*.+a+Y+bC."), "aY");
-    EXPECT_EQ(ran("&a&b+cC.&dO.O.-bP.P."), "abcccadad");
-    for (int i = 0; i < 90; i++) // more blocks than there are
-        EXPECT_EQ(ran("*.&a&bO.E.*.&aP.O.-aP.+a"), "");
-    std::thread([this] { EXPECT_EQ(ModCallCallbacks(&mod, 1, nullptr, 0), kItemNotFound); }).join();
-}
-
-TEST_F(Mod, CallbacksBalanceWhileTasksAddAndDeleteThem)
-{
-    std::atomic<int> ran{0};
-    ModAddCallback(&mod, 1, count, &ran, 0), ModAddExceptionHandler(&mod, count, &ran);
-    ModAddCallbackToTask(&mod, kModExceptionFunc, count, nullptr, kModOnTask, 64); // there is no such task
-    ModDeleteCallback(&mod, 1, count, &ran); // the tasks change an entry in front of the others, too
-    for (int round = 1; round <= 50; round++) {
-        for (const UInt32 first : {1000u, 2000u, 3000u})
-            StartTask("work", [this, first, &ran] {
-                for (UInt32 i = first; i < first + 80; i++) {
-                    ModAddCallback(&mod, i, count, &ran, 0);
-                    ModCallCallbacks(&mod, i, nullptr, 0);
-                    ModThrowException(&mod, 0, "", nullptr, 0);
-                    EXPECT_EQ(ModDeleteCallback(&mod, i - 8, count, &ran), i < first + 8 ? kItemNotFound : kNoError);
-                }
-            });
-        EXPECT_TRUE(Eventually([&] { return ModProcessDeferredCallbacks(), NumTasks() == 1 && ran == round * 480; }));
+    void Delete(char letter) { EXPECT_EQ(ModDeleteCallback(&mod, 1, Note, &names[names.find(letter)]), kNoError); }
+    static std::string Ran(const std::function<void()> &work) { return calls.clear(), work(), calls; }
+    void CallThem() { EXPECT_EQ(ModCallCallbacks(&mod, 1, std::string(3000, 'x').data(), 3000), kNoError); }
+    std::string Call()
+    {
+        return Ran([this] { CallThem(); });
     }
-    EXPECT_EQ(ModDeleteExceptionHandler(&mod, count, &ran), kNoError);
-    EXPECT_EQ(ModDeleteExceptionHandler(&mod, count, &ran), kItemNotFound);
+    std::string CallInAnotherTask()
+    {
+        return Ran([this] {
+            StartTask("othr", [this] { CallThem(), ModProcessDeferredCallbacks(); });
+            EXPECT_TRUE(Eventually([] { return NumTasks() == 1; }));
+        });
+    }
+};
+
+TEST_F(Callbacks, RunInTheirOrderOnceEach)
+{
+    EXPECT_EQ(Call(), "");
+    Add("aba"), Add("b", kModOnTask);
+    EXPECT_EQ(Call(), "ab");
+    Delete('a'), Add("c");
+    EXPECT_EQ(Call(), "cb") << "the place is free";
+}
+
+TEST_F(Callbacks, MayAddAndDeleteOthers)
+{
+    Add("abx");
+    during = [this](char letter) { letter == 'x' ? Delete('b'), Delete('x'), Add("defghijklm") : void(); };
+    EXPECT_EQ(Call(), "abxfghijklm") << "d and e have come in front";
+    EXPECT_EQ(Call(), "adefghijklm");
+    during = [this](char letter) { letter == 'd' ? void(ModDeleteAllCallbacks(&mod)) : void(); };
+    EXPECT_EQ(Call(), "ad");
+}
+
+TEST_F(Callbacks, RunInTheTaskThatAsked)
+{
+    Add("ab", kModOnTask), Add("c");
+    EXPECT_EQ(Call(), "abc");
+    Add("d", kModOnTask);
+    for (int i = 0; i < 2; i++)
+        EXPECT_EQ(CallInAnotherTask(), "c");
+    Delete('b');
+    EXPECT_EQ(Ran(ModProcessDeferredCallbacks), "adad");
+    std::thread([this] { EXPECT_EQ(ModCallCallbacks(&mod, 1, nullptr, 0), kItemNotFound); }).join(); // which is no task
+}
+
+TEST_F(Callbacks, DoNotRunOnceTheyAreDeleted)
+{
+    for (int i = 0; i < 90; i++) { // more blocks than there are
+        UInt32 events = 0;
+        ModDeleteAllCallbacks(&mod);
+        Add("ab", kModOnTask);
+        EXPECT_EQ(CallInAnotherTask(), "");
+        EXPECT_EQ(ev_receive(kModDeferredEvent, kEvNoWait, 0, &events), 0u);
+        ModDeleteAllCallbacks(&mod);
+        Add("a", kModOnTask); // a new one
+        EXPECT_EQ(Ran(ModProcessDeferredCallbacks), "");
+        EXPECT_EQ(CallInAnotherTask(), "");
+        Delete('a');
+        EXPECT_EQ(Ran(ModProcessDeferredCallbacks), "");
+    }
 }
 
 } // namespace

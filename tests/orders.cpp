@@ -38,47 +38,33 @@ const ConfigFolders *folders;
 
 // What the parts leave for the check, and must keep apart themselves where both use it.
 UInt32 results[2], shared, child;
+char ignored[kConfigValueSize]; // what a part reads and nobody looks at
 
-// Standard output in a file, but for the lines of the tests.
-class OutputHold
+// Standard output goes to a file that may be cut.
+void CaptureOutput()
 {
-public:
-    OutputHold()
-    {
-        std::fflush(stdout);
-        fcntl(fileno(file_), F_SETFL, O_APPEND);
-        dup2(fileno(file_), STDOUT_FILENO);
-    }
-    ~OutputHold()
-    {
-        std::fflush(stdout);
-        dup2(terminal_, STDOUT_FILENO);
-        close(terminal_);
-        char chunk[4096];
-        printed.clear();
-        for (ssize_t got, at = 0; (got = pread(fileno(file_), chunk, sizeof chunk, at)) > 0; at += got)
-            printed.append(chunk, static_cast<std::size_t>(got));
-        std::fclose(file_);
-    }
-    OutputHold(const OutputHold &) = delete;
-    OutputHold &operator=(const OutputHold &) = delete;
+    testing::internal::CaptureStdout();
+    fcntl(STDOUT_FILENO, F_SETFL, O_APPEND);
+}
+std::string Printed(void (*work)())
+{
+    CaptureOutput();
+    work();
+    return testing::internal::GetCapturedStdout();
+}
 
-private:
-    std::FILE *file_ = std::tmpfile();
-    int terminal_ = dup(STDOUT_FILENO);
+enum KindT {
+    kTwoTasks,
+    kWriter,     // the second player is the log writer's task
+    kNewProcess, // each time, for what a process does once; the players are no tasks
+    kNothingYet, // the same, and there was no log line yet, which reads settings
 };
 
 struct PairT {
     const char *name;
-    schedule::PartT parts[2];
-    void (*setUp)();
-    void (*check)();
-    enum KindT {
-        kTasks,
-        kWriter,     // the second player is the log writer's task
-        kNewProcess, // each time, for what a process does once; the players are no tasks
-        kNothingYet, // the same, and there was no log line yet, which reads settings
-    } kind = kTasks;
+    schedule::PartT first, second;
+    std::function<void()> setUp = nullptr, check = nullptr;
+    KindT kind = kTwoTasks;
     unsigned stride = 1; // from one stop to the next
 };
 
@@ -87,12 +73,22 @@ void PrintTo(const PairT &pair, std::ostream *stream)
     *stream << pair.name;
 }
 
-schedule::PartT Task(void (*body)())
+constexpr auto kOwn = schedule::Player::Own;
+[[maybe_unused]] constexpr auto kTick = schedule::Player::Ticker;
+constexpr auto Nothing = [] {};
+
+// Pairs that have no set-up, no check or no kind of their own have these.
+template <std::size_t count>
+std::vector<PairT> Group(const PairT (&rows)[count], void (*setUp)(), void (*check)(), KindT kind = kTwoTasks)
 {
-    return {schedule::Player::Worker, body};
+    std::vector<PairT> pairs(rows, std::end(rows));
+    for (PairT &pair : pairs) {
+        pair.setUp = pair.setUp ? pair.setUp : setUp;
+        pair.check = pair.check ? pair.check : check;
+        pair.kind = pair.kind != kTwoTasks ? pair.kind : kind;
+    }
+    return pairs;
 }
-[[maybe_unused]] constexpr schedule::PartT kTick = {schedule::Player::Ticker, nullptr};
-[[maybe_unused]] constexpr schedule::PartT kOwn = {schedule::Player::Own, nullptr};
 
 // Without any task.
 void StartLog()
@@ -125,12 +121,11 @@ void StartTasks(bool withWriter)
 
 bool RunOnce(const PairT &pair, unsigned first, unsigned stop)
 {
-    bool more = false;
-    {
-        const OutputHold hold;
-        pair.setUp();
-        more = schedule::Run(pair.parts, first, stop);
-    }
+    CaptureOutput();
+    pair.setUp();
+    const schedule::PartT parts[] = {pair.first, pair.second};
+    const bool more = schedule::Run(parts, first, stop);
+    printed = testing::internal::GetCapturedStdout();
     SCOPED_TRACE(testing::Message() << "part " << first << " was stopped at its step " << stop << "\n" << printed);
     pair.check();
     return more;
@@ -163,12 +158,12 @@ TEST_P(Orders, KeepTheirWord)
     std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ); // as in the program: a line is written at once
     const auto own = std::make_unique<ConfigFolders>();
     folders = own.get();
-    const bool fresh = pair.kind >= PairT::kNewProcess;
+    const bool fresh = pair.kind >= kNewProcess;
     gLibPThreadNPTL = 1;
-    if (pair.kind != PairT::kNothingYet)
+    if (pair.kind != kNothingYet)
         StartLog();
     if (!fresh)
-        StartTasks(pair.kind == PairT::kWriter);
+        StartTasks(pair.kind == kWriter);
     unsigned runs = 0;
     for (unsigned first = 0; first < 2; first++)
         for (unsigned stop = 1; (fresh ? RunInNewProcess : RunOnce)(pair, first, stop) && !HasFailure();
@@ -177,9 +172,10 @@ TEST_P(Orders, KeepTheirWord)
     std::printf("orders: %u of %s\n", runs, pair.name);
 }
 
-void NoSetUp() {}
-
-void NoCheck() {}
+std::string NameOf(const testing::TestParamInfo<PairT> &info)
+{
+    return info.param.name;
+}
 
 // Runs once in a process; each lambda has a type of its own.
 template <class Function> void Once(Function function)
@@ -192,107 +188,76 @@ template <class Function> void Once(Function function)
 // ---- Tasks
 
 constexpr auto MakeChild = [] { t_create("chld", 10, 0, 0, 0, &child); };
+constexpr auto DeleteChild = [] { t_delete(child); };
 void MakeAndDelete()
 {
     UInt32 tid = 0;
     t_create("chld", 10, 0, 0, 0, &tid);
     t_delete(tid);
 }
-constexpr auto DeleteChild = [] { t_delete(child); };
 // Whoever of several does it: when the call returns, the task is gone.
-void DeleteAndLook(unsigned index)
+template <unsigned index> void DeleteAndLook()
 {
     char name[kTaskNameSize];
     t_delete(child);
     results[index] = t_copy_name(child, name);
 }
-void OnlyPlayersAreLeft()
-{
-    EXPECT_TRUE(Eventually([] { return NumTasks() == 2; })) << NumTasks();
-}
-
+constexpr auto SetPriority = [] { t_setpri(0, ++shared % 9, nullptr); };
+constexpr auto OnlyPlayersAreLeft = [] { EXPECT_TRUE(Eventually([] { return NumTasks() == 2; })) << NumTasks(); };
 TCB *Tcb(UInt32 tid)
 {
     return low_pointer<TCB>(tid);
 }
 std::atomic<bool> starts;
+void StartChild()
+{
+    starts = true;
+    t_start(
+        child, 0, [](auto...) {}, nullptr);
+}
+void AwaitEndOfChild()
+{
+    for (int i = 0; i < 30 && starts && NumTasks() > 2; i++)
+        usleep(1000);
+}
+template <unsigned index> void StartWith()
+{
+    results[index] = t_start(
+        child, 0, [](auto...) { shared = index; }, nullptr);
+}
 
 const PairT kTasks[] = {
-    {"TwoCreateAndDelete", {Task(MakeAndDelete), Task(MakeAndDelete)}, NoSetUp, OnlyPlayersAreLeft},
-    {"CreateAndFind",
-     {Task(MakeAndDelete), Task([] { t_ident("chld", 0, &results[1]); })},
-     NoSetUp,
-     OnlyPlayersAreLeft},
-    {"DeleteAndName",
-     {Task(DeleteChild), Task([] {
-          char name[kTaskNameSize];
-          t_copy_name(child, name);
-      })},
-     MakeChild,
-     OnlyPlayersAreLeft},
-    {"DeleteAndLookUp",
-     {Task(DeleteChild), Task([] {
-          char name[kTaskNameSize];
-          t_name_from_pid(-2, name);
-      })},
-     MakeChild,
-     OnlyPlayersAreLeft},
-    {"DeleteAndDump", {Task(DeleteChild), Task(osTaskDump)}, MakeChild, OnlyPlayersAreLeft},
-    {"DeleteAndUsage", {Task(DeleteChild), Task(osTaskUsage)}, MakeChild, OnlyPlayersAreLeft},
-    {"PriorityAndDump", {Task([] { t_setpri(0, ++shared % 9, nullptr); }), Task(osTaskDump)}, NoSetUp, NoCheck},
-    {"PriorityAndLookUp",
-     {Task([] { t_setpri(0, ++shared % 9, nullptr); }), Task([] {
-          char name[kTaskNameSize];
-          t_name_and_pri_from_pid(getpid(), name, &results[1]);
-      })},
-     NoSetUp,
-     NoCheck},
-    {"DeleteAndSelf", {Task(DeleteChild), Task([] { FindTcbThread(pthread_self()); })}, MakeChild, OnlyPlayersAreLeft},
-    {"DeleteAndListedEvent",
-     {Task(DeleteChild), Task([] { results[1] = ev_send_listed(child, 1); })},
-     MakeChild,
-     OnlyPlayersAreLeft},
-    {"TwoDelete",
-     {Task([] { DeleteAndLook(0); }), Task([] { DeleteAndLook(1); })},
-     [] { child = StartTask("chld", [] { tm_wkafter(10000); }); },
+    {"TwoCreateAndDelete", MakeAndDelete, MakeAndDelete, Nothing},
+    {"CreateAndFind", MakeAndDelete, [] { t_ident("chld", 0, &results[1]); }, Nothing},
+    {"DeleteAndName", DeleteChild, [] { t_copy_name(child, ignored); }},
+    {"DeleteAndLookUp", DeleteChild, [] { t_name_from_pid(-2, ignored); }},
+    {"DeleteAndDump", DeleteChild, osTaskDump},
+    {"DeleteAndUsage", DeleteChild, osTaskUsage},
+    {"DeleteAndSelf", DeleteChild, [] { FindTcbThread(pthread_self()); }},
+    {"DeleteAndListedEvent", DeleteChild, [] { ev_send_listed(child, 1); }},
+    {"TwoDeleteUnstarted", DeleteChild, DeleteChild},
+    {"PriorityAndDump", SetPriority, osTaskDump, Nothing},
+    {"PriorityAndLookUp", SetPriority, [] { t_name_and_pri_from_pid(getpid(), ignored, &results[1]); }, Nothing},
+    {"TwoDelete", DeleteAndLook<0>, DeleteAndLook<1>, [] { child = StartTask("chld", [] { tm_wkafter(10000); }); },
      [] {
          EXPECT_EQ(results[0], kTaskNotFound);
          EXPECT_EQ(results[1], kTaskNotFound);
          OnlyPlayersAreLeft();
      }},
-    {"TwoDeleteUnstarted", {Task(DeleteChild), Task(DeleteChild)}, MakeChild, OnlyPlayersAreLeft},
-    {"StartAndEnd",
-     {Task([] {
-          starts = true;
-          t_start(
-              child, 0, [](UInt32, UInt32, UInt32, UInt32) {}, nullptr);
-      }),
-      Task([] {
-          for (int i = 0; i < 30 && starts && NumTasks() > 2; i++)
-              usleep(1000);
-      })},
-     [] { starts = false, MakeChild(); },
+    {"StartAndEnd", StartChild, AwaitEndOfChild, [] { starts = false, MakeChild(); },
      [] {
          OnlyPlayersAreLeft();
          EXPECT_EQ(Tcb(child)->thread, pthread_t{});
      }},
-    {"TwoStart",
-     {Task([] {
-          results[0] = t_start(
-              child, 0, [](UInt32, UInt32, UInt32, UInt32) { shared = 0; }, nullptr);
-      }),
-      Task([] {
-          results[1] = t_start(
-              child, 0, [](UInt32, UInt32, UInt32, UInt32) { shared = 1; }, nullptr);
-      })},
-     MakeChild,
+    {"TwoStart", StartWith<0>, StartWith<1>, MakeChild,
      [] {
          OnlyPlayersAreLeft();
          EXPECT_EQ(results[shared], 0u);
          EXPECT_EQ(results[1 - shared], kTaskNotStarted);
      }},
-    {"FirstTree", {Task(TreeStub), Task(TreeStub)}, NoSetUp, [] { EXPECT_NE(gTCBTree, 0u); }, PairT::kNewProcess, 2},
+    {"FirstTree", TreeStub, TreeStub, Nothing, [] { EXPECT_NE(gTCBTree, 0u); }, kNewProcess, 2},
 };
+INSTANTIATE_TEST_SUITE_P(Tasks, Orders, testing::ValuesIn(Group(kTasks, MakeChild, OnlyPlayersAreLeft)), NameOf);
 
 // A task of its own that is deleted, or ends, while the second part does something to it.
 void StartVictim(void (*body)())
@@ -308,10 +273,7 @@ void WaitFor(UInt32 ticks)
     UInt32 events = 0;
     ev_receive(1, kEvAny, ticks, &events);
 }
-void PrepareTicks()
-{
-    Once([] { StartSystemTimer(), schedule::TakeTicks(); });
-}
+constexpr auto PrepareTicks = [] { Once([] { StartSystemTimer(), schedule::TakeTicks(); }); };
 void TimersAreFree()
 {
     UInt32 pool[kMaxTimers];
@@ -325,15 +287,15 @@ void NothingIsLeftOfTheVictim()
     EXPECT_TRUE(Eventually([] { return NumTasks() == 3; })) << NumTasks();
     TimersAreFree();
 }
-long NumDescriptors()
+long NumEntries(const std::filesystem::path &folder)
 {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+    return std::distance(std::filesystem::directory_iterator(folder), {});
 }
 void NoVictimIsLeft()
 {
-    static const long descriptors = NumDescriptors();
+    static const long descriptors = NumEntries("/proc/self/fd");
     OnlyPlayersAreLeft();
-    EXPECT_EQ(NumDescriptors(), descriptors);
+    EXPECT_EQ(NumEntries("/proc/self/fd"), descriptors);
 }
 pthread_t thread;
 
@@ -354,73 +316,34 @@ void EndThread()
     pthread_cancel(thread);
     pthread_join(thread, nullptr);
 }
-void ConfigurationRuns()
+void StartAttached()
 {
-    EXPECT_EQ(ConfigRead("none", 0, std::array<char, kConfigValueSize>().data()), kItemNotFound);
-    pthread_mutex_lock(&tcblistmutex);
-    EXPECT_TRUE(tcblist != nullptr && tcblist->next == nullptr) << "one flush task";
-    pthread_mutex_unlock(&tcblistmutex);
+    results[1] = kTaskNotStarted;
+    if (t_ident("atch", 0, &child) == 0)
+        results[1] = t_start(
+            child, 0, [](auto...) {}, nullptr);
 }
-constexpr auto PutFilter = [] { folders->Put("dat/cullfilter.dat", "nothing\n"); };
-void FilterIsReadOnce()
-{
-    {
-        const OutputHold hold;
-        logmsg_cullfilter_dump();
-    }
-    EXPECT_EQ(printed, "cull filters:\n  \"nothing\"\n");
-}
-// The relay takes commands.
-void TellNobody()
-{
-    if (fake.commands[1] < 0)
-        fake.commands[1] = open("/dev/null", O_WRONLY);
-}
-UInt32 twins[2];
+constexpr auto FindThread = [] { FindTcbThread(thread); };
 
 const PairT kEnds[] = {
-    {"EndAndDelete", {kOwn, Task(DeleteChild)}, [] { StartVictim([] {}); }, OnlyPlayersAreLeft},
-    {"AttachAndDump",
-     {kOwn, Task([] { osTaskDump(), FindTcbThread(thread); })},
-     [] { StartThread([] { t_attach("atch", 10), t_attach("agin", 11), t_delete(0); }); },
-     OnlyPlayersAreLeft},
-    {"AttachAndEnd",
-     {kOwn, Task([] { FindTcbThread(thread); })},
-     [] { StartThread([] { t_attach("atch", 10); }); },
+    {"EndAndDelete", kOwn, DeleteChild, [] { StartVictim(Nothing); }},
+    {"EndAndEvent", kOwn, [] { ev_send(child, 1); }, [] { StartVictim([] { WaitFor(0); }); }},
+    {"AttachAndDump", kOwn, [] { osTaskDump(), FindThread(); },
+     [] { StartThread([] { t_attach("atch", 10), t_attach("agin", 11), t_delete(0); }); }},
+    {"AttachAndEnd", kOwn, FindThread, [] { StartThread([] { t_attach("atch", 10); }); },
      [] {
          pthread_join(thread, nullptr);
          EXPECT_EQ(FindTcbThread(thread), nullptr);
          OnlyPlayersAreLeft();
      }},
-    {"AttachAndStart",
-     {kOwn, Task([] {
-          results[1] = kTaskNotStarted;
-          if (t_ident("atch", 0, &child) == 0)
-              results[1] = t_start(
-                  child, 0, [](UInt32, UInt32, UInt32, UInt32) {}, nullptr);
-      })},
-     [] { StartThread([] { t_attach("atch", 10); }); },
+    {"AttachAndStart", kOwn, StartAttached, [] { StartThread([] { t_attach("atch", 10); }); },
      [] {
          pthread_join(thread, nullptr);
          EXPECT_EQ(results[1], kTaskNotStarted);
          OnlyPlayersAreLeft();
      }},
-    {"EndAndEvent",
-     {kOwn, Task([] { ev_send(child, 1); })},
-     [] { StartVictim([] { WaitFor(0); }); },
-     OnlyPlayersAreLeft},
 };
-
-DEVCB *device;
-
-void MakeDevice()
-{
-    if (device != nullptr)
-        return;
-    device = static_cast<DEVCB *>(low_calloc(sizeof(DEVCB)));
-    dev_init(device, "dev", 0, nullptr, nullptr, nullptr, nullptr, nullptr);
-    dev_add(device);
-}
+INSTANTIATE_TEST_SUITE_P(Ends, Orders, testing::ValuesIn(Group(kEnds, Nothing, OnlyPlayersAreLeft)), NameOf);
 
 // ---- Events and timers
 
@@ -428,100 +351,64 @@ void Receive(UInt32 events, UInt32 flags, UInt32 ticks)
 {
     results[0] = ev_receive(events, flags, ticks, &results[1]);
 }
+template <UInt32 events> constexpr auto Send = [] { ev_send(ids[0], events); };
+template <UInt32 events> constexpr auto SendToChild = [] { ev_send(child, events); };
+constexpr auto MakeChildOnce = [] { Once(MakeChild); };
 UInt32 tmid, otherTmid;
+template <int again> void StartOneTick()
+{
+    PrepareTicks();
+    tm_callback_after(
+        1, &tmid, [](void *) { return again; }, nullptr);
+}
 
 const PairT kEvents[] = {
-    {"ReceiveAndSend",
-     {Task([] {
-          Receive(1, kEvAny, 0);
-          shared++; // the event hands it over
-      }),
-      Task([] { shared = 1, ev_send(ids[0], 1); })},
-     NoSetUp,
-     [] { EXPECT_EQ(shared, 2u); }},
-    {"ReceiveAllAndSend",
-     {Task([] { Receive(3, 0, 0); }), Task([] { ev_send(ids[0], 1), ev_send(ids[0], 2); })},
-     NoSetUp,
+    {"ReceiveAndSend", [] { Receive(1, kEvAny, 0), shared++; }, // the event hands it over
+     [] { shared = 1, ev_send(ids[0], 1); }, Nothing, [] { EXPECT_EQ(shared, 2u); }},
+    {"ReceiveAllAndSend", [] { Receive(3, 0, 0); }, [] { Send<1>(), Send<2>(); }, Nothing,
      [] { EXPECT_EQ(results[1], 3u); }},
-    {"TakeAndSend",
-     {Task([] { Receive(1, kEvAny | kEvNoWait, 0); }), Task([] { ev_send(ids[0], 2); })},
-     [] { ev_send(ids[0], 1); },
+    {"TakeAndSend", [] { Receive(1, kEvAny | kEvNoWait, 0); }, Send<2>, Send<1>,
      [] { EXPECT_EQ(Tcb(ids[0])->events_captured.exchange(0), 2u); }},
-    {"TwoSend",
-     {Task([] { ev_send(child, 1); }), Task([] { ev_send(child, 2); })},
-     [] { Once([] { MakeChild(); }); },
+    {"TwoSend", SendToChild<1>, SendToChild<2>, MakeChildOnce,
      [] { EXPECT_EQ(Tcb(child)->events_captured.exchange(0), 3u); }},
-    {"ReceiveAndTick",
-     {Task([] { Receive(1, kEvAny, 1); }), kTick},
-     PrepareTicks,
+    {"SendAndTimeout", SendToChild<1>, [] { ev_receive_timeout(Tcb(child)); }, MakeChildOnce, Nothing},
+    {"ReceiveAndTick", [] { Receive(1, kEvAny, 1); }, kTick, nullptr,
      [] {
          EXPECT_EQ(results[0], kEvTimedOut);
          EXPECT_EQ(printed, "");
          TimersAreFree();
      }},
-    {"FirstReceiveAndTick",
-     {kOwn, kTick},
-     [] { PrepareTicks(), StartVictim([] { WaitFor(1); }); },
+    {"FirstReceiveAndTick", kOwn, kTick, [] { PrepareTicks(), StartVictim([] { WaitFor(1); }); },
      [] {
          EXPECT_EQ(printed, "");
          NothingIsLeftOfTheVictim();
      }},
-    {"TimedReceiveAndSend",
-     {Task([] { Receive(1, kEvAny, 100000); }), Task([] { ev_send(ids[0], 1); })},
-     PrepareTicks,
+    {"TimedReceiveAndSend", [] { Receive(1, kEvAny, 100000); }, Send<1>, nullptr,
      [] {
          EXPECT_EQ(results[0], 0u);
          TimersAreFree();
      }},
-    {"SendAndTimeout",
-     {Task([] { ev_send(child, 1); }), Task([] { ev_receive_timeout(Tcb(child)); })},
-     [] { Once([] { MakeChild(); }); },
-     NoCheck},
-    {"StartAndTick",
-     {Task([] { tm_evafter(1, 1, &tmid), Receive(1, kEvAny, 0); }), kTick},
-     PrepareTicks,
-     TimersAreFree},
-    {"CancelAndTick",
-     {Task([] { tm_cancel(tmid); }), kTick},
+    {"StartAndTick", [] { tm_evafter(1, 1, &tmid), Receive(1, kEvAny, 0); }, kTick},
+    {"CancelAndTick", [] { tm_cancel(tmid); }, kTick, StartOneTick<1>},
+    {"CancelExpiredAndTick", [] { tm_cancel_callback(tmid, ev_receive_timeout, &shared); }, kTick, StartOneTick<0>,
+     Nothing},
+    {"CancelAnothersTimer", [] { tm_cancel_callback(tmid, ev_receive_timeout, &results[0]); },
      [] {
-         PrepareTicks();
-         tm_callback_after(
-             1, &tmid, [](void *) { return 1; }, nullptr);
+         tm_cancel_callback(tmid, ev_receive_timeout, &results[0]);
+         tm_callback_after(100000, &otherTmid, ev_receive_timeout, &results[1]);
      },
-     TimersAreFree},
-    {"CancelExpiredAndTick",
-     {Task([] { tm_cancel_callback(tmid, ev_receive_timeout, &shared); }), kTick},
-     [] {
-         PrepareTicks();
-         tm_callback_after(
-             1, &tmid, [](void *) { return 0; }, nullptr);
-     },
-     [] {}},
-    {"CancelAnothersTimer",
-     {Task([] { tm_cancel_callback(tmid, ev_receive_timeout, &results[0]); }), Task([] {
-          tm_cancel_callback(tmid, ev_receive_timeout, &results[0]),
-              tm_callback_after(100000, &otherTmid, ev_receive_timeout, &results[1]);
-      })},
      [] { PrepareTicks(), tm_callback_after(100000, &tmid, ev_receive_timeout, &results[0]); },
-     [] {
-         {
-             const OutputHold hold;
-             tm_cancel(otherTmid);
-         }
-         EXPECT_EQ(printed, "");
-     }},
-    {"ClockAndTick", {Task([] { results[0] = gEpochMillisecs; }), kTick}, PrepareTicks, NoCheck},
-    {"FirstTimers",
-     {Task([] { tm_callback_after(1000, &tmid, ev_receive_timeout, nullptr); }),
-      Task([] { tm_callback_after(1000, &otherTmid, ev_receive_timeout, nullptr); })},
-     NoSetUp,
+     [] { EXPECT_EQ(Printed([] { tm_cancel(otherTmid); }), ""); }},
+    {"ClockAndTick", [] { results[0] = gEpochMillisecs; }, kTick, nullptr, Nothing},
+    {"FirstTimers", [] { tm_callback_after(1000, &tmid, ev_receive_timeout, nullptr); },
+     [] { tm_callback_after(1000, &otherTmid, ev_receive_timeout, nullptr); }, Nothing,
      [] {
          EXPECT_NE(tmid, otherTmid);
          EXPECT_EQ(NumTasks(), 1);
      },
-     PairT::kNewProcess,
-     2},
+     kNewProcess, 2},
 };
+INSTANTIATE_TEST_SUITE_P(Events, Orders, testing::ValuesIn(Group(kEvents, PrepareTicks, TimersAreFree)), NameOf);
 
 // ---- Locks, lists, requests, memory
 
@@ -529,6 +416,7 @@ ListT *list, elements[6];
 IORBList requests;
 IORB blocks[3];
 UInt32 semaphore;
+DEVCB *device;
 
 void UseList(unsigned own)
 {
@@ -544,94 +432,77 @@ void UseList(unsigned own)
     ListEnqueueIfAbsent(&list, mine);
     ListExtractIfPresent(&list, mine);
 }
+void OneElement()
+{
+    list = nullptr;
+    for (ListT &element : elements)
+        ListInit(&element);
+    ListEnqueue(&list, &elements[0]);
+}
+constexpr auto OneElementIsLeft = [] { EXPECT_EQ(ListLen(&list), 1); };
+void InitRequests()
+{
+    requests = {};
+    for (IORB &block : blocks)
+        iorb_init(&block, nullptr, nullptr, 0, nullptr, 0);
+    iorb_list_enqueue(&requests, &blocks[2]);
+}
+void MakeDevice()
+{
+    if (device != nullptr)
+        return;
+    device = static_cast<DEVCB *>(low_calloc(sizeof(DEVCB)));
+    dev_init(device, "dev", 0, nullptr, nullptr, nullptr, nullptr, nullptr);
+    dev_add(device);
+}
+constexpr auto AddDevice = [] { add_dev_to_comp_task(device); };
+void CountWithSemaphore()
+{
+    const SemaphoreHold hold(semaphore);
+    shared++;
+}
+void CountWithoutInterrupts()
+{
+    const InterruptsOffHold hold;
+    shared++;
+}
+constexpr auto BothCounted = [] { EXPECT_EQ(shared, 2u); };
+constexpr auto UseBlock = [] { low_free(std::memset(low_calloc(100), 1, 100)); };
+// The relay takes commands.
+void TellNobody()
+{
+    if (fake.commands[1] < 0)
+        fake.commands[1] = open("/dev/null", O_WRONLY);
+}
+constexpr auto Command = [] { system_pthread("a"); };
+constexpr auto Ask = [] { is_NFS(); };
 
 const PairT kLists[] = {
-    {"Lists",
-     {Task([] { UseList(1); }), Task([] { UseList(2); })},
-     [] {
-         list = nullptr;
-         for (ListT &element : elements)
-             ListInit(&element);
-         ListEnqueue(&list, &elements[0]);
-     },
-     [] { EXPECT_EQ(ListLen(&list), 1); }},
-    {"QueueAndCount",
-     {Task([] { ListEnqueue(&list, &elements[1]), results[0] = ListDequeue(&list) == nullptr ? 1 : 0; }), Task([] {
-          results[1] = ListIsEmpty(&list), ListLen(&list), ListDequeue(&list), ListEnqueue(&list, &elements[2]);
-      })},
-     [] {
-         list = nullptr;
-         for (ListT &element : elements)
-             ListInit(&element);
-         ListEnqueue(&list, &elements[0]);
-     },
-     [] { EXPECT_EQ(ListLen(&list), 1); }},
-    {"Requests",
-     {Task([] { iorb_list_enqueue(&requests, &blocks[0]), iorb_list_extract(&requests, &blocks[0]); }), Task([] {
-          iorb_list_enqueue(&requests, &blocks[1]), results[1] = static_cast<UInt32>(iorb_list_avail(&requests)),
-                                                    iorb_list_dequeue(&requests);
-      })},
-     [] {
-         requests = {};
-         for (IORB &block : blocks)
-             iorb_init(&block, nullptr, nullptr, 0, nullptr, 0);
-         iorb_list_enqueue(&requests, &blocks[2]);
-     },
-     [] { EXPECT_LE(iorb_list_avail(&requests), 2); }},
-    {"OpenAndRequest",
-     {Task([] {
-          UInt32 devid = 0;
-          dev_open("dev", 0, &devid);
-      }),
-      Task([] { iorb_list_enqueue(&device->readIORBs, &blocks[0]); })},
-     [] {
-         MakeDevice();
-         device->readIORBs = {};
-         iorb_init(&blocks[0], nullptr, nullptr, 0, nullptr, 0);
-     },
+    {"Lists", [] { UseList(1); }, [] { UseList(2); }, OneElement, OneElementIsLeft},
+    {"QueueAndCount", [] { ListEnqueue(&list, &elements[1]), ListDequeue(&list); },
+     [] { ListIsEmpty(&list), ListLen(&list), ListDequeue(&list), ListEnqueue(&list, &elements[2]); }, OneElement,
+     OneElementIsLeft},
+    {"Requests", [] { iorb_list_enqueue(&requests, &blocks[0]), iorb_list_extract(&requests, &blocks[0]); },
+     [] { iorb_list_enqueue(&requests, &blocks[1]), iorb_list_avail(&requests), iorb_list_dequeue(&requests); },
+     InitRequests, [] { EXPECT_LE(iorb_list_avail(&requests), 2); }},
+    {"OpenAndRequest", [] { dev_open("dev", 0, &results[0]); },
+     [] { iorb_list_enqueue(&device->readIORBs, &blocks[0]); },
+     [] { MakeDevice(), InitRequests(), device->readIORBs = {}; },
      [] { EXPECT_LE(iorb_list_avail(&device->readIORBs), 1); }},
-    {"Semaphore",
-     {Task([] {
-          const SemaphoreHold hold(semaphore);
-          shared++;
-      }),
-      Task([] { rsm_p(semaphore, 0), shared++, rsm_v(semaphore); })},
+    {"Semaphore", CountWithSemaphore, [] { rsm_p(semaphore, 0), shared++, rsm_v(semaphore); },
      [] {
          Once([] { sm_create("test", 1, 0, &semaphore); });
          shared = 0;
      },
-     [] { EXPECT_EQ(shared, 2u); }},
-    {"Interrupts",
-     {Task([] {
-          const InterruptsOffHold hold;
-          shared++;
-      }),
-      Task([] {
-          const InterruptsOffHold hold;
-          shared++;
-      })},
-     [] { shared = 0; },
-     [] { EXPECT_EQ(shared, 2u); }},
-    {"Blocks",
-     {Task([] { low_free(std::memset(low_calloc(100), 1, 100)); }),
-      Task([] { low_free(std::memset(low_calloc(100), 2, 100)); })},
-     NoSetUp,
-     NoCheck},
-    {"FirstCommands",
-     {Task([] { system_pthread("a"); }), Task([] { system_pthread("b"); })},
-     NoSetUp,
-     NoCheck,
-     PairT::kNewProcess,
-     2},
-    {"FirstQuestions", {Task([] { is_NFS(); }), Task([] { is_NFS(); })}, NoSetUp, NoCheck, PairT::kNewProcess, 2},
-    {"TwoCommands", {Task([] { system_pthread("a"); }), Task([] { system_pthread("b"); })}, TellNobody, NoCheck},
-    {"FirstPolls",
-     {Task([] { add_dev_to_comp_task(device); }), Task([] { add_dev_to_comp_task(device); })},
-     MakeDevice,
-     [] { EXPECT_EQ(NumTasks(), 1); },
-     PairT::kNewProcess,
-     2},
+     BothCounted},
+    {"Interrupts", CountWithoutInterrupts, CountWithoutInterrupts, [] { shared = 0; }, BothCounted},
+    {"Blocks", UseBlock, UseBlock},
+    {"FirstCommands", Command, Command, nullptr, nullptr, kNewProcess, 2},
+    {"FirstQuestions", Ask, Ask, nullptr, nullptr, kNewProcess, 2},
+    {"TwoCommands", Command, Command, TellNobody},
+    {"FirstPolls", AddDevice, AddDevice, MakeDevice, [] { EXPECT_EQ(NumTasks(), 1); }, kNewProcess, 2},
 };
+INSTANTIATE_TEST_SUITE_P(Lists, Orders, testing::ValuesIn(Group(kLists, Nothing, Nothing)), NameOf);
 
 // ---- Log: the second player is the writer's task
 
@@ -643,11 +514,7 @@ void EmptyRing()
 }
 std::string Drained()
 {
-    {
-        const OutputHold hold;
-        syslogDrainQueue();
-    }
-    return printed;
+    return Printed(syslogDrainQueue);
 }
 std::string Line(char fill, std::size_t size)
 {
@@ -667,11 +534,6 @@ void FillRing()
     EmptyRing();
     for (const char fill : {'1', '2'})
         syslogAdd(Line(fill, kFill).c_str(), 0);
-}
-void TakeAll()
-{
-    FillRing();
-    EmptyRing();
 }
 void AddBoth()
 {
@@ -702,6 +564,13 @@ void PrepareLap()
     FillRing();
     laps = false;
 }
+void PrepareLapOfTheFront()
+{
+    PrepareLap();
+    EmptyRing();
+    syslogAdd(Line('1', kHalf + 100).c_str(), 0);
+    syslogAdd(Line('2', kFill).c_str(), 0);
+}
 void Lap()
 {
     laps = true;
@@ -719,8 +588,7 @@ void PrintDuringLap()
 // Whole lines in their order, and one of the new ones.
 void NoLineIsTorn()
 {
-    std::string text = printed, before;
-    text += Drained();
+    std::string text = printed + Drained(), before;
     for (std::size_t end; (end = text.find('\n') + 1) > 0; text.erase(0, end)) {
         const std::string line = text.substr(0, end);
         if (line == "WARN   pc[0]: SYSLOG QUEUE OVERFLOW\n")
@@ -730,28 +598,22 @@ void NoLineIsTorn()
     }
     EXPECT_GT(before[20], '2');
 }
+constexpr auto LogTwo = [] { loginfo("b", "two\n"); };
 
 const PairT kLog[] = {
-    {"TwoLines",
-     {Task([] { loginfo("a", "one\n"); }), Task([] { loginfo("b", "two\n"); })},
-     EmptyRing,
+    {"TwoLines", [] { loginfo("a", "one\n"); }, LogTwo, nullptr,
      [] {
          const std::string a = "INFO  pc[0]: a: one\n", b = "INFO  pc[0]: b: two\n", text = Drained();
          EXPECT_TRUE(text == a + b || text == b + a) << text;
-     },
-     PairT::kWriter},
-    {"LineInPieces",
-     {Task([] { loginfo("a", "o"), loginfo("a", "ne\n"); }), Task([] { loginfo("b", "two\n"); })},
-     EmptyRing,
+     }},
+    {"LineInPieces", [] { loginfo("a", "o"), loginfo("a", "ne\n"); }, LogTwo, nullptr,
      [] {
          const std::string text = Drained();
          EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 2) << text;
          EXPECT_NE(text.find("two\n"), std::string::npos) << text;
          EXPECT_NE(text.find("ne\n"), std::string::npos) << text;
-     },
-     PairT::kWriter},
-    {"RepeatedLines",
-     {Task([] { loginfo("a", "same\n"), loginfo("a", "same\n"); }), Task([] { loginfo("a", "same\n"); })},
+     }},
+    {"RepeatedLines", [] { loginfo("a", "same\n"), loginfo("a", "same\n"); }, [] { loginfo("a", "same\n"); },
      [] {
          Once([] { logmsg_set_spewfilter(1); });
          loginfo("a", "another\n");
@@ -761,70 +623,42 @@ const PairT kLog[] = {
          loginfo("a", "last\n");
          EXPECT_EQ(Drained(),
                    "INFO  pc[0]: a: same\nDEBUG pc[0]: ...last line repeated 3 times\nINFO  pc[0]: a: last\n");
-     },
-     PairT::kWriter},
-    {"TwoAdd", {Task(AddBoth), Task(AddBoth)}, EmptyRing, [] { EXPECT_EQ(Drained().size(), 180u); }, PairT::kWriter},
-    {"AddAndPrint",
-     {Task(AddBoth), Task([] { PrintAll(90); })},
-     EmptyRing,
-     [] { EXPECT_EQ(printed, lineA + lineB); },
-     PairT::kWriter},
-    {"WrapAndPrint",
-     {Task([] { syslogAdd(bigA.c_str(), 0); }), Task([] { PrintAll(150000); })},
-     TakeAll,
-     [] { EXPECT_TRUE(printed == bigA); },
-     PairT::kWriter},
-    {"LapAndPrint", {Task(Lap), Task(PrintDuringLap)}, PrepareLap, NoLineIsTorn, PairT::kWriter},
-    {"LapOfTheFrontAndPrint",
-     {Task(Lap), Task(PrintDuringLap)},
-     [] {
-         PrepareLap();
-         EmptyRing();
-         syslogAdd(Line('1', kHalf + 100).c_str(), 0), syslogAdd(Line('2', kFill).c_str(), 0);
-     },
-     NoLineIsTorn,
-     PairT::kWriter},
+     }},
+    {"TwoAdd", AddBoth, AddBoth, nullptr, [] { EXPECT_EQ(Drained().size(), 180u); }},
+    {"AddAndPrint", AddBoth, [] { PrintAll(90); }, nullptr, [] { EXPECT_EQ(printed, lineA + lineB); }},
+    {"WrapAndPrint", [] { syslogAdd(bigA.c_str(), 0); }, [] { PrintAll(150000); }, [] { FillRing(), EmptyRing(); },
+     [] { EXPECT_TRUE(printed == bigA); }},
+    {"LapAndPrint", Lap, PrintDuringLap, PrepareLap, NoLineIsTorn},
+    {"LapOfTheFrontAndPrint", Lap, PrintDuringLap, PrepareLapOfTheFront, NoLineIsTorn},
     {"OverwriteAndPrint", // the second line goes where the first of the two was, if that has been taken
-     {Task([] { syslogAdd(Line('A', 100000).c_str(), 0), syslogAdd(Line('B', 200000).c_str(), 0); }),
-      Task(syslogDrainQueue)},
-     FillRing,
-     NoLineIsTorn,
-     PairT::kWriter},
+     [] { syslogAdd(Line('A', 100000).c_str(), 0), syslogAdd(Line('B', 200000).c_str(), 0); }, syslogDrainQueue,
+     FillRing, NoLineIsTorn},
     {"FilterAndLine", // which finds characters of the one before
-     {Task([] { logmsg_cullfilter_add("axx"), logmsg_cullfilter_delete("axx"); }),
-      Task([] { logmsg_print(lineA.c_str(), 40); })},
+     [] { logmsg_cullfilter_add("axx"), logmsg_cullfilter_delete("axx"); }, [] { logmsg_print(lineA.c_str(), 40); },
      [] {
          Once([] { logmsg_cullfilter_add("another"); }); // without one they are not looked at
          logmsg_cullfilter_add("xa"), logmsg_cullfilter_delete("xa");
          EmptyRing();
      },
-     [] { EXPECT_EQ(Drained(), lineA); },
-     PairT::kWriter},
-    {"FormatAndLine",
-     {Task([] { logmsg_set_format(kLogFormatLevel); }), Task([] { syslogDrainQueue(); })},
-     [] { EmptyRing(), syslogAdd(lineA.c_str(), 0); },
-     [] { EXPECT_EQ(printed, lineA); },
-     PairT::kWriter},
-    {"StartAndLine",
-     {Task(InitSyslogInterface), Task([] { loginfo("b", "two\n"); })},
-     NoSetUp,
-     NoCheck,
-     PairT::kNewProcess,
-     2},
-    {"SwitchesAndLine",
-     {Task([] { syslogSetLogLevel(kLogDebug), logmsg_set_syslog_echo(0), logmsg_set_spewfilter(0); }),
-      Task([] { loginfo("a", "line\n"), syslogDrainQueue(); })},
-     EmptyRing,
-     [] { EXPECT_EQ(printed, "INFO  pc[0]: a: line\n"); },
-     PairT::kWriter},
+     [] { EXPECT_EQ(Drained(), lineA); }},
+    {"FormatAndLine", [] { logmsg_set_format(kLogFormatLevel); }, syslogDrainQueue,
+     [] { EmptyRing(), syslogAdd(lineA.c_str(), 0); }, [] { EXPECT_EQ(printed, lineA); }},
+    {"StartAndLine", InitSyslogInterface, LogTwo, Nothing, Nothing, kNewProcess, 2},
+    {"SwitchesAndLine", [] { syslogSetLogLevel(kLogDebug), logmsg_set_syslog_echo(0), logmsg_set_spewfilter(0); },
+     [] { loginfo("a", "line\n"), syslogDrainQueue(); }, nullptr, [] { EXPECT_EQ(printed, "INFO  pc[0]: a: line\n"); }},
 };
+INSTANTIATE_TEST_SUITE_P(Log, Orders, testing::ValuesIn(Group(kLog, EmptyRing, Nothing, kWriter)), NameOf);
 
 // ---- Configuration
 
+void Put(const char *name)
+{
+    DeleteItemFromCache(name, 0);
+    folders->Put("dat/" + std::string(name) + ".dat", "old\n");
+}
 void PutItem()
 {
-    DeleteItemFromCache("item", 0);
-    folders->Put("dat/item.dat", "old\n");
+    Put("item");
     folders->Put("choice/item.choice", "default\n");
 }
 void NoItem()
@@ -841,8 +675,10 @@ std::string ReadItem()
 constexpr auto Read = [] { ReadItem(); };
 constexpr auto Write = [] { ConfigWrite("item", 0, "new"); };
 constexpr auto Delete = [] { ConfigDelete("item", 0); };
-constexpr auto DropFromCache = [] { DeleteItemFromCache("item", 0); };
+constexpr auto Cache = [] { WriteItemToCache("item", 0, "mine"); };
+constexpr auto Drop = [] { DeleteItemFromCache("item", 0); };
 constexpr auto CacheIsFile = [] { EXPECT_EQ(folders->Get("dat/item.dat"), ReadItem() + "\n"); };
+constexpr auto ItemIsMine = [] { EXPECT_EQ(ReadItem(), "mine"); };
 void ItemIsNew()
 {
     EXPECT_EQ(ReadItem(), "new");
@@ -855,86 +691,50 @@ void Heard(ModT * /*pMod*/, UInt32 /*funcIndex*/, void * /*userDefined*/, void *
 constexpr auto Watch = [] { ConfigAddImmediateCallback("item", 0, Heard, nullptr); };
 constexpr auto Unwatch = [] { ConfigDeleteCallback("item", 0, Heard, nullptr); };
 constexpr auto CacheItem = [] { PutItem(), ReadItem(); };
-void PutWatchedItem()
+constexpr auto PutFilter = [] { folders->Put("dat/cullfilter.dat", "nothing\n"); };
+void FilterIsReadOnce()
 {
-    PutItem();
-    Watch();
+    EXPECT_EQ(Printed([] { logmsg_cullfilter_dump(); }), "cull filters:\n  \"nothing\"\n");
+}
+void FoldersAreFoundOnce()
+{
+    EXPECT_EQ(printed, "Config Folder data initialized successfully(Choice dir: ../choice/, Dat Dir: ../dat/)\n");
 }
 
-constexpr char kFoldersAreThere[] =
-    "Config Folder data initialized successfully(Choice dir: ../choice/, Dat Dir: ../dat/)\n";
-
 const PairT kConfig[] = {
-    {"ReadAndWrite", {Task(Read), Task(Write)}, PutItem, ItemIsNew},
-    {"ReadAndDelete", {Task(Read), Task(Delete)}, PutItem, [] { EXPECT_EQ(ReadItem(), "default"); }},
-    {"ReadAndRestore", {Task(Read), Task([] { ConfigRestore("item", 0); })}, PutItem, CacheIsFile},
-    {"ReadAndCache",
-     {Task(Read), Task([] { WriteItemToCache("item", 0, "mine"); })},
-     PutItem,
-     [] { EXPECT_EQ(ReadItem(), "mine"); }},
-    {"ReadAndCacheOnly",
-     {Task(Read), Task([] { ConfigWriteCacheOnly("item", 0, "mine"); })},
-     PutItem,
-     [] { EXPECT_EQ(ReadItem(), "mine"); }},
-    {"WriteAndCache",
-     {Task(Write), Task([] { WriteItemToCache("item", 0, "mine"); })},
-     PutItem,
-     [] { EXPECT_EQ(folders->Get("dat/item.dat"), "new\n"); }},
+    {"ReadAndWrite", Read, Write, nullptr, ItemIsNew},
+    {"ReadAndDelete", Read, Delete, nullptr, [] { EXPECT_EQ(ReadItem(), "default"); }},
+    {"ReadAndRestore", Read, [] { ConfigRestore("item", 0); }},
+    {"ReadAndCache", Read, Cache, nullptr, ItemIsMine},
+    {"ReadAndCacheOnly", Read, [] { ConfigWriteCacheOnly("item", 0, "mine"); }, nullptr, ItemIsMine},
+    {"WriteAndCache", Write, Cache, nullptr, [] { EXPECT_EQ(folders->Get("dat/item.dat"), "new\n"); }},
     {"WriteAndFlushTask", // which looks how old the last write is
-     {Task([] { ConfigStoreWrite("item", 0, "new"); }),
-      Task([] { results[1] = gsConfigWriteOutstanding != 0 ? RealTime() - gstLastConfigWrite : 0; })},
-     [] { gsConfigWriteOutstanding = 0, gstLastConfigWrite = 0; },
-     [] { EXPECT_LT(results[1], 4u); }},
-    {"ReadAndDrop", {Task(Read), Task(DropFromCache)}, PutItem, CacheIsFile},
-    {"TwoRead", {Task(Read), Task(Read)}, PutItem, CacheIsFile},
-    {"WriteAndDelete",
-     {Task(Write), Task(Delete)},
-     PutItem,
+     [] { ConfigStoreWrite("item", 0, "new"); },
+     [] { results[1] = gsConfigWriteOutstanding != 0 ? RealTime() - gstLastConfigWrite : 0; },
+     [] { gsConfigWriteOutstanding = 0, gstLastConfigWrite = 0; }, [] { EXPECT_LT(results[1], 4u); }},
+    {"ReadAndDrop", Read, Drop},
+    {"TwoRead", Read, Read},
+    {"WriteAndDelete", Write, Delete, nullptr,
      [] { EXPECT_EQ(folders->Get("dat/item.dat"), ReadItem() == "new" ? "new\n" : "missing"); }},
-    {"WriteAndDrop", {Task(Write), Task(DropFromCache)}, PutItem, ItemIsNew},
-    {"TwoWrite", {Task(Write), Task([] { ConfigWrite("item", 0, "other"); })}, PutItem, CacheIsFile},
-    {"TwoWriteNew", {Task(Write), Task(Write)}, NoItem, ItemIsNew},
-    {"WriteAndWatch", {Task(Write), Task(Watch)}, PutItem, ItemIsNew},
-    {"ReadAndWatch", {Task(Read), Task(Watch)}, PutItem, CacheIsFile},
-    {"WriteAndUnwatch", {Task(Write), Task(Unwatch)}, PutWatchedItem, ItemIsNew},
-    {"DropAndWatch",
-     {Task(DropFromCache), Task(Watch)},
-     CacheItem,
+    {"WriteAndDrop", Write, Drop, nullptr, ItemIsNew},
+    {"TwoWrite", Write, [] { ConfigWrite("item", 0, "other"); }},
+    {"TwoWriteNew", Write, Write, NoItem, ItemIsNew},
+    {"WriteAndWatch", Write, Watch, nullptr, ItemIsNew},
+    {"ReadAndWatch", Read, Watch},
+    {"WriteAndUnwatch", Write, Unwatch, [] { PutItem(), Watch(); }, ItemIsNew},
+    {"DropAndWatch", Drop, Watch, CacheItem,
      [] { EXPECT_EQ(ConfigDeleteCallback("item", 0, Heard, nullptr), kNoError); }},
-    {"DropAndUnwatch", {Task(DropFromCache), Task(Unwatch)}, CacheItem, CacheIsFile},
-    {"DropAndLookUp", {Task(DropFromCache), Task([] { LookupItemInCache("item", 0); })}, CacheItem, CacheIsFile},
-    {"DropAndDump", {Task(DropFromCache), Task(ConfigDumpAll)}, CacheItem, CacheIsFile},
+    {"DropAndUnwatch", Drop, Unwatch, CacheItem},
+    {"DropAndLookUp", Drop, [] { LookupItemInCache("item", 0); }, CacheItem},
+    {"DropAndDump", Drop, ConfigDumpAll, CacheItem},
     {"WriteAndReadAnother", // of the same bucket
-     {Task(Write), Task([] { ConfigRead("iota", 0, std::array<char, kConfigValueSize>().data()); })},
-     [] {
-         PutItem();
-         DeleteItemFromCache("iota", 0);
-         folders->Put("dat/iota.dat", "old\n");
-     },
-     ItemIsNew},
-    {"WriteAndDump", {Task(Write), Task([] { ConfigDumpByName("item"); })}, CacheItem, ItemIsNew},
-    {"FirstReadAndWrite",
-     {Task(Read), Task(Write)},
-     NoSetUp,
-     [] {
-         EXPECT_EQ(printed, kFoldersAreThere);
-         ItemIsNew();
-     },
-     PairT::kNothingYet,
-     2},
-    {"FirstStores",
-     {Task(ConfigStoreInit), Task(ConfigStoreInit)},
-     NoSetUp,
-     [] { EXPECT_EQ(printed, kFoldersAreThere); },
-     PairT::kNothingYet,
-     2},
-    {"FirstLines",
-     {Task([] { loginfo("a", "one\n"); }), Task([] { loginfo("b", "two\n"); })},
-     PutFilter,
-     FilterIsReadOnce,
-     PairT::kNothingYet,
-     4},
+     Write, [] { ConfigRead("iota", 0, ignored); }, [] { PutItem(), Put("iota"); }, ItemIsNew},
+    {"WriteAndDump", Write, [] { ConfigDumpByName("item"); }, CacheItem, ItemIsNew},
+    {"FirstReadAndWrite", Read, Write, Nothing, [] { FoldersAreFoundOnce(), ItemIsNew(); }, kNothingYet, 2},
+    {"FirstStores", ConfigStoreInit, ConfigStoreInit, Nothing, FoldersAreFoundOnce, kNothingYet, 2},
+    {"FirstLines", [] { loginfo("a", "one\n"); }, LogTwo, PutFilter, FilterIsReadOnce, kNothingYet, 4},
 };
+INSTANTIATE_TEST_SUITE_P(Config, Orders, testing::ValuesIn(Group(kConfig, PutItem, CacheIsFile)), NameOf);
 
 // ---- Reads through the master
 
@@ -956,65 +756,70 @@ Int32 AnswerAtOnce(RemMsgPathT *pPath, const char *command, RemMsgRspT completio
 }
 RemMsgPathT master = {kRemMsgPathOpen, SendToMaster};
 
-void BeRemote(decltype(RemMsgPathT::SendCmd) send)
+template <decltype(RemMsgPathT::SendCmd) send> void BeRemote()
 {
     PrepareTicks();
     processor = 1;
     gRemMsgPaths[kMasterProcessor] = &master;
     master.SendCmd = send;
     answerTo = nullptr;
+    shared = schedule::Ticks();
+}
+void Answer()
+{
+    const std::unique_lock lock(sendMutex);
+    if (answerTo != nullptr)
+        answerTo(&master, "config item 0 answer", answerContext);
 }
 std::string answers[2];
-void ReadRemotely(unsigned index)
+template <unsigned index> void ReadRemotely()
 {
     char value[kConfigValueSize];
-    ConfigStoreRead("item", static_cast<Int32>(index), value, sizeof value);
+    ConfigStoreRead("item", index, value, sizeof value);
     answers[index] = value;
 }
 
 const PairT kRemote[] = {
-    {"ReadAndAnswer",
-     {Task([] { ReadRemotely(0); }), Task([] {
-          const std::unique_lock lock(sendMutex);
-          if (answerTo != nullptr)
-              answerTo(&master, "config item 0 answer", answerContext);
-      })},
-     [] { BeRemote(SendToMaster); },
+    {"ReadAndAnswer", ReadRemotely<0>, Answer, nullptr,
      [] { EXPECT_TRUE(answers[0].empty() || answers[0] == "answer") << answers[0]; }},
-    {"WaitForAnswer",
-     {Task([] { ReadRemotely(0); }), Task([] {})},
-     [] { BeRemote(SendToMaster), shared = schedule::Ticks(); },
+    {"WaitForAnswer", ReadRemotely<0>, Nothing, nullptr,
      [] {
          EXPECT_GE(schedule::Ticks() - shared, 300u);
          EXPECT_LE(schedule::Ticks() - shared, 350u);
      },
-     PairT::kTasks,
-     16},
-    {"TwoRead",
-     {Task([] { ReadRemotely(0); }), Task([] { ReadRemotely(1); })},
-     [] { BeRemote(AnswerAtOnce); },
+     kTwoTasks, 16},
+    {"TwoRead", ReadRemotely<0>, ReadRemotely<1>, BeRemote<AnswerAtOnce>,
      [] {
          EXPECT_EQ(answers[0], "answer");
          EXPECT_EQ(answers[1], "answer");
      }},
 };
+INSTANTIATE_TEST_SUITE_P(Remote, Orders, testing::ValuesIn(Group(kRemote, BeRemote<SendToMaster>, Nothing)), NameOf);
 
 // ---- Modules
 
 ModT mods[2];
 
-void InitMod(unsigned index)
-{
-    ModInit(&mods[index], "ordr", static_cast<Int32>(index), nullptr);
-}
-void ExitMod(unsigned index)
+template <unsigned index> constexpr auto InitMod = [] { ModInit(&mods[index], "ordr", index, nullptr); };
+template <unsigned index> void ExitMod()
 {
     ModExit(&mods[index]);
     mods[index] = {};
 }
+constexpr auto InitModOnce = [] { Once(InitMod<0>); };
 void CountCall(ModT * /*pMod*/, UInt32 /*funcIndex*/, void *counter, void * /*pArgs*/)
 {
     ++*static_cast<UInt32 *>(counter);
+}
+template <unsigned index> void AddCounter()
+{
+    ModAddCallback(&mods[0], 7, CountCall, &results[index], 0);
+}
+void InitModWithCounter()
+{
+    InitMod<0>();
+    results[0] = 0;
+    AddCounter<0>();
 }
 void AddMany()
 {
@@ -1022,12 +827,31 @@ void AddMany()
     for (UInt32 &counter : counters)
         ModAddCallback(&mods[0], 7, CountCall, &counter, 0);
 }
-constexpr auto CallMod = [] { ModCallCallbacks(&mods[0], 7, nullptr, 0); };
+constexpr auto CallMod = [] { ModCallCallbacks(&mods[0], 7, &shared, sizeof shared); };
+constexpr auto DeleteAll = [] { ModDeleteAllCallbacks(&mods[0]); };
 void DoNothing(void * /*pArgs*/, Int32 /*argLen*/) {}
 void DeferToSelf()
 {
     ModDeferFunctionCall(0, DoNothing, nullptr, 0);
     ModProcessDeferredFunctions();
+}
+void DeferTwo()
+{
+    for (int i = 0; i < 2; i++)
+        ModDeferFunctionCall(
+            ids[1], [](void *, Int32) { results[1]++; }, nullptr, 0);
+}
+void ProcessTwo()
+{
+    UInt32 events = 0;
+    for (ModProcessDeferredFunctions(); results[1] < 2; ModProcessDeferredFunctions())
+        ev_receive(kModDeferredEvent, kEvAny, 0, &events);
+}
+void Search()
+{
+    DeferredFuncStatsT stats;
+    ModSearchDeferredFunction(ids[0], DoNothing);
+    ModGetDeferredFunctionStats(ids[0], &stats);
 }
 bool registered;
 void CallRegistered(ModT * /*pMod*/, UInt32 /*funcIndex*/, void * /*userDefined*/, void *pArgs)
@@ -1035,137 +859,116 @@ void CallRegistered(ModT * /*pMod*/, UInt32 /*funcIndex*/, void * /*userDefined*
     EXPECT_TRUE(registered);
     EXPECT_EQ(*static_cast<UInt32 *>(pArgs), shared) << "it is of the run before";
 }
+void Unregister()
+{
+    ModProcessDeferredCallbacks();
+    ModDeleteCallback(&mods[0], 7, CallRegistered, nullptr);
+    registered = false;
+    ModProcessDeferredCallbacks();
+}
 
 const PairT kMods[] = {
-    {"TwoInit",
-     {Task([] { InitMod(0); }), Task([] { InitMod(1); })},
-     NoSetUp,
+    {"TwoInit", InitMod<0>, InitMod<1>, Nothing,
      [] {
-         for (unsigned i = 0; i < 2; i++) {
-             EXPECT_EQ(ModFindByName("ordr", static_cast<Int32>(i)), &mods[i]);
-             ExitMod(i);
-         }
+         EXPECT_EQ(ModFindByName("ordr", 0), &mods[0]);
+         EXPECT_EQ(ModFindByName("ordr", 1), &mods[1]);
+         ExitMod<0>(), ExitMod<1>();
      }},
-    {"ExitAndFind",
-     {Task([] { ExitMod(0); }), Task([] { EXPECT_EQ(ModFindByName("ordr", 1), &mods[1]); })},
-     [] { InitMod(0), InitMod(1); },
-     [] { ExitMod(1); }},
-    {"CallAndAdd",
-     {Task(CallMod), Task(AddMany)},
-     [] { InitMod(0), results[0] = 0, ModAddCallback(&mods[0], 7, CountCall, &results[0], 0); },
-     [] {
-         EXPECT_EQ(results[0], 1u);
-         ExitMod(0);
-     }},
-    {"TwoAdd",
-     {Task([] { ModAddCallback(&mods[0], 7, CountCall, &results[0], 0); }),
-      Task([] { ModAddCallback(&mods[0], 7, CountCall, &results[1], 0); })},
-     [] { InitMod(0); },
+    {"ExitAndFind", ExitMod<0>, [] { EXPECT_EQ(ModFindByName("ordr", 1), &mods[1]); },
+     [] { InitMod<0>(), InitMod<1>(); }, ExitMod<1>},
+    {"CallAndAdd", CallMod, AddMany, InitModWithCounter, [] { EXPECT_EQ(results[0], 1u), ExitMod<0>(); }},
+    {"TwoAdd", AddCounter<0>, AddCounter<1>, nullptr,
      [] {
          for (UInt32 &result : results)
              EXPECT_EQ(ModDeleteCallback(&mods[0], 7, CountCall, &result), kNoError);
-         ExitMod(0);
+         ExitMod<0>();
      }},
-    {"CallAndDelete",
-     {Task([] { ModCallCallbacks(&mods[0], 7, &shared, sizeof shared); }), Task([] {
-          ModProcessDeferredCallbacks(), ModDeleteCallback(&mods[0], 7, CallRegistered, nullptr),
-              registered = false, ModProcessDeferredCallbacks();
-      })},
+    {"CallAndDelete", CallMod, Unregister,
      [] {
-         shared++, registered = true, InitMod(0),
-                   ModAddCallbackToTask(&mods[0], 7, CallRegistered, nullptr, kModOnTask, ids[1]);
-     },
-     [] { ExitMod(0); }},
-    {"AddAndDeleteAll",
-     {Task(AddMany), Task([] { ModDeleteAllCallbacks(&mods[0]); })},
-     [] { InitMod(0); },
-     [] { ExitMod(0); }},
-    {"InitAndFind", {Task([] { InitMod(0); }), Task([] { ModFindByName("ordr", 0); })}, NoSetUp, [] { ExitMod(0); }},
-    {"CallAndDeleteAll",
-     {Task(CallMod), Task([] { ModDeleteAllCallbacks(&mods[0]); })},
-     [] { InitMod(0), ModAddCallback(&mods[0], 7, CountCall, &results[0], 0); },
-     [] { ExitMod(0); }},
-    {"DumpAndAdd", {Task([] { ModDump(&mods[0], 0); }), Task(AddMany)}, [] { InitMod(0); }, [] { ExitMod(0); }},
-    {"DeferAndProcess",
-     {Task([] {
-          for (int i = 0; i < 2; i++)
-              ModDeferFunctionCall(
-                  ids[1], [](void *, Int32) { results[1]++; }, nullptr, 0);
-      }),
-      Task([] {
-          UInt32 events = 0;
-          for (ModProcessDeferredFunctions(); results[1] < 2; ModProcessDeferredFunctions())
-              ev_receive(kModDeferredEvent, kEvAny, 0, &events);
-      })},
-     [] { results[1] = 0; },
-     NoCheck},
-    {"TwoDefer", {Task(DeferToSelf), Task(DeferToSelf)}, [] { Once([] { InitMod(0); }); }, NoCheck},
-    {"DeferAndDump", {Task(DeferToSelf), Task(ModDumpDeferredFunctions)}, [] { Once([] { InitMod(0); }); }, NoCheck},
-    {"DeferAndSearch",
-     {Task(DeferToSelf), Task([] {
-          ModSearchDeferredFunction(ids[0], DoNothing);
-          DeferredFuncStatsT stats;
-          ModGetDeferredFunctionStats(ids[0], &stats);
-      })},
-     [] { Once([] { InitMod(0); }); },
-     NoCheck},
-    {"FilterAndTrace",
-     {Task([] { ModTraceFilterAdd("other"), ModTraceFilterDelete("other"); }),
-      Task([] { ModTraceFilterAdd("another"), ModTrace(&mods[0], "line\n"), ModTraceFilterDelete("another"); })},
-     [] { Once([] { InitMod(0); }); },
+         shared++, registered = true, InitMod<0>();
+         ModAddCallbackToTask(&mods[0], 7, CallRegistered, nullptr, kModOnTask, ids[1]);
+     }},
+    {"AddAndDeleteAll", AddMany, DeleteAll},
+    {"InitAndFind", InitMod<0>, [] { ModFindByName("ordr", 0); }, Nothing},
+    {"CallAndDeleteAll", CallMod, DeleteAll, InitModWithCounter},
+    {"DumpAndAdd", [] { ModDump(&mods[0], 0); }, AddMany},
+    {"DeferAndProcess", DeferTwo, ProcessTwo, [] { results[1] = 0; }, Nothing},
+    {"TwoDefer", DeferToSelf, DeferToSelf, InitModOnce, Nothing},
+    {"DeferAndDump", DeferToSelf, ModDumpDeferredFunctions, InitModOnce, Nothing},
+    {"DeferAndSearch", DeferToSelf, Search, InitModOnce, Nothing},
+    {"FilterAndTrace", [] { ModTraceFilterAdd("other"), ModTraceFilterDelete("other"); },
+     [] { ModTraceFilterAdd("another"), ModTrace(&mods[0], "line\n"), ModTraceFilterDelete("another"); }, InitModOnce,
      [] { EXPECT_EQ(ModTraceFilterDelete("other"), kBadParameter); }},
-    {"FirstInits",
-     {Task([] { InitMod(0); }), Task([] { InitMod(1); })},
-     NoSetUp,
-     [] { EXPECT_EQ(ModFindByName("ordr", 1), &mods[1]); },
-     PairT::kNothingYet,
+    {"FirstInits", InitMod<0>, InitMod<1>, Nothing, [] { EXPECT_EQ(ModFindByName("ordr", 1), &mods[1]); }, kNothingYet,
      2},
-    {"TooManyAndProcess",
-     {Task([] { ModDeferFunctionCall(ids[1], DoNothing, nullptr, 0); }), Task(ModProcessDeferredFunctions)},
+    {"TooManyAndProcess", [] { ModDeferFunctionCall(ids[1], DoNothing, nullptr, 0); }, ModProcessDeferredFunctions,
      [] {
-         Once([] { InitMod(0); });
+         InitModOnce();
          while (ModDeferFunctionCall(ids[1], DoNothing, nullptr, 0) == kNoError)
              continue;
      },
-     NoCheck,
-     PairT::kTasks,
-     16},
+     Nothing, kTwoTasks, 16},
 };
+INSTANTIATE_TEST_SUITE_P(Mods, Orders, testing::ValuesIn(Group(kMods, InitMod<0>, ExitMod<0>)), NameOf);
 
 // ---- Ports
 
 constexpr RS232Cfg kFormat = {SERIAL_BAUDRATE_115200, SERIAL_DATABITS_8, SERIAL_PARITY_NO, SERIAL_STOPBITS_1, 0, 0, 0},
                    kNoFormat = {
                        SERIAL_BAUDRATE_115200, SERIAL_DATABITS_8, SERIAL_PARITY_NONE, SERIAL_STOPBITS_1, 0, 0, 0};
+eErrorT opened[2], closed[2];
 
-void InitPorts()
+constexpr auto InitPorts = [] { Once([] { SetSystemHardwareType(kKora), DevMgrSerial_Init(); }); };
+template <unsigned index> void Open()
 {
-    Once([] { SetSystemHardwareType(kKora), DevMgrSerial_Init(); });
+    opened[index] = Serial_Open(0, nullptr, nullptr, nullptr, &kFormat);
 }
-void Open(unsigned index)
+template <unsigned index> constexpr auto OpenScript = [] { opened[index] = Serial_Open_PSH(0, &kFormat); };
+template <unsigned index> constexpr auto Close = [] { closed[index] = Serial_Close(0); };
+constexpr auto Enable = [] { Serial_Enable(0, SERIAL_DIRECTION_TX); };
+void OpenPort()
 {
-    results[index] = static_cast<UInt32>(Serial_Open(0, nullptr, nullptr, nullptr, &kFormat));
-}
-void Close(unsigned index)
-{
-    results[index] = static_cast<UInt32>(Serial_Close(0));
+    InitPorts();
+    Open<0>();
 }
 void ClosePort()
 {
     Serial_Close(0);
     close(fake.master);
 }
-void OneDidIt(eErrorT otherwise)
+// Whoever comes second gets the other result.
+void OneDidIt(const eErrorT (&done)[2], eErrorT otherwise)
 {
-    EXPECT_EQ(results[0] + results[1], static_cast<UInt32>(otherwise)) << "one of them 0";
+    EXPECT_EQ(std::max(done[0], done[1]), kNoError);
+    EXPECT_EQ(std::min(done[0], done[1]), otherwise);
     ClosePort();
 }
-
-void OpenScript(unsigned index)
+void OneOpenedIt()
 {
-    results[index] = static_cast<UInt32>(Serial_Open_PSH(0, &kFormat));
+    OneDidIt(opened, kAlreadyInUse);
+    Serial_Close_PSH(0);
 }
-constexpr auto InitScript = [] { InitPorts(), TellNobody(); };
+void InitScript()
+{
+    InitPorts();
+    TellNobody();
+}
+void InitScriptToFile()
+{
+    fake.commands[1] = open((folders->root() / "relay").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+    InitPorts();
+}
+void ScriptIsAsThePort()
+{
+    const std::string commands = folders->Get("relay");
+    const bool isOpen = commands.rfind(" open ") > commands.rfind(" close ");
+    EXPECT_EQ(Serial_GetCfg(0, &kFormat), isOpen ? kNoError : kItemNotFound) << commands;
+    EXPECT_EQ(opened[0], kNoError);
+    EXPECT_EQ(closed[1], kNoError);
+    ClosePort();
+    Serial_Close_PSH(0);
+    close(fake.commands[1]);
+}
 
 // Two sets of callbacks, of which each knows its own context; the second call ends the loop of the port's task.
 UInt32 sent;
@@ -1188,83 +991,43 @@ const DevmgrSerial_CBInfo_t kCallbacksA = {Sent<0>, nullptr, &results[0]},
 int portFd;
 
 const PairT kPorts[] = {
-    {"TwoOpen", {Task([] { Open(0); }), Task([] { Open(1); })}, InitPorts, [] { OneDidIt(kAlreadyInUse); }},
-    {"TwoClose",
-     {Task([] { Close(0); }), Task([] { Close(1); })},
-     [] { InitPorts(), Open(0); },
-     [] { OneDidIt(kItemNotFound); }},
-    {"CloseAndOpen",
-     {Task([] { Close(0); }), Task([] { Open(1); })},
-     [] { InitPorts(), Open(0); },
+    {"TwoOpen", Open<0>, Open<1>, nullptr, [] { OneDidIt(opened, kAlreadyInUse); }},
+    {"TwoClose", Close<0>, Close<1>, OpenPort, [] { OneDidIt(closed, kItemNotFound); }},
+    {"CloseAndOpen", Close<0>, Open<1>, OpenPort,
      [] {
-         EXPECT_EQ(results[0], 0u);
-         EXPECT_EQ(Serial_Close(0), results[1] == 0 ? kNoError : kItemNotFound);
+         EXPECT_EQ(closed[0], kNoError);
+         EXPECT_EQ(Serial_Close(0), opened[1] == kNoError ? kNoError : kItemNotFound);
          close(fake.master);
      }},
-    {"OpenAndEnable",
-     {Task([] { Open(0); }), Task([] { Serial_Enable(0, SERIAL_DIRECTION_TX); })},
-     InitPorts,
-     ClosePort},
-    {"TwoOpenScript",
-     {Task([] { OpenScript(0); }), Task([] { OpenScript(1); })},
-     InitScript,
-     [] {
-         OneDidIt(kAlreadyInUse);
-         Serial_Close_PSH(0);
-     }},
-    {"OpenAndOpenScript",
-     {Task([] { Open(0); }), Task([] { OpenScript(1); })},
-     InitScript,
-     [] {
-         OneDidIt(kAlreadyInUse);
-         Serial_Close_PSH(0);
-     }},
-    {"OpenAndCloseScript",
-     {Task([] { OpenScript(0); }), Task([] { results[1] = static_cast<UInt32>(Serial_Close_PSH(0)); })},
-     [] {
-         fake.commands[1] = open((folders->root() / "relay").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-         InitScript();
-     },
-     [] {
-         const std::string commands = folders->Get("relay");
-         const bool isOpen = commands.rfind(" open ") > commands.rfind(" close ");
-         EXPECT_EQ(Serial_GetCfg(0, &kFormat), isOpen ? kNoError : kItemNotFound) << commands;
-         OneDidIt(kNoError);
-         Serial_Close_PSH(0);
-         close(fake.commands[1]);
-     }},
+    {"OpenAndEnable", Open<0>, Enable},
+    {"TwoOpenScript", OpenScript<0>, OpenScript<1>, InitScript, OneOpenedIt},
+    {"OpenAndOpenScript", Open<0>, OpenScript<1>, InitScript, OneOpenedIt},
+    {"OpenAndCloseScript", OpenScript<0>, [] { closed[1] = Serial_Close_PSH(0); }, InitScriptToFile, ScriptIsAsThePort},
     {"FailToOpenAndClose", // each open one once
-     {Task([] { Serial_Open(0, nullptr, nullptr, nullptr, &kNoFormat); }), Task([] { Serial_Close(0); })},
-     InitPorts,
+     [] { Serial_Open(0, nullptr, nullptr, nullptr, &kNoFormat); }, Close<1>, nullptr,
      [] {
          EXPECT_EQ(CBList->devCB.numCloses, CBList->devCB.numOpens);
          EXPECT_EQ(Serial_Close(0), kItemNotFound);
          close(fake.master);
      }},
     {"EnableAndStop", // which a callback does
-     {kOwn, Task([] { Serial_Enable(0, SERIAL_DIRECTION_TX); })},
+     kOwn, Enable,
      [] {
-         InitPorts();
          const auto stop = [](void *) { Serial_Disable(0, SERIAL_DIRECTION_RX); }; // and transmission
-         Serial_Open(0, nullptr, nullptr, nullptr, &kFormat);
-         Serial_Enable(0, SERIAL_DIRECTION_TX);
+         OpenPort();
+         Enable();
          SetCallbacks({nullptr, nullptr, nullptr});
          StartVictim([] { DevMgrSerial_asyncDataSendRecv(low_id(CBList), child, 0, 0); });
          CBList->asyncThread_running = 1;
          CBList->threadID = child;
          SetCallbacks({stop, nullptr, nullptr});
      },
+     [] { ClosePort(), OnlyPlayersAreLeft(); }},
+    {"CallbacksAndTask", [] { SetCallbacks(kCallbacksB), Enable(), SetCallbacks(kCallbacksA); },
+     [] { DevMgrSerial_asyncDataSendRecv(low_id(CBList), 0, 0, 0); },
      [] {
-         ClosePort();
-         OnlyPlayersAreLeft();
-     }},
-    {"CallbacksAndTask",
-     {Task([] { SetCallbacks(kCallbacksB), Serial_Enable(0, SERIAL_DIRECTION_TX), SetCallbacks(kCallbacksA); }),
-      Task([] { DevMgrSerial_asyncDataSendRecv(low_id(CBList), 0, 0, 0); })},
-     [] {
-         InitPorts();
-         Open(0);
-         Serial_Enable(0, SERIAL_DIRECTION_TX);
+         OpenPort();
+         Enable();
          sent = 0;
          portFd = CBList->devCB.fd;
          CBList->asyncThread_running = 1; // it is the second player
@@ -1276,162 +1039,116 @@ const PairT kPorts[] = {
          ClosePort();
      }},
 };
+INSTANTIATE_TEST_SUITE_P(Ports, Orders, testing::ValuesIn(Group(kPorts, InitPorts, ClosePort)), NameOf);
 
 // ---- Tasks that are deleted in the middle of something
 
+// What a task does that is deleted meanwhile.
+PairT Deleted(const char *name, void (*work)(), void (*setUp)() = Nothing, void (*check)() = nullptr)
+{
+    return {name, kOwn, DeleteChild, [=] { setUp(), StartVictim(work); }, check};
+}
+
+UInt32 twins[2];
+void StartTwins()
+{
+    for (UInt32 &tid : twins)
+        t_create("twin", 10, 0, 0, 0, &tid);
+    for (unsigned i = 0; i < 2; i++)
+        StartBody(twins[i], [i] {
+            schedule::Play(i);
+            t_delete(twins[1 - i]);
+        });
+}
+void ConfigurationRuns()
+{
+    EXPECT_EQ(ConfigRead("none", 0, ignored), kItemNotFound);
+    pthread_mutex_lock(&tcblistmutex);
+    EXPECT_TRUE(tcblist != nullptr && tcblist->next == nullptr) << "one flush task";
+    pthread_mutex_unlock(&tcblistmutex);
+}
+void ItemIsWhole()
+{
+    OnlyPlayersAreLeft();
+    const std::string value = ReadItem();
+    EXPECT_EQ(folders->Get("dat/item.dat"), value + (value != "missing" ? "\n" : ""));
+    EXPECT_EQ(NumEntries(folders->root() / "dat"), value != "missing" ? 1 : 0);
+}
+void FillRingForGood()
+{
+    Once([] {
+        ConfigStoreExit(); // the task of the first log line
+        FillRing();
+        while (syslogQueue(lineA.c_str()))
+            continue;
+    });
+    synced = false;
+    gsConfigWriteOutstanding = 1;
+}
+
 [[maybe_unused]] const PairT kCancels[] = {
-    {"WaitAndDelete",
-     {kOwn, Task(DeleteChild)},
-     [] { StartVictim([] { WaitFor(0); }); },
-     [] {
-         OnlyPlayersAreLeft();
-         ev_send(child, 1); // by somebody who does not know yet
-     }},
-    {"TimedWaitAndDelete",
-     {kOwn, Task(DeleteChild)},
-     [] {
-         PrepareTicks();
-         StartVictim([] { WaitFor(100000); });
-     },
-     NothingIsLeftOfTheVictim},
-    {"TwoDeleteEachOther",
-     {kOwn, kOwn},
-     [] {
-         for (UInt32 &tid : twins)
-             t_create("twin", 10, 0, 0, 0, &tid);
-         for (unsigned i = 0; i < 2; i++)
-             StartBody(twins[i], [i] {
-                 schedule::Play(i);
-                 t_delete(twins[1 - i]);
-             });
-     },
-     OnlyPlayersAreLeft},
-    {"DeletionAndDelete",
-     {kOwn, Task(DeleteChild)},
-     [] {
-         twins[0] = StartTask("twin", [] { WaitFor(0); });
-         StartVictim([] { t_delete(twins[0]); });
-     },
-     OnlyPlayersAreLeft},
-    {"LogAndDelete",
-     {kOwn, Task(DeleteChild)},
-     [] { StartVictim([] { loginfo("test", "on its way\n"); }); },
-     [] {
-         OnlyPlayersAreLeft();
-         loginfo("test", "there is no lock left held\n");
-     }},
-    {"CommandAndDelete",
-     {kOwn, Task(DeleteChild)},
-     [] {
-         TellNobody();
-         StartVictim([] { system_pthread("x"); });
-     },
-     OnlyPlayersAreLeft},
-    {"OutputAndDelete",
-     {kOwn, Task(DeleteChild)},
-     [] {
-         StartVictim([] {
-             char text[8];
-             read_command("echo", text, sizeof text);
-         });
-     },
-     NoVictimIsLeft},
-    {"FindAndDelete", {kOwn, Task(DeleteChild)}, [] { StartVictim([] { find_pid(""); }); }, NoVictimIsLeft},
-    {"ReadAndDelete",
-     {kOwn, Task(DeleteChild)},
-     [] {
-         folders->Put("dat/item.dat", "old\n");
-         StartVictim([] { ConfigStoreRead("item", 0, std::array<char, 8>().data(), 8); });
-     },
-     NoVictimIsLeft},
-    {"WriteAndDelete",
-     {kOwn, Task(DeleteChild)},
-     [] { StartVictim([] { ConfigWrite("item", 0, shared++ % 2 == 0 ? "even" : "odd"); }); },
-     [] {
-         char value[kConfigValueSize];
-         OnlyPlayersAreLeft();
-         EXPECT_EQ(ConfigRead("item", 0, value), folders->Get("dat/item.dat") != "missing" ? kNoError : kItemNotFound);
-         EXPECT_EQ(folders->Get("dat/item.dat"), value + std::string(value[0] != '\0' ? "\n" : "missing"));
-         EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folders->root() / "dat"), {}),
-                   value[0] != '\0' ? 1 : 0);
-     }},
-    {"FirstReadAndCancel",
-     {kOwn, Task(EndThread)},
-     [] { StartThread([] { ConfigRead("none", 0, std::array<char, kConfigValueSize>().data()); }); },
-     ConfigurationRuns,
-     PairT::kNothingYet,
-     2},
-    {"FirstLineAndCancel",
-     {kOwn, Task(EndThread)},
+    Deleted(
+        "WaitAndDelete", [] { WaitFor(0); }, Nothing,
+        [] {
+            OnlyPlayersAreLeft();
+            ev_send(child, 1); // by somebody who does not know yet
+        }),
+    Deleted(
+        "TimedWaitAndDelete", [] { WaitFor(100000); }, PrepareTicks, NothingIsLeftOfTheVictim),
+    {"TwoDeleteEachOther", kOwn, kOwn, StartTwins},
+    Deleted(
+        "DeletionAndDelete", [] { t_delete(twins[0]); }, [] { twins[0] = StartTask("twin", [] { WaitFor(0); }); }),
+    Deleted(
+        "LogAndDelete", [] { loginfo("test", "on its way\n"); }, Nothing,
+        [] {
+            OnlyPlayersAreLeft();
+            loginfo("test", "there is no lock left held\n");
+        }),
+    Deleted("CommandAndDelete", Command, TellNobody),
+    Deleted(
+        "OutputAndDelete", [] { read_command("echo", ignored, sizeof ignored); }, Nothing, NoVictimIsLeft),
+    Deleted(
+        "FindAndDelete", [] { find_pid(""); }, Nothing, NoVictimIsLeft),
+    Deleted("UsageAndDelete", osTaskUsage, Nothing, NoVictimIsLeft),
+    Deleted(
+        "ReadAndDelete", [] { ConfigStoreRead("item", 0, ignored, 8); }, PutItem, NoVictimIsLeft),
+    Deleted(
+        "WriteAndDelete", [] { ConfigWrite("item", 0, shared++ % 2 == 0 ? "even" : "odd"); }, Nothing, ItemIsWhole),
+    Deleted(
+        "CloseAndDelete", [] { Serial_Close(0); }, OpenPort,
+        [] {
+            OnlyPlayersAreLeft();
+            EXPECT_EQ(Serial_Close(0), kItemNotFound);
+            close(fake.master);
+        }),
+    {"FirstReadAndCancel", kOwn, EndThread, [] { StartThread([] { ConfigRead("none", 0, ignored); }); },
+     ConfigurationRuns, kNothingYet, 2},
+    {"FirstLineAndCancel", kOwn, EndThread,
      [] {
          PutFilter();
          folders->Put("dat/logformat.dat", "level\n");
          StartThread([] { loginfo("a", "one\n"); });
      },
      [] {
-         loginfo("b", "two\n");
+         LogTwo();
          EXPECT_EQ(logmsg_get_format(), kLogFormatLevel);
          FilterIsReadOnce();
          ConfigurationRuns();
      },
-     PairT::kNothingYet,
-     4},
-    {"UsageAndDelete", {kOwn, Task(DeleteChild)}, [] { StartVictim(osTaskUsage); }, NoVictimIsLeft},
-    {"PollAndAdd",
-     {kOwn, Task([] { add_dev_to_comp_task(device), EndThread(); })},
-     [] {
-         MakeDevice();
-         StartThread([] { io_comp_task(0, 0, 0, 0); });
-     },
-     NoCheck},
-    {"CloseAndDelete",
-     {kOwn, Task(DeleteChild)},
-     [] {
-         InitPorts();
-         Open(0);
-         StartVictim([] { Serial_Close(0); });
-     },
-     [] {
-         OnlyPlayersAreLeft();
-         EXPECT_EQ(Serial_Close(0), kItemNotFound);
-         close(fake.master);
-     }},
+     kNothingYet, 4},
+    {"PollAndAdd", kOwn, [] { AddDevice(), EndThread(); },
+     [] { MakeDevice(), StartThread([] { io_comp_task(0, 0, 0, 0); }); }, Nothing},
     {"FlushAndDelete", // when the ring is full, which is reported
-     {kOwn, Task(DeleteChild)},
-     [] {
-         Once([] {
-             ConfigStoreExit(); // the task of the first log line
-             FillRing();
-             while (syslogQueue(lineA.c_str()))
-                 continue;
-         });
-         synced = false;
-         gsConfigWriteOutstanding = 1;
-         StartVictim(ConfigStoreExit);
-     },
+     kOwn, DeleteChild, [] { FillRingForGood(), StartVictim(ConfigStoreExit); },
      [] {
          OnlyPlayersAreLeft();
          EXPECT_TRUE(synced);
      },
-     PairT::kWriter},
+     kWriter},
 };
-
-std::string NameOf(const testing::TestParamInfo<PairT> &info)
-{
-    return info.param.name;
-}
-INSTANTIATE_TEST_SUITE_P(Tasks, Orders, testing::ValuesIn(kTasks), NameOf);
-INSTANTIATE_TEST_SUITE_P(Ends, Orders, testing::ValuesIn(kEnds), NameOf);
 #ifndef __SANITIZE_ADDRESS__ // it cannot follow a cancelled thread through its scopes
-INSTANTIATE_TEST_SUITE_P(Cancels, Orders, testing::ValuesIn(kCancels), NameOf);
+INSTANTIATE_TEST_SUITE_P(Cancels, Orders, testing::ValuesIn(Group(kCancels, Nothing, OnlyPlayersAreLeft)), NameOf);
 #endif
-INSTANTIATE_TEST_SUITE_P(Events, Orders, testing::ValuesIn(kEvents), NameOf);
-INSTANTIATE_TEST_SUITE_P(Lists, Orders, testing::ValuesIn(kLists), NameOf);
-INSTANTIATE_TEST_SUITE_P(Log, Orders, testing::ValuesIn(kLog), NameOf);
-INSTANTIATE_TEST_SUITE_P(Config, Orders, testing::ValuesIn(kConfig), NameOf);
-INSTANTIATE_TEST_SUITE_P(Remote, Orders, testing::ValuesIn(kRemote), NameOf);
-INSTANTIATE_TEST_SUITE_P(Mods, Orders, testing::ValuesIn(kMods), NameOf);
-INSTANTIATE_TEST_SUITE_P(Ports, Orders, testing::ValuesIn(kPorts), NameOf);
 
 } // namespace
 

@@ -35,46 +35,29 @@ UInt32 Self()
     return tid;
 }
 
+struct ReceiveRow {
+    UInt32 sent, wanted, flags, result, received;
+};
+
 TEST(Events, AreMatchedAndTakenOneByOne)
 {
-    RunTask([] {
-        const UInt32 self = Self();
-        UInt32 events = 0xAAAA;
-        EXPECT_EQ(ev_receive(0x3, kEvNoWait | kEvAny, 0, &events), kEvNotPending);
-        ev_send(self, 0x1);
-        EXPECT_EQ(ev_receive(0x3, kEvNoWait, 0, &events), kEvNotPending);
-        EXPECT_EQ(events, 0xAAAAu) << "a failed receive stores nothing";
-        EXPECT_EQ(ev_receive(0, 0, 0, &events), 0u);
-        EXPECT_EQ(events, 0x1u) << "events 0 reports and takes nothing";
-        ev_send(self, 0x80000006);
-        EXPECT_EQ(ev_receive(0x3, 0, 0, &events), 0u);
-        EXPECT_EQ(events, 0x3u) << "all of them, and only those";
-        EXPECT_EQ(ev_receive(0xFFFFFFFF, kEvAny, 0, &events), 0u);
-        EXPECT_EQ(events, 0x80000004u);
-        EXPECT_EQ(ev_receive(0, 0, 0, &events), 0u);
-        EXPECT_EQ(events, 0u);
+    constexpr UInt32 kNothing = 0xAAAA; // a receive that fails stores nothing
+    const ReceiveRow rows[] = {
+        {0, 0x3, kEvNoWait | kEvAny, kEvNotPending, kNothing},
+        {0x1, 0x3, kEvNoWait, kEvNotPending, kNothing},
+        {0, 0, 0, 0, 0x1},            // reports and takes nothing
+        {0x80000006, 0x3, 0, 0, 0x3}, // all of them, and only those
+        {0, 0xFFFFFFFF, kEvAny, 0, 0x80000004},
+        {0, 0, 0, 0, 0},
+    };
+    RunTask([&] {
+        for (const ReceiveRow &row : rows) {
+            UInt32 events = kNothing;
+            ev_send(Self(), row.sent);
+            EXPECT_EQ(ev_receive(row.wanted, row.flags, 0, &events), row.result) << &row - rows;
+            EXPECT_EQ(events, row.received) << &row - rows;
+        }
     });
-}
-
-TEST(Events, WakeAWaitingTaskOnlyWhenAllAreThere)
-{
-    std::atomic<UInt32> received = 0;
-    const UInt32 tid = StartTask("wait", [&] {
-        UInt32 events = 0;
-        ev_receive(0x3, 0, 0, &events);
-        received = events;
-        tm_wkafter(1000);
-    });
-    EXPECT_TRUE(Eventually([&] {
-        MutexHold hold(&low_pointer<TCB>(tid)->event_mutex);
-        return low_pointer<TCB>(tid)->taskWaiting != 0;
-    }));
-    ev_send(tid, 0x1);
-    std::this_thread::sleep_for(std::chrono::milliseconds(30));
-    EXPECT_EQ(received, 0u);
-    ev_send(tid, 0x2);
-    EXPECT_TRUE(Eventually([&] { return received == 0x3; }));
-    EXPECT_EQ(t_delete(tid), 0u);
 }
 
 TEST(Events, TimedWaits)
@@ -92,43 +75,13 @@ TEST(Events, TimedWaits)
     });
 }
 
-// Events that come with the tick of the time-out must not take anybody else's timer along.
-TEST(Events, ThatMeetTheTimeoutLeaveOtherTimersAlone)
-{
-    gLibPThreadNPTL = 1;
-    std::atomic<bool> stop = false;
-    std::atomic<UInt32> timeouts[3] = {};
-    ConfigInit(); // as the first log line would, with a line of its own
-    testing::internal::CaptureStdout();
-    for (int i = 0; i < 3; i++) {
-        StartTask("race", [&] {
-            for (UInt32 tmid = 0, events = 0; !stop; ev_receive(0x1, 0, 2, &events))
-                tm_evafter(2, 0x1, &tmid);
-            UInt32 tmid = 0, events = 0;
-            tm_evafter(5, 0x4, &tmid);
-            ev_receive(0x4, 0, 0, &events); // the other timers have run out before this one
-        });
-        StartTask("wait", [&, i] {
-            for (UInt32 events = 0; !stop; timeouts[i]++)
-                ev_receive(0x2, 0, 1, &events);
-        });
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
-    stop = true;
-    EXPECT_TRUE(Eventually([] { return NumTasks() == 1; })) << "a wait never ended";
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-}
-
 TEST(Events, ATimeoutOfATaskThatNeverWaitedIsReported)
 {
-    UInt32 tid = 0;
-    t_create("lazy", 1, 0, 0, 0, &tid);
+    const UInt32 tid = NewTask("lazy");
     low_pointer<TCB>(tid)->timedwait = 1;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(ev_receive_timeout(low_pointer<TCB>(tid)), 0);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "ev timed out without task waiting lazy\n");
+    EXPECT_EQ(Printed([=] { EXPECT_EQ(ev_receive_timeout(low_pointer<TCB>(tid)), 0); }),
+              "ev timed out without task waiting lazy\n");
     EXPECT_EQ(low_pointer<TCB>(tid)->timedout, 1);
-    t_delete(tid);
 }
 
 TEST(Events, NeedATask)
@@ -150,10 +103,8 @@ TEST(Tasks, AreFoundByTheirFourNameBytes)
 {
     const char shortName[4] = {'a', 'b', 0, 0};
     const char sameStart[4] = {'a', 'b', 0, 'x'};
-    UInt32 first = 0, second = 0, nameless = 0, found = 0;
-    t_create(shortName, 1, 0, 0, 0, &first);
-    t_create(shortName, 2, 0, 0, 0, &second);
-    t_create(nullptr, 3, 0, 0, 0, &nameless);
+    const UInt32 first = NewTask(shortName), second = NewTask(shortName), nameless = NewTask(nullptr);
+    UInt32 found = 0;
     EXPECT_EQ(t_ident(shortName, 0, &found), 0u);
     EXPECT_EQ(found, first) << "the first in creation order";
     EXPECT_EQ(t_ident(sameStart, 0, &found), kTaskNotFound);
@@ -168,27 +119,27 @@ TEST(Tasks, AreFoundByTheirFourNameBytes)
     EXPECT_EQ(NumTasks(), 0) << "tasks that were never started are freed";
 }
 
-TEST(Tasks, GetTheirArgumentsAndEndThemselves)
+TEST(Tasks, GetTheirArguments)
 {
-    static std::atomic<UInt32> sum = 0;
-    UInt32 tid = 0;
+    static std::vector<UInt32> got;
+    const auto take = [](UInt32 a, UInt32 b, UInt32 c, UInt32 d) { got = {a, b, c, d}; };
+    UInt32 tid = 0, args[4] = {1, 2, 3, 4};
     t_create("args", 0, 1, 2, 3, &tid);
-    UInt32 args[4] = {1, 20, 300, 4000};
-    EXPECT_EQ(t_start(
-                  tid, 9, [](UInt32 a, UInt32 b, UInt32 c, UInt32 d) { sum = a + b + c + d; }, args),
-              0u);
+    EXPECT_EQ(t_start(tid, 9, take, args), 0u);
     args[0] = 0; // was copied
     EXPECT_TRUE(Eventually([] { return NumTasks() == 0; }));
-    EXPECT_EQ(sum, 4321u);
-    StartTask("exit", [] { pthread_exit(nullptr); });
-    EXPECT_TRUE(Eventually([] { return NumTasks() == 0; }));
+    EXPECT_EQ(got, (std::vector<UInt32>{1, 2, 3, 4}));
+}
+
+TEST(Tasks, EndThemselves)
+{
     std::atomic<bool> returned = false;
-    StartTask("self", [&] {
-        t_delete(0);
-        returned = true;
-    });
-    EXPECT_TRUE(Eventually([] { return NumTasks() == 0; }));
-    EXPECT_FALSE(returned);
+    const std::function<void()> ends[] = {[] { pthread_exit(nullptr); }, [] { t_delete(0); }};
+    for (const auto &end : ends) {
+        StartTask("self", [&] { end(), returned = true; });
+        EXPECT_TRUE(Eventually([] { return NumTasks() == 0; }));
+        EXPECT_FALSE(returned);
+    }
 }
 
 TEST(Tasks, AnIdentifierComesBackAfterAThousandOthersHaveEnded)
@@ -196,8 +147,7 @@ TEST(Tasks, AnIdentifierComesBackAfterAThousandOthersHaveEnded)
     const UInt32 stale = StartTask("gone", [] {});
     ASSERT_TRUE(Eventually([] { return NumTasks() == 0; }));
     for (int i = 0; i < 1024; i++) {
-        UInt32 stranger = 0;
-        t_create("strg", 1, 0, 0, 0, &stranger);
+        const UInt32 stranger = NewTask("strg");
         ASSERT_NE(stranger, stale);
         ev_send(stale, 0x1);
         t_setRefCon(stale, 1);
@@ -206,8 +156,8 @@ TEST(Tasks, AnIdentifierComesBackAfterAThousandOthersHaveEnded)
         ASSERT_EQ(NumTasks(), 1);
         t_delete(stranger);
     }
-    UInt32 next = 0, refcon = 7;
-    t_create("next", 1, 0, 0, 0, &next);
+    const UInt32 next = NewTask("next");
+    UInt32 refcon = 7;
     EXPECT_EQ(next, stale);
     EXPECT_EQ(t_getRefCon(next, &refcon), 0u);
     EXPECT_EQ(refcon, 0u);
@@ -217,11 +167,11 @@ TEST(Tasks, AnIdentifierComesBackAfterAThousandOthersHaveEnded)
 // With the value of gLibPThreadNPTL: whether a task still finds itself after another was deleted.
 class Deletion : public testing::TestWithParam<Int32>
 {
+    void SetUp() override { gLibPThreadNPTL = GetParam(); }
 };
 
 TEST_P(Deletion, DecidesWhoFindsItself)
 {
-    gLibPThreadNPTL = GetParam();
     std::atomic<UInt32> found = 77, received = 77;
     std::atomic<bool> ready = false, go = false;
     StartTask("stay", [&] {
@@ -243,52 +193,16 @@ TEST_P(Deletion, DecidesWhoFindsItself)
     EXPECT_EQ(found, GetParam() == 1 ? 0u : kTaskNotFound);
 }
 
-// Tasks that wait with and without time-outs are deleted in the middle of it, over and over, while
-// their ring of neighbours goes on posting: no event is lost and nothing is left behind.
-TEST_P(Deletion, InTheMiddleOfWaitsLeavesNothingBehind)
-{
-    gLibPThreadNPTL = GetParam();
-    for (int round = 0; round < 20; round++) {
-        std::vector<UInt32> tids;
-        for (UInt32 i = 0; i < 6; i++)
-            tids.push_back(StartTask("loop", [i] {
-                UInt32 events = 0;
-                while (ev_receive(0x1, kEvAny, i % 3, &events) != kNoCallerTask) {
-                }
-            }));
-        for (const UInt32 tid : tids)
-            ev_send(tid, 0x1);
-        std::this_thread::sleep_for(std::chrono::milliseconds(round % 5));
-        for (const UInt32 tid : tids)
-            t_delete(tid);
-    }
-    EXPECT_TRUE(Eventually([] { return NumTasks() == 1; })) << "the timer task is left";
-}
-
-TEST_P(Deletion, OfOneTaskByTwoHappensOnce)
-{
-    gLibPThreadNPTL = GetParam();
-    for (int round = 0; round < 50; round++) {
-        const UInt32 victim = StartTask("both", [round] { tm_wkafter(round % 2 == 0 ? 0 : 100000); });
-        std::thread rival([victim] { t_delete(victim); });
-        t_delete(victim);
-        ASSERT_EQ(NumTasks(), 0) << "whoever deletes it";
-        rival.join();
-    }
-}
-
 // Thread handles are used again at once, while the tasks that had them are still being taken out.
 TEST_P(Deletion, ByManyAtOnceKeepsTheTreeWhole)
 {
-    gLibPThreadNPTL = GetParam();
     std::thread threads[4];
     for (std::thread &thread : threads)
         thread = std::thread([] {
             for (int round = 0; round < 100; round++) {
-                UInt32 tid = 0;
-                t_create("many", 1, 0, 0, 0, &tid);
+                const UInt32 tid = NewTask("many");
                 t_start(
-                    tid, 0, [](UInt32, UInt32, UInt32, UInt32) { tm_wkafter(100000); }, nullptr);
+                    tid, 0, [](auto...) { tm_wkafter(100000); }, nullptr);
                 t_delete(tid);
             }
         });
@@ -300,7 +214,6 @@ TEST_P(Deletion, ByManyAtOnceKeepsTheTreeWhole)
 // Deleters that are deleted by their target, one of which waits for the other, are spared, and see it end.
 TEST_P(Deletion, OfADeleterLetsItFinish)
 {
-    gLibPThreadNPTL = GetParam();
     std::atomic<bool> spared = false, ended = false;
     std::atomic<UInt32> deleters[2] = {};
     const UInt32 target = StartTask("slow", [&] {
@@ -355,7 +268,6 @@ TEST_P(Deletion, OfAParentWaitsForTheEndOfItsScopes)
 #ifdef __SANITIZE_ADDRESS__
     GTEST_SKIP() << "AddressSanitizer cannot follow a cancelled thread through its scopes";
 #endif
-    gLibPThreadNPTL = GetParam();
     for (const bool deletesItself : {false, true}) {
         ParentT parent;
         const UInt32 tid = StartTask("prnt", [&] { parent.Run(deletesItself); });
@@ -369,9 +281,7 @@ TEST_P(Deletion, OfAParentWaitsForTheEndOfItsScopes)
 // A task that was joined may still be listed when another thread has got its handle already.
 TEST(Tasks, AreDeletedByAThreadWithTheHandleOfAnEndedOne)
 {
-    UInt32 ended = 0, target = 0;
-    t_create("endd", 1, 0, 0, 0, &ended);
-    t_create("trgt", 1, 0, 0, 0, &target);
+    const UInt32 ended = NewTask("endd"), target = NewTask("trgt");
     low_pointer<TCB>(ended)->thread = pthread_self();
     low_pointer<TCB>(ended)->claimed = kJoinedByAnother;
     EXPECT_EQ(t_delete(target), 0u);
@@ -413,8 +323,7 @@ TEST(Tasks, AreStartedOnceAndNotAfterTheirEnd)
 {
     std::atomic<UInt32> runs = 0;
     std::atomic<bool> over = false;
-    UInt32 tid = 0;
-    t_create("once", 1, 0, 0, 0, &tid);
+    const UInt32 tid = NewTask("once");
     const auto body = [&] {
         runs++;
         while (!over)
@@ -434,46 +343,24 @@ TEST(Tasks, AreStartedOnceAndNotAfterTheirEnd)
 
 INSTANTIATE_TEST_SUITE_P(ThreadLibrary, Deletion, testing::Values(0, 1));
 
-TEST(Events, NoneIsLostBetweenTasks)
+// A task that is not started, and is taken for a thread of this process.
+struct Report : testing::Test {
+    Report() { low_pointer<TCB>(tid)->pid = getpid(); }
+    const UInt32 tid = NewTask("dump", 42);
+};
+
+TEST_F(Report, ListsTheTasks)
 {
-    gLibPThreadNPTL = 1;
-    constexpr UInt32 kRounds = 2000;
-    std::atomic<UInt32> pongs = 0;
-    UInt32 ping = 0;
-    t_create("ping", 1, 0, 0, 0, &ping);
-    const UInt32 pong = StartTask("pong", [&] {
-        UInt32 events = 0;
-        for (; pongs < kRounds; pongs++) {
-            ev_receive(0x1, 0, 0, &events);
-            ev_send(ping, 0x2);
-        }
-    });
-    std::atomic<UInt32> pings = 0, failures = 0;
-    StartBody(ping, [&] {
-        UInt32 events = 0;
-        for (; pings < kRounds; pings++) {
-            ev_send(pong, 0x1);
-            failures += ev_receive(0x2, kEvAny, 500, &events) != 0;
-        }
-    });
-    EXPECT_TRUE(Eventually([&] { return pings == kRounds && pongs == kRounds && NumTasks() == 1; }));
-    EXPECT_EQ(failures, 0u);
+    char row[64];
+    low_pointer<TCB>(tid)->pid = 4711;
+    std::snprintf(row, sizeof row, "T[0]    %08x  dump     42    4711\n", tid);
+    EXPECT_EQ(Printed(osTaskDump), std::string("T[0] Task:  ID    Name  Priority PID\n") + row);
 }
 
-TEST(Tasks, ReportThemselves)
+TEST_F(Report, CountsTheTimeSinceTheLastOne)
 {
-    UInt32 tid = 0;
-    t_create("dump", 42, 0, 0, 0, &tid);
-    low_pointer<TCB>(tid)->pid = 4711;
-    char row[64];
-    std::snprintf(row, sizeof row, "T[0]    %08x  dump     42    4711\n", tid);
-    testing::internal::CaptureStdout();
-    osTaskDump();
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), std::string("T[0] Task:  ID    Name  Priority PID\n") + row);
-    low_pointer<TCB>(tid)->pid = getpid();
     const auto usage = [] {
-        testing::internal::CaptureStdout(), osTaskUsage();
-        const std::string text = testing::internal::GetCapturedStdout();
+        const std::string text = Printed(osTaskUsage);
         EXPECT_EQ(text.find("TaskID     Name  Pri Usage\n--------------------------\n"), 0u);
         return std::stoi(text.substr(text.rfind(' ')));
     };
@@ -481,14 +368,22 @@ TEST(Tasks, ReportThemselves)
     for (tms spent = {}; spent.tms_stime < 4;) // system time, mostly
         times(&spent);
     EXPECT_GE(usage(), 4);
-    EXPECT_LE(usage(), 2); // since the last report
+    EXPECT_LE(usage(), 2);
+}
+
+TEST_F(Report, FindsTheNameOfAKernelThread)
+{
     char name[5] = "";
     UInt32 priority = 0;
-    EXPECT_EQ(t_name_from_pid(getpid(), name), 0u);
-    EXPECT_EQ(t_name_and_pri_from_pid(getpid(), name, &priority), 0u);
-    EXPECT_STREQ(name, "dump");
-    EXPECT_EQ(priority, 42u);
     EXPECT_EQ(t_name_from_pid(4711, name), kTaskNotFound);
+    EXPECT_EQ(t_name_from_pid(getpid(), name), 0u);
+    EXPECT_STREQ(name, "dump");
+    EXPECT_EQ(t_name_and_pri_from_pid(getpid(), name, &priority), 0u);
+    EXPECT_EQ(priority, 42u);
+}
+
+TEST_F(Report, OfPriorityAndContextIsWhatWasSet)
+{
     UInt32 previous = 0, refcon = 0;
     EXPECT_EQ(t_setpri(tid, 99, &previous), 0u);
     EXPECT_EQ(t_setpri(tid, 99, nullptr), 0u);
@@ -497,25 +392,6 @@ TEST(Tasks, ReportThemselves)
     EXPECT_EQ(t_setRefCon(tid, 99), 0u);
     EXPECT_EQ(t_getRefCon(tid, &refcon), 0u);
     EXPECT_EQ(refcon, 99u);
-    t_delete(tid);
-}
-
-TEST(Tasks, AnAttachedThreadIsATask)
-{
-    static std::atomic<bool> attached = false;
-    const auto attach = [](void *) -> void * {
-        EXPECT_EQ(t_attach("main", 5), 0u);
-        attached = true;
-        EXPECT_STREQ(task_name(Self()), "main");
-        UInt32 events = 0;
-        ev_send(0, 0x4);
-        EXPECT_EQ(ev_receive(0x4, 0, 0, &events), 0u);
-        t_delete(0); // which detaches the thread
-        return nullptr;
-    };
-    pthread_t thread;
-    ASSERT_EQ(pthread_create(&thread, nullptr, attach, nullptr), 0);
-    EXPECT_TRUE(Eventually([] { return attached && NumTasks() == 0; }));
 }
 
 // The unrelated task notices an empty tree, as gLibPThreadNPTL is 0.
@@ -588,8 +464,7 @@ TEST(Tasks, WithoutMemoryNothingChanges)
 
 TEST(TasksDeathTest, RefuseNullArguments)
 {
-    UInt32 tid = 0;
-    t_create("null", 1, 0, 0, 0, &tid);
+    const UInt32 tid = NewTask("null");
     EXPECT_DEATH(t_start(0, 0, nullptr, nullptr), "failed: tcb,");
     EXPECT_DEATH(t_start(tid, 0, nullptr, nullptr), "failed: start,");
     EXPECT_DEATH(t_ident("null", 0, nullptr), "failed: tid_out,");
@@ -608,8 +483,7 @@ TEST(TasksDeathTest, RefuseNullArguments)
 TEST(TasksDeathTest, RefuseImpossiblePriorities)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    UInt32 tid = 0;
-    t_create("prio", 100, 0, 0, 0, &tid);
+    const UInt32 tid = NewTask("prio", 100);
     EXPECT_DEATH(t_setpri(tid, 101, nullptr), "Assertion failed: tcb->prv_pri.__sched_priority <= 99, file Common/OS/");
     EXPECT_DEATH(t_attach("prio", 0), "\\(\\(int\\) tcb->prv_pri.__sched_priority > 0\\)");
     EXPECT_DEATH(

@@ -89,26 +89,6 @@ TEST(Semaphores, LeaveTheirIdentifierToNobodyForLong)
     EXPECT_EQ(sm_p(next, kSmNoWait, 0), 0u);
 }
 
-TEST(Semaphores, AreReleasedByADeletedTask)
-{
-#ifdef __SANITIZE_ADDRESS__
-    GTEST_SKIP() << "AddressSanitizer cannot follow a cancelled thread through its scopes";
-#endif
-    gLibPThreadNPTL = 1;
-    UInt32 smid = 0;
-    ASSERT_EQ(sm_create("task", 1, 0, &smid), 0u);
-    std::atomic<bool> held = false;
-    const UInt32 tid = StartTask("hold", [&] {
-        const SemaphoreHold hold(smid);
-        held = true;
-        tm_wkafter(100000);
-    });
-    ASSERT_TRUE(Eventually([&] { return held.load(); }));
-    EXPECT_EQ(sm_p(smid, kSmNoWait, 0), kSmNotAvailable);
-    EXPECT_EQ(t_delete(tid), 0u);
-    EXPECT_EQ(sm_p(smid, kSmNoWait, 0), 0u);
-}
-
 TEST(SemaphoresDeathTest, StopOnMisuse)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
@@ -117,23 +97,6 @@ TEST(SemaphoresDeathTest, StopOnMisuse)
     EXPECT_DEATH(InAThread([&] { sm_v(smid); }), "failed: pthread_mutex_unlock\\(&smcb->mutex\\) == 0, .*function sm_v")
         << "and so it is a mutex with priority inheritance";
     EXPECT_DEATH(sm_delete(smid), "failed: pthread_mutex_destroy\\(&smcb->mutex\\) == 0, .*function sm_delete");
-}
-
-TEST(InterruptLock, KeepsThreadsApart)
-{
-    int shared = 0;
-    const auto work = [&] {
-        for (int i = 0; i < 10000; i++) {
-            const UInt32 depth = interruptsOff();
-            EXPECT_EQ(depth, 1u);
-            shared++;
-            EXPECT_EQ(interruptsRestore(depth), 0);
-        }
-    };
-    std::thread other(work);
-    work();
-    other.join();
-    EXPECT_EQ(shared, 20000);
 }
 
 TEST(InterruptLock, NestsAfterInitialisation)

@@ -42,9 +42,9 @@ struct SettingsRow {
 // What a call prints and its result.
 template <class Call> std::string Trace(Call call)
 {
-    testing::internal::CaptureStdout();
-    const int result = call();
-    return testing::internal::GetCapturedStdout() + std::to_string(result);
+    int result = 0;
+    const std::string text = Printed([&] { result = call(); });
+    return text + std::to_string(result);
 }
 
 std::vector<int> EveryCall(int port)
@@ -78,9 +78,12 @@ TEST_F(SerialApi, RefusesPortsOutOfRangeOrClosed)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EQ(std::vector<int>(6, kBadParameter), EveryCall(8));
-    EXPECT_EQ(-9, Open(8) + Serial_Open_PSH(8, &kSettings) + Serial_Close_PSH(8));
-    EXPECT_EQ(-6, Serial_Open(kPort, nullptr, nullptr, nullptr, nullptr) + Serial_Open_PSH(kPort, nullptr));
-    EXPECT_EQ(-6, Serial_Read(kPort, nullptr, 1, 1) + Serial_GetCfg(kPort, nullptr));
+    for (const int result : {+Open(8), +Serial_Open_PSH(8, &kSettings), +Serial_Close_PSH(8)})
+        EXPECT_EQ(kBadParameter, result);
+    EXPECT_EQ(kBadParameter, Serial_Open(kPort, nullptr, nullptr, nullptr, nullptr));
+    EXPECT_EQ(kBadParameter, Serial_Open_PSH(kPort, nullptr));
+    EXPECT_EQ(kBadParameter, Serial_Read(kPort, nullptr, 1, 1));
+    EXPECT_EQ(kBadParameter, Serial_GetCfg(kPort, nullptr));
     EXPECT_EQ(std::vector<int>(6, kItemNotFound), EveryCall(7));
     EXPECT_DEATH(Serial_Close(-1), "failed: port >= 0,");
 }
@@ -190,9 +193,12 @@ TEST_F(SerialApi, ConfiguresATerminalLine)
         EXPECT_EQ(kNoError, Open(kCpuPort, row.cfg));
         EXPECT_EQ(row.format, format());
         EXPECT_EQ(row.inputFlags, line.c_iflag);
-        EXPECT_TRUE(row.speed == line.c_ispeed && row.speed == cfgetospeed(&line));
-        EXPECT_EQ(0u, (line.c_oflag & OPOST) | (line.c_lflag & (ICANON | ISIG | ECHO | ECHOE | ECHOK | ECHONL)));
-        EXPECT_TRUE((line.c_lflag & IEXTEN) != 0 && line.c_cc[VMIN] == 0xFF); // left alone
+        EXPECT_EQ(row.speed, line.c_ispeed);
+        EXPECT_EQ(row.speed, cfgetospeed(&line));
+        EXPECT_EQ(0u, line.c_oflag & OPOST);
+        EXPECT_EQ(0u, line.c_lflag & (ICANON | ISIG | ECHO | ECHOE | ECHOK | ECHONL));
+        EXPECT_NE(0u, line.c_lflag & IEXTEN) << "left alone";
+        EXPECT_EQ(0xFF, line.c_cc[VMIN]) << "left alone";
         EXPECT_EQ(kNoError, Serial_Enable(kCpuPort, SERIAL_DIRECTION_RX));
         EXPECT_EQ(row.format | CREAD, format());
         EXPECT_EQ(kNoError, Serial_Disable(kCpuPort, SERIAL_DIRECTION_TX));
@@ -243,36 +249,46 @@ TEST_F(SerialApi, ClosesTheDeviceOfATaskThatIsDeletedWhileItOpens)
 
 TEST_F(SerialApi, CrossesTheSingleDirectionsOfDisable)
 {
+    using EnablesT = std::pair<int, int>; // of the transmitter and of the receiver
+    const auto after = [](eErrorT result, eErrorT expected = kNoError) {
+        EXPECT_EQ(expected, result);
+        return EnablesT(CBList[kPort].tx_enabled, CBList[kPort].rx_enabled);
+    };
     ASSERT_EQ(kNoError, Open(kPort));
-    const auto enables = [](int result) { return result + CBList[kPort].tx_enabled + 2 * CBList[kPort].rx_enabled; };
-    EXPECT_EQ(2, enables(Serial_Enable(kPort, SERIAL_DIRECTION_RX)));
-    EXPECT_EQ(3, enables(Serial_Enable(kPort, SERIAL_DIRECTION_TX)));
-    EXPECT_EQ(2, enables(Serial_Disable(kPort, SERIAL_DIRECTION_RX)));
-    EXPECT_EQ(3, enables(Serial_Enable(kPort, SERIAL_DIRECTION_BOTH)));
-    EXPECT_EQ(1, enables(Serial_Disable(kPort, SERIAL_DIRECTION_TX)));
-    EXPECT_EQ(0, enables(Serial_Disable(kPort, SERIAL_DIRECTION_BOTH)));
-    EXPECT_EQ(-3, enables(Serial_Enable(kPort, SERIAL_DIRECTION_NONE)));
+    EXPECT_EQ(EnablesT(0, 1), after(Serial_Enable(kPort, SERIAL_DIRECTION_RX)));
+    EXPECT_EQ(EnablesT(1, 1), after(Serial_Enable(kPort, SERIAL_DIRECTION_TX)));
+    EXPECT_EQ(EnablesT(0, 1), after(Serial_Disable(kPort, SERIAL_DIRECTION_RX)));
+    EXPECT_EQ(EnablesT(1, 1), after(Serial_Enable(kPort, SERIAL_DIRECTION_BOTH)));
+    EXPECT_EQ(EnablesT(1, 0), after(Serial_Disable(kPort, SERIAL_DIRECTION_TX)));
+    EXPECT_EQ(EnablesT(0, 0), after(Serial_Disable(kPort, SERIAL_DIRECTION_BOTH)));
+    EXPECT_EQ(EnablesT(0, 0), after(Serial_Enable(kPort, SERIAL_DIRECTION_NONE), kBadParameter));
     fake.failures["ioctl"] = 2;
     const std::string end = ", Port: 1 Device Manager ioctl failed, err: 9\nSerial API Error - Unknown Error\n-34";
     EXPECT_EQ("SERIALAPI: In ENABLE" + end, Trace([] { return Serial_Enable(kPort, SERIAL_DIRECTION_RX); }));
     EXPECT_EQ("SERIALAPI: In DISABLE" + end, Trace([] { return Serial_Disable(kPort, SERIAL_DIRECTION_TX); }));
     EXPECT_EQ((std::vector<unsigned long>{0, 0, 1, 1, 0, 1}), fake.reception);
-    EXPECT_EQ(0, enables(0)); // a refused request changes nothing
-    EXPECT_EQ(3, enables(Serial_Enable(kPort, SERIAL_DIRECTION_BOTH)));
-    EXPECT_EQ(0, enables(ReleaseUpdatePort(kPort)));
+    EXPECT_EQ(EnablesT(0, 0), after(kNoError)) << "a refused request changes nothing";
+    EXPECT_EQ(EnablesT(1, 1), after(Serial_Enable(kPort, SERIAL_DIRECTION_BOTH)));
+    EXPECT_EQ(EnablesT(0, 0), after(static_cast<eErrorT>(ReleaseUpdatePort(kPort))));
 }
 
 TEST(SerialErrors, HaveATextAndAResult)
 {
-    std::string all;
-    for (const int error : {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 48})
-        all += Trace([&] { return Serial_Get_AppErr(DevMgrSerial_error_t(error)); }) + ";";
-    EXPECT_EQ("0;Serial API Error - Not Supported\n-27;Serial API Error - Invalid Parameter\n-3;"
-              "Serial API Error - Read System call failed\n-34;Serial API Error - Write System call failed\n-34;"
-              "Serial API Error - Invalid Parameter\n-3;Serial API Error - TX Disabled\n-4;"
-              "Serial API Error - RX Disabled\n-4;Serial API Error - Timeout\n-35;"
-              "Serial API Error - Unknown Error\n-34;0;",
-              all);
+    const std::pair<int, std::string> rows[] = {
+        {0, "0"},
+        {1, "Serial API Error - Not Supported\n-27"},
+        {2, "Serial API Error - Invalid Parameter\n-3"},
+        {3, "Serial API Error - Read System call failed\n-34"},
+        {4, "Serial API Error - Write System call failed\n-34"},
+        {5, "Serial API Error - Invalid Parameter\n-3"},
+        {6, "Serial API Error - TX Disabled\n-4"},
+        {7, "Serial API Error - RX Disabled\n-4"},
+        {8, "Serial API Error - Timeout\n-35"},
+        {9, "Serial API Error - Unknown Error\n-34"},
+        {48, "0"},
+    };
+    for (const auto &[error, trace] : rows)
+        EXPECT_EQ(trace, Trace([error] { return Serial_Get_AppErr(DevMgrSerial_error_t(error)); })) << error;
 }
 
 TEST_F(SerialApi, ClosesTheScriptsSessionsOnOtherBoards)

@@ -4,13 +4,13 @@
 #include "Common/OS/linux/psosapi/ptimer.h"
 
 #include "tests/folders.h"
+#include "tests/fullpipe.h"
 #include "tests/logwriter.h"
 
 #include <algorithm>
 #include <chrono>
 #include <cstdarg>
 #include <ctime>
-#include <fcntl.h>
 #include <sstream>
 
 // In place of the C library's: shows what the host's log would get.
@@ -140,33 +140,6 @@ TEST(LogRing, OverflowLosesLinesAndSaysSo)
     EXPECT_LE(announced, lost);
 }
 
-// Leads standard error into a pipe that is full, for the length of a scope.
-class StalledErrors
-{
-public:
-    StalledErrors()
-    {
-        EXPECT_EQ(pipe2(pipe_, O_NONBLOCK), 0);
-        const char block[4096] = {};
-        for (const std::size_t size : {sizeof block, std::size_t{1}})
-            while (write(pipe_[1], block, size) > 0)
-                ;
-        fcntl(pipe_[1], F_SETFL, 0);
-        dup2(pipe_[1], STDERR_FILENO);
-    }
-    ~StalledErrors()
-    {
-        dup2(terminal_, STDERR_FILENO);
-        for (const int fd : {terminal_, pipe_[0], pipe_[1]})
-            close(fd);
-    }
-    StalledErrors(const StalledErrors &) = delete;
-    StalledErrors &operator=(const StalledErrors &) = delete;
-
-private:
-    int pipe_[2], terminal_ = dup(STDERR_FILENO);
-};
-
 // What a task does that waits for something. Only with gLibPThreadNPTL 1.
 bool Sleeps(UInt32 task)
 {
@@ -198,7 +171,7 @@ TEST(LogRing, OverflowHoldsNobodyElseUp)
     AwaitStuckWriter(); // from now on it makes no room
     for (int i = 1; i < 50; i++)
         syslogAdd(Line(i, 10000).c_str(), 0);
-    const StalledErrors stalled;
+    const FullPipe stalled(STDERR_FILENO);
     std::atomic<int> logged = 0;
     const UInt32 task = StartTask("dele", [&] {
         for (; logged < 100000; logged++)
@@ -263,30 +236,6 @@ TEST(LogRing, IsNeverFilledToTheLastByte)
     EXPECT_EQ(writer.Drained(), expected + testing::internal::GetCapturedStderr());
 }
 
-TEST(LogRing, TakesLinesOfManyTasks)
-{
-    constexpr int kTasks = 4, kLines = 40, kRounds = 120; // in all more than once round the ring
-    LogWriter writer(0);
-    const std::string filling(40, '.');
-    for (int round = 0; round < kRounds && !HasFailure(); round++) {
-        std::thread threads[kTasks];
-        for (int task = 0; task < kTasks; task++)
-            threads[task] = std::thread([&, task] {
-                for (int i = 0; i < kLines; i++)
-                    loginfo("c", "%d%s%d\n", task, filling.c_str(), i);
-            });
-        for (std::thread &thread : threads)
-            thread.join();
-        std::istringstream text(writer.Drained());
-        int next[kTasks] = {}, task = 0;
-        for (std::string line; std::getline(text, line); next[task]++) {
-            ASSERT_EQ(std::sscanf(line.c_str(), "pc[0]: c: %1d", &task), 1) << line;
-            ASSERT_EQ(line, "pc[0]: c: " + std::to_string(task) + filling + std::to_string(next[task]));
-        }
-        EXPECT_TRUE(std::all_of(next, next + kTasks, [](int lines) { return lines == kLines; }));
-    }
-}
-
 TEST(LogWriterTask, GoesOnWhenItDoesNotFindItselfAnyMore)
 {
     LogWriter writer(0);
@@ -310,9 +259,14 @@ TEST(ClassicCalls, KeepTheirSettings)
     }
     openlog(nullptr, 1, 0), setlogfacility(0x11), closelog();
     EXPECT_EQ(getlogfacility(), 0x11);
-    EXPECT_TRUE(setlogmask(0) == 0x1F && setlogmask(3) == 0x1F && getlogmask() == 3);
-    EXPECT_TRUE(setloglocalmask(0) == 0xFF && setloglocalmask(5) == 0xFF && getloglocalmask() == 5);
-    EXPECT_TRUE(setlogaddr("host") == -1 && *getlogaddr() == '\0');
+    for (const Int32 given : {0, 3}) { // 0 changes nothing
+        EXPECT_EQ(setlogmask(given), 0x1F);
+        EXPECT_EQ(setloglocalmask(given), 0xFF);
+    }
+    EXPECT_EQ(getlogmask(), 3);
+    EXPECT_EQ(getloglocalmask(), 3);
+    EXPECT_EQ(setlogaddr("host"), -1);
+    EXPECT_STREQ(getlogaddr(), "");
     EXPECT_DEATH(syslogAdd(nullptr, 0), "failed: msg,");
 }
 

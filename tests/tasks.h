@@ -10,6 +10,7 @@
 #include <deque>
 #include <functional>
 #include <gtest/gtest.h>
+#include <string>
 #include <thread>
 
 // Starts a created task that runs body; to be called from the test's own thread.
@@ -26,11 +27,18 @@ inline void StartBody(UInt32 tid, std::function<void()> body)
     EXPECT_EQ(t_start(tid, 0, run, args), 0u);
 }
 
+// Creates a task that is not started.
+inline UInt32 NewTask(const char *name, UInt32 priority = 1)
+{
+    UInt32 tid = 0;
+    EXPECT_EQ(t_create(name, priority, 0, 0, 0, &tid), 0u);
+    return tid;
+}
+
 // Creates and starts a task that runs body.
 inline UInt32 StartTask(const char *name, std::function<void()> body)
 {
-    UInt32 tid = 0;
-    EXPECT_EQ(t_create(name, 10, 0, 0, 0, &tid), 0u);
+    const UInt32 tid = NewTask(name, 10);
     StartBody(tid, std::move(body));
     return tid;
 }
@@ -52,6 +60,14 @@ inline int NumTasks()
         count += std::strcmp(tcb->taskname, "csyn") != 0 ? 1 : 0;
     pthread_mutex_unlock(&tcblistmutex);
     return count;
+}
+
+// What work prints on standard output.
+inline std::string Printed(const std::function<void()> &work)
+{
+    testing::internal::CaptureStdout();
+    work();
+    return testing::internal::GetCapturedStdout();
 }
 
 inline std::chrono::milliseconds::rep MillisecondsOf(const std::function<void()> &work)

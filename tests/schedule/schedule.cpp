@@ -373,20 +373,37 @@ using schedule::Stop;
 using schedule::StopAtAccess;
 #endif
 
-#define WRAPPED(result, name, parameters, arguments)                                                                   \
+#define WRAPPED(result, name, parameters)                                                                              \
     result __real_##name parameters;                                                                                   \
     result __wrap_##name parameters;                                                                                   \
     result __wrap_##name parameters
 #define STOPS(result, name, parameters, arguments)                                                                     \
-    WRAPPED(result, name, parameters, arguments)                                                                       \
+    WRAPPED(result, name, parameters)                                                                                  \
     {                                                                                                                  \
         Stop(#name, __builtin_return_address(0));                                                                      \
         return __real_##name arguments;                                                                                \
     }
+// Calls in which a thread may be cancelled, though not in every C library.
+#define STOPS_AND_ENDS(name, parameters, arguments)                                                                    \
+    WRAPPED(int, name, parameters)                                                                                     \
+    {                                                                                                                  \
+        Stop(#name, __builtin_return_address(0));                                                                      \
+        pthread_testcancel();                                                                                          \
+        return __real_##name arguments;                                                                                \
+    }
+// Also behind it: what follows may be a read, where a thread can be cancelled.
+#define STOPS_TWICE(name)                                                                                              \
+    WRAPPED(FILE *, name, (const char *path, const char *mode))                                                        \
+    {                                                                                                                  \
+        Stop(#name, __builtin_return_address(0));                                                                      \
+        FILE *file = __real_##name(path, mode);                                                                        \
+        Stop("the end of " #name, __builtin_return_address(0));                                                        \
+        return file;                                                                                                   \
+    }
 
 extern "C" {
 
-WRAPPED(int, pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
+WRAPPED(int, pthread_mutex_lock, (pthread_mutex_t * mutex))
 {
     Stop("pthread_mutex_lock", __builtin_return_address(0));
     if (schedule::player == nullptr || !schedule::IsAlone(*schedule::player))
@@ -398,7 +415,7 @@ WRAPPED(int, pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
     return __real_pthread_mutex_lock(mutex);
 }
 
-WRAPPED(int, pthread_mutex_unlock, (pthread_mutex_t * mutex), (mutex))
+WRAPPED(int, pthread_mutex_unlock, (pthread_mutex_t * mutex))
 {
     Stop("pthread_mutex_unlock", __builtin_return_address(0));
     const int result = __real_pthread_mutex_unlock(mutex);
@@ -406,14 +423,14 @@ WRAPPED(int, pthread_mutex_unlock, (pthread_mutex_t * mutex), (mutex))
     return result;
 }
 
-WRAPPED(int, pthread_cond_wait, (pthread_cond_t * condition, pthread_mutex_t *mutex), (condition, mutex))
+WRAPPED(int, pthread_cond_wait, (pthread_cond_t * condition, pthread_mutex_t *mutex))
 {
     Stop("pthread_cond_wait", __builtin_return_address(0));
     CannotGoOn(!schedule::MayTimeOut());
     return __real_pthread_cond_wait(condition, mutex);
 }
 
-WRAPPED(int, pthread_join, (pthread_t thread, void **result), (thread, result))
+WRAPPED(int, pthread_join, (pthread_t thread, void **result))
 {
     Stop("pthread_join", __builtin_return_address(0));
     CannotGoOn(false);
@@ -421,7 +438,7 @@ WRAPPED(int, pthread_join, (pthread_t thread, void **result), (thread, result))
 }
 
 // Who is the second to need it waits for the first, who may be at a stop inside.
-WRAPPED(int, pthread_once, (pthread_once_t * once, void (*function)()), (once, function))
+WRAPPED(int, pthread_once, (pthread_once_t * once, void (*function)()))
 {
     static pthread_once_t *volatile underWay[2];
     Stop("pthread_once", __builtin_return_address(0));
@@ -436,8 +453,7 @@ WRAPPED(int, pthread_once, (pthread_once_t * once, void (*function)()), (once, f
     return result;
 }
 
-WRAPPED(int, pthread_create, (pthread_t * thread, const pthread_attr_t *attributes, void *(*start)(void *), void *arg),
-        (thread, attributes, start, arg))
+WRAPPED(int, pthread_create, (pthread_t * thread, const pthread_attr_t *attributes, void *(*start)(void *), void *arg))
 {
     Stop("pthread_create", __builtin_return_address(0));
     if (schedule::refuseThreads)
@@ -448,8 +464,7 @@ WRAPPED(int, pthread_create, (pthread_t * thread, const pthread_attr_t *attribut
     return result;
 }
 
-WRAPPED(int, select, (int count, fd_set *read, fd_set *write, fd_set *except, timeval *time),
-        (count, read, write, except, time))
+WRAPPED(int, select, (int count, fd_set *read, fd_set *write, fd_set *except, timeval *time))
 {
     if (schedule::ticker.taken && pthread_equal(pthread_self(), schedule::ticker.thread) != 0) {
         schedule::AwaitTick();
@@ -460,14 +475,14 @@ WRAPPED(int, select, (int count, fd_set *read, fd_set *write, fd_set *except, ti
     return __real_select(count, read, write, except, time);
 }
 
-WRAPPED(int, poll, (pollfd * entries, nfds_t count, int limit), (entries, count, limit))
+WRAPPED(int, poll, (pollfd * entries, nfds_t count, int limit))
 {
     Stop("poll", __builtin_return_address(0));
     CannotGoOn(false);
     return __real_poll(entries, count, limit);
 }
 
-WRAPPED(int, open, (const char *path, int flags, ...), (path, flags))
+WRAPPED(int, open, (const char *path, int flags, ...))
 {
     va_list args;
     va_start(args, flags);
@@ -482,27 +497,10 @@ WRAPPED(int, open, (const char *path, int flags, ...), (path, flags))
 STOPS(int, pthread_cond_signal, (pthread_cond_t * condition), (condition))
 STOPS(int, pthread_cancel, (pthread_t thread), (thread))
 STOPS(int, close, (int fd), (fd))
-// Calls in which a thread may be cancelled, though not in every C library.
-#define STOPS_AND_ENDS(result, name, parameters, arguments)                                                            \
-    WRAPPED(result, name, parameters, arguments)                                                                       \
-    {                                                                                                                  \
-        Stop(#name, __builtin_return_address(0));                                                                      \
-        pthread_testcancel();                                                                                          \
-        return __real_##name arguments;                                                                                \
-    }
-STOPS_AND_ENDS(int, pclose, (FILE * file), (file))
-STOPS_AND_ENDS(int, closedir, (DIR * directory), (directory))
-// Also behind it: what follows may be a read, where a thread can be cancelled.
-#define STOPS_TWICE(result, name, parameters, arguments)                                                               \
-    WRAPPED(result, name, parameters, arguments)                                                                       \
-    {                                                                                                                  \
-        Stop(#name, __builtin_return_address(0));                                                                      \
-        result file = __real_##name arguments;                                                                         \
-        Stop("the end of " #name, __builtin_return_address(0));                                                        \
-        return file;                                                                                                   \
-    }
-STOPS_TWICE(FILE *, fopen, (const char *path, const char *mode), (path, mode))
-STOPS_TWICE(FILE *, fopen64, (const char *path, const char *mode), (path, mode))
+STOPS_AND_ENDS(pclose, (FILE * file), (file))
+STOPS_AND_ENDS(closedir, (DIR * directory), (directory))
+STOPS_TWICE(fopen)
+STOPS_TWICE(fopen64)
 STOPS(int, fclose, (FILE * file), (file))
 STOPS(int, rename, (const char *from, const char *to), (from, to))
 STOPS(int, unlink, (const char *path), (path))
@@ -510,57 +508,38 @@ STOPS(size_t, strlen, (const char *text), (text))
 STOPS(void *, memcpy, (void *to, const void *from, size_t size), (to, from, size))
 
 #ifdef SCHEDULE_ACCESSES
-#define ACCESS(name)                                                                                                   \
-    void __real___tsan_##name(void *at);                                                                               \
-    void __wrap___tsan_##name(void *at);                                                                               \
-    void __wrap___tsan_##name(void *at)                                                                                \
-    {                                                                                                                  \
-        StopAtAccess(#name, at, __builtin_return_address(0), __builtin_return_address(1));                             \
-        __real___tsan_##name(at);                                                                                      \
-    }
-#define RANGE(name)                                                                                                    \
-    void __real___tsan_##name(void *at, size_t size);                                                                  \
-    void __wrap___tsan_##name(void *at, size_t size);                                                                  \
-    void __wrap___tsan_##name(void *at, size_t size)                                                                   \
-    {                                                                                                                  \
-        StopAtAccess(#name, at, __builtin_return_address(0), __builtin_return_address(1));                             \
-        __real___tsan_##name(at, size);                                                                                \
-    }
-#define ATOMIC(name, result, parameters, arguments)                                                                    \
-    result __real___tsan_##name parameters;                                                                            \
-    result __wrap___tsan_##name parameters;                                                                            \
-    result __wrap___tsan_##name parameters                                                                             \
+#define ACCESS(result, name, parameters, arguments)                                                                    \
+    WRAPPED(result, __tsan_##name, parameters)                                                                         \
     {                                                                                                                  \
         StopAtAccess(#name, at, __builtin_return_address(0), __builtin_return_address(1));                             \
         return __real___tsan_##name arguments;                                                                         \
     }
-#define ATOMICS(bits, word)                                                                                            \
-    ATOMIC(atomic##bits##_load, word, (const volatile word *at, int order), (at, order))                               \
-    ATOMIC(atomic##bits##_store, void, (volatile word * at, word value, int order), (at, value, order))                \
-    ATOMIC(atomic##bits##_exchange, word, (volatile word * at, word value, int order), (at, value, order))             \
-    ATOMIC(atomic##bits##_fetch_add, word, (volatile word * at, word value, int order), (at, value, order))            \
-    ATOMIC(atomic##bits##_fetch_sub, word, (volatile word * at, word value, int order), (at, value, order))            \
-    ATOMIC(atomic##bits##_fetch_and, word, (volatile word * at, word value, int order), (at, value, order))            \
-    ATOMIC(atomic##bits##_fetch_or, word, (volatile word * at, word value, int order), (at, value, order))             \
-    ATOMIC(atomic##bits##_compare_exchange_strong, int,                                                                \
-           (volatile word * at, word * expected, word value, int order, int failed),                                   \
-           (at, expected, value, order, failed))                                                                       \
-    ATOMIC(atomic##bits##_compare_exchange_weak, int,                                                                  \
-           (volatile word * at, word * expected, word value, int order, int failed),                                   \
+#define ACCESSES(size)                                                                                                 \
+    ACCESS(void, read##size, (void *at), (at))                                                                         \
+    ACCESS(void, write##size, (void *at), (at))
+#define CHANGES(bits, act, result, word)                                                                               \
+    ACCESS(result, atomic##bits##_##act, (volatile word * at, word value, int order), (at, value, order))
+#define EXCHANGES(bits, act, word)                                                                                     \
+    ACCESS(int, atomic##bits##_##act, (volatile word * at, word * expected, word value, int order, int failed),        \
            (at, expected, value, order, failed))
+#define ATOMICS(bits, word)                                                                                            \
+    ACCESS(word, atomic##bits##_load, (const volatile word *at, int order), (at, order))                               \
+    CHANGES(bits, store, void, word)                                                                                   \
+    CHANGES(bits, exchange, word, word)                                                                                \
+    CHANGES(bits, fetch_add, word, word)                                                                               \
+    CHANGES(bits, fetch_sub, word, word)                                                                               \
+    CHANGES(bits, fetch_and, word, word)                                                                               \
+    CHANGES(bits, fetch_or, word, word)                                                                                \
+    EXCHANGES(bits, compare_exchange_strong, word)                                                                     \
+    EXCHANGES(bits, compare_exchange_weak, word)
 
-ACCESS(read1)
-ACCESS(read2)
-ACCESS(read4)
-ACCESS(read8)
-ACCESS(read16)
-ACCESS(write1)
-ACCESS(write2)
-ACCESS(write4)
-ACCESS(write8)
-ACCESS(write16)
-RANGE(read_range)
-RANGE(write_range)
+ACCESSES(1)
+ACCESSES(2)
+ACCESSES(4)
+ACCESSES(8)
+ACCESSES(16)
+ACCESS(void, read_range, (void *at, size_t size), (at, size))
+ACCESS(void, write_range, (void *at, size_t size), (at, size))
 ATOMICS(8, unsigned char)
 ATOMICS(32, unsigned)
 ATOMICS(64, unsigned long)

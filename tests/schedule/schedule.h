@@ -21,8 +21,12 @@ namespace schedule
 enum class Player { Worker, Own, Ticker };
 
 struct PartT {
-    Player player;
-    void (*body)(); // Worker only
+    Player player = Player::Worker;
+    void (*body)() = nullptr; // Worker only
+
+    PartT() = default;
+    PartT(Player who) : player(who) {}
+    template <class Body> PartT(Body work) : body(work) {}
 };
 
 // Plays both parts. The part with the index first goes up to its stop-th stop, counted from 1. Returns false when it
