@@ -31,7 +31,8 @@ usage: ./do COMMAND
                    90 per cent, and when docs/coverage.md does not explain what is missed
   fuzz [SECONDS [TARGET...]]
                    run each fuzz target, or those named, that long, 60 if not said
-  faults [quick]   every fault at every step of an update, and failing allocations; quick: a fixed part of it
+  faults [quick]   every fault at every step of an update, failing allocations and a stress of the tasks; quick:
+                   a fixed part of it
   bench            speed and size, with the bars they have to meet
   lint             who includes whom, both compilers without a warning, clang-format, clang-tidy, cppcheck,
                    manual page
@@ -136,15 +137,27 @@ fuzz() {
     echo "fuzz: no findings"
 }
 
+# One of the suite's own sweeps, in a process of its own; prints its count.
+stress() { # PRESET PROGRAM FILTER SECONDS
+    local log=$PWD/build/faults/$1-${3//[^a-zA-Z]/}.log
+    (cd "build/$1/tests" && TSAN_OPTIONS=halt_on_error=1 STRESS_SECONDS=$4 "./$2" "--gtest_filter=$3") >"$log" 2>&1 ||
+        die "$2 failed; see $log"
+    sed -n "s/^\(allocation\|taskstress\|ringstress\): /$1: &/p" "$log" | grep . || die "$2 has no $3 any more"
+}
+
 faults() {
-    local every=1 log=$PWD/build/faults/allocation.log
+    local every=1 seconds=60 presets="default tsan" preset
     [ $# -eq 0 ] || [ "$1" = quick ] || die "faults: not \"$1\", but \"quick\" or nothing"
-    [ $# -eq 0 ] || every=7
+    [ $# -eq 0 ] || { every=7 seconds=5 presets=default; }
     need $test_packages strace
     build default
     mkdir -p build/faults
-    (cd build/default/tests && ./test_allocation) >"$log" 2>&1 || die "test_allocation failed; see $log"
-    grep '^allocation: ' "$log" || die "test_allocation does not count any more"
+    stress default test_allocation '*' 0
+    for preset in $presets; do
+        build "$preset" --target test_taskstress
+        stress "$preset" test_taskstress '*LosesNothing' "$seconds"
+        stress "$preset" test_taskstress '*RingTearsNoLine' "$seconds"
+    done
     exec build/default/haldenfaults --every "$every" --list build/faults/runs.txt
 }
 
