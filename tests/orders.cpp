@@ -785,7 +785,7 @@ const PairT kRemote[] = {
     {"WaitForAnswer", ReadRemotely<0>, Nothing, nullptr,
      [] {
          EXPECT_GE(schedule::Ticks() - shared, 300u);
-         EXPECT_LE(schedule::Ticks() - shared, 350u);
+         EXPECT_LT(schedule::Ticks() - shared, 600u); // ticks go on while the task wakes on a busy machine
      },
      kTwoTasks, 16},
     {"TwoRead", ReadRemotely<0>, ReadRemotely<1>, BeRemote<AnswerAtOnce>,
