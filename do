@@ -22,6 +22,8 @@ usage: ./do COMMAND
   setup            install everything that the other commands need (Debian 12, root or sudo)
   build [PRESET]   build into build/PRESET: default, clang, asan, tsan, coverage, powerpc, fuzz
   test [PRESET]    build and run the whole suite
+  accept           run the end-to-end cases, show how their records differ from tests/expected/records.txt,
+                   and write what was seen there
   demo             flash a virtual microcontroller and camera with the binary that ships
   board            run the whole suite on an emulated board; "board shell" gives a prompt there,
                    "board run -- haldenflash ..." runs one command
@@ -180,7 +182,7 @@ lint() {
     for page in docs/*.1; do
         mandoc -Tlint -Wwarning "$page"
     done
-    for script in do .ci/run target/board packaging/package; do
+    for script in do .ci/run target/board packaging/package tests/accept; do
         bash -n "$script"
     done
     echo "lint: clean"
@@ -191,6 +193,10 @@ case ${1:-} in
 setup) need $test_packages $bench_packages $coverage_packages $lint_packages $fuzz_packages $footprint_packages $package_packages ;;
 build) build "${2:-}" ;;
 test) run_tests "${2:-}" ;;
+accept)
+    build default
+    exec tests/accept
+    ;;
 demo) demo ;;
 coverage) coverage ;;
 fuzz) fuzz "${@:2}" ;;

@@ -226,8 +226,8 @@ std::vector<Case> Words()
 std::vector<Case> Ports()
 {
     return {
-        {.name = "no_camera_device", .words = {"farsight"}, .status = 255, .cameraPort = {.refusedOpens = 10}},
         {.name = "ninth_retry_opens", .words = {"farsight"}, .cameraPort = {.refusedOpens = 9}, .flashed = true},
+        {.name = "no_camera_device", .words = {"farsight"}, .status = 255, .cameraPort = {.refusedOpens = 10}},
         {.name = "micro_config_refused", .words = {"micro"}, .status = 255, .microPort = {.refusedRequest = 1}},
         {.name = "micro_enable_refused", .words = {"all"}, .status = 255, .microPort = {.refusedRequest = 2}},
         {.name = "micro_disable_refused", .words = {"micro"}, .status = 255, .microPort = {.refusedRequest = 3},
