@@ -1,4 +1,4 @@
-#include "bench/trial.h"
+#include "bench/sweeps/runner.h"
 
 #include <csignal>
 #include <fcntl.h>
@@ -490,7 +490,7 @@ TEST_F(BenchRun, ATrialFindsWhatEndsBadly)
 {
     const Session session = {"micro", {"micro"}, {}, 6144};
     const auto findings = [&](const char *program, const Trial &trial) {
-        return Rig(program, HALDENBENCH_PRELOAD, options.directory).Try(trial).findings;
+        return Runner(program, HALDENBENCH_PRELOAD, options.directory).Try(trial).findings;
     };
     Trial trial = {.name = "", .session = &session};
     EXPECT_EQ(findings(HALDENFLASH_BINARY, trial), Texts());
@@ -503,7 +503,7 @@ TEST_F(BenchRun, ATrialFindsWhatEndsBadly)
     EXPECT_EQ(findings(HALDENFLASH_BINARY, trial).size(), 1U) << "fails, and should not";
     trial.harmless = false;
     trial.micro = ParseFaults("block5=nack");
-    const Outcome outcome = Rig(HALDENFLASH_BINARY, HALDENBENCH_PRELOAD, options.directory).Try(trial);
+    const Outcome outcome = Runner(HALDENFLASH_BINARY, HALDENBENCH_PRELOAD, options.directory).Try(trial);
     EXPECT_NE(outcome.unproven, nullptr);
     EXPECT_EQ(outcome.findings, Texts());
     trial.micro = ParseFaults("block5=nack,block6=verdict:42");

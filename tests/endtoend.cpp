@@ -2,10 +2,10 @@
 // waits, driver requests, wire messages, progress and exit status together make its record, which
 // must equal tests/expected/<case>.txt byte for byte; what was recorded lies in the build folder's
 // records/ for comparison. What every run must hold to is asserted besides.
-#include "bench/images.h"
-#include "bench/launcher.h"
-#include "bench/recovery.h"
-#include "bench/run.h"
+#include "bench/rig/images.h"
+#include "bench/rig/launcher.h"
+#include "bench/rig/run.h"
+#include "bench/sweeps/recovery.h"
 
 #include <algorithm>
 #include <filesystem>
