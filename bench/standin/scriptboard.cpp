@@ -17,11 +17,6 @@ namespace
 
 constexpr int kPort = 400, kFiles = 500; // descriptors
 
-bool IsEvent(char byte)
-{
-    return (byte & 0xF0) == 0xE0;
-}
-
 } // namespace
 
 ScriptBoard::ScriptBoard(Files files, std::string_view script)

@@ -34,6 +34,7 @@ public:
         kCloseFails,  // of a file, which is closed all the same
         kHangUp,      // the port is readable from now on, and there is nothing to read
     };
+    static bool IsEvent(char byte) { return (byte & 0xF0) == 0xE0; }
     static constexpr std::size_t kScriptSize = 500; // what comes behind would be more of the same
 
     // What was written at once, and all that was read between then and the next write.
