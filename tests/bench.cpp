@@ -209,8 +209,8 @@ TEST_F(Devices, FindWhatTheHostMayNotDo)
          camera},
         {{FlashMode(3, 1, 1)}, "flash mode 3 does not go with 1 camera blocks and 1 system blocks", camera},
         {{FlashMode(2, 0, 0)}, "unknown flash mode 2", camera},
-        {{kQuery, {0x82, 0x06, 0x78}}, "unknown message, 3 bytes: 82 06 78", camera},
-        {{FlashMode(3, 0xFF, 0), {0x12}}, "byte 12 outside a frame", camera},
+        {{{0x82, 0x06, 0x78}, kQuery}, "unknown message, 3 bytes: 82 06 78", camera},
+        {{{0x12}, kQuery, FlashMode(3, 0xFF, 0)}, "byte 12 outside a frame", camera},
         {{kStatusRequest}, "a frame of type 44 is none of its messages", camera},
     };
     for (const auto &[messages, finding, device] : cases) {
