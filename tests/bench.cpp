@@ -394,6 +394,16 @@ Bytes HeardOf(Line &line)
     return heard;
 }
 
+// Whatever the writer does: here nothing holds it to the line's speed.
+TEST_F(BenchRun, ADeviceHearsWhatAPacedLineHasCarried)
+{
+    Line slow(micro, 1200);
+    const auto begin = Line::Clock::now();
+    HeardOf(slow);
+    EXPECT_GE(std::chrono::duration<double>(Line::Clock::now() - begin).count(),
+              static_cast<double>(kStatusRequest.size()) * Line::kBitsPerByte / 1200);
+}
+
 TEST_F(BenchRun, ALineSpoilsOneByte)
 {
     using Kind = LineFault::Kind;
