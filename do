@@ -5,7 +5,7 @@ cd "$(dirname "$0")"
 
 readonly build_packages="g++ cmake ninja-build"
 readonly test_packages="$build_packages libgtest-dev"
-readonly bench_packages="$build_packages libbenchmark-dev valgrind strace python3 binutils"
+readonly speed_packages="$build_packages libbenchmark-dev valgrind strace python3 binutils"
 readonly coverage_packages="$test_packages gcovr python3"
 readonly lint_packages="$test_packages libbenchmark-dev clang clang-tidy clang-format cppcheck mandoc python3"
 readonly cross_packages="$test_packages g++-powerpc-linux-gnu googletest python3"
@@ -35,7 +35,7 @@ usage: ./do COMMAND
                    run each fuzz target, or those named, that long, 60 if not said
   faults [quick]   every fault at every step of an update, failing allocations and a stress of the tasks; quick:
                    a fixed part of it
-  bench            speed and size, with the bars they have to meet
+  speed            speed and size, with the bars they have to meet
   lint             who includes whom, both compilers without a warning, clang-format, clang-tidy, cppcheck,
                    manual page
   format           format the sources
@@ -190,7 +190,7 @@ lint() {
 
 case ${1:-} in
 "") usage ;;
-setup) need $test_packages $bench_packages $coverage_packages $lint_packages $fuzz_packages $footprint_packages $package_packages ;;
+setup) need $test_packages $speed_packages $coverage_packages $lint_packages $fuzz_packages $footprint_packages $package_packages ;;
 build) build "${2:-}" ;;
 test) run_tests "${2:-}" ;;
 accept)
@@ -204,10 +204,10 @@ faults)
     shift
     faults "$@"
     ;;
-bench)
-    need $bench_packages
+speed)
+    need $speed_packages
     build default
-    exec benchmarks/run
+    exec speed/run
     ;;
 board)
     shift

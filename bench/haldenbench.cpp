@@ -1,8 +1,8 @@
 // The command haldenbench: rehearses an update with the binary that ships and two peripherals in
 // software.
-#include "bench/images.h"
 #include "bench/options.h"
-#include "bench/run.h"
+#include "bench/rig/images.h"
+#include "bench/rig/run.h"
 
 #include <cstdio>
 #include <cstdlib>

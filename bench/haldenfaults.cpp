@@ -1,8 +1,8 @@
 // The command haldenfaults: plays every fault at every step of an update, and every pair of answers to two
-// blocks, on the binary that ships, and holds each run against the table of ends; see trial.h for what is asked
-// of a run.
+// blocks, on the binary that ships, and holds each run against the table of ends; see judgement.h for what
+// is asked of a run.
 #include "bench/options.h"
-#include "bench/sweeps.h"
+#include "bench/sweeps/sweeps.h"
 
 #include <algorithm>
 #include <atomic>
@@ -44,10 +44,9 @@ struct Tally {
     std::string slowestName;
     std::map<std::string, std::size_t> ends;     // runs by status and last line
     std::map<std::string, std::size_t> unproven; // successes that leave a device without its image, by reason
-    std::vector<std::string> list;               // one line a run
 };
 
-// Folders of the rigs, gone at the end.
+// Folders of the runners, gone at the end.
 class Folders
 {
 public:
@@ -80,7 +79,7 @@ std::string EndOf(const Outcome &outcome)
     return Format("%3d %s", outcome.run.status, last.c_str());
 }
 
-void Note(const Settings &settings, const Trial &trial, const Outcome &outcome, Tally &tally)
+void Count(const Trial &trial, const Outcome &outcome, Tally &tally)
 {
     tally.runs++;
     tally.findings += outcome.findings.empty() ? 0 : 1;
@@ -94,25 +93,36 @@ void Note(const Settings &settings, const Trial &trial, const Outcome &outcome, 
         tally.slowest = outcome.fullSeconds;
         tally.slowestName = trial.name;
     }
-    std::string held;
-    for (const Held one : outcome.held)
-        held += std::string(" ") + NameOf(one);
+}
+
+// The run's line of the list.
+std::string LineOf(const Trial &trial, const Outcome &outcome)
+{
+    const Holdings &held = outcome.held;
     const char *reason = outcome.row == nullptr ? "?" : outcome.row->reason;
-    tally.list.push_back(trial.name + " |" + held + " | " + EndOf(outcome) + " | " + reason);
+    std::string line = trial.name + " | " + NameOf(held.micro) + " " + NameOf(held.camera) + " " + NameOf(held.system) +
+                       " | " + EndOf(outcome) + " | " + reason;
     if (outcome.unproven != nullptr)
-        tally.list.back() += std::string(" | ") + outcome.unproven;
+        line += std::string(" | ") + outcome.unproven;
     if (!outcome.struck)
-        tally.list.back() += " | the fault did not come to pass";
+        line += " | the fault did not come to pass";
+    return line;
+}
+
+void PrintFindings(const Trial &trial, const Outcome &outcome)
+{
     for (const std::string &finding : outcome.findings)
         std::cout << "! " << trial.name << ": " << finding << "\n";
     for (const std::string &finding : outcome.passing)
         std::cout << "? " << trial.name << ": not when repeated: " << finding << "\n";
-    if (settings.show.empty())
-        return;
+}
+
+// All that the run printed, and the preload library's events.
+void PrintRun(const Outcome &outcome)
+{
     std::cout << outcome.run.output << outcome.run.errors;
     for (const std::string &event : outcome.run.events)
         std::cout << "  " << event << "\n";
-    std::cout << tally.list.back() << "\n";
 }
 
 void Report(const Sweep &sweep, const Tally &tally)
@@ -131,27 +141,53 @@ void Report(const Sweep &sweep, const Tally &tally)
     std::cout << std::flush;
 }
 
-// Runs one of so many trials, several at a time.
-Tally Play(const Settings &settings, std::size_t every, const std::vector<Trial> &trials, std::vector<Rig> &rigs)
+// The trials of a sweep that are to be run.
+std::vector<Trial> Chosen(const Settings &settings, const Sweep &sweep, Runner &runner)
 {
-    Tally tally;
+    const std::size_t every = settings.every == 1 ? 1 : settings.every * sweep.sparser;
+    const std::vector<Trial> trials = sweep.trials(runner);
+    std::vector<Trial> chosen;
+    for (std::size_t i = 0; i < trials.size(); i += every)
+        if (trials[i].name.find(settings.show) != std::string::npos)
+            chosen.push_back(trials[i]);
+    return chosen;
+}
+
+// Runs the trials, one for each runner at a time. What came of a trial is noted by one thread at a time.
+using Note = std::function<void(const Trial &trial, const Outcome &outcome)>;
+void Play(const std::vector<Trial> &trials, std::vector<Runner> &runners, const Note &note)
+{
     std::mutex mutex;
     std::atomic<std::size_t> next = 0;
-    const auto work = [&](Rig &rig) {
-        for (std::size_t i = 0; (i = next.fetch_add(every)) < trials.size();) {
-            if (trials[i].name.find(settings.show) == std::string::npos)
-                continue;
-            const Outcome outcome = rig.TryTwice(trials[i]);
+    const auto work = [&](Runner &runner) {
+        for (std::size_t i = 0; (i = next++) < trials.size();) {
+            const Outcome outcome = runner.TryTwice(trials[i]);
             const std::lock_guard lock(mutex);
-            Note(settings, trials[i], outcome, tally);
+            note(trials[i], outcome);
         }
     };
     std::vector<std::future<void>> workers;
-    workers.reserve(rigs.size());
-    for (Rig &rig : rigs)
-        workers.push_back(std::async(std::launch::async, work, std::ref(rig)));
+    workers.reserve(runners.size());
+    for (Runner &runner : runners)
+        workers.push_back(std::async(std::launch::async, work, std::ref(runner)));
     for (std::future<void> &worker : workers)
         worker.get();
+}
+
+// Runs a sweep, adds its runs to the list and returns what came of it.
+Tally PlaySweep(const Settings &settings, const Sweep &sweep, std::vector<Runner> &runners,
+                std::vector<std::string> &list)
+{
+    Tally tally;
+    Play(Chosen(settings, sweep, runners.front()), runners, [&](const Trial &trial, const Outcome &outcome) {
+        Count(trial, outcome, tally);
+        list.push_back(LineOf(trial, outcome));
+        PrintFindings(trial, outcome);
+        if (settings.show.empty())
+            return;
+        PrintRun(outcome);
+        std::cout << list.back() << "\n";
+    });
     return tally;
 }
 
@@ -190,28 +226,32 @@ void WriteList(const std::string &path, std::vector<std::string> lines)
     WriteFile(path, Bytes(text.begin(), text.end()));
 }
 
+std::vector<Runner> MakeRunners(std::size_t count, const Folders &folders)
+{
+    const fs::path beside = fs::read_symlink("/proc/self/exe").parent_path();
+    std::vector<Runner> runners;
+    for (std::size_t i = 0; i < count; i++)
+        runners.emplace_back(beside / "haldenflash", beside / "haldenbench-preload.so", folders.Make(i));
+    return runners;
+}
+
 int Work(const Settings &settings)
 {
     if (fs::exists("/dev/fpgaserial0") || fs::exists("/dev/fpgaserial1"))
         throw std::runtime_error("this machine has such ports itself; a fault in the loader would lead to them");
     if (!settings.list.empty())
         WriteFile(settings.list, {}); // a bad path is refused before the runs, not after them
-    const fs::path beside = fs::read_symlink("/proc/self/exe").parent_path();
     const Folders folders;
-    std::vector<Rig> rigs;
-    for (std::size_t i = 0; i < settings.jobs; i++)
-        rigs.emplace_back(beside / "haldenflash", beside / "haldenbench-preload.so", folders.Make(i));
+    std::vector<Runner> runners = MakeRunners(settings.jobs, folders);
     std::size_t runs = 0, findings = 0;
     std::vector<std::string> list;
     for (const Sweep &sweep : Sweeps()) {
         if (!settings.sweep.empty() && settings.sweep != sweep.name)
             continue;
-        const std::size_t every = settings.every == 1 ? 1 : settings.every * sweep.sparser;
-        const Tally tally = Play(settings, every, sweep.trials(rigs.front()), rigs);
+        const Tally tally = PlaySweep(settings, sweep, runners, list);
         Report(sweep, tally);
         runs += tally.runs;
         findings += tally.findings;
-        list.insert(list.end(), tally.list.begin(), tally.list.end());
     }
     if (!settings.list.empty())
         WriteList(settings.list, list);

@@ -4,8 +4,8 @@
 // the frame and the size of the pieces.
 #include "fuzz/support.h"
 
-#include "bench/camera.h"
-#include "bench/micro.h"
+#include "bench/devices/camera.h"
+#include "bench/devices/micro.h"
 #include "devlib/haldenflash/framing.h"
 
 #include <numeric>

@@ -3,9 +3,9 @@
 // binary too: its ports are symbolic links in /dev, and the two requests of the FPGA driver are answered
 // in its place. To be run as root, on a machine of one's own.
 // usage: probe PROGRAM
-#include "bench/images.h"
-#include "bench/line.h"
-#include "bench/preload.h"
+#include "bench/rig/images.h"
+#include "bench/rig/line.h"
+#include "bench/standin/preload.h"
 
 #include <csignal>
 #include <cstddef>

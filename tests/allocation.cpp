@@ -171,7 +171,7 @@ const RowT kRows[] = {
      },
      [] { t_delete(id), t_create("test", 1, 0, 0, 0, &id); }, "1", false, [] { t_create("test", 1, 0, 0, 0, &id); }},
     {"t_attach", [] { return Attach(false); }, [] {}, "14.. !pTree 6 0..", true},
-    {"t_delete", [] { return Attach(true); }, [] {}, "0 6"},
+    {"t_delete", [] { return Attach(true); }, [] {}, "0"},
     {"tm_callback_after",
      [] {
          return tm_callback_after(

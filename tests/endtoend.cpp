@@ -2,10 +2,10 @@
 // requests, wire messages, progress and exit status together make its record, which must equal, byte for byte, the one
 // in tests/expected/records.txt. The build folder keeps both, whole: in expected/ and records/. What every run must
 // hold to is asserted besides.
-#include "bench/images.h"
-#include "bench/launcher.h"
-#include "bench/recovery.h"
-#include "bench/run.h"
+#include "bench/rig/images.h"
+#include "bench/rig/launcher.h"
+#include "bench/rig/run.h"
+#include "bench/sweeps/recovery.h"
 
 #include <algorithm>
 #include <cstdlib>

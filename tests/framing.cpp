@@ -1,6 +1,6 @@
 #include "devlib/haldenflash/framing.h"
 
-#include "bench/frame.h"
+#include "bench/devices/frame.h"
 
 #include <chrono>
 #include <csignal>

@@ -1,6 +1,6 @@
 // What two tasks do at once, in every order of one interruption: one of them is stopped at each of its steps in turn
 // while the other one does all of its own, and then the other way round.
-#include "tests/schedule/schedule.h"
+#include "bench/standin/schedule.h"
 
 #include "Common/OS/dev.h"
 #include "Common/OS/linux/oslinux.h"
@@ -11,13 +11,14 @@
 #include "Common/framework/config.h"
 #include "Common/framework/list.h"
 #include "Common/framework/remmsg.h"
+#include "bench/standin/ptyboard.h"
 #include "devlib/serialapi.h"
-#include "tests/fakeports.h"
 #include "tests/folders.h"
 #include "tests/tasks.h"
 
 #include <array>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>

@@ -1,6 +1,6 @@
 #include "Common/OS/linux/oslinux.h"
 
-#include "bench/launcher.h"
+#include "bench/rig/launcher.h"
 #include "tests/tasks.h"
 
 #include <algorithm>

@@ -1,6 +1,6 @@
 #include "softupdate/progressctrl/progressctrl.h"
 
-#include "bench/progress.h"
+#include "bench/rig/progress.h"
 
 #include <filesystem>
 #include <fstream>

@@ -3,45 +3,83 @@
 #include "Common/OS/linux/lowmem.h"
 #include "Common/OS/osassert.h"
 
+#include <cstdint>
 #include <cstdlib>
 
 namespace
 {
 
+// Leaves come in slabs: an insertion seldom needs memory, and a tree is freed without walking it.
+constexpr UInt32 kSlabLeaves = 32;
+struct SlabT {
+    SlabT *next;
+    BinaryLeafT leaves[kSlabLeaves];
+};
+
+// What a handle designates: the tree, and the memory of its leaves.
+struct TreeT {
+    BinaryTreeT tree;
+    SlabT *slabs;      // the latest first; all but that one are full
+    UInt32 leavesLeft; // in the latest
+};
+
 // Null when memory runs out.
-BinaryLeafT *BuildLeaf(UInt32 key, void *pObject)
+BinaryLeafT *BuildLeaf(TreeT *pTree, UInt32 key, void *pObject)
 {
-    auto *pLeaf = static_cast<BinaryLeafT *>(std::malloc(sizeof(BinaryLeafT)));
-    if (pLeaf != nullptr)
-        *pLeaf = {.left = nullptr,
-                  .leftcount = 0,
-                  .right = nullptr,
-                  .rightcount = 0,
-                  .factor = BALANCED,
-                  .key = key,
-                  .pObject = pObject};
+    if (pTree->leavesLeft == 0) {
+        auto *pSlab = static_cast<SlabT *>(std::malloc(sizeof(SlabT)));
+        if (pSlab == nullptr)
+            return nullptr;
+        pSlab->next = pTree->slabs;
+        pTree->slabs = pSlab;
+        pTree->leavesLeft = kSlabLeaves;
+    }
+    BinaryLeafT *pLeaf = &pTree->slabs->leaves[--pTree->leavesLeft];
+    *pLeaf = {.left = nullptr,
+              .leftcount = 0,
+              .right = nullptr,
+              .rightcount = 0,
+              .factor = BALANCED,
+              .key = key,
+              .pObject = pObject};
     return pLeaf;
 }
 
-void DestroyLeaf(BinaryLeafT *pLeaf)
+void DestroyLeaves(TreeT *pTree)
 {
-    if (pLeaf == nullptr)
-        return;
-    DestroyLeaf(pLeaf->left);
-    DestroyLeaf(pLeaf->right);
-    std::free(pLeaf);
+    while (SlabT *pSlab = pTree->slabs) {
+        pTree->slabs = pSlab->next;
+        std::free(pSlab);
+    }
+    pTree->leavesLeft = 0;
+}
+
+// ---- Descent. No branch depends on which way it goes: the processor would take the wrong one at every other leaf.
+
+// The subtree that the key belongs to. Both links are read, and bits of one are kept: a compiler may turn a choice
+// between two pointers back into a branch.
+BinaryLeafT *NextLeaf(const BinaryLeafT *pLeaf, UInt32 key)
+{
+    const auto left = reinterpret_cast<std::uintptr_t>(pLeaf->left);
+    const auto right = reinterpret_cast<std::uintptr_t>(pLeaf->right);
+    const std::uintptr_t smaller = 0 - static_cast<std::uintptr_t>(key < pLeaf->key);
+    return reinterpret_cast<BinaryLeafT *>(right ^ ((left ^ right) & smaller));
+}
+
+eFactorT SideOf(const BinaryLeafT *pLeaf, UInt32 key)
+{
+    return static_cast<eFactorT>(2 * static_cast<Int32>(key < pLeaf->key) - 1);
+}
+
+BinaryLeafT **LinkAt(BinaryLeafT *pLeaf, eFactorT side)
+{
+    return side == LEFT_HEAVY ? &pLeaf->left : &pLeaf->right;
 }
 
 BinaryLeafT *SearchLeaf(BinaryLeafT *pLeaf, UInt32 key)
 {
-    while (pLeaf != nullptr) {
-        if (key < pLeaf->key)
-            pLeaf = pLeaf->left;
-        else if (key == pLeaf->key) // not asked first: it is true once in a whole search
-            break;
-        else
-            pLeaf = pLeaf->right;
-    }
+    while (pLeaf != nullptr && pLeaf->key != key)
+        pLeaf = NextLeaf(pLeaf, key);
     return pLeaf;
 }
 
@@ -125,16 +163,6 @@ BinaryLeafT *SideGrew(BinaryLeafT *pLeaf, eFactorT side)
     return pLeaf;
 }
 
-eFactorT SideOf(const BinaryLeafT *pLeaf, UInt32 key)
-{
-    return key < pLeaf->key ? LEFT_HEAVY : RIGHT_HEAVY;
-}
-
-BinaryLeafT **LinkAt(BinaryLeafT *pLeaf, eFactorT side)
-{
-    return side == LEFT_HEAVY ? &pLeaf->left : &pLeaf->right;
-}
-
 // All subtrees from pLeaf down to the new leaf were balanced and have grown on the new leaf's side.
 void AllGrew(BinaryLeafT *pLeaf, const BinaryLeafT *pNew)
 {
@@ -146,17 +174,17 @@ void AllGrew(BinaryLeafT *pLeaf, const BinaryLeafT *pNew)
 
 // Without recursion: of the subtrees on the way to the new leaf, only those below the last one that
 // leans to a side grow, and that one takes the growth up.
-void AddLeaf(BinaryLeafT **ppRoot, UInt32 key, void *pObject)
+void AddLeaf(TreeT *pTree, UInt32 key, void *pObject)
 {
+    BinaryLeafT **ppRoot = &pTree->tree.pBaseLeaf;
     BinaryLeafT **ppTop = ppRoot; // that last one, or the root when none leans
     BinaryLeafT **ppLink = ppRoot;
-    while (BinaryLeafT *pLeaf = *ppLink) {
+    for (BinaryLeafT *pLeaf = *ppRoot; pLeaf != nullptr; pLeaf = NextLeaf(pLeaf, key)) {
         os_assert(pLeaf->key != key, "pLeaf->key != key");
-        if (pLeaf->factor != BALANCED)
-            ppTop = ppLink;
+        ppTop = pLeaf->factor != BALANCED ? ppLink : ppTop;
         ppLink = LinkAt(pLeaf, SideOf(pLeaf, key));
     }
-    BinaryLeafT *pNew = BuildLeaf(key, pObject);
+    BinaryLeafT *pNew = BuildLeaf(pTree, key, pObject);
     *ppLink = pNew;
     BinaryLeafT *pTop = *ppTop;
     if (pNew == nullptr)
@@ -171,9 +199,9 @@ void AddLeaf(BinaryLeafT **ppRoot, UInt32 key, void *pObject)
 }
 
 // A null handle stops the program.
-BinaryTreeT *FindTree(tBTreeHandle handle)
+TreeT *FindTree(tBTreeHandle handle)
 {
-    auto *pTree = low_pointer<BinaryTreeT>(handle);
+    auto *pTree = low_pointer<TreeT>(handle);
     os_assert(pTree, "pTree");
     return pTree;
 }
@@ -182,19 +210,18 @@ BinaryTreeT *FindTree(tBTreeHandle handle)
 
 tBTreeHandle CreateTree()
 {
-    return low_id(low_calloc(sizeof(BinaryTreeT)));
+    return low_id(low_calloc(sizeof(TreeT)));
 }
 
 eErrorT InsertItem(tBTreeHandle handle, UInt32 key, void *pObject)
 {
-    BinaryTreeT *pTree = FindTree(handle);
-    AddLeaf(&pTree->pBaseLeaf, key, pObject);
+    AddLeaf(FindTree(handle), key, pObject);
     return kNoError;
 }
 
 eErrorT ReplaceItem(tBTreeHandle handle, UInt32 key, void *pObject)
 {
-    BinaryLeafT *pLeaf = SearchLeaf(FindTree(handle)->pBaseLeaf, key);
+    BinaryLeafT *pLeaf = SearchLeaf(FindTree(handle)->tree.pBaseLeaf, key);
     if (pLeaf == nullptr)
         return kItemNotFound;
     pLeaf->pObject = pObject;
@@ -203,15 +230,15 @@ eErrorT ReplaceItem(tBTreeHandle handle, UInt32 key, void *pObject)
 
 void *SearchTree(tBTreeHandle handle, UInt32 key)
 {
-    const BinaryLeafT *pLeaf = SearchLeaf(FindTree(handle)->pBaseLeaf, key);
+    const BinaryLeafT *pLeaf = SearchLeaf(FindTree(handle)->tree.pBaseLeaf, key);
     return pLeaf != nullptr ? pLeaf->pObject : nullptr;
 }
 
 void DestroyTree(tBTreeHandle handle)
 {
-    BinaryTreeT *pTree = FindTree(handle);
-    DestroyLeaf(pTree->pBaseLeaf);
-    *pTree = {.leafCount = 0, .pBaseLeaf = nullptr};
+    TreeT *pTree = FindTree(handle);
+    DestroyLeaves(pTree);
+    pTree->tree = {.leafCount = 0, .pBaseLeaf = nullptr};
 }
 
 eErrorT BuildTree(tBTreeHandle handle, const BTreeLeavesT *pLeaves, UInt32 count)

@@ -1,0 +1,388 @@
+// Leads a program that opens "/dev/fpgaserial<N>", its command relay or its configuration to other
+// files, and plays the FPGA serial driver. Needs nothing but the C library, allocates nothing, and
+// holds no lock and no descriptor between calls. <sys/ioctl.h> stays out on purpose: it declares
+// ioctl as one that never throws, and such a function would need the C++ library and could not be
+// unwound by a cancellation.
+#include "bench/standin/preload.h"
+#include "bench/standin/real.h"
+
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/select.h>
+#include <unistd.h>
+
+extern "C" int ioctl(int fd, unsigned long request, ...);
+// Under names of their own, because stat and stat64 are structures too.
+extern "C" int StatPlace(const char *path, void *status) asm("stat");
+extern "C" int StatPlace64(const char *path, void *status) asm("stat64");
+
+namespace
+{
+
+using bench::Real;
+
+constexpr int kPorts = 10;
+constexpr int kDescriptors = 1024;
+constexpr char kRelay[] = "/tmp/plaunch"; // of commands
+constexpr char kOpt[] = "/opt/talvora";   // configuration
+constexpr std::size_t kPlace = PATH_MAX + 1;
+
+// What the environment says; written once, before main. A path that it does not name is "", which
+// the system answers with ENOENT.
+struct Orders {
+    bool on;
+    const char *relay, *opt;
+    std::int64_t waitDivisor;
+    long halfRead, halfWrite, lostClose; // ordinals
+    struct {
+        const char *path;
+        long refusedOpens, refusedRequest, cutWrite;
+        long cutTo; // bytes; -1: the write is refused
+        long baud;  // 0: writes return as soon as they can
+    } ports[kPorts];
+};
+Orders gOrders;
+bench::EventLog *gLog;
+
+struct Counts {
+    std::atomic<long> opens, requests, writes;
+};
+Counts gCounts[kPorts];
+std::atomic<long> gReads, gWrites, gCloses; // of all files
+
+// Port of a redirected descriptor plus one; 0 for any other descriptor.
+std::atomic<unsigned char> gPortOf[kDescriptors];
+
+constinit Real<int(const char *, int, ...)> gRealOpen("open"), gRealOpen64("open64");
+constinit Real<FILE *(const char *, const char *)> gRealFopen("fopen"), gRealFopen64("fopen64");
+constinit Real<int(const char *, void *)> gRealStat("stat"), gRealStat64("stat64");
+constinit Real<int(int)> gRealClose("close");
+constinit Real<int(FILE *)> gRealFclose("fclose");
+constinit Real<ssize_t(int, void *, std::size_t)> gRealRead("read");
+constinit Real<ssize_t(int, const void *, std::size_t)> gRealWrite("write");
+constinit Real<int(int, unsigned long, ...)> gRealIoctl("ioctl");
+constinit Real<int(int, fd_set *, fd_set *, fd_set *, timeval *)> gRealSelect("select");
+
+// Leaves errno alone.
+[[gnu::format(printf, 1, 2)]] void Log(const char *format, ...)
+{
+    const int error = errno;
+    char line[160];
+    va_list arguments;
+    va_start(arguments, format);
+    const auto size = static_cast<std::uint32_t>(vsnprintf(line, sizeof line, format, arguments));
+    va_end(arguments);
+    const std::uint32_t at = gLog->used.fetch_add(size);
+    if (at + size <= sizeof gLog->text)
+        memcpy(gLog->text + at, line, size);
+    errno = error;
+}
+
+// Null when that is no event log.
+bench::EventLog *MapLog(const char *path)
+{
+    const int fd = gRealOpen(path, O_RDWR | O_CLOEXEC, mode_t{0});
+    if (fd < 0)
+        return nullptr;
+    void *log = mmap(nullptr, sizeof(bench::EventLog), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    gRealClose(fd);
+    return log == MAP_FAILED ? nullptr : static_cast<bench::EventLog *>(log);
+}
+
+// The text stays where it is for the life of the process. "" without that variable.
+const char *Variable(const char *name)
+{
+    const char *text = getenv(name);
+    return text == nullptr ? "" : text;
+}
+
+const char *PortVariable(const char *name, int port)
+{
+    char numbered[40];
+    snprintf(numbered, sizeof numbered, "%s%d", name, port);
+    return Variable(numbered);
+}
+
+long PortNumber(const char *name, int port)
+{
+    return strtol(PortVariable(name, port), nullptr, 10);
+}
+
+[[gnu::constructor]] void ReadOrders()
+{
+    const char *log = Variable(bench::kPreloadLog);
+    gLog = log[0] != '\0' ? MapLog(log) : nullptr;
+    if (gLog == nullptr)
+        return;
+    gOrders.relay = Variable(bench::kPreloadRelay);
+    gOrders.opt = Variable(bench::kPreloadOpt);
+    gOrders.waitDivisor = strtol(Variable(bench::kPreloadWaitDivisor), nullptr, 10);
+    if (gOrders.waitDivisor < 1)
+        gOrders.waitDivisor = 1;
+    gOrders.halfRead = strtol(Variable(bench::kPreloadHalfRead), nullptr, 10);
+    gOrders.halfWrite = strtol(Variable(bench::kPreloadHalfWrite), nullptr, 10);
+    gOrders.lostClose = strtol(Variable(bench::kPreloadLostClose), nullptr, 10);
+    for (int port = 0; port < kPorts; ++port) {
+        auto &orders = gOrders.ports[port];
+        orders.path = PortVariable(bench::kPreloadPort, port);
+        orders.refusedOpens = PortNumber(bench::kPreloadOpens, port);
+        orders.refusedRequest = PortNumber(bench::kPreloadRequest, port);
+        orders.cutWrite = PortNumber(bench::kPreloadWrite, port);
+        orders.baud = PortNumber(bench::kPreloadBaud, port);
+        const char *bytes = strchr(PortVariable(bench::kPreloadWrite, port), ':');
+        orders.cutTo = bytes == nullptr ? -1 : strtol(bytes + 1, nullptr, 10);
+    }
+    gOrders.on = true;
+}
+
+// Port that a path designates, -1 if none.
+int PortOfPath(const char *path)
+{
+    constexpr char kPrefix[] = "/dev/fpgaserial";
+    constexpr std::size_t kLength = sizeof kPrefix - 1;
+    if (!gOrders.on || strncmp(path, kPrefix, kLength) != 0)
+        return -1;
+    const char digit = path[kLength];
+    return digit >= '0' && digit <= '9' && path[kLength + 1] == '\0' ? digit - '0' : -1;
+}
+
+// Port that a descriptor was redirected to, -1 if none.
+int PortOfDescriptor(int fd)
+{
+    return fd >= 0 && fd < kDescriptors ? gPortOf[fd] - 1 : -1;
+}
+
+int OpenPort(int port, int flags)
+{
+    const auto &orders = gOrders.ports[port];
+    int fd = -1;
+    if (++gCounts[port].opens <= orders.refusedOpens)
+        errno = EBUSY;
+    else
+        fd = gRealOpen(orders.path, flags | O_NOCTTY, mode_t{0});
+    Log(fd < 0 ? "open %d refused\n" : "open %d\n", port);
+    if (fd >= 0 && fd < kDescriptors)
+        gPortOf[fd] = static_cast<unsigned char>(port + 1);
+    return fd;
+}
+
+// The driver's own requests; the record is six 32-bit fields.
+int RequestPort(int port, std::uint32_t request, const void *argument)
+{
+    const bool refused = ++gCounts[port].requests == gOrders.ports[port].refusedRequest;
+    const char *ending = refused ? " refused" : "";
+    if (request == bench::kSetConfig) {
+        std::uint32_t field[6];
+        memcpy(field, argument, sizeof field);
+        Log("config %d: mask %u baud %u parity %u stop %u flow %u data %u%s\n", port, field[0], field[1], field[2],
+            field[3], field[4], field[5], ending);
+    } else {
+        // Callers pass a plain integer; what is above its bits is not theirs.
+        const bool disable = static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(argument)) != 0;
+        Log("rx %d %s%s\n", port, disable ? "disabled" : "enabled", ending);
+    }
+    if (refused)
+        errno = EIO;
+    return refused ? -1 : 0;
+}
+
+std::int64_t Microseconds(const timeval &time)
+{
+    return std::int64_t{time.tv_sec} * 1000000 + time.tv_usec;
+}
+
+timeval TimeOf(std::int64_t microseconds)
+{
+    timeval time;
+    time.tv_sec = static_cast<decltype(time.tv_sec)>(microseconds / 1000000);
+    time.tv_usec = static_cast<decltype(time.tv_usec)>(microseconds % 1000000);
+    return time;
+}
+
+// Writes, and returns when a line of that speed has carried it all.
+ssize_t WriteLine(int fd, const void *data, std::size_t size, long baud)
+{
+    timespec until = {};
+    clock_gettime(CLOCK_MONOTONIC, &until);
+    const ssize_t written = gRealWrite(fd, data, size);
+    if (baud <= 0 || written <= 0)
+        return written;
+    const std::int64_t nanoseconds = until.tv_nsec + std::int64_t{written} * 11 * 1000000000 / baud;
+    until.tv_sec += static_cast<time_t>(nanoseconds / 1000000000);
+    until.tv_nsec = static_cast<decltype(until.tv_nsec)>(nanoseconds % 1000000000);
+    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr) == EINTR)
+        ;
+    return written;
+}
+
+bool IsRelay(const char *path)
+{
+    return gOrders.on && strcmp(path, kRelay) == 0;
+}
+
+// Where a path leads; place is room for it. What has to be cut to fit is still longer than the system
+// takes, so that it is refused (ENAMETOOLONG).
+const char *PlaceOf(const char *path, char (&place)[kPlace])
+{
+    constexpr std::size_t kLength = sizeof kOpt - 1;
+    if (IsRelay(path))
+        return gOrders.relay;
+    if (!gOrders.on || strncmp(path, kOpt, kLength) != 0 || (path[kLength] != '/' && path[kLength] != '\0'))
+        return path;
+    if (gOrders.opt[0] == '\0')
+        return "";
+    snprintf(place, sizeof place, "%s%s", gOrders.opt, path + kLength);
+    return place;
+}
+
+// The mode is there only if the flags ask for it.
+int Open(Real<int(const char *, int, ...)> &real, const char *path, int flags, va_list &arguments)
+{
+    const int port = PortOfPath(path);
+    if (port >= 0)
+        return OpenPort(port, flags);
+    const bool creates = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
+    char place[kPlace];
+    const int fd = real(PlaceOf(path, place), flags, creates ? va_arg(arguments, mode_t) : mode_t{0});
+    if (IsRelay(path))
+        Log(fd < 0 ? "open relay refused\n" : "open relay\n");
+    return fd;
+}
+
+// The result of a close of any kind, which may be made to get lost.
+int Closed(int result)
+{
+    if (++gCloses != gOrders.lostClose)
+        return result;
+    Log("lost close\n");
+    errno = EIO;
+    return -1; // EOF, for a stream
+}
+
+template <class Function, class... Rest> auto AtPlace(Real<Function> &real, const char *path, Rest... rest)
+{
+    char place[kPlace];
+    return real(PlaceOf(path, place), rest...);
+}
+
+} // namespace
+
+extern "C" int open(const char *path, int flags, ...)
+{
+    va_list arguments;
+    va_start(arguments, flags);
+    const int fd = Open(gRealOpen, path, flags, arguments);
+    va_end(arguments);
+    return fd;
+}
+
+extern "C" int open64(const char *path, int flags, ...)
+{
+    va_list arguments;
+    va_start(arguments, flags);
+    const int fd = Open(gRealOpen64, path, flags, arguments);
+    va_end(arguments);
+    return fd;
+}
+
+extern "C" FILE *fopen(const char *path, const char *mode)
+{
+    return AtPlace(gRealFopen, path, mode);
+}
+
+extern "C" FILE *fopen64(const char *path, const char *mode)
+{
+    return AtPlace(gRealFopen64, path, mode);
+}
+
+extern "C" int StatPlace(const char *path, void *status)
+{
+    return AtPlace(gRealStat, path, status);
+}
+
+extern "C" int StatPlace64(const char *path, void *status)
+{
+    return AtPlace(gRealStat64, path, status);
+}
+
+extern "C" int close(int fd)
+{
+    const int port = PortOfDescriptor(fd);
+    if (port >= 0) {
+        gPortOf[fd] = 0;
+        Log("close %d\n", port);
+    }
+    return Closed(gRealClose(fd));
+}
+
+extern "C" int fclose(FILE *stream)
+{
+    return Closed(gRealFclose(stream));
+}
+
+extern "C" ssize_t read(int fd, void *data, std::size_t size)
+{
+    if (++gReads == gOrders.halfRead) {
+        size = (size + 1) / 2;
+        Log("half read\n");
+    }
+    return gRealRead(fd, data, size);
+}
+
+extern "C" ssize_t write(int fd, const void *data, std::size_t size)
+{
+    if (++gWrites == gOrders.halfWrite) {
+        size = (size + 1) / 2;
+        Log("half write\n");
+    }
+    const int port = PortOfDescriptor(fd);
+    if (port < 0)
+        return gRealWrite(fd, data, size);
+    const auto &orders = gOrders.ports[port];
+    if (++gCounts[port].writes != orders.cutWrite)
+        return WriteLine(fd, data, size, orders.baud);
+    if (orders.cutTo < 0) {
+        Log("write %d refused\n", port);
+        errno = EIO;
+        return -1;
+    }
+    const std::size_t kept =
+        size < static_cast<std::size_t>(orders.cutTo) ? size : static_cast<std::size_t>(orders.cutTo);
+    Log("write %d: %zu of %zu bytes\n", port, kept, size);
+    return WriteLine(fd, data, kept, orders.baud);
+}
+
+extern "C" int ioctl(int fd, unsigned long request, ...)
+{
+    va_list arguments;
+    va_start(arguments, request);
+    void *argument = va_arg(arguments, void *);
+    va_end(arguments);
+    const int port = PortOfDescriptor(fd);
+    const auto code = static_cast<std::uint32_t>(request); // may come with its sign extended
+    if (port >= 0 && (code == bench::kSetConfig || code == bench::kDisableRx))
+        return RequestPort(port, code, argument);
+    return gRealIoctl(fd, request, argument);
+}
+
+extern "C" int select(int count, fd_set *reading, fd_set *writing, fd_set *exceptional, timeval *timeout)
+{
+    const bool pure = timeout != nullptr && reading == nullptr && writing == nullptr && exceptional == nullptr;
+    if (!gOrders.on || !pure || gettid() != getpid()) // other tasks keep their own rhythm
+        return gRealSelect(count, reading, writing, exceptional, timeout);
+    const std::int64_t asked = Microseconds(*timeout);
+    Log("wait %lld\n", static_cast<long long>(asked));
+    timeval left = TimeOf(asked / gOrders.waitDivisor);
+    const int result = gRealSelect(count, reading, writing, exceptional, &left);
+    *timeout = TimeOf(Microseconds(left) * gOrders.waitDivisor);
+    return result;
+}
