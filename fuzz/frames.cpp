@@ -6,7 +6,7 @@
 
 #include "bench/camera.h"
 #include "bench/micro.h"
-#include "devlib/haldenflash/framing.h"
+#include "devlib/haldenflash/messages.h"
 
 #include <numeric>
 #include <optional>

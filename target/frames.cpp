@@ -1,6 +1,6 @@
 // Builds a number of frames of a camera block's size and ends, for an emulator to count instructions.
 // usage: frames COUNT
-#include "devlib/haldenflash/framing.h"
+#include "devlib/haldenflash/messages.h"
 
 #include <algorithm>
 #include <array>

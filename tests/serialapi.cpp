@@ -4,7 +4,6 @@
 #include "Common/OS/linux/oslinux.h"
 #include "Common/OS/linux/psosapi/ptimer.h"
 #include "Common/OS/linux/psosapi/semaphore.h"
-#include "devlib/haldenflash/framing.h"
 #include "devlib/haldenflash/updateport.h"
 #include "tests/fakeports.h"
 #include "tests/tasks.h"

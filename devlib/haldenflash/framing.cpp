@@ -1,11 +1,8 @@
 #include "devlib/haldenflash/framing.h"
 
 #include "Common/OS/osassert.h"
-#include "devlib/serialapi.h"
 
-#include <cstdio>
 #include <cstring>
-#include <sys/select.h>
 
 namespace
 {
@@ -84,23 +81,6 @@ UInt8 *AppendData(UInt8 *end, const UInt8 *data, size_t size, UInt32 *sum)
 
 } // namespace
 
-Boolean validateKoraHaldenMessageType(UInt8 msgType)
-{
-    switch (msgType) {
-    case KORA_HALDEN_MESSAGE_TYPE_A:
-    case KORA_HALDEN_MESSAGE_TYPE_B:
-    case KORA_HALDEN_MESSAGE_TYPE_SET_BACKLIGHT_BRIGHTNESS:
-    case KORA_HALDEN_MESSAGE_TYPE_REQUEST_SYSTEM_STATUS:
-    case KORA_HALDEN_MESSAGE_TYPE_REFLASH_MICRO_BLOCK:
-    case KORA_HALDEN_MESSAGE_TYPE_E:
-    case KORA_HALDEN_MESSAGE_TYPE_REFLASH_FARSIGHT_CAMERA:
-    case KORA_HALDEN_MESSAGE_TYPE_REFLASH_FARSIGHT_SYSTEM:
-        return 1;
-    default:
-        return 0;
-    }
-}
-
 void encryptOneByte(UInt8 *startOfMessage, Int32 *index)
 {
     os_assert(startOfMessage != nullptr, "startOfMessage");
@@ -109,68 +89,18 @@ void encryptOneByte(UInt8 *startOfMessage, Int32 *index)
     *index += static_cast<Int32>(AppendStuffed(byte, *byte) - byte);
 }
 
-eErrorT buildKoraToHaldenMsg(KORA_HALDEN_MESAGE_TYPE msgType, Int32 orgMsgSize, const UInt8 *orgMsgPtr,
-                             Int32 *ptrNewMsgSize, UInt8 *ptrNewMsg)
+Int32 BuildFrame(UInt8 type, const UInt8 *data, Int32 size, UInt8 *frame)
 {
-    os_assert(ptrNewMsgSize != nullptr, "ptrNewMsgSize");
-    *ptrNewMsgSize = 0;
-    if (validateKoraHaldenMessageType(msgType) == 0) {
-        std::puts("packetizeKoraToHaldenMsg() -- Invalid message.");
-        return kBadParameter;
-    }
-    os_assert(orgMsgPtr != nullptr || orgMsgSize == 0, "orgMsgPtr");
-    os_assert(ptrNewMsg != nullptr, "ptrNewMsg");
-    // Only as much is cleared as the old contents, read as a string, are long; that is enough, since
-    // every byte up to the stored length is written below.
-    std::memset(ptrNewMsg, 0, std::strlen(reinterpret_cast<const char *>(ptrNewMsg)));
-
-    const UInt32 length = static_cast<UInt32>(orgMsgSize + kChecksumSize);
-    ptrNewMsg[0] = kDelimiter;
-    UInt8 *end = AppendStuffed(ptrNewMsg + 1, msgType);
+    const UInt32 length = static_cast<UInt32>(size + kChecksumSize);
+    frame[0] = kDelimiter;
+    UInt8 *end = AppendStuffed(frame + 1, type);
     end = AppendStuffed(end, static_cast<UInt8>(length >> 8));
     end = AppendStuffed(end, static_cast<UInt8>(length));
     UInt32 sum = 0;
-    end = AppendData(end, orgMsgPtr, static_cast<size_t>(orgMsgSize), &sum);
+    end = AppendData(end, data, static_cast<size_t>(size), &sum);
     const UInt32 checksum = kChecksumModulus - sum; // all three bytes 0 for no data
     end = AppendStuffed(end, static_cast<UInt8>(checksum >> 16));
     end = AppendStuffed(end, static_cast<UInt8>(checksum >> 8));
     end = AppendStuffed(end, static_cast<UInt8>(checksum));
-    *ptrNewMsgSize = static_cast<Int32>(end - ptrNewMsg);
-    return kNoError;
-}
-
-int genericWriteRs232Port(int portNum, const UInt8 *buf, int buflen)
-{
-    const int written = Serial_Write(portNum, reinterpret_cast<const char *>(buf), buflen, 0);
-    if (written != buflen)
-        std::printf("#### genericWriteRs232Port() with ERROR: Actual written [%d bytes] -- Request written [%d bytes] "
-                    "...\n",
-                    written, buflen);
-    return written;
-}
-
-Int32 axxtoi(const char *hexStg)
-{
-    os_assert(hexStg != nullptr, "hexStg");
-    constexpr int kMaxDigits = 6;
-    UInt32 value = 0;
-    for (int i = 0; i < kMaxDigits; i++) {
-        const auto c = static_cast<unsigned char>(hexStg[i]);
-        if (c >= 0x2A && c <= 0x3F) // the digits, and by the test's nature the punctuation around them
-            value = value << 4 | (c & 0x0F);
-        else if ((c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F'))
-            value = value << 4 | ((c & 0x0F) + 9u);
-        else
-            break;
-    }
-    return static_cast<Int32>(value);
-}
-
-void Delay(Int32 delay_usecs)
-{
-    os_assert(delay_usecs >= 0, "delay_usecs >= 0"); // every wait would fail, and start over
-    timeval time{};
-    do {
-        time = {0, delay_usecs}; // a second and more is accepted in this member
-    } while (select(0, nullptr, nullptr, nullptr, &time) < 0);
+    return static_cast<Int32>(end - frame);
 }
