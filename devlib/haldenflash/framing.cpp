@@ -2,6 +2,8 @@
 
 #include "Common/OS/osassert.h"
 
+#include <algorithm>
+#include <bit>
 #include <cstring>
 
 namespace
@@ -13,70 +15,73 @@ constexpr Int32 kChecksumSize = 3;
 constexpr UInt32 kChecksumModulus = 0x1000000;
 
 // Appends one byte, stuffed, and returns the new end.
-UInt8 *AppendStuffed(UInt8 *end, UInt8 byte)
+UInt8 *AppendStuffed(UInt8 *end, UInt32 byte)
 {
-    if (byte < kEscape) {
-        *end = byte;
-        return end + 1;
+    if (byte >= kEscape) {
+        *end++ = kEscape;
+        byte &= 1; // FF becomes FE 01, FE becomes FE 00
     }
-    end[0] = kEscape;
-    end[1] = byte & 1; // FF becomes FE 01, FE becomes FE 00
-    return end + 2;
-}
-
-using Word = unsigned long;
-constexpr Word kOnes = ~Word{0} / 0xFF;       // 01 in every byte
-constexpr Word kLowHalves = ~Word{0} / 0x101; // FF in every other byte
-constexpr Word kHalfOnes = ~Word{0} / 0xFFFF; // 0001 in every 16 bits
-constexpr int kTopHalf = 8 * (sizeof(Word) - 2);
-
-bool HasEscapedByte(Word word)
-{
-    const Word rest = ~word & ~kOnes; // a byte is 0 where the word holds FF or FE
-    return ((rest - kOnes) & ~rest & (kOnes << 7)) != 0;
-}
-
-UInt32 SumOfBytes(Word word)
-{
-    const Word pairs = (word & kLowHalves) + ((word >> 8) & kLowHalves);
-    return static_cast<UInt32>(pairs * kHalfOnes >> kTopHalf);
-}
-
-UInt8 *AppendBytes(UInt8 *end, const UInt8 *data, size_t size)
-{
-    for (size_t i = 0; i < size; i++)
-        end = AppendStuffed(end, data[i]);
+    *end++ = static_cast<UInt8>(byte);
     return end;
 }
 
-// Appends the data, stuffed, and adds up its bytes, in one pass. Words without a byte to escape are
-// copied as they are, and so is the escape of a word that is all FF, as erased flash is, or all FE.
-UInt8 *AppendData(UInt8 *end, const UInt8 *data, size_t size, UInt32 *sum)
+using Word = unsigned long;
+constexpr Word kOnes = ~Word{0} / 0xFF; // 01 in every byte
+constexpr Word kTopBits = kOnes << 7;
+constexpr Word kLowHalves = ~Word{0} / 0x101; // FF in every other byte
+constexpr Word kFirstOfPairs = std::endian::native == std::endian::big ? kLowHalves << 8 : kLowHalves; // in memory
+constexpr size_t kPieceSize = 128 * sizeof(Word); // sums of its pairs of bytes fit into 16 bits
+
+// FE and FF carry into their top bit, which is set.
+bool HasEscapedByte(Word word)
 {
-    static constexpr UInt8 kUniform[][16] = {
-        {0xFE, 0, 0xFE, 0, 0xFE, 0, 0xFE, 0, 0xFE, 0, 0xFE, 0, 0xFE, 0, 0xFE, 0}, // of FE
-        {0xFE, 1, 0xFE, 1, 0xFE, 1, 0xFE, 1, 0xFE, 1, 0xFE, 1, 0xFE, 1, 0xFE, 1}, // of FF
-    };
-    constexpr size_t kUniformSize = 2 * sizeof(Word);
-    UInt32 total = 0;
-    for (; size >= sizeof(Word); data += sizeof(Word), size -= sizeof(Word)) {
+    return (((word & ~kTopBits) + 2 * kOnes) & word & kTopBits) != 0;
+}
+
+// Appends bytes one by one, stuffed, and adds them up.
+UInt8 *AppendBytes(UInt8 *end, const UInt8 *data, size_t size, UInt32 *sum)
+{
+    UInt32 total = *sum;
+    for (size_t i = 0; i < size; i++) {
+        const UInt32 byte = data[i];
+        total += byte;
+        end = AppendStuffed(end, byte);
+    }
+    *sum = total;
+    return end;
+}
+
+// Appends at most kPieceSize bytes by words, stuffed, and adds them up. A word without a byte to escape is copied. A
+// word that is all FF, as erased flash is, or all FE has one escape over and over. Any other word is likely to
+// have neighbours that are no better, so the next stretch goes byte by byte.
+UInt8 *AppendPiece(UInt8 *end, const UInt8 *data, size_t size, UInt32 *sum)
+{
+    constexpr size_t kStretch = 16;
+    const UInt8 *const last = data + size;
+    const UInt8 *const lastWord = data + size / sizeof(Word) * sizeof(Word);
+    Word pairs = 0; // sums of the bytes at even places and of those behind them, 16 bits each
+    while (data != lastWord) {
         Word word;
         std::memcpy(&word, data, sizeof word);
-        total += SumOfBytes(word);
         if (!HasEscapedByte(word)) {
             std::memcpy(end, &word, sizeof word);
             end += sizeof word;
         } else if (word == ~Word{0} || word == ~kOnes) {
-            std::memcpy(end, kUniform[word & 1], kUniformSize);
-            end += kUniformSize;
+            const Word escapes = (kFirstOfPairs & ~kOnes) | (word & ~kFirstOfPairs & kOnes);
+            for (int half = 0; half < 2; half++, end += sizeof escapes)
+                std::memcpy(end, &escapes, sizeof escapes);
         } else {
-            end = AppendBytes(end, data, sizeof word);
+            const size_t stretch = std::min(kStretch, static_cast<size_t>(lastWord - data));
+            end = AppendBytes(end, data, stretch, sum);
+            data += stretch;
+            continue;
         }
+        pairs += (word & kLowHalves) + (word >> 8 & kLowHalves);
+        data += sizeof word;
     }
-    for (size_t i = 0; i < size; i++)
-        total += data[i];
-    *sum = total;
-    return AppendBytes(end, data, size);
+    for (; pairs != 0; pairs >>= 16)
+        *sum += pairs & 0xFFFF;
+    return AppendBytes(end, data, static_cast<size_t>(last - data), sum);
 }
 
 } // namespace
@@ -92,15 +97,18 @@ void encryptOneByte(UInt8 *startOfMessage, Int32 *index)
 Int32 BuildFrame(UInt8 type, const UInt8 *data, Int32 size, UInt8 *frame)
 {
     const UInt32 length = static_cast<UInt32>(size + kChecksumSize);
-    frame[0] = kDelimiter;
-    UInt8 *end = AppendStuffed(frame + 1, type);
-    end = AppendStuffed(end, static_cast<UInt8>(length >> 8));
-    end = AppendStuffed(end, static_cast<UInt8>(length));
+    const UInt8 header[] = {type, static_cast<UInt8>(length >> 8), static_cast<UInt8>(length)};
     UInt32 sum = 0;
-    end = AppendData(end, data, static_cast<size_t>(size), &sum);
+    frame[0] = kDelimiter;
+    UInt8 *end = AppendBytes(frame + 1, header, sizeof header, &sum);
+    sum = 0;
+    for (size_t left = static_cast<size_t>(size), piece = 0; left > 0; left -= piece, data += piece) {
+        piece = std::min(left, kPieceSize);
+        end = AppendPiece(end, data, piece, &sum);
+    }
     const UInt32 checksum = kChecksumModulus - sum; // all three bytes 0 for no data
-    end = AppendStuffed(end, static_cast<UInt8>(checksum >> 16));
-    end = AppendStuffed(end, static_cast<UInt8>(checksum >> 8));
-    end = AppendStuffed(end, static_cast<UInt8>(checksum));
+    const UInt8 trailer[kChecksumSize] = {static_cast<UInt8>(checksum >> 16), static_cast<UInt8>(checksum >> 8),
+                                          static_cast<UInt8>(checksum)};
+    end = AppendBytes(end, trailer, sizeof trailer, &sum);
     return static_cast<Int32>(end - frame);
 }
