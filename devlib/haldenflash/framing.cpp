@@ -52,11 +52,9 @@ UInt8 *AppendBytes(UInt8 *end, const UInt8 *data, size_t size, UInt32 *sum)
 }
 
 // Appends at most kPieceSize bytes by words, stuffed, and adds them up. A word without a byte to escape is copied. A
-// word that is all FF, as erased flash is, or all FE has one escape over and over. Any other word is likely to
-// have neighbours that are no better, so the next stretch goes byte by byte.
+// word that is all FF, as erased flash is, or all FE has one escape over and over.
 UInt8 *AppendPiece(UInt8 *end, const UInt8 *data, size_t size, UInt32 *sum)
 {
-    constexpr size_t kStretch = 16;
     const UInt8 *const last = data + size;
     const UInt8 *const lastWord = data + size / sizeof(Word) * sizeof(Word);
     Word pairs = 0; // sums of the bytes at even places and of those behind them, 16 bits each
@@ -71,10 +69,9 @@ UInt8 *AppendPiece(UInt8 *end, const UInt8 *data, size_t size, UInt32 *sum)
             for (int half = 0; half < 2; half++, end += sizeof escapes)
                 std::memcpy(end, &escapes, sizeof escapes);
         } else {
-            const size_t stretch = std::min(kStretch, static_cast<size_t>(lastWord - data));
-            end = AppendBytes(end, data, stretch, sum);
-            data += stretch;
-            continue;
+#pragma GCC unroll 8
+            for (size_t i = 0; i < sizeof word; i++)
+                end = AppendStuffed(end, data[i]);
         }
         pairs += (word & kLowHalves) + (word >> 8 & kLowHalves);
         data += sizeof word;
