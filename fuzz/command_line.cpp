@@ -13,8 +13,6 @@
 #include <sys/stat.h>
 #include <vector>
 
-int haldenflash_main(int argc, char *argv[]);
-
 namespace
 {
 
@@ -193,7 +191,7 @@ extern "C" int LLVMFuzzerTestOneInput(const UInt8 *data, std::size_t size)
     const Choice choice = Chosen(words);
     gbDoMicro = gbDoFarsight = gbQueryOnly = gbUpdateRequired = 0;
     SetSystemHardwareType(kUninitialized);
-    const int status = haldenflash_main(static_cast<int>(words.size()), argv.data());
+    const int status = RunHaldenflash(static_cast<int>(words.size()), argv.data());
     CheckEnd(choice, status);
     if (choice.micro || choice.farsight)
         CheckProgress(choice);

@@ -6,7 +6,7 @@
 
 #include "bench/devices/camera.h"
 #include "bench/devices/micro.h"
-#include "devlib/haldenflash/framing.h"
+#include "devlib/haldenflash/messages.h"
 
 #include <numeric>
 #include <optional>

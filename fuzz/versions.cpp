@@ -4,8 +4,8 @@
 #include "fuzz/board.h"
 
 #include "devlib/haldenflash/farsightupdate.h"
-#include "devlib/haldenflash/framing.h"
 #include "devlib/haldenflash/haldenflash.h"
+#include "devlib/haldenflash/hextext.h"
 
 #include <iterator>
 #include <sstream>

@@ -1,6 +1,6 @@
 // A camera block's frame against memcpy and against a plain loop over its bytes. With "--frames N"
 // the program builds N frames and ends: to be counted by valgrind with two values of N.
-#include "devlib/haldenflash/framing.h"
+#include "devlib/haldenflash/messages.h"
 
 #include <benchmark/benchmark.h>
 

@@ -1,14 +1,12 @@
 #include "devlib/haldenflash/framing.h"
 
 #include "bench/devices/frame.h"
+#include "devlib/haldenflash/messages.h"
 
-#include <chrono>
-#include <csignal>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <numeric>
 #include <random>
-#include <unistd.h>
 
 namespace
 {
@@ -22,13 +20,13 @@ Bytes Framed(UInt8 type, Bytes data)
     for (const int shift : {16, 8, 0})
         data.push_back(static_cast<UInt8>(checksum >> shift));
     data.insert(data.begin(), {type, static_cast<UInt8>(data.size() >> 8), static_cast<UInt8>(data.size())});
-    Bytes wire(2 * data.size() + 1, 0xFF);
-    Int32 size = 1;
+    Bytes wire = {0xFF};
     for (const UInt8 byte : data) {
-        wire[static_cast<std::size_t>(size)] = byte;
-        encryptOneByte(wire.data(), &size);
+        wire.push_back(std::min<UInt8>(byte, 0xFE));
+        if (byte >= 0xFE)
+            wire.push_back(byte == 0xFF ? 1 : 0);
     }
-    return Bytes(wire.begin(), wire.begin() + size);
+    return wire;
 }
 
 // The updater builds the frame over old contents, within the room that it asks for; the bench decodes it.
@@ -46,7 +44,9 @@ void ExpectFrame(UInt8 type, const Bytes &data, const Bytes &wire)
     for (const UInt8 byte : wire)
         decoder.Feed(byte);
     EXPECT_EQ("", decoder.deviation());
-    EXPECT_TRUE(decoder.BetweenFrames() && type == decoder.frame().type && data == decoder.frame().data);
+    EXPECT_TRUE(decoder.BetweenFrames());
+    EXPECT_EQ(type, decoder.frame().type);
+    EXPECT_EQ(data, decoder.frame().data);
 }
 
 // "FE 00*3" is FE 00 00 00; "-" is nothing.
@@ -88,6 +88,31 @@ TEST(Frames, OfAnySizeAndMixRoundTrip)
     }
 }
 
+TEST(Frames, LeaveNothingOfALongerOneBehindThem)
+{
+    for (const auto &[old, expected] : {std::pair<Bytes, Bytes>{Bytes(20, 7), Bytes(13, 0)}, // up to the old zero
+                                        {{7, 0, 7, 7, 7, 7, 7, 7, 7, 7}, {7, 7, 7}}}) {      // the frame has passed it
+        Bytes buffer = old;
+        buffer.push_back(0);
+        Int32 size = 0;
+        buildKoraToHaldenMsg(KORA_HALDEN_MESSAGE_TYPE_A, 0, nullptr, &size, buffer.data());
+        EXPECT_EQ(Bytes(buffer.begin() + 7, buffer.end() - 1), expected);
+    }
+}
+
+TEST(Frames, AreStuffedByteByByte)
+{
+    const auto stuffed = [](UInt8 byte) {
+        Bytes buffer = {0, byte, 9, 9};
+        Int32 index = 1;
+        encryptOneByte(buffer.data(), &index);
+        return std::pair(buffer, index);
+    };
+    EXPECT_EQ(stuffed(0xFF), std::pair(Bytes({0, 0xFE, 1, 9}), 3));
+    EXPECT_EQ(stuffed(0xFE), std::pair(Bytes({0, 0xFE, 0, 9}), 3));
+    EXPECT_EQ(stuffed(0xFD), std::pair(Bytes({0, 0xFD, 9, 9}), 2));
+}
+
 TEST(Frames, OfOtherTypesAreRefused)
 {
     for (int type = 0; type < 256; type++) {
@@ -117,26 +142,6 @@ TEST(Framing, StopsOnAnArgumentThatCannotBe)
     EXPECT_DEATH(build(&size, frame, nullptr), "failed: ptrNewMsg,");
     EXPECT_DEATH(encryptOneByte(nullptr, &size), "failed: startOfMessage,");
     EXPECT_DEATH(encryptOneByte(frame, nullptr), "failed: index,");
-    EXPECT_DEATH(axxtoi(nullptr), "failed: hexStg,");
-    EXPECT_DEATH(Delay(-1), "failed: delay_usecs >= 0,");
-}
-
-TEST(Delays, StartOverWhenInterrupted)
-{
-    std::signal(SIGALRM, [](int) {});
-    const auto start = std::chrono::steady_clock::now();
-    ualarm(20000, 0);
-    Delay(200000);
-    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(220));
-}
-
-TEST(HexadecimalText, HasUpToSixDigits)
-{
-    for (const char *text : {"ABCDEF", "abcdef", "ABCDEF7", ":;<=>?", "*+,-./"})
-        EXPECT_EQ(0xABCDEF, axxtoi(text)) << text;
-    for (const char *text : {"12", "12 4", "12\n", "12)4", "12@4", "12G4", "12`4", "12g4", "12\xE1"})
-        EXPECT_EQ(0x12, axxtoi(text)) << text;
-    EXPECT_EQ(0, axxtoi(""));
 }
 
 } // namespace

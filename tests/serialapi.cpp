@@ -5,7 +5,6 @@
 #include "Common/OS/linux/psosapi/ptimer.h"
 #include "Common/OS/linux/psosapi/semaphore.h"
 #include "bench/standin/ptyboard.h"
-#include "devlib/haldenflash/framing.h"
 #include "devlib/haldenflash/updateport.h"
 #include "tests/tasks.h"
 

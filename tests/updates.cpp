@@ -1,64 +1,100 @@
-// The calls of both updates that main makes in one way only.
+// What the calls of both updates promise to callers that the program does not have, and the small pieces they share.
+#include "devlib/haldenflash/delay.h"
 #include "devlib/haldenflash/farsightupdate.h"
-#include "devlib/haldenflash/haldenflash.h"
-#include "devlib/haldenflash/image.h"
+#include "devlib/haldenflash/hextext.h"
+#include "devlib/haldenflash/imagefile.h"
 #include "devlib/haldenflash/microupdate.h"
 #include "devlib/haldenflash/updateport.h"
 #include "tests/folders.h"
 
-#include <cstring>
-
-Boolean gbQueryOnly, gbUpdateRequired; // which main has otherwise
-void PrintArguments(int, char *const[]) {}
+#include <chrono>
+#include <csignal>
+#include <functional>
+#include <unistd.h>
 
 namespace
 {
 
-TEST(Updates, AnswerCallersOtherThanMain)
+// What a call prints, which gives that result.
+std::string Printed(int result, const std::function<int()> &call)
+{
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(result, call());
+    return testing::internal::GetCapturedStdout();
+}
+
+// Opens, and cannot be read.
+FILE *Folder()
+{
+    return OpenImage("/");
+}
+
+TEST(Updates, CountTheBlocksOfTheImagesThatTheyAreAskedFor)
 {
     const ConfigFolders folders;
     folders.Put("work/farsightcam.bin", std::string(600000, 'c'));
-    Int32 number = 0, none = 0;
-    const UInt8 block[2] = {1, 2};
-    const auto folder = [] { return OpenImage("/"); }; // opens, and cannot be read
-    HaldenMicroUpdateInfoS micro = {folder(), 0, 12, 3}, done = {nullptr, 12, 12, 3};
-    FarSightUpdateInfoS camera = {folder(), 0, 1, 3, nullptr, 0, 0, 3};
-    const auto count = [&](CameraFirmwareTypeT type) {
-        return GetFarSightCameraImageBlockNumber(type, &number, &none);
+    Int32 camera = 7, system = 7;
+    const auto count = [&](int type) {
+        return [&, type] {
+            return GetFarSightCameraImageBlockNumber(static_cast<CameraFirmwareTypeT>(type), &camera, &system);
+        };
     };
-    UInt8 filled[3] = {9, 9, 9};
-    EXPECT_EQ(FillBlock(filled, 0x102, 1, micro.micro_file, "", ""), -1);
-    EXPECT_EQ(filled[0], 1);
-    EXPECT_EQ(filled[1], 2);
-    EXPECT_EQ(filled[2], 0);
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(count(CAMERA_FW_TYPE_CAMERA), kNoError);
-    EXPECT_EQ(number, 10);
-    EXPECT_EQ(count(CAMERA_FW_TYPE_SYSTEM), kNoError);
-    EXPECT_EQ(number, 0);
-    EXPECT_EQ(none, 0);
-    EXPECT_EQ(count(CAMERA_FW_TYPE_UNKNOWN), kBadParameter);
-    EXPECT_EQ(sendFarSightFlashDataBlock(block, 2, CONTROLLER_FLASH_TYPE_HALDENMICRO), kBadParameter);
-    EXPECT_EQ(SendNextFarSightDataBlock(&camera), kFuncReturnedError);
-    EXPECT_EQ(SendNextMicroDataBlock(&micro), kFuncReturnedError);
+    EXPECT_EQ(Printed(kNoError, count(CAMERA_FW_TYPE_CAMERA)),
+              "GetFarSightCameraImageBlockNumber()...\n[farsightcam.bin] image size: 600000 ...\n");
+    EXPECT_EQ(camera, 10);
+    EXPECT_EQ(system, 0);
+    EXPECT_EQ(Printed(kNoError, count(CAMERA_FW_TYPE_SYSTEM)), "GetFarSightCameraImageBlockNumber()...\n");
+    EXPECT_EQ(camera, 0);
+    EXPECT_EQ(Printed(kBadParameter, count(CAMERA_FW_TYPE_UNKNOWN)),
+              "GetFarSightCameraImageBlockNumber()...\nInvalid FarSight Camera Image[255] ...\n");
+}
+
+TEST(Updates, CloseAnImageThatCannotBeRead)
+{
+    FarSightUpdateInfoS camera = {Folder(), 0, 1, 3, nullptr, 0, 0, 3};
+    EXPECT_EQ(Printed(kFuncReturnedError, [&] { return SendNextFarSightDataBlock(&camera); }),
+              "bytes read: -1 ...\n\nReading 64512 bytes from file: farsightcam.bin failed, err: -1, ABORT FarSight "
+              "camera image programming....\n");
     EXPECT_EQ(camera.farsight_cam_file, nullptr);
+    HaldenMicroUpdateInfoS micro = {Folder(), 0, 12, 3};
+    EXPECT_EQ(Printed(kFuncReturnedError, [&] { return SendNextMicroDataBlock(&micro); }),
+              "bytes read: -1 ...\n\nReading 512 bytes from Micro program file: haldenmicro.bin failed, err: -1, "
+              "ABORT Micro programming....\n");
     EXPECT_EQ(micro.micro_file, nullptr);
-    EXPECT_EQ(HaldenSerialProgMicro(CONTROLLER_FLASH_TYPE_HALDENMICRO), kFileOpenError);
+}
+
+TEST(Updates, TellTheNumberOfABlockThatIsNotSent)
+{
+    const UInt8 block[2] = {1, 2};
+    EXPECT_EQ(
+        Printed(kBadParameter, [&] { return sendFarSightFlashDataBlock(block, 2, CONTROLLER_FLASH_TYPE_HALDENMICRO); }),
+        "sending dataBlockNumber: 258 -- msgSize:2 ...\n"
+        "Error, sendFarSightFlashDataBlock() -- Wrong flashType:0 ...\n");
+    HaldenMicroUpdateInfoS micro = {OpenImage("/dev/null"), 0x102, 0x103, 3}; // nothing is left of the image
+    EXPECT_EQ(Printed(kFuncReturnedError, [&] { return SendNextMicroDataBlock(&micro); }),
+              "bytes read: 0 ...\n\nLast block read_cnt: 0 of file: haldenmicro.bin \n"
+              "Flashing Halden Micro Controller Image block[258] Iteration[1] ...\n"
+              "sending dataBlockNumber: 258 -- msgSize:2 ...\n"
+              "#### genericWriteRs232Port() with ERROR: Actual written [-25 bytes] -- Request written [11 bytes] ...\n"
+              "sendMicroFlashDataBlock() -- failure sending flash data block[258] from Kora to Halden ...sentBytes = "
+              "-25 -- NewMsgSize = 11\n");
+}
+
+TEST(Updates, SayOnceThatTheMicrocontrollersImageIsDone)
+{
+    HaldenMicroUpdateInfoS done = {nullptr, 12, 12, 3};
     EXPECT_EQ(SetupNextMicroDataBlock(&done, kBlockAck), kNoError); // there is no image
     EXPECT_EQ(done.currentBlock, 12);
     EXPECT_EQ(SendNextMicroDataBlock(&done), kEndOfFile);
-    EXPECT_EQ(SendNextMicroDataBlock(&done), kNoError); // nothing more
-    EXPECT_EQ(ReleaseUpdatePort(1), -1);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "GetFarSightCameraImageBlockNumber()...\n[farsightcam.bin] image size: 600000 ...\n"
-              "GetFarSightCameraImageBlockNumber()...\n"
-              "GetFarSightCameraImageBlockNumber()...\nInvalid FarSight Camera Image[255] ...\n"
-              "sending dataBlockNumber: 258 -- msgSize:2 ...\n"
-              "Error, sendFarSightFlashDataBlock() -- Wrong flashType:0 ...\nbytes read: -1 ...\n\n"
-              "Reading 64512 bytes from file: farsightcam.bin failed, err: -1, ABORT FarSight camera image "
-              "programming....\nbytes read: -1 ...\n\nReading 512 bytes from Micro program file: haldenmicro.bin "
-              "failed, err: -1, ABORT Micro programming....\n\n"
-              "Could not open Halden Microcontroller BIN file: haldenmicro.bin, Exit programming...\n"
+    EXPECT_EQ(SendNextMicroDataBlock(&done), kNoError);
+}
+
+TEST(Updates, FailWithoutAnImageOrAPort)
+{
+    const ConfigFolders empty;
+    EXPECT_EQ(Printed(kFileOpenError, [] { return HaldenSerialProgMicro(CONTROLLER_FLASH_TYPE_HALDENMICRO); }),
+              "\nCould not open Halden Microcontroller BIN file: haldenmicro.bin, Exit programming...\n");
+    EXPECT_EQ(Printed(-1, [] { return ReleaseUpdatePort(1); }),
               "SERIALAPI: In CLOSE, Port: 1 Mutex lock failed, err: 9\n"
               "ERROR: flash_micro() -- Failed close port: 1, err: -23\n");
 }
@@ -66,23 +102,16 @@ TEST(Updates, AnswerCallersOtherThanMain)
 TEST(Updates, TakeAZeroedRecordForNoImage)
 {
     HaldenMicroUpdateInfoS micro = {};
-    FarSightUpdateInfoS camera;
-    std::memset(&camera, 0, sizeof camera);
+    FarSightUpdateInfoS camera = {};
     micro.totalBlock = camera.totalCamBlock = camera.totalSysBlock = 1;
     micro.BlockRetries = camera.camBlockRetries = camera.sysBlockRetries = 3;
-    gMicroUpdateInfo.BlockRetries = 3;
-    gMicroUpdateInfo.totalBlock = 1;
-    testing::internal::CaptureStdout();
-    for (HaldenMicroUpdateInfoS *info : {&micro, &gMicroUpdateInfo}) {
-        EXPECT_EQ(SetupNextMicroDataBlock(info, kBlockAck), kNoError);
-        EXPECT_EQ(SendNextMicroDataBlock(info), kNoError);
-    }
-    EXPECT_EQ(SetupNextFarSightDataBlock(&camera, kBlockAck), kNoError);
-    EXPECT_EQ(SendNextFarSightDataBlock(&camera), kNoError);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    EXPECT_EQ(Printed(kNoError, [&] { return SetupNextMicroDataBlock(&micro, kBlockAck); }), "");
+    EXPECT_EQ(Printed(kNoError, [&] { return SendNextMicroDataBlock(&micro); }), "");
+    EXPECT_EQ(Printed(kNoError, [&] { return SetupNextFarSightDataBlock(&camera, kBlockAck); }), "");
+    EXPECT_EQ(Printed(kNoError, [&] { return SendNextFarSightDataBlock(&camera); }), "");
 }
 
-TEST(Updates, StopOnANullArgument)
+TEST(Updates, StopOnAnArgumentThatCannotBe)
 {
     Int32 number = 0;
     UInt8 byte = 0;
@@ -100,9 +129,28 @@ TEST(Updates, StopOnANullArgument)
     EXPECT_DEATH(OpenImage(nullptr), "failed: name,");
     EXPECT_DEATH(ReadBytes(nullptr, &byte, 1), "failed: file,");
     EXPECT_DEATH(ReadImage(stdin, nullptr, 1), "failed: buffer,");
-    EXPECT_DEATH(FillBlock(nullptr, 0, 1, stdin, "", ""), "failed: block,");
     EXPECT_DEATH(CloseImage(nullptr), "failed: image,");
+    EXPECT_DEATH(axxtoi(nullptr), "failed: hexStg,");
+    EXPECT_DEATH(Delay(-1), "failed: delay_usecs >= 0,");
     EXPECT_EQ(CloseImage(&none), 1u);
+}
+
+TEST(Delays, StartOverWhenInterrupted)
+{
+    std::signal(SIGALRM, [](int) {});
+    const auto start = std::chrono::steady_clock::now();
+    ualarm(20000, 0);
+    Delay(200000);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(220));
+}
+
+TEST(HexadecimalText, HasUpToSixDigits)
+{
+    for (const char *text : {"ABCDEF", "abcdef", "ABCDEF7", ":;<=>?", "*+,-./"})
+        EXPECT_EQ(0xABCDEF, axxtoi(text)) << text;
+    for (const char *text : {"12", "12 4", "12\n", "12)4", "12@4", "12G4", "12`4", "12g4", "12\xE1"})
+        EXPECT_EQ(0x12, axxtoi(text)) << text;
+    EXPECT_EQ(0, axxtoi(""));
 }
 
 } // namespace

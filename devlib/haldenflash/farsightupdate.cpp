@@ -1,8 +1,11 @@
 #include "devlib/haldenflash/farsightupdate.h"
 
 #include "Common/OS/osassert.h"
+#include "devlib/haldenflash/delay.h"
 #include "devlib/haldenflash/haldenflash.h"
-#include "devlib/haldenflash/image.h"
+#include "devlib/haldenflash/hextext.h"
+#include "devlib/haldenflash/imagefile.h"
+#include "devlib/haldenflash/transfer.h"
 #include "devlib/haldenflash/updateport.h"
 #include "devlib/serialapi.h"
 #include "softupdate/progressctrl/progressctrl.h"
@@ -15,13 +18,10 @@ FarSightUpdateInfoS gFarsightUpdateInfo;
 namespace
 {
 
-constexpr int kCameraPort = 0;
-constexpr Int32 kMessageTimeout = 10000;   // microseconds, this and the next two
-constexpr Int32 kVerdictTimeout = 4000000; // the camera programs a block before it answers
-constexpr Int32 kReplyPause = 3000000;     // before a reply to a raw message is read
-constexpr Int32 kBlockSize = 64512;
-constexpr Int32 kFreshBlock = 3; // retries of a block that was not refused yet
-constexpr Int32 kMaxFrameSize = 131072;
+constexpr const ImageRow &kCamera = kImages[CONTROLLER_FLASH_TYPE_FARSIGT_CAMERA_FW];
+constexpr const ImageRow &kSystem = kImages[CONTROLLER_FLASH_TYPE_FARSIGT_SYSTEM_FW];
+constexpr Int32 kMessageTimeout = 10000; // microseconds, as is the next
+constexpr Int32 kReplyPause = 3000000;   // before a reply to a raw message is read
 constexpr Int32 kCountChunk = 524288;
 constexpr Int32 kVersionTextSize = 8;
 
@@ -38,69 +38,14 @@ constexpr UInt8 kFlashModeSystem = 1; // what will be sent
 constexpr UInt8 kFlashModeCamera = 3;
 constexpr UInt8 kFlashModeBoth = 5;
 
-// One of the camera's two images: what it is called and what is printed about it.
-struct ImageRow {
-    const char *file;
-    CONTROLLER_FLASH_TYPE flashType;
-    KORA_HALDEN_MESAGE_TYPE messageType;
-    const char *outdated; // conversions: the camera's version, the file's
-    const char *upToDate;
-    const char *working;        // file, block
-    const char *unknownVerdict; // verdict
-    const char *readError;      // bytes asked for, file, result
-    const char *flashing;       // block, try
-};
-
-constexpr ImageRow kCamera = {
-    .file = "farsightcam.bin",
-    .flashType = CONTROLLER_FLASH_TYPE_FARSIGT_CAMERA_FW,
-    .messageType = KORA_HALDEN_MESSAGE_TYPE_REFLASH_FARSIGHT_CAMERA,
-    .outdated = "Current FarSight Camera FW Version[%x] -- Newer FarSight Camera FW Version[%x] ... Upgrading "
-                "FarSight Camera FW ...\n",
-    .upToDate = "FarSight Camera Firmware is Already up to date ...",
-    .working = "Still working on camera file [%s] block [%d] ...\n",
-    .unknownVerdict = "UNKNOWN RESPONSE FROM FARSIGHT DURING CAMERA IMAGE FLASHING: AckNack:0x%.2x ...\n",
-    .readError = "\nReading %d bytes from file: %s failed, err: %d, ABORT FarSight camera image programming....\n",
-    .flashing = "Flashing FarSight Camera Image block[%d] Iteration[%d] ...\n",
-};
-
-constexpr ImageRow kSystem = {
-    .file = "farsightsys.bin",
-    .flashType = CONTROLLER_FLASH_TYPE_FARSIGT_SYSTEM_FW,
-    .messageType = KORA_HALDEN_MESSAGE_TYPE_REFLASH_FARSIGHT_SYSTEM,
-    .outdated = "Current FarSight System FW Version[%x] -- Newer FarSight System FW Version[%x] ... Upgrading "
-                "FarSight System FW ...\n",
-    .upToDate = "FarSight System Firmware is Already up to date ...",
-    .working = "Still working on system file [%s] block [%d] ...\n",
-    .unknownVerdict = "UNKNOWN RESPONSE FROM FARSIGHT DURING SYSTEM IMAGE FLASHING: AckNack:0x%.2x ...\n",
-    .readError = "\nReading %d bytes from file: %s failed, err: %d, ABORT FarSight system image programming....\n",
-    .flashing = "Flashing FarSight System Image block[%d] Iteration[%d] ...\n",
-};
-
-// One image's half of the update record.
-struct ImageState {
-    const ImageRow &row;
-    FILE **file;
-    Int32 *currentBlock;
-    Int32 totalBlock;
-    Int32 *retries;
-};
-
-ImageState CameraState(FarSightUpdateInfoS *info)
+Transfer CameraTransfer(FarSightUpdateInfoS *info)
 {
     return {kCamera, &info->farsight_cam_file, &info->currentCamBlock, info->totalCamBlock, &info->camBlockRetries};
 }
 
-ImageState SystemState(FarSightUpdateInfoS *info)
+Transfer SystemTransfer(FarSightUpdateInfoS *info)
 {
     return {kSystem, &info->farsight_sys_file, &info->currentSysBlock, info->totalSysBlock, &info->sysBlockRetries};
-}
-
-// An image whose last block is done, or that is given up.
-void EndImage(const ImageState &image)
-{
-    if (*image.file != nullptr && CloseImage(image.file) != 0)
-        *image.currentBlock = 0;
 }
 
 // ---- Versions
@@ -128,7 +73,7 @@ eErrorT PrintReplyFailure()
 
 eErrorT SendRawMessage(const UInt8 *message, Int32 size)
 {
-    const int sent = Serial_Write(kCameraPort, reinterpret_cast<const char *>(message), size, kMessageTimeout);
+    const int sent = Serial_Write(kCamera.port, reinterpret_cast<const char *>(message), size, kMessageTimeout);
     if (sent == size)
         return kNoError;
     std::printf("ERROR: flash_farsight() -- driver cannot send all the entire message of [%d] bytes -- It sent [%d] "
@@ -142,7 +87,7 @@ eErrorT SendRawMessage(const UInt8 *message, Int32 size)
 eErrorT FindTypeReply(UInt8 *reply)
 {
     for (;;) {
-        if (ReadReply(kCameraPort, reply, 1, kMessageTimeout) != 1)
+        if (ReadReply(kCamera.port, reply, 1, kMessageTimeout) != 1)
             return PrintReplyFailure();
         if (reply[0] == kTypeReplyStart)
             return kNoError;
@@ -157,11 +102,11 @@ eErrorT ReadTypeReply(UInt8 *reply)
         return kFuncReturnedError;
     std::printf("#### First Byte of Response, readBuff[0]=0x%.2x ... Read the rest of the camera response ...\n",
                 reply[0]);
-    const Int32 count = ReadReply(kCameraPort, reply + 1, kTypeReplySize - 1, kMessageTimeout);
+    const Int32 count = ReadReply(kCamera.port, reply + 1, kTypeReplySize - 1, kMessageTimeout);
     if (count != kTypeReplySize - 1)
         return PrintReplyFailure();
     std::printf("####### GOT THE CORRECT DEVICE TYPE RESPONSE BACK FROM FARSIGHT CAMERA -- byteRead[%d]....\n", count);
-    PrintReply(reply, kTypeReplySize);
+    PrintReply("readBuff", reply, kTypeReplySize);
     return kNoError;
 }
 
@@ -190,14 +135,15 @@ eErrorT ReadCameraVersions(Int32 *camVersion, Int32 *sysVersion)
 }
 
 // Any difference counts, older or newer. An image that is up to date counts as done.
-bool ImageNeeded(const ImageRow &row, Int32 currentVersion, Int32 newVersion, Int32 fileSize)
+bool ImageNeeded(const ImageRow &row, Int32 currentVersion, Int32 newVersion)
 {
     if (currentVersion != newVersion) {
-        std::printf(row.outdated, static_cast<UInt32>(currentVersion), static_cast<UInt32>(newVersion));
+        std::printf("Current %s FW Version[%x] -- Newer %s FW Version[%x] ... Upgrading %s FW ...\n", row.title,
+                    static_cast<UInt32>(currentVersion), row.title, static_cast<UInt32>(newVersion), row.title);
         return true;
     }
-    std::puts(row.upToDate);
-    updateProgress(fileSize);
+    std::printf("%s Firmware is Already up to date ...\n", row.title);
+    updateProgress(gProgressCtrl.*row.fileSize);
     return false;
 }
 
@@ -222,7 +168,7 @@ eErrorT CountBlocks(const ImageRow &row, Int32 *numBlocks)
         return kFuncReturnedError;
     }
     std::printf("[%s] image size: %d ...\n", row.file, static_cast<Int32>(size));
-    *numBlocks = static_cast<Int32>((size + kBlockSize - 1) / kBlockSize);
+    *numBlocks = static_cast<Int32>((size + row.blockSize - 1) / row.blockSize);
     return kNoError;
 }
 
@@ -259,103 +205,18 @@ eErrorT EnterFlashMode(bool camNeeded, bool sysNeeded, Int32 camNumBlocks, Int32
     std::puts("############# Trying to read the camera response for flashmode ....");
     Delay(kReplyPause);
     UInt8 reply[kFlashModeReplySize] = {};
-    if (ReadReply(kCameraPort, reply, sizeof reply, kMessageTimeout) != kFlashModeReplySize)
+    if (ReadReply(kCamera.port, reply, sizeof reply, kMessageTimeout) != kFlashModeReplySize)
         return PrintReplyFailure();
-    PrintReply(reply, sizeof reply);
+    PrintReply("readBuff", reply, sizeof reply);
     return kNoError;
 }
 
 // ---- Blocks
 
-// Sends a fresh block. After a refusal there is nothing to send, which the sender refuses: a refused
-// block ends the update.
-eErrorT SendBlock(const ImageState &image)
+void PrintSendFailure()
 {
-    static UInt8 block[kBlockHeaderSize + kBlockSize];
-    Int32 count = 0;
-    Int32 size = 0;
-    if (*image.retries == kFreshBlock) {
-        count = FillBlock(block, *image.currentBlock, kBlockSize, *image.file, image.row.file, image.row.readError);
-        size = kBlockHeaderSize + count;
-    }
-    eErrorT result = kFuncReturnedError;
-    if (count >= 0) {
-        std::printf(image.row.flashing, *image.currentBlock, kFreshBlock + 1 - *image.retries);
-        if (sendFarSightFlashDataBlock(block, size, image.row.flashType) == kNoError)
-            result = kNoError;
-    }
-    if (result == kNoError)
-        updateProgress(count);
-    else
-        CloseImage(image.file);
-    return result;
-}
-
-bool HasBlockToSend(const ImageState &image)
-{
-    return *image.file != nullptr && *image.currentBlock < image.totalBlock && *image.retries != 0;
-}
-
-void EndImageIfDone(const ImageState &image)
-{
-    if (*image.currentBlock == image.totalBlock && image.totalBlock > 0)
-        EndImage(image);
-}
-
-// Takes a verdict over for one image.
-void ApplyVerdict(const ImageState &image, UInt8 AckNack)
-{
-    if (AckNack == kBlockAck) {
-        *image.retries = kFreshBlock;
-        ++*image.currentBlock;
-        std::printf(image.row.working, image.row.file, *image.currentBlock);
-    } else if (AckNack == kBlockNack) {
-        --*image.retries;
-    } else {
-        std::printf(image.row.unknownVerdict, AckNack);
-    }
-}
-
-// Reads the camera's verdict on a block. Without one both images are closed and *result is -1.
-UInt8 ReadVerdict(FarSightUpdateInfoS *updateInfo, eErrorT *result)
-{
-    UInt8 ackNackBuff[2] = {};
-    const Int32 count = ReadReply(kCameraPort, ackNackBuff, sizeof ackNackBuff, kVerdictTimeout);
-    if (count != static_cast<Int32>(sizeof ackNackBuff)) {
-        EndImage(CameraState(updateInfo));
-        EndImage(SystemState(updateInfo));
-        *result = kFuncReturnedError;
-    }
-    std::printf("####### GOT A [%s] FARSIGHT -- byteRead[%d]....\n", ackNackBuff[1] == kBlockAck ? "ACK" : "NACK",
-                count);
-    for (Int32 i = 0; i < count; i++)
-        std::printf("~~~~~~ ackNackBuff[%d] = 0x%x ...\n", i, ackNackBuff[i]);
-    return ackNackBuff[1];
-}
-
-bool ImageOpen(const FarSightUpdateInfoS *updateInfo)
-{
-    return updateInfo->farsight_cam_file != nullptr || updateInfo->farsight_sys_file != nullptr;
-}
-
-// Sends every block of the open images, camera image first.
-eErrorT SendImages(FarSightUpdateInfoS *updateInfo)
-{
-    UInt8 verdict = kBlockAck;
-    eErrorT result = kNoError;
-    do {
-        SetupNextFarSightDataBlock(updateInfo, verdict);
-        result = SendNextFarSightDataBlock(updateInfo);
-        if (result != kNoError) {
-            std::printf("#### Failed sending the farsight data block -- camCurrBlock:%d sysCurrBlock:%d ...\n",
-                        updateInfo->currentCamBlock, updateInfo->currentSysBlock);
-            break;
-        }
-        if (!ImageOpen(updateInfo))
-            break;
-        verdict = ReadVerdict(updateInfo, &result);
-    } while (ImageOpen(updateInfo));
-    return result;
+    std::printf("#### Failed sending the farsight data block -- camCurrBlock:%d sysCurrBlock:%d ...\n",
+                gFarsightUpdateInfo.currentCamBlock, gFarsightUpdateInfo.currentSysBlock);
 }
 
 // Brings the needed images to the camera; they are closed on every way out.
@@ -375,7 +236,8 @@ eErrorT FlashImages(bool camNeeded, bool sysNeeded, Int32 camNumBlocks, Int32 sy
     }
     std::printf("FarSight FW update with, camNumBlocks:%d -- sysNUmBlocks:%d ...\n", camNumBlocks, sysNumBlocks);
     gFarsightUpdateInfo = {camFile, -1, camNumBlocks, kFreshBlock, sysFile, -1, sysNumBlocks, kFreshBlock};
-    result = SendImages(&gFarsightUpdateInfo);
+    const Transfer images[] = {CameraTransfer(&gFarsightUpdateInfo), SystemTransfer(&gFarsightUpdateInfo)};
+    result = SendImages(images, PrintSendFailure);
     CloseImage(&gFarsightUpdateInfo.farsight_cam_file);
     CloseImage(&gFarsightUpdateInfo.farsight_sys_file);
     return result;
@@ -388,21 +250,13 @@ int flash_farsight(int argc, char *const argv[])
     os_assert(argv != nullptr || argc == 0, "argv");
     std::puts("########### Flashing Halden FarSight Firmware ....");
     PrintArguments(argc, argv);
-    eErrorT err = OpenUpdatePort(kCameraPort);
-    if (err != kNoError) {
-        std::printf("ERROR: flash_farsight() -- Failed open port: %d, err: %d\n", kCameraPort, err);
+    if (OpenUpdatePort("flash_farsight", kCamera.port) != 0)
         return -1;
-    }
-    if (Serial_Enable(kCameraPort, SERIAL_DIRECTION_BOTH) != kNoError) {
-        std::printf("ERROR: flash_farsight() -- Failed to enable serial port[%d] ...\n", kCameraPort);
-        CloseUpdatePort(kCameraPort);
-        return -1;
-    }
-    err = HaldenSerialProgFarSight(CONTROLLER_FLASH_TYPE_FARSIGT_CAMERA_SYSTEM_FW);
+    const eErrorT err = HaldenSerialProgFarSight(CONTROLLER_FLASH_TYPE_FARSIGT_CAMERA_SYSTEM_FW);
     if (err != kNoError)
         std::printf("ERROR: flash_farsight() -- Failed flashing farsight images -- err:%x ...\n",
                     static_cast<UInt32>(err));
-    const int released = ReleaseUpdatePort(kCameraPort);
+    const int released = ReleaseUpdatePort(kCamera.port);
     return err == kNoError && released == 0 ? 0 : -1;
 }
 
@@ -423,11 +277,11 @@ eErrorT HaldenSerialProgFarSight(CONTROLLER_FLASH_TYPE flashType)
     if (result != kNoError)
         return result;
     // Both comparisons print and count progress, whatever is to be flashed.
-    bool camNeeded = ImageNeeded(kCamera, camVersion, newCamVersion, gProgressCtrl.nCamFileSize);
-    bool sysNeeded = ImageNeeded(kSystem, sysVersion, newSysVersion, gProgressCtrl.nSysFileSize);
+    bool camNeeded = ImageNeeded(kCamera, camVersion, newCamVersion);
+    bool sysNeeded = ImageNeeded(kSystem, sysVersion, newSysVersion);
     const bool both = flashType == CONTROLLER_FLASH_TYPE_FARSIGT_CAMERA_SYSTEM_FW;
-    camNeeded &= both || flashType == kCamera.flashType;
-    sysNeeded &= both || flashType == kSystem.flashType;
+    camNeeded &= both || flashType == CONTROLLER_FLASH_TYPE_FARSIGT_CAMERA_FW;
+    sysNeeded &= both || flashType == CONTROLLER_FLASH_TYPE_FARSIGT_SYSTEM_FW;
     if (!camNeeded && !sysNeeded)
         return kNoError;
     if (gbQueryOnly != 0) {
@@ -463,67 +317,27 @@ eErrorT GetFarSightCameraImageBlockNumber(CameraFirmwareTypeT imageType, Int32 *
 eErrorT SetupNextFarSightDataBlock(FarSightUpdateInfoS *updateInfo, UInt8 AckNack)
 {
     os_assert(updateInfo != nullptr, "updateInfo");
-    const ImageState camera = CameraState(updateInfo);
-    const ImageState system = SystemState(updateInfo);
-    // An empty camera image has no block that a verdict could be about: it is the system image's, which
-    // would stay at its first block for ever otherwise. The update still fails in the end: the camera
-    // image stays open, and no verdict on it ever comes.
-    const bool emptyCamera = camera.totalBlock == 0 && *camera.currentBlock == 0 && *system.file != nullptr;
-    if (*camera.file != nullptr && !emptyCamera) {
-        ApplyVerdict(camera, AckNack);
-        // The verdict on the last camera block also moves the system image to its first block.
-        if (AckNack != kBlockAck || *camera.currentBlock != camera.totalBlock)
-            return kNoError;
-    }
-    if (*system.file != nullptr)
-        ApplyVerdict(system, AckNack);
+    const Transfer images[] = {CameraTransfer(updateInfo), SystemTransfer(updateInfo)};
+    TakeVerdict(images, AckNack);
     return kNoError;
 }
 
 eErrorT SendNextFarSightDataBlock(FarSightUpdateInfoS *updateInfo)
 {
     os_assert(updateInfo != nullptr, "updateInfo");
-    const ImageState camera = CameraState(updateInfo);
-    const ImageState system = SystemState(updateInfo);
-    if (HasBlockToSend(camera))
-        return SendBlock(camera);
-    EndImageIfDone(camera);
-    if (HasBlockToSend(system))
-        return SendBlock(system);
-    EndImageIfDone(system);
-    return kNoError;
+    const Transfer images[] = {CameraTransfer(updateInfo), SystemTransfer(updateInfo)};
+    return SendNextBlock(images);
 }
 
 eErrorT sendFarSightFlashDataBlock(const UInt8 *msgPtr, Int32 msgSize, CONTROLLER_FLASH_TYPE flashType)
 {
-    static UInt8 frame[kMaxFrameSize];
-    if (msgSize == 0) {
-        std::puts("########### zero size data block ....");
-        return kBadParameter;
-    }
-    os_assert(msgPtr != nullptr, "msgPtr");
-    const Int32 blockNumber = msgPtr[0] << 8 | msgPtr[1];
-    std::printf("sending dataBlockNumber: %d -- msgSize:%d ...\n", blockNumber, msgSize);
-    if (flashType != kCamera.flashType && flashType != kSystem.flashType) {
-        std::printf("Error, sendFarSightFlashDataBlock() -- Wrong flashType:%d ...\n", flashType);
-        return kBadParameter;
-    }
-    const ImageRow &row = flashType == kCamera.flashType ? kCamera : kSystem;
-    // The next two texts name the microcontroller's update and the status request; who searches traces knows them so.
-    Int32 frameSize = 0;
-    const eErrorT err = buildKoraToHaldenMsg(row.messageType, msgSize, msgPtr, &frameSize, frame);
-    if (err != kNoError) {
-        std::printf("sendMicroFlashDataBlock [%d] request() -- failure building flash data block[%d] message ...rc = "
-                    "0x%x -- NewMsgSize = %d\n",
-                    row.messageType, blockNumber, static_cast<UInt32>(err), frameSize);
-        return kFuncReturnedError;
-    }
-    const int sent = genericWriteRs232Port(kCameraPort, frame, frameSize);
-    if (sent != frameSize) {
-        std::printf("RequestHaldenSystemStatus() -- failure sending system status from Kora to Halden ...sentBytes = "
-                    "%d -- NewMsgSize = %d\n",
-                    sent, frameSize);
-        return kFuncReturnedError;
-    }
-    return kNoError;
+    const bool isCamera = flashType == CONTROLLER_FLASH_TYPE_FARSIGT_CAMERA_FW;
+    const ImageRow &row = isCamera ? kCamera : kSystem;
+    const eErrorT err = AnnounceBlock(row, msgPtr, msgSize);
+    if (err != kNoError)
+        return err;
+    if (isCamera || flashType == CONTROLLER_FLASH_TYPE_FARSIGT_SYSTEM_FW)
+        return SendAnnouncedBlock(row, msgPtr, msgSize);
+    std::printf("Error, sendFarSightFlashDataBlock() -- Wrong flashType:%d ...\n", flashType);
+    return kBadParameter;
 }

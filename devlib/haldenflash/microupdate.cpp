@@ -1,10 +1,11 @@
 #include "devlib/haldenflash/microupdate.h"
 
 #include "Common/OS/osassert.h"
+#include "devlib/haldenflash/delay.h"
 #include "devlib/haldenflash/haldenflash.h"
-#include "devlib/haldenflash/image.h"
+#include "devlib/haldenflash/imagefile.h"
+#include "devlib/haldenflash/transfer.h"
 #include "devlib/haldenflash/updateport.h"
-#include "devlib/serialapi.h"
 #include "softupdate/progressctrl/progressctrl.h"
 
 #include <algorithm>
@@ -16,13 +17,9 @@ HaldenMicroUpdateInfoS gMicroUpdateInfo;
 namespace
 {
 
-constexpr int kMicroPort = 1;
-constexpr char kMicroImage[] = "haldenmicro.bin";
+constexpr const ImageRow &kMicro = kImages[CONTROLLER_FLASH_TYPE_HALDENMICRO];
 constexpr Int32 kReplyTimeout = 50000; // microseconds
 constexpr Int32 kTotalBlocks = 12;     // whatever the size of the image
-constexpr Int32 kBlockSize = 512;
-constexpr Int32 kFreshBlock = 3; // BlockRetries of a block that was not refused yet
-constexpr Int32 kMaxFrameSize = 2048;
 
 constexpr UInt8 kReplyDelimiter = 0xFF;
 constexpr UInt8 kReplyType = 0x14;
@@ -32,7 +29,7 @@ constexpr Int32 kReplyVersion = 4;   // position of the version
 
 bool ReadByte(UInt8 *byte)
 {
-    return ReadReply(kMicroPort, byte, 1, kReplyTimeout) == 1;
+    return ReadReply(kMicro.port, byte, 1, kReplyTimeout) == 1;
 }
 
 // Reads up to the delimiter and the type of the version reply, which end up in reply[0] and
@@ -77,13 +74,13 @@ eErrorT ReadMicroVersion(UInt8 *version)
     UInt8 reply[kReplySize];
     if (FindVersionReply(reply) != kNoError)
         return kFuncReturnedError;
-    const Int32 count = ReadReply(kMicroPort, reply + kReplyStartSize, kReplySize - kReplyStartSize, kReplyTimeout);
+    const Int32 count = ReadReply(kMicro.port, reply + kReplyStartSize, kReplySize - kReplyStartSize, kReplyTimeout);
     if (count <= 0) {
         std::puts("######### Failed reading the rest of version response from Halden Micro Controller ...");
         return kFuncReturnedError;
     }
     std::printf("####### GOT RESPONSE BACK FROM HALDEN MICRO CONTROLLER -- byteRead[%d]....\n", count);
-    PrintReply(reply, count);
+    PrintReply("readBuff", reply, count);
     *version = reply[kReplyVersion];
     std::printf("####### CURRENT HALDEN MICRO CONTROLLER VERSION: 0x%.2x ....\n", *version);
     // Deliberately looks at the byte that is known to be the reply's type, so it never fires. At any
@@ -115,44 +112,14 @@ int UpdateMicro(bool *updated)
     return *updated ? 0 : -1;
 }
 
-// Sends a fresh block, or, after a refusal, an empty frame: a refused block's data is deliberately
-// not sent again, and the device's next verdict is about the empty frame.
-eErrorT SendBlock(HaldenMicroUpdateInfoS *updateInfo)
+Transfer MicroTransfer(HaldenMicroUpdateInfoS *info)
 {
-    static UInt8 block[kBlockHeaderSize + kBlockSize];
-    Int32 count = 0;
-    Int32 size = 0;
-    if (updateInfo->BlockRetries == kFreshBlock) {
-        count = FillBlock(block, updateInfo->currentBlock, kBlockSize, updateInfo->micro_file, kMicroImage,
-                          "\nReading %d bytes from Micro program file: %s failed, err: %d, ABORT Micro "
-                          "programming....\n");
-        size = kBlockHeaderSize + count;
-    }
-    eErrorT result = kFuncReturnedError;
-    if (count >= 0) {
-        std::printf("Flashing Halden Micro Controller Image block[%d] Iteration[%d] ...\n", updateInfo->currentBlock,
-                    kFreshBlock + 1 - updateInfo->BlockRetries);
-        if (sendMicroFlashDataBlock(block, size) == kNoError)
-            result = kNoError;
-    }
-    if (result == kNoError)
-        updateProgress(count);
-    else
-        CloseImage(&updateInfo->micro_file);
-    return result;
+    return {kMicro, &info->micro_file, &info->currentBlock, info->totalBlock, &info->BlockRetries};
 }
 
-// Reads the device's verdict on a block. Without one the image is closed, which ends the update,
-// deliberately as a success: a failure would change the exit status that supervisors know.
-UInt8 ReadVerdict(HaldenMicroUpdateInfoS *updateInfo)
+void PrintSendFailure()
 {
-    UInt8 verdict[2] = {};
-    const Int32 count = ReadReply(kMicroPort, verdict, sizeof verdict, kReplyTimeout);
-    if (count != static_cast<Int32>(sizeof verdict) && CloseImage(&updateInfo->micro_file) != 0)
-        updateInfo->currentBlock = 0;
-    std::printf("####### GOT A [%s] FROM HALDEN MICRO CONTROLLER -- byteRead[%d]....\n",
-                verdict[1] == kBlockAck ? "ACK" : "NACK", count);
-    return verdict[1];
+    std::printf("#### Failed sending the halden micro controller data block: %d ...\n", gMicroUpdateInfo.currentBlock);
 }
 
 } // namespace
@@ -162,19 +129,11 @@ int flash_micro(int argc, char *const argv[])
     os_assert(argv != nullptr || argc == 0, "argv");
     std::printf("########### Flashing Halden Micro Controller ...");
     PrintArguments(argc, argv);
-    const eErrorT err = OpenUpdatePort(kMicroPort);
-    if (err != kNoError) {
-        std::printf("ERROR: flash_micro() -- Failed open port: %d, err: %d\n", kMicroPort, err);
+    if (OpenUpdatePort("flash_micro", kMicro.port) != 0)
         return -1;
-    }
-    if (Serial_Enable(kMicroPort, SERIAL_DIRECTION_BOTH) != kNoError) {
-        std::printf("ERROR: flash_micro() -- Failed to enable serial port[%d] ...\n", kMicroPort);
-        CloseUpdatePort(kMicroPort);
-        return -1;
-    }
     bool updated = false;
     int result = UpdateMicro(&updated);
-    if (ReleaseUpdatePort(kMicroPort) != 0)
+    if (ReleaseUpdatePort(kMicro.port) != 0)
         result = -1;
     if (updated)
         Delay(kRestartTime);
@@ -183,10 +142,10 @@ int flash_micro(int argc, char *const argv[])
 
 Boolean HaldenMicroUpdateNeeded(UInt8 curMicroVer)
 {
-    FILE *image = OpenImage(kMicroImage);
+    FILE *image = OpenImage(kMicro.file);
     if (image == nullptr) {
         std::printf("\nCould not open Halden Microcontroller BIN file: %s, Exit HaldenMicroUpdateNeeded()...\n",
-                    kMicroImage);
+                    kMicro.file);
         return 0;
     }
     UInt8 version = 0;
@@ -195,7 +154,7 @@ Boolean HaldenMicroUpdateNeeded(UInt8 curMicroVer)
     if (count != 1 || version == 0) {
         std::printf("\nFailed reading the version of Halden Microcontroller BIN file: %s, numRead = %d, data_ver = "
                     "0x%x -- Exit HaldenMicroUpdateNeeded()...\n",
-                    kMicroImage, count, version);
+                    kMicro.file, count, version);
         return 0;
     }
     std::printf("#### READ MICRO VERSION IN THE IMAGE: 0x%x ...\n", version);
@@ -208,7 +167,7 @@ Boolean HaldenMicroUpdateNeeded(UInt8 curMicroVer)
 
 eErrorT RequestHaldenSystemStatus(HALDEN_SYSTEM_STATUS_TYPE statusType)
 {
-    static UInt8 frame[kMaxFrameSize];
+    UInt8 frame[32] = {};
     const UInt8 data = statusType;
     Int32 frameSize = 0;
     const eErrorT err =
@@ -219,36 +178,23 @@ eErrorT RequestHaldenSystemStatus(HALDEN_SYSTEM_STATUS_TYPE statusType)
                     statusType, static_cast<UInt32>(err), frameSize);
         return err;
     }
-    const int sent = genericWriteRs232Port(kMicroPort, frame, frameSize);
-    if (sent != frameSize) {
-        std::printf("RequestHaldenSystemStatus() -- failure sending system status from Kora to Halden ...sentBytes = "
-                    "%d -- NewMsgSize = %d\n",
-                    sent, frameSize);
-        return kFuncReturnedError;
-    }
-    return kNoError;
+    const int sent = genericWriteRs232Port(kMicro.port, frame, frameSize);
+    if (sent == frameSize)
+        return kNoError;
+    PrintShortStatusRequest(sent, frameSize);
+    return kFuncReturnedError;
 }
 
 eErrorT HaldenSerialProgMicro(CONTROLLER_FLASH_TYPE)
 {
-    FILE *image = OpenImage(kMicroImage);
+    FILE *image = OpenImage(kMicro.file);
     if (image == nullptr) {
-        std::printf("\nCould not open Halden Microcontroller BIN file: %s, Exit programming...\n", kMicroImage);
+        std::printf("\nCould not open Halden Microcontroller BIN file: %s, Exit programming...\n", kMicro.file);
         return kFileOpenError;
     }
     gMicroUpdateInfo = {image, -1, kTotalBlocks, kFreshBlock};
-    UInt8 verdict = kBlockAck;
-    eErrorT result = kNoError;
-    do {
-        SetupNextMicroDataBlock(&gMicroUpdateInfo, verdict);
-        result = SendNextMicroDataBlock(&gMicroUpdateInfo);
-        if (result != kNoError)
-            break;
-        verdict = ReadVerdict(&gMicroUpdateInfo);
-    } while (gMicroUpdateInfo.micro_file != nullptr);
-    if (result != kNoError && result != kEndOfFile)
-        std::printf("#### Failed sending the halden micro controller data block: %d ...\n",
-                    gMicroUpdateInfo.currentBlock);
+    const Transfer micro[] = {MicroTransfer(&gMicroUpdateInfo)};
+    const eErrorT result = SendImages(micro, PrintSendFailure);
     // Printed after a failure too; the result tells.
     std::puts("####### SUCCESSFULLY UPDATED HALDEN MICRO CONTROLLER ....");
     return result;
@@ -257,58 +203,20 @@ eErrorT HaldenSerialProgMicro(CONTROLLER_FLASH_TYPE)
 eErrorT SetupNextMicroDataBlock(HaldenMicroUpdateInfoS *updateInfo, UInt8 AckNack)
 {
     os_assert(updateInfo != nullptr, "updateInfo");
-    if (updateInfo->micro_file == nullptr)
-        return kNoError;
-    std::printf("Still working on micro file [%s] ...\n", kMicroImage);
-    if (AckNack == kBlockAck) {
-        updateInfo->BlockRetries = kFreshBlock;
-        updateInfo->currentBlock++;
-    } else if (AckNack == kBlockNack) {
-        updateInfo->BlockRetries--;
-    } else { // the camera's name is part of the text
-        std::printf("UNKNOWN RESPONSE FROM FARSIGHT DURING HALDEN MICRO IMAGE FLASHING: AckNack:0x%.2x ...\n", AckNack);
-    }
+    const Transfer micro[] = {MicroTransfer(updateInfo)};
+    TakeVerdict(micro, AckNack);
     return kNoError;
 }
 
 eErrorT SendNextMicroDataBlock(HaldenMicroUpdateInfoS *updateInfo)
 {
     os_assert(updateInfo != nullptr, "updateInfo");
-    if (updateInfo->micro_file != nullptr && updateInfo->currentBlock < updateInfo->totalBlock &&
-        updateInfo->BlockRetries != 0)
-        return SendBlock(updateInfo);
-    if (updateInfo->currentBlock == updateInfo->totalBlock && updateInfo->currentBlock >= 1) {
-        if (CloseImage(&updateInfo->micro_file) == 0)
-            std::printf("########## Can't close the file: %s ...\n", kMicroImage);
-        updateInfo->currentBlock = 0;
-        return kEndOfFile;
-    }
-    // The retries are used up. Deliberately no failure: nothing is sent, so the verdict stays out, and
-    // that ends the update.
-    return kNoError;
+    const Transfer micro[] = {MicroTransfer(updateInfo)};
+    return SendNextBlock(micro);
 }
 
 eErrorT sendMicroFlashDataBlock(const UInt8 *msgPtr, Int32 msgSize)
 {
-    static UInt8 frame[kMaxFrameSize];
-    os_assert(msgPtr != nullptr, "msgPtr");
-    const Int32 blockNumber = msgPtr[0] << 8 | msgPtr[1];
-    Int32 frameSize = 0;
-    std::printf("sending dataBlockNumber: %d -- msgSize:%d ...\n", blockNumber, msgSize);
-    const eErrorT err =
-        buildKoraToHaldenMsg(KORA_HALDEN_MESSAGE_TYPE_REFLASH_MICRO_BLOCK, msgSize, msgPtr, &frameSize, frame);
-    if (err != kNoError || frameSize == 0) {
-        std::printf("sendMicroFlashDataBlock [%d] request() -- failure building flash data block[%d] message ...rc = "
-                    "0x%x -- NewMsgSize = %d\n",
-                    KORA_HALDEN_MESSAGE_TYPE_REFLASH_MICRO_BLOCK, blockNumber, static_cast<UInt32>(err), frameSize);
-        return err;
-    }
-    const int sent = genericWriteRs232Port(kMicroPort, frame, frameSize);
-    if (sent != frameSize) {
-        std::printf("sendMicroFlashDataBlock() -- failure sending flash data block[%d] from Kora to Halden "
-                    "...sentBytes = %d -- NewMsgSize = %d\n",
-                    blockNumber, sent, frameSize);
-        return kFuncReturnedError;
-    }
-    return kNoError;
+    const eErrorT err = AnnounceBlock(kMicro, msgPtr, msgSize);
+    return err == kNoError ? SendAnnouncedBlock(kMicro, msgPtr, msgSize) : err;
 }

@@ -4,7 +4,7 @@
 #pragma once
 
 #include "Common/types.h"
-#include "devlib/haldenflash/framing.h"
+#include "devlib/haldenflash/imagetable.h"
 
 #include <cstdio>
 

@@ -17,20 +17,29 @@ constexpr RS232Cfg kPortSettings = {
     .swFlowControlXonXoff = 0,
 };
 
-} // namespace
-
-eErrorT OpenUpdatePort(int port)
-{
-    return Serial_Open(port, nullptr, nullptr, nullptr, &kPortSettings);
-}
-
-// The texts name the microcontroller's update for both devices; those who read traces know them so.
+// These texts name the microcontroller's update for both devices; those who read traces know them so.
 int CloseUpdatePort(int port)
 {
     const eErrorT err = Serial_Close(port);
     if (err == kNoError)
         return 0;
     std::printf("ERROR: flash_micro() -- Failed close port: %d, err: %d\n", port, err);
+    return -1;
+}
+
+} // namespace
+
+int OpenUpdatePort(const char *procedure, int port)
+{
+    const eErrorT err = Serial_Open(port, nullptr, nullptr, nullptr, &kPortSettings);
+    if (err != kNoError) {
+        std::printf("ERROR: %s() -- Failed open port: %d, err: %d\n", procedure, port, err);
+        return -1;
+    }
+    if (Serial_Enable(port, SERIAL_DIRECTION_BOTH) == kNoError)
+        return 0;
+    std::printf("ERROR: %s() -- Failed to enable serial port[%d] ...\n", procedure, port);
+    CloseUpdatePort(port);
     return -1;
 }
 
@@ -46,13 +55,23 @@ int ReleaseUpdatePort(int port)
     return CloseUpdatePort(port) != 0 ? -1 : result;
 }
 
+int genericWriteRs232Port(int portNum, const UInt8 *buf, int buflen)
+{
+    const int written = Serial_Write(portNum, reinterpret_cast<const char *>(buf), buflen, 0);
+    if (written != buflen)
+        std::printf("#### genericWriteRs232Port() with ERROR: Actual written [%d bytes] -- Request written [%d bytes] "
+                    "...\n",
+                    written, buflen);
+    return written;
+}
+
 Int32 ReadReply(int port, UInt8 *buffer, Int32 size, Int32 microseconds)
 {
     return Serial_Read(port, reinterpret_cast<char *>(buffer), size, microseconds);
 }
 
-void PrintReply(const UInt8 *buffer, Int32 count)
+void PrintReply(const char *name, const UInt8 *buffer, Int32 count)
 {
     for (Int32 i = 0; i < count; i++)
-        std::printf("~~~~~~ readBuff[%d] = 0x%x ...\n", i, buffer[i]);
+        std::printf("~~~~~~ %s[%d] = 0x%x ...\n", name, i, buffer[i]);
 }

@@ -1,24 +1,25 @@
-// The serial port of an update, and what both procedures print about their replies.
+// The serial port of an update: opened, enabled, read, written and given back. Failures are printed.
 #pragma once
 
 #include "Common/types.h"
 
-constexpr Int32 kDropPause = 500000;    // microseconds, after a byte that is not the reply's
-constexpr Int32 kRestartTime = 3000000; // microseconds that a device takes to restart
+// Opens a port with the settings that both devices use, and enables both directions: 115200 bit/s, 8 data bits, even
+// parity, one stop bit, no flow control. What is printed names the procedure.
+// 0   open and enabled.
+// -1  it could not be opened, or not enabled, and is closed.
+int OpenUpdatePort(const char *procedure, int port);
 
-// Opens a port with the settings that both devices use: 115200 bit/s, 8 data bits, even parity, one
-// stop bit, no flow control. Results as Serial_Open.
-eErrorT OpenUpdatePort(int port);
-
-// Closes a port. Returns 0, or -1 with the failure printed.
-int CloseUpdatePort(int port);
-
-// Disables both directions and closes a port. Returns 0, or -1 with every failure printed; the port
-// is closed in any case if it can be.
+// Disables both directions and closes a port.
+// 0   disabled and closed. A port that nobody enabled counts as disabled.
+// -1  one of the two failed. The port is closed if it can be.
 int ReleaseUpdatePort(int port);
+
+// Writes to a serial port, without a time-out and without a second try. Returns what Serial_Write does. Any other
+// count than buflen is printed.
+int genericWriteRs232Port(int portNum, const UInt8 *buf, int buflen);
 
 // Reads from a port within a time limit in microseconds. Returns what Serial_Read does.
 Int32 ReadReply(int port, UInt8 *buffer, Int32 size, Int32 microseconds);
 
-// Prints the first count bytes of a reply, one line each.
-void PrintReply(const UInt8 *buffer, Int32 count);
+// Prints the first count bytes of a reply, one line each, under a name.
+void PrintReply(const char *name, const UInt8 *buffer, Int32 count);

@@ -1,9 +1,8 @@
-#include "devlib/haldenflash/image.h"
+#include "devlib/haldenflash/imagefile.h"
 
 #include "Common/OS/osassert.h"
 
 #include <cerrno>
-#include <cstring>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
@@ -50,21 +49,6 @@ Int32 ReadImage(FILE *image, void *buffer, Int32 size)
 {
     const Int32 count = ReadBytes(image, buffer, size);
     return count < 0 || count == size || AtEnd(image) ? count : -1;
-}
-
-Int32 FillBlock(UInt8 *block, Int32 number, Int32 blockSize, FILE *image, const char *name, const char *readError)
-{
-    os_assert(block != nullptr, "block");
-    std::memset(block, 0, size_t{kBlockHeaderSize} + static_cast<size_t>(blockSize));
-    block[0] = static_cast<UInt8>(number >> 8);
-    block[1] = static_cast<UInt8>(number);
-    const Int32 count = ReadImage(image, block + kBlockHeaderSize, blockSize);
-    std::printf("bytes read: %d ...\n", count);
-    if (count < 0)
-        std::printf(readError, blockSize, name, count);
-    else if (count < blockSize)
-        std::printf("\nLast block read_cnt: %d of file: %s \n", count, name);
-    return count;
 }
 
 Boolean CloseImage(FILE **image)

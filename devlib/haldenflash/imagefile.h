@@ -1,6 +1,6 @@
 // The image and version files in the working directory. They are close-on-exec. A stream is only the handle here:
-// reads go past its buffer, and each is one system call where the system gives all that was asked for.
-// Owner: the caller, of each file that it opened. A null handle is no file: a zeroed update record has none open.
+// reads go past its buffer. A read is one system call if the system gives all that was asked for.
+// Owner: the caller owns each file that it opened. A null handle is no file, so a zeroed update record has none open.
 // A null argument anywhere else is a programming error and stops the program.
 #pragma once
 
@@ -17,13 +17,6 @@ Int32 ReadBytes(FILE *file, void *buffer, Int32 size);
 
 // The same of an image. A regular file that ends before the size it claims is a read error, too.
 Int32 ReadImage(FILE *image, void *buffer, Int32 size);
-
-constexpr Int32 kBlockHeaderSize = 2; // the block number, high byte first
-
-// Fills a block with its number and the next blockSize bytes of an image, zeros behind its end, and
-// prints what was read. Returns the count of image bytes, or -1 on a read error, which is printed
-// with readError (conversions: bytes asked for, name, -1).
-Int32 FillBlock(UInt8 *block, Int32 number, Int32 blockSize, FILE *image, const char *name, const char *readError);
 
 // Closes a file and sets *image to null. Returns 1, or 0 when the close failed: the file is gone all the same,
 // and a procedure that went on with it would never end. A null handle is left alone, with result 1.

@@ -1,0 +1,43 @@
+// What the host says to the two devices, and what they answer: message types, selectors and verdicts.
+// A null argument is a programming error and stops the program.
+#pragma once
+
+#include "Common/types.h"
+
+enum KORA_HALDEN_MESAGE_TYPE : UInt8 {
+    KORA_HALDEN_MESSAGE_TYPE_A = 0x41,
+    KORA_HALDEN_MESSAGE_TYPE_B = 0x42,
+    KORA_HALDEN_MESSAGE_TYPE_SET_BACKLIGHT_BRIGHTNESS = 0x43,
+    KORA_HALDEN_MESSAGE_TYPE_REQUEST_SYSTEM_STATUS = 0x44,
+    KORA_HALDEN_MESSAGE_TYPE_REFLASH_MICRO_BLOCK = 0x48,
+    KORA_HALDEN_MESSAGE_TYPE_E = 0x81,
+    KORA_HALDEN_MESSAGE_TYPE_REFLASH_FARSIGHT_CAMERA = 0x88,
+    KORA_HALDEN_MESSAGE_TYPE_REFLASH_FARSIGHT_SYSTEM = 0x89,
+    KORA_HALDEN_MESSAGE_TYPE_UNKNOWN = 0xFF,
+};
+
+// The data byte of a system status request.
+enum HALDEN_SYSTEM_STATUS_TYPE : UInt8 {
+    HALDEN_SYSTEM_STATUS_TYPE_SYSTEM_STATUS = 0,
+    HALDEN_SYSTEM_STATUS_TYPE_SYSTEM_VERSION = 1,
+    HALDEN_SYSTEM_STATUS_TYPE_IMAGER_TEMP = 2,
+    HALDEN_SYSTEM_STATUS_TYPE_KEYPAD_TEMP = 3,
+    HALDEN_SYSTEM_STATUS_TYPE_KEYPAD_LED_STATE = 4,
+    HALDEN_SYSTEM_STATUS_TYPE_CAMERALED_KEYPADTIMING = 5,
+    HALDEN_SYSTEM_STATUS_TYPE_UNKNOWN = 0xFF,
+};
+
+// The verdict of a device on a block. Any other byte is an unknown verdict.
+constexpr UInt8 kBlockAck = 0x06;
+constexpr UInt8 kBlockNack = 0x0F;
+
+// 1 for the message types that may be sent, else 0.
+Boolean validateKoraHaldenMessageType(UInt8 msgType);
+
+// Builds the frame of a message of orgMsgSize data bytes (at most 65532) at ptrNewMsg, and stores its size. The caller
+// owns ptrNewMsg. It has room for 2 * (orgMsgSize + 6) + 1 bytes, and there is a zero byte in it. Data of size 0 may
+// be null. What the old contents, read as a string, have behind the new frame is cleared.
+// kNoError       the frame is built.
+// kBadParameter  the type is not valid, which is printed. The size is 0, and ptrNewMsg is as it was.
+eErrorT buildKoraToHaldenMsg(KORA_HALDEN_MESAGE_TYPE msgType, Int32 orgMsgSize, const UInt8 *orgMsgPtr,
+                             Int32 *ptrNewMsgSize, UInt8 *ptrNewMsg);

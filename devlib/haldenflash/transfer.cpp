@@ -1,0 +1,208 @@
+#include "devlib/haldenflash/transfer.h"
+
+#include "Common/OS/osassert.h"
+#include "devlib/haldenflash/framing.h"
+#include "devlib/haldenflash/imagefile.h"
+#include "devlib/haldenflash/updateport.h"
+#include "softupdate/progressctrl/progressctrl.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace
+{
+
+constexpr Int32 kNumberSize = 2; // of a block, before its data
+constexpr Int32 kMaxBlockSize = 64512;
+constexpr Int32 kMaxFrameSize = 131072;
+constexpr Int32 kVerdictSize = 2; // the second byte is the verdict
+
+Int32 BlockNumber(const UInt8 *block)
+{
+    return block[0] << 8 | block[1];
+}
+
+// Closes an image. Returns false if that failed, with the current block as it was.
+bool EndImage(const Transfer &image)
+{
+    if (*image.file == nullptr)
+        return true;
+    if (CloseImage(image.file) == 0)
+        return false;
+    *image.currentBlock = 0;
+    return true;
+}
+
+// Closes an image whose last block is done.
+eErrorT FinishImage(const Transfer &image)
+{
+    const bool closed = EndImage(image);
+    if (image.row.allSent == kNoError)
+        return kNoError;
+    if (!closed)
+        std::printf("########## Can't close the file: %s ...\n", image.row.file);
+    *image.currentBlock = 0;
+    return image.row.allSent;
+}
+
+// Fills a block with its number and the next bytes of the image, zeros behind its end, and prints what was read.
+// Returns the count of image bytes, or -1 on a read error, which is printed.
+Int32 FillBlock(UInt8 *block, const Transfer &image)
+{
+    const ImageRow &row = image.row;
+    std::memset(block, 0, static_cast<size_t>(kNumberSize + row.blockSize));
+    block[0] = static_cast<UInt8>(*image.currentBlock >> 8);
+    block[1] = static_cast<UInt8>(*image.currentBlock);
+    const Int32 count = ReadImage(*image.file, block + kNumberSize, row.blockSize);
+    std::printf("bytes read: %d ...\n", count);
+    if (count < 0)
+        std::printf("\nReading %d bytes from %sfile: %s failed, err: %d, ABORT %s programming....\n", row.blockSize,
+                    row.readFrom, row.file, count, row.aborted);
+    else if (count < row.blockSize)
+        std::printf("\nLast block read_cnt: %d of file: %s \n", count, row.file);
+    return count;
+}
+
+// Sends a fresh block with the next bytes of the image. Behind a refusal there is no data to send.
+eErrorT SendBlock(const Transfer &image)
+{
+    static UInt8 block[kNumberSize + kMaxBlockSize];
+    const bool isFresh = *image.retries == kFreshBlock;
+    const Int32 count = isFresh ? FillBlock(block, image) : 0;
+    const Int32 size = isFresh ? kNumberSize + count : 0;
+    bool sent = false;
+    if (count >= 0) {
+        std::printf("Flashing %s Image block[%d] Iteration[%d] ...\n", image.row.title, *image.currentBlock,
+                    kFreshBlock + 1 - *image.retries);
+        sent =
+            AnnounceBlock(image.row, block, size) == kNoError && SendAnnouncedBlock(image.row, block, size) == kNoError;
+    }
+    if (sent)
+        updateProgress(count);
+    else
+        CloseImage(image.file);
+    return sent ? kNoError : kFuncReturnedError;
+}
+
+// Takes a verdict over for one image.
+void ApplyVerdict(const Transfer &image, UInt8 verdict)
+{
+    const ImageRow &row = image.row;
+    if (row.working == WorkingLine::kEachVerdict)
+        std::printf("Still working on %s file [%s] ...\n", row.name, row.file);
+    if (verdict == kBlockAck) {
+        *image.retries = kFreshBlock;
+        ++*image.currentBlock;
+        if (row.working == WorkingLine::kEachBlock)
+            std::printf("Still working on %s file [%s] block [%d] ...\n", row.name, row.file, *image.currentBlock);
+    } else if (verdict == kBlockNack) {
+        --*image.retries;
+    } else {
+        std::printf("UNKNOWN RESPONSE FROM FARSIGHT DURING %s IMAGE FLASHING: AckNack:0x%.2x ...\n", row.capitals,
+                    verdict);
+    }
+}
+
+// Waits for the verdict on a block. Without one the images are closed, and the result is that of the device's silence.
+eErrorT ReadVerdict(Transfers images, UInt8 *verdict)
+{
+    const ImageRow &row = images[0].row;
+    UInt8 reply[kVerdictSize] = {};
+    const Int32 count = ReadReply(row.port, reply, sizeof reply, row.verdictTime);
+    if (count != kVerdictSize)
+        for (const Transfer &image : images)
+            EndImage(image);
+    *verdict = reply[1];
+    std::printf("####### GOT A [%s] %s -- byteRead[%d]....\n", *verdict == kBlockAck ? "ACK" : "NACK", row.answers,
+                count);
+    if (row.listsVerdict)
+        PrintReply("ackNackBuff", reply, count);
+    return count == kVerdictSize ? kNoError : row.silence;
+}
+
+bool IsOpen(const Transfer &image)
+{
+    return *image.file != nullptr;
+}
+
+// Whether a verdict is about the next image. An empty image has no block that one could be about, and the next image
+// would stay at its first block for ever. The update still fails in the end: the empty image stays open, and no verdict
+// on it ever comes.
+bool LeavesVerdict(const Transfer &image, Transfers next)
+{
+    return image.totalBlock == 0 && *image.currentBlock == 0 && !next.empty() && IsOpen(next[0]);
+}
+
+} // namespace
+
+eErrorT SendImages(Transfers images, void (*printFailure)())
+{
+    UInt8 verdict = kBlockAck;
+    eErrorT result = kNoError;
+    do {
+        TakeVerdict(images, verdict);
+        result = SendNextBlock(images);
+        if (result != kNoError && result != kEndOfFile)
+            printFailure();
+        if (result != kNoError || std::ranges::none_of(images, IsOpen))
+            return result;
+        result = ReadVerdict(images, &verdict);
+    } while (std::ranges::any_of(images, IsOpen));
+    return result;
+}
+
+void TakeVerdict(Transfers images, UInt8 verdict)
+{
+    for (size_t i = 0; i < images.size(); i++) {
+        const Transfer &image = images[i];
+        if (!IsOpen(image) || LeavesVerdict(image, images.subspan(i + 1)))
+            continue;
+        ApplyVerdict(image, verdict);
+        if (verdict != kBlockAck || *image.currentBlock != image.totalBlock)
+            return;
+    }
+}
+
+eErrorT SendNextBlock(Transfers images)
+{
+    for (const Transfer &image : images) {
+        if (IsOpen(image) && *image.currentBlock < image.totalBlock && *image.retries != 0)
+            return SendBlock(image);
+        if (*image.currentBlock != image.totalBlock || image.totalBlock < 1)
+            continue;
+        const eErrorT result = FinishImage(image);
+        if (result != kNoError)
+            return result;
+    }
+    return kNoError;
+}
+
+eErrorT AnnounceBlock(const ImageRow &row, const UInt8 *msgPtr, Int32 msgSize)
+{
+    if (msgSize == 0 && row.refused == AfterRefusal::kEnd) {
+        std::puts("########### zero size data block ....");
+        return kBadParameter;
+    }
+    os_assert(msgPtr != nullptr, "msgPtr");
+    std::printf("sending dataBlockNumber: %d -- msgSize:%d ...\n", BlockNumber(msgPtr), msgSize);
+    return kNoError;
+}
+
+// Both devices' lines name the microcontroller's sender; who searches traces knows them so.
+eErrorT SendAnnouncedBlock(const ImageRow &row, const UInt8 *msgPtr, Int32 msgSize)
+{
+    static UInt8 frame[kMaxFrameSize];
+    Int32 frameSize = 0;
+    const eErrorT err = buildKoraToHaldenMsg(row.messageType, msgSize, msgPtr, &frameSize, frame);
+    if (err != kNoError) {
+        std::printf("sendMicroFlashDataBlock [%d] request() -- failure building flash data block[%d] message ...rc = "
+                    "0x%x -- NewMsgSize = %d\n",
+                    row.messageType, BlockNumber(msgPtr), static_cast<UInt32>(err), frameSize);
+        return err;
+    }
+    const int sent = genericWriteRs232Port(row.port, frame, frameSize);
+    if (sent == frameSize)
+        return kNoError;
+    row.printShortWrite(BlockNumber(msgPtr), sent, frameSize);
+    return kFuncReturnedError;
+}
