@@ -49,8 +49,10 @@ void MapRead(benchmark::State &state)
         items[name] = "115200";
     std::size_t next = 0;
     char value[kConfigValueSize];
-    for ([[maybe_unused]] auto _ : state)
-        benchmark::DoNotOptimize(std::strcpy(value, items.find(names[next++ % kItems].c_str())->second.c_str()));
+    for ([[maybe_unused]] auto _ : state) {
+        const std::string &found = items.find(names[next++ % kItems].c_str())->second;
+        benchmark::DoNotOptimize(std::memcpy(value, found.c_str(), found.size() + 1));
+    }
 }
 BENCHMARK(MapRead)->Name("config_map");
 

@@ -60,6 +60,7 @@ int open(const char *path, int flags, ...)
 {
     va_list arguments;
     va_start(arguments, flags);
+    // The analyser overlooks va_start. NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized)
     const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : mode_t{0};
     va_end(arguments);
     return Open(gRealOpen, path, flags, mode);
@@ -69,6 +70,7 @@ int open64(const char *path, int flags, ...)
 {
     va_list arguments;
     va_start(arguments, flags);
+    // The analyser overlooks va_start. NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized)
     const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : mode_t{0};
     va_end(arguments);
     return Open(gRealOpen64, path, flags, mode);
