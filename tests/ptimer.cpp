@@ -172,7 +172,7 @@ TEST(TimersDeathTest, StopOnWhatACallbackMustNotDo)
     };
     EXPECT_DEATH(run([](void *) { return tm_evafter(1, 1, &stored), 0; }),
                  "failed: !inCallback, .*function AllocTimer");
-    EXPECT_DEATH(run([](void *) { return tm_cancel(stored), 0; }), "failed: !inCallback, .*function UnlinkTimer");
+    EXPECT_DEATH(run([](void *) { return tm_cancel(0), 0; }), "failed: !inCallback, .*function UnlinkTimer");
     EXPECT_DEATH(run([](void *) { return ev_receive(1, 0, 1, &stored), 0; }),
                  "failed: !inCallback, .*function AllocTimer");
     EXPECT_DEATH(run([](void *) { return t_delete(1), 0; }), "failed: !tm_in_callback\\(\\), .*function t_delete");
