@@ -45,7 +45,7 @@ BinaryLeafT *BuildLeaf(TreeT *pTree, UInt32 key, void *pObject)
     return pLeaf;
 }
 
-void DestroyLeaves(TreeT *pTree)
+void DestroyLeaf(TreeT *pTree)
 {
     while (SlabT *pSlab = pTree->slabs) {
         pTree->slabs = pSlab->next;
@@ -237,7 +237,7 @@ void *SearchTree(tBTreeHandle handle, UInt32 key)
 void DestroyTree(tBTreeHandle handle)
 {
     TreeT *pTree = FindTree(handle);
-    DestroyLeaves(pTree);
+    DestroyLeaf(pTree);
     pTree->tree = {.leafCount = 0, .pBaseLeaf = nullptr};
 }
 
