@@ -35,13 +35,15 @@ struct ImageRow {
     int port;
     KORA_HALDEN_MESAGE_TYPE messageType;
     Int32 blockSize;   // bytes; what the device programs at once
+    Int32 fixedBlocks; // how many are sent, whatever the size of the image; 0: as many as it has
     Int32 verdictTime; // microseconds; the camera programs a block before it answers
     AfterRefusal refused;
     eErrorT silence; // the result if no verdict comes; for the microcontroller supervisors know it as a success
     eErrorT allSent; // the result behind the last block; behind the camera image comes the system image
     WorkingLine working;
-    bool listsVerdict;    // each byte of a verdict is printed
-    const char *name;     // "Still working on ... file", with the next words' places in their lines
+    bool listsVerdict; // each byte of a verdict is printed
+    // The words of this row, with the place in a line that they have.
+    const char *name;     // "Still working on ... file"
     const char *title;    // "Flashing ... Image block"
     const char *capitals; // "DURING ... IMAGE FLASHING"; that line names the camera, whatever the device
     const char *answers;  // "GOT A [ACK] ... -- byteRead"

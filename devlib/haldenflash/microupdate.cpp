@@ -19,7 +19,6 @@ namespace
 
 constexpr const ImageRow &kMicro = kImages[CONTROLLER_FLASH_TYPE_HALDENMICRO];
 constexpr Int32 kReplyTimeout = 50000; // microseconds
-constexpr Int32 kTotalBlocks = 12;     // whatever the size of the image
 
 constexpr UInt8 kReplyDelimiter = 0xFF;
 constexpr UInt8 kReplyType = 0x14;
@@ -192,7 +191,7 @@ eErrorT HaldenSerialProgMicro(CONTROLLER_FLASH_TYPE)
         std::printf("\nCould not open Halden Microcontroller BIN file: %s, Exit programming...\n", kMicro.file);
         return kFileOpenError;
     }
-    gMicroUpdateInfo = {image, -1, kTotalBlocks, kFreshBlock};
+    gMicroUpdateInfo = {image, -1, kMicro.fixedBlocks, kFreshBlock};
     const Transfer micro[] = {MicroTransfer(&gMicroUpdateInfo)};
     const eErrorT result = SendImages(micro, PrintSendFailure);
     // Printed after a failure too; the result tells.
