@@ -106,7 +106,7 @@ eErrorT ReadTypeReply(UInt8 *reply)
     if (count != kTypeReplySize - 1)
         return PrintReplyFailure();
     std::printf("####### GOT THE CORRECT DEVICE TYPE RESPONSE BACK FROM FARSIGHT CAMERA -- byteRead[%d]....\n", count);
-    PrintReply("readBuff", reply, kTypeReplySize);
+    PrintReply(reply, kTypeReplySize);
     return kNoError;
 }
 
@@ -135,16 +135,38 @@ eErrorT ReadCameraVersions(Int32 *camVersion, Int32 *sysVersion)
 }
 
 // Any difference counts, older or newer. An image that is up to date counts as done.
-bool ImageNeeded(const ImageRow &row, Int32 currentVersion, Int32 newVersion)
+bool ImageNeeded(const ImageRow &row, Int32 currentVersion, Int32 newVersion, void (*printUpgrade)(UInt32, UInt32),
+                 const char *upToDate)
 {
     if (currentVersion != newVersion) {
-        std::printf("Current %s FW Version[%x] -- Newer %s FW Version[%x] ... Upgrading %s FW ...\n", row.title,
-                    static_cast<UInt32>(currentVersion), row.title, static_cast<UInt32>(newVersion), row.title);
+        printUpgrade(static_cast<UInt32>(currentVersion), static_cast<UInt32>(newVersion));
         return true;
     }
-    std::printf("%s Firmware is Already up to date ...\n", row.title);
+    std::puts(upToDate);
     updateProgress(gProgressCtrl.*row.fileSize);
     return false;
+}
+
+bool CameraImageNeeded(Int32 currentVersion, Int32 newVersion)
+{
+    const auto printUpgrade = [](UInt32 current, UInt32 newer) {
+        std::printf("Current FarSight Camera FW Version[%x] -- Newer FarSight Camera FW Version[%x] ... Upgrading "
+                    "FarSight Camera FW ...\n",
+                    current, newer);
+    };
+    return ImageNeeded(kCamera, currentVersion, newVersion, printUpgrade,
+                       "FarSight Camera Firmware is Already up to date ...");
+}
+
+bool SystemImageNeeded(Int32 currentVersion, Int32 newVersion)
+{
+    const auto printUpgrade = [](UInt32 current, UInt32 newer) {
+        std::printf("Current FarSight System FW Version[%x] -- Newer FarSight System FW Version[%x] ... Upgrading "
+                    "FarSight System FW ...\n",
+                    current, newer);
+    };
+    return ImageNeeded(kSystem, currentVersion, newVersion, printUpgrade,
+                       "FarSight System Firmware is Already up to date ...");
 }
 
 // ---- Images
@@ -207,11 +229,21 @@ eErrorT EnterFlashMode(bool camNeeded, bool sysNeeded, Int32 camNumBlocks, Int32
     UInt8 reply[kFlashModeReplySize] = {};
     if (ReadReply(kCamera.port, reply, sizeof reply, kMessageTimeout) != kFlashModeReplySize)
         return PrintReplyFailure();
-    PrintReply("readBuff", reply, sizeof reply);
+    PrintReply(reply, sizeof reply);
     return kNoError;
 }
 
 // ---- Blocks
+
+void PrintOpenFailure(int port, eErrorT err)
+{
+    std::printf("ERROR: flash_farsight() -- Failed open port: %d, err: %d\n", port, err);
+}
+
+void PrintEnableFailure(int port)
+{
+    std::printf("ERROR: flash_farsight() -- Failed to enable serial port[%d] ...\n", port);
+}
 
 void PrintSendFailure()
 {
@@ -250,7 +282,7 @@ int flash_farsight(int argc, char *const argv[])
     os_assert(argv != nullptr || argc == 0, "argv");
     std::puts("########### Flashing Halden FarSight Firmware ....");
     PrintArguments(argc, argv);
-    if (OpenUpdatePort("flash_farsight", kCamera.port) != 0)
+    if (OpenUpdatePort(kCamera.port, PrintOpenFailure, PrintEnableFailure) != 0)
         return -1;
     const eErrorT err = HaldenSerialProgFarSight(CONTROLLER_FLASH_TYPE_FARSIGT_CAMERA_SYSTEM_FW);
     if (err != kNoError)
@@ -277,8 +309,8 @@ eErrorT HaldenSerialProgFarSight(CONTROLLER_FLASH_TYPE flashType)
     if (result != kNoError)
         return result;
     // Both comparisons print and count progress, whatever is to be flashed.
-    bool camNeeded = ImageNeeded(kCamera, camVersion, newCamVersion);
-    bool sysNeeded = ImageNeeded(kSystem, sysVersion, newSysVersion);
+    bool camNeeded = CameraImageNeeded(camVersion, newCamVersion);
+    bool sysNeeded = SystemImageNeeded(sysVersion, newSysVersion);
     const bool both = flashType == CONTROLLER_FLASH_TYPE_FARSIGT_CAMERA_SYSTEM_FW;
     camNeeded &= both || flashType == CONTROLLER_FLASH_TYPE_FARSIGT_CAMERA_FW;
     sysNeeded &= both || flashType == CONTROLLER_FLASH_TYPE_FARSIGT_SYSTEM_FW;

@@ -19,6 +19,18 @@ void PrintShortRequest(Int32 /*block*/, Int32 sent, Int32 size)
     PrintShortStatusRequest(sent, size);
 }
 
+const char *VerdictWord(const UInt8 *reply)
+{
+    return reply[kVerdict] == kBlockAck ? "ACK" : "NACK";
+}
+
+void PrintCameraVerdict(const UInt8 *reply, Int32 count)
+{
+    std::printf("####### GOT A [%s] FARSIGHT -- byteRead[%d]....\n", VerdictWord(reply), count);
+    for (Int32 i = 0; i < count; i++)
+        std::printf("~~~~~~ ackNackBuff[%d] = 0x%x ...\n", i, reply[i]);
+}
+
 } // namespace
 
 const ImageRow kImages[3] = {
@@ -35,13 +47,28 @@ const ImageRow kImages[3] = {
         .silence = kNoError,
         .allSent = kEndOfFile,
         .working = WorkingLine::kEachVerdict,
-        .listsVerdict = false,
-        .name = "micro",
-        .title = "Halden Micro Controller",
-        .capitals = "HALDEN MICRO",
-        .answers = "FROM HALDEN MICRO CONTROLLER",
-        .readFrom = "Micro program ",
-        .aborted = "Micro",
+        .printBlock =
+            [](Int32 block, Int32 iteration) {
+                std::printf("Flashing Halden Micro Controller Image block[%d] Iteration[%d] ...\n", block, iteration);
+            },
+        .printWorking = [](const char *file,
+                           Int32 /*nextBlock*/) { std::printf("Still working on micro file [%s] ...\n", file); },
+        .printVerdict =
+            [](const UInt8 *reply, Int32 count) {
+                std::printf("####### GOT A [%s] FROM HALDEN MICRO CONTROLLER -- byteRead[%d]....\n", VerdictWord(reply),
+                            count);
+            },
+        .printUnknownVerdict =
+            [](UInt8 verdict) {
+                std::printf("UNKNOWN RESPONSE FROM FARSIGHT DURING HALDEN MICRO IMAGE FLASHING: AckNack:0x%.2x ...\n",
+                            verdict);
+            },
+        .printReadError =
+            [](const ImageRow &row, Int32 err) {
+                std::printf("\nReading %d bytes from Micro program file: %s failed, err: %d, ABORT Micro "
+                            "programming....\n",
+                            row.blockSize, row.file, err);
+            },
         .printShortWrite = PrintShortMicroWrite,
     },
     {
@@ -57,13 +84,26 @@ const ImageRow kImages[3] = {
         .silence = kFuncReturnedError,
         .allSent = kNoError,
         .working = WorkingLine::kEachBlock,
-        .listsVerdict = true,
-        .name = "camera",
-        .title = "FarSight Camera",
-        .capitals = "CAMERA",
-        .answers = "FARSIGHT",
-        .readFrom = "",
-        .aborted = "FarSight camera image",
+        .printBlock =
+            [](Int32 block, Int32 iteration) {
+                std::printf("Flashing FarSight Camera Image block[%d] Iteration[%d] ...\n", block, iteration);
+            },
+        .printWorking =
+            [](const char *file, Int32 nextBlock) {
+                std::printf("Still working on camera file [%s] block [%d] ...\n", file, nextBlock);
+            },
+        .printVerdict = PrintCameraVerdict,
+        .printUnknownVerdict =
+            [](UInt8 verdict) {
+                std::printf("UNKNOWN RESPONSE FROM FARSIGHT DURING CAMERA IMAGE FLASHING: AckNack:0x%.2x ...\n",
+                            verdict);
+            },
+        .printReadError =
+            [](const ImageRow &row, Int32 err) {
+                std::printf("\nReading %d bytes from file: %s failed, err: %d, ABORT FarSight camera image "
+                            "programming....\n",
+                            row.blockSize, row.file, err);
+            },
         .printShortWrite = PrintShortRequest,
     },
     {
@@ -79,13 +119,26 @@ const ImageRow kImages[3] = {
         .silence = kFuncReturnedError,
         .allSent = kNoError,
         .working = WorkingLine::kEachBlock,
-        .listsVerdict = true,
-        .name = "system",
-        .title = "FarSight System",
-        .capitals = "SYSTEM",
-        .answers = "FARSIGHT",
-        .readFrom = "",
-        .aborted = "FarSight system image",
+        .printBlock =
+            [](Int32 block, Int32 iteration) {
+                std::printf("Flashing FarSight System Image block[%d] Iteration[%d] ...\n", block, iteration);
+            },
+        .printWorking =
+            [](const char *file, Int32 nextBlock) {
+                std::printf("Still working on system file [%s] block [%d] ...\n", file, nextBlock);
+            },
+        .printVerdict = PrintCameraVerdict,
+        .printUnknownVerdict =
+            [](UInt8 verdict) {
+                std::printf("UNKNOWN RESPONSE FROM FARSIGHT DURING SYSTEM IMAGE FLASHING: AckNack:0x%.2x ...\n",
+                            verdict);
+            },
+        .printReadError =
+            [](const ImageRow &row, Int32 err) {
+                std::printf("\nReading %d bytes from file: %s failed, err: %d, ABORT FarSight system image "
+                            "programming....\n",
+                            row.blockSize, row.file, err);
+            },
         .printShortWrite = PrintShortRequest,
     },
 };

@@ -27,7 +27,7 @@ enum class WorkingLine {
     kEachBlock,   // when a block was accepted, with the number of the next one
 };
 
-// Printing is part of a row as words, or as a function where the conversions differ.
+// The lines of a row are functions, so that each stands whole in the sources, and the compiler checks its conversions.
 struct ImageRow {
     const char *file;
     const Boolean *wanted;          // whether the command line asks for it
@@ -41,15 +41,12 @@ struct ImageRow {
     eErrorT silence; // the result if no verdict comes; for the microcontroller supervisors know it as a success
     eErrorT allSent; // the result behind the last block; behind the camera image comes the system image
     WorkingLine working;
-    bool listsVerdict; // each byte of a verdict is printed
-    // The words of this row, with the place in a line that they have.
-    const char *name;     // "Still working on ... file"
-    const char *title;    // "Flashing ... Image block"
-    const char *capitals; // "DURING ... IMAGE FLASHING"; that line names the camera, whatever the device
-    const char *answers;  // "GOT A [ACK] ... -- byteRead"
-    const char *readFrom; // "bytes from ...file"
-    const char *aborted;  // "ABORT ... programming"
-    // A short write. The camera's line names the status request; who searches traces knows it so.
+    void (*printBlock)(Int32 block, Int32 iteration);
+    void (*printWorking)(const char *file, Int32 nextBlock);
+    void (*printVerdict)(const UInt8 *reply, Int32 count);
+    void (*printUnknownVerdict)(UInt8 verdict); // names the camera, whatever the device
+    void (*printReadError)(const ImageRow &row, Int32 err);
+    // The camera's line names the status request; who searches traces knows it so.
     void (*printShortWrite)(Int32 block, Int32 sent, Int32 size);
 };
 

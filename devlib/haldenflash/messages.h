@@ -28,6 +28,8 @@ enum HALDEN_SYSTEM_STATUS_TYPE : UInt8 {
 };
 
 // The verdict of a device on a block. Any other byte is an unknown verdict.
+constexpr Int32 kVerdictReplySize = 2; // of the reply to a block
+constexpr Int32 kVerdict = 1;          // position of the verdict in it
 constexpr UInt8 kBlockAck = 0x06;
 constexpr UInt8 kBlockNack = 0x0F;
 

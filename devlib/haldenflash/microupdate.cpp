@@ -79,7 +79,7 @@ eErrorT ReadMicroVersion(UInt8 *version)
         return kFuncReturnedError;
     }
     std::printf("####### GOT RESPONSE BACK FROM HALDEN MICRO CONTROLLER -- byteRead[%d]....\n", count);
-    PrintReply("readBuff", reply, count);
+    PrintReply(reply, count);
     *version = reply[kReplyVersion];
     std::printf("####### CURRENT HALDEN MICRO CONTROLLER VERSION: 0x%.2x ....\n", *version);
     // Deliberately looks at the byte that is known to be the reply's type, so it never fires. At any
@@ -116,6 +116,16 @@ Transfer MicroTransfer(HaldenMicroUpdateInfoS *info)
     return {kMicro, &info->micro_file, &info->currentBlock, info->totalBlock, &info->BlockRetries};
 }
 
+void PrintOpenFailure(int port, eErrorT err)
+{
+    std::printf("ERROR: flash_micro() -- Failed open port: %d, err: %d\n", port, err);
+}
+
+void PrintEnableFailure(int port)
+{
+    std::printf("ERROR: flash_micro() -- Failed to enable serial port[%d] ...\n", port);
+}
+
 void PrintSendFailure()
 {
     std::printf("#### Failed sending the halden micro controller data block: %d ...\n", gMicroUpdateInfo.currentBlock);
@@ -128,7 +138,7 @@ int flash_micro(int argc, char *const argv[])
     os_assert(argv != nullptr || argc == 0, "argv");
     std::printf("########### Flashing Halden Micro Controller ...");
     PrintArguments(argc, argv);
-    if (OpenUpdatePort("flash_micro", kMicro.port) != 0)
+    if (OpenUpdatePort(kMicro.port, PrintOpenFailure, PrintEnableFailure) != 0)
         return -1;
     bool updated = false;
     int result = UpdateMicro(&updated);

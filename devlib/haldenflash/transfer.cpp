@@ -15,7 +15,6 @@ namespace
 constexpr Int32 kNumberSize = 2; // of a block, before its data
 constexpr Int32 kMaxBlockSize = 64512;
 constexpr Int32 kMaxFrameSize = 131072;
-constexpr Int32 kVerdictSize = 2; // the second byte is the verdict
 
 Int32 BlockNumber(const UInt8 *block)
 {
@@ -56,8 +55,7 @@ Int32 FillBlock(UInt8 *block, const Transfer &image)
     const Int32 count = ReadImage(*image.file, block + kNumberSize, row.blockSize);
     std::printf("bytes read: %d ...\n", count);
     if (count < 0)
-        std::printf("\nReading %d bytes from %sfile: %s failed, err: %d, ABORT %s programming....\n", row.blockSize,
-                    row.readFrom, row.file, count, row.aborted);
+        row.printReadError(row, count);
     else if (count < row.blockSize)
         std::printf("\nLast block read_cnt: %d of file: %s \n", count, row.file);
     return count;
@@ -72,8 +70,7 @@ eErrorT SendBlock(const Transfer &image)
     const Int32 size = isFresh ? kNumberSize + count : 0;
     bool sent = false;
     if (count >= 0) {
-        std::printf("Flashing %s Image block[%d] Iteration[%d] ...\n", image.row.title, *image.currentBlock,
-                    kFreshBlock + 1 - *image.retries);
+        image.row.printBlock(*image.currentBlock, kFreshBlock + 1 - *image.retries);
         sent =
             AnnounceBlock(image.row, block, size) == kNoError && SendAnnouncedBlock(image.row, block, size) == kNoError;
     }
@@ -89,17 +86,16 @@ void ApplyVerdict(const Transfer &image, UInt8 verdict)
 {
     const ImageRow &row = image.row;
     if (row.working == WorkingLine::kEachVerdict)
-        std::printf("Still working on %s file [%s] ...\n", row.name, row.file);
+        row.printWorking(row.file, *image.currentBlock);
     if (verdict == kBlockAck) {
         *image.retries = kFreshBlock;
         ++*image.currentBlock;
         if (row.working == WorkingLine::kEachBlock)
-            std::printf("Still working on %s file [%s] block [%d] ...\n", row.name, row.file, *image.currentBlock);
+            row.printWorking(row.file, *image.currentBlock);
     } else if (verdict == kBlockNack) {
         --*image.retries;
     } else {
-        std::printf("UNKNOWN RESPONSE FROM FARSIGHT DURING %s IMAGE FLASHING: AckNack:0x%.2x ...\n", row.capitals,
-                    verdict);
+        row.printUnknownVerdict(verdict);
     }
 }
 
@@ -107,17 +103,14 @@ void ApplyVerdict(const Transfer &image, UInt8 verdict)
 eErrorT ReadVerdict(Transfers images, UInt8 *verdict)
 {
     const ImageRow &row = images[0].row;
-    UInt8 reply[kVerdictSize] = {};
+    UInt8 reply[kVerdictReplySize] = {};
     const Int32 count = ReadReply(row.port, reply, sizeof reply, row.verdictTime);
-    if (count != kVerdictSize)
+    if (count != kVerdictReplySize)
         for (const Transfer &image : images)
             EndImage(image);
-    *verdict = reply[1];
-    std::printf("####### GOT A [%s] %s -- byteRead[%d]....\n", *verdict == kBlockAck ? "ACK" : "NACK", row.answers,
-                count);
-    if (row.listsVerdict)
-        PrintReply("ackNackBuff", reply, count);
-    return count == kVerdictSize ? kNoError : row.silence;
+    *verdict = reply[kVerdict];
+    row.printVerdict(reply, count);
+    return count == kVerdictReplySize ? kNoError : row.silence;
 }
 
 bool IsOpen(const Transfer &image)

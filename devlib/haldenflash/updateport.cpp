@@ -29,16 +29,16 @@ int CloseUpdatePort(int port)
 
 } // namespace
 
-int OpenUpdatePort(const char *procedure, int port)
+int OpenUpdatePort(int port, void (*printOpenFailure)(int port, eErrorT err), void (*printEnableFailure)(int port))
 {
     const eErrorT err = Serial_Open(port, nullptr, nullptr, nullptr, &kPortSettings);
     if (err != kNoError) {
-        std::printf("ERROR: %s() -- Failed open port: %d, err: %d\n", procedure, port, err);
+        printOpenFailure(port, err);
         return -1;
     }
     if (Serial_Enable(port, SERIAL_DIRECTION_BOTH) == kNoError)
         return 0;
-    std::printf("ERROR: %s() -- Failed to enable serial port[%d] ...\n", procedure, port);
+    printEnableFailure(port);
     CloseUpdatePort(port);
     return -1;
 }
@@ -70,8 +70,8 @@ Int32 ReadReply(int port, UInt8 *buffer, Int32 size, Int32 microseconds)
     return Serial_Read(port, reinterpret_cast<char *>(buffer), size, microseconds);
 }
 
-void PrintReply(const char *name, const UInt8 *buffer, Int32 count)
+void PrintReply(const UInt8 *buffer, Int32 count)
 {
     for (Int32 i = 0; i < count; i++)
-        std::printf("~~~~~~ %s[%d] = 0x%x ...\n", name, i, buffer[i]);
+        std::printf("~~~~~~ readBuff[%d] = 0x%x ...\n", i, buffer[i]);
 }

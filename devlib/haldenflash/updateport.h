@@ -4,10 +4,10 @@
 #include "Common/types.h"
 
 // Opens a port with the settings that both devices use, and enables both directions: 115200 bit/s, 8 data bits, even
-// parity, one stop bit, no flow control. What is printed names the procedure.
+// parity, one stop bit, no flow control. The caller's functions print what failed.
 // 0   open and enabled.
 // -1  it could not be opened, or not enabled, and is closed.
-int OpenUpdatePort(const char *procedure, int port);
+int OpenUpdatePort(int port, void (*printOpenFailure)(int port, eErrorT err), void (*printEnableFailure)(int port));
 
 // Disables both directions and closes a port.
 // 0   disabled and closed. A port that nobody enabled counts as disabled.
@@ -21,5 +21,5 @@ int genericWriteRs232Port(int portNum, const UInt8 *buf, int buflen);
 // Reads from a port within a time limit in microseconds. Returns what Serial_Read does.
 Int32 ReadReply(int port, UInt8 *buffer, Int32 size, Int32 microseconds);
 
-// Prints the first count bytes of a reply, one line each, under a name.
-void PrintReply(const char *name, const UInt8 *buffer, Int32 count);
+// Prints the first count bytes of a reply, one line each.
+void PrintReply(const UInt8 *buffer, Int32 count);
