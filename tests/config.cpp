@@ -128,31 +128,6 @@ TEST(Config, KeepsTheFileThatItCannotReplace)
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator("../dat"), {}), 1) << "temporary files";
 }
 
-// Tells itself; "missing" is none.
-std::string ValueOf(UInt32 change)
-{
-    const std::string filling(37 * change % 350, static_cast<char>('a' + change % 26));
-    return change % 4 == 0 ? "missing" : std::to_string(change) + filling + "\n";
-}
-
-void WriteUntilKilled(UInt32 round)
-{
-    const std::jthread killer([round] { usleep(round * 7919 % 10000), raise(SIGKILL); });
-    for (UInt32 change = 1; !testing::Test::HasFailure(); change++)
-        change % 4 == 0 ? ConfigDelete("item", 0) : ConfigWrite("item", 0, ValueOf(change).c_str());
-    _exit(1);
-}
-
-TEST(Config, KilledWritersLeaveWholeValues)
-{
-    const ConfigFolders folders;
-    for (UInt32 round = 0; round < 100; round++) {
-        EXPECT_EXIT(WriteUntilKilled(round), testing::KilledBySignal(SIGKILL), "");
-        const std::string text = folders.Get("dat/item.dat");
-        ASSERT_EQ(text, ValueOf(static_cast<UInt32>(std::atoi(text.c_str()))));
-    }
-}
-
 void EndAtOnce(useconds_t pause)
 {
     ConfigInit();
