@@ -877,7 +877,11 @@ const PairT kMods[] = {
      }},
     {"ExitAndFind", ExitMod<0>, [] { EXPECT_EQ(ModFindByName("ordr", 1), &mods[1]); },
      [] { InitMod<0>(), InitMod<1>(); }, ExitMod<1>},
-    {"CallAndAdd", CallMod, AddMany, InitModWithCounter, [] { EXPECT_EQ(results[0], 1u), ExitMod<0>(); }},
+    {"CallAndAdd", CallMod, AddMany, InitModWithCounter,
+     [] {
+         EXPECT_EQ(results[0], 1u);
+         ExitMod<0>();
+     }},
     {"TwoAdd", AddCounter<0>, AddCounter<1>, nullptr,
      [] {
          for (UInt32 &result : results)
