@@ -37,4 +37,4 @@ private:
 
 } // namespace bench
 
-extern bench::PtyBoard fake; // the program's
+extern bench::PtyBoard &fake; // the program's
