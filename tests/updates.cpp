@@ -80,6 +80,15 @@ TEST(Updates, TellTheNumberOfABlockThatIsNotSent)
               "-25 -- NewMsgSize = 11\n");
 }
 
+TEST(Updates, AnnounceAnEmptyFrameWithTheNumberOfTheSameDevicesBlock)
+{
+    FarSightUpdateInfoS camera = {OpenImage("/dev/null"), 0x102, 0x103, 3, nullptr, 0, 0, 3};
+    Printed(kFuncReturnedError, [&] { return SendNextFarSightDataBlock(&camera); });
+    HaldenMicroUpdateInfoS micro = {OpenImage("/dev/null"), 0, 12, 2};
+    const std::string retry = Printed(kFuncReturnedError, [&] { return SendNextMicroDataBlock(&micro); });
+    EXPECT_NE(retry.find("\nsending dataBlockNumber: 0 -- msgSize:0 ...\n"), std::string::npos) << retry;
+}
+
 TEST(Updates, SayOnceThatTheMicrocontrollersImageIsDone)
 {
     HaldenMicroUpdateInfoS done = {nullptr, 12, 12, 3};

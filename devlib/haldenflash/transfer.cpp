@@ -15,6 +15,7 @@ namespace
 constexpr Int32 kNumberSize = 2; // of a block, before its data
 constexpr Int32 kMaxBlockSize = 64512;
 constexpr Int32 kMaxFrameSize = 131072;
+constexpr int kPorts = 2; // with their own buffers: two tasks may update the two devices at the same time
 
 Int32 BlockNumber(const UInt8 *block)
 {
@@ -61,10 +62,12 @@ Int32 FillBlock(UInt8 *block, const Transfer &image)
     return count;
 }
 
-// Sends a fresh block with the next bytes of the image. Behind a refusal there is no data to send.
+// Sends a fresh block with the next bytes of the image. Behind a refusal there is no data to send; the empty frame is
+// announced with the number of the last block on that port.
 eErrorT SendBlock(const Transfer &image)
 {
-    static UInt8 block[kNumberSize + kMaxBlockSize];
+    static UInt8 blocks[kPorts][kNumberSize + kMaxBlockSize];
+    UInt8 *block = blocks[image.row.port];
     const bool isFresh = *image.retries == kFreshBlock;
     const Int32 count = isFresh ? FillBlock(block, image) : 0;
     const Int32 size = isFresh ? kNumberSize + count : 0;
@@ -184,7 +187,8 @@ eErrorT AnnounceBlock(const ImageRow &row, const UInt8 *msgPtr, Int32 msgSize)
 // Both devices' lines name the microcontroller's sender; who searches traces knows them so.
 eErrorT SendAnnouncedBlock(const ImageRow &row, const UInt8 *msgPtr, Int32 msgSize)
 {
-    static UInt8 frame[kMaxFrameSize];
+    static UInt8 frames[kPorts][kMaxFrameSize];
+    UInt8 *frame = frames[row.port];
     Int32 frameSize = 0;
     const eErrorT err = buildKoraToHaldenMsg(row.messageType, msgSize, msgPtr, &frameSize, frame);
     if (err != kNoError) {

@@ -1,5 +1,5 @@
 // Sends the blocks of images and takes the verdicts on them, for every device alike: what differs is in imagetable.h.
-// Everything runs on the caller's thread, one transfer at a time, on an enabled port.
+// Everything runs on the caller's thread, on an enabled port. Only one transfer at a time may use a port.
 #pragma once
 
 #include "devlib/haldenflash/imagetable.h"
