@@ -1,5 +1,4 @@
-// The command haldenbench: rehearses an update with the binary that ships and two peripherals in
-// software.
+// The command haldenbench: rehearses an update with the binary that ships and two peripherals in software.
 #include "bench/options.h"
 #include "bench/rig/images.h"
 #include "bench/rig/run.h"

@@ -1,6 +1,5 @@
-// The command haldenfaults: plays every fault at every step of an update, and every pair of answers to two
-// blocks, on the binary that ships, and holds each run against the table of ends; see judgement.h for what
-// is asked of a run.
+// The command haldenfaults: plays every fault at every step of an update, and every pair of answers to two blocks, on
+// the binary that ships, and holds each run against the table of ends; see judgement.h for what is asked of a run.
 #include "bench/options.h"
 #include "bench/sweeps/sweeps.h"
 

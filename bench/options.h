@@ -22,8 +22,8 @@ template <typename Settings> struct OptionRow {
     void (*apply)(Settings &settings, const char *name, const std::string &value);
 };
 
-// Applies the options of a command line in their order, as far as the first word that is none; optind
-// then counts what has been read. Throws UsageError, behind getopt's own message.
+// Applies the options of a command line in their order, as far as the first word that is none; optind then counts what
+// has been read. Throws UsageError, behind getopt's own message.
 template <typename Settings>
 void ReadOptions(std::span<const OptionRow<Settings>> rows, int argc, char *argv[], Settings &settings)
 {

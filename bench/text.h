@@ -1,5 +1,5 @@
-// Texts of the bench's reports. Nothing in them depends on time, place or the host's byte order, so
-// that two runs can be compared as files.
+// Texts of the bench's reports. Nothing in them depends on time, place or the host's byte order, so that two runs can
+// be compared as files.
 #pragma once
 
 #include <cstdint>

@@ -32,8 +32,8 @@ void ClearIf(std::atomic<UInt32> *pWord, UInt32 value)
     pWord->compare_exchange_strong(value, 0);
 }
 
-// A task's service of a port. Whatever ends it, its deletion included, the record forgets the task: nobody may
-// delete a stranger by an identifier that was left there.
+// A task's service of a port. Whatever ends it, its deletion included, the record forgets the task: nobody may delete a
+// stranger by an identifier that was left there.
 class ServiceHold
 {
 public:

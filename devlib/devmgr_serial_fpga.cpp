@@ -74,8 +74,8 @@ UInt32 DevMgrFPGASerial_Open(DEVCB *pDev)
 UInt32 DevMgrFPGASerial_Close(DEVCB *pDev)
 {
     const UInt32 result = ClosePort(pDev);
-    // Deliberately not the context and the enables: a port that was enabled for transmission must
-    // take a write at once after it is opened again.
+    // Deliberately not the context and the enables: a port that was enabled for transmission must take a write at once
+    // after it is opened again.
     if (result == SERIAL_NOERROR)
         StoreCallbacks(PortOf(pDev), {nullptr, nullptr, Callbacks(PortOf(pDev)).Context_Data});
     return result;

@@ -52,8 +52,8 @@ void StoreSettings(int port, const RS232Cfg &cfg)
 
 // ---- Steps of Serial_Open
 
-// A port from its reservation to the end of Serial_Open: closed again on every way out, the deletion
-// of the calling task included, unless it is kept.
+// A port from its reservation to the end of Serial_Open: closed again on every way out, the deletion of the calling
+// task included, unless it is kept.
 class Reservation
 {
 public:
@@ -95,8 +95,8 @@ private:
     bool kept_ = false;
 };
 
-// Opens the device into the port's slot: its callbacks may run, and write, before Serial_Open returns. Returns
-// false when all attempts failed.
+// Opens the device into the port's slot: its callbacks may run, and write, before Serial_Open returns. Returns false
+// when all attempts failed.
 bool OpenDevice(int port)
 {
     UInt32 devid = 0;

@@ -20,8 +20,8 @@ constexpr FormatRow kDataBits[] = {
     {kSerialDataBits7, 7},
     {kSerialDataBits8, 8},
 };
-// SERIAL_PARITY_NONE has no row: only SERIAL_PARITY_NO asks for no parity. Deliberate; a record that
-// was never filled in properly must not open a port.
+// SERIAL_PARITY_NONE has no row: only SERIAL_PARITY_NO asks for no parity. Deliberate; a record that was never filled
+// in properly must not open a port.
 constexpr FormatRow kParities[] = {
     {kSerialParityEven, 0, "even"},
     {kSerialParityOdd, 0, "odd"},

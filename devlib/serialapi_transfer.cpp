@@ -17,8 +17,8 @@ constexpr DirectionRow kDirections[] = {
     {SERIAL_DIRECTION_BOTH, PORT_RX_ENABLE | PORT_TX_ENABLE, PORT_RX_DISABLE | PORT_TX_DISABLE},
 };
 
-// Sends the status that the column of kDirections gives for the direction. *pErr: the driver's error, or 0; the
-// result is kNoError with it.
+// Sends the status that the column of kDirections gives for the direction. *pErr: the driver's error, or 0; the result
+// is kNoError with it.
 eErrorT SetDirection(int port, SerialDirectionType serialDir, UInt32 DirectionRow::*column, UInt32 *pErr)
 {
     *pErr = 0;

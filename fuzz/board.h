@@ -42,8 +42,7 @@ inline Int32 Version(std::string_view text)
     return value;
 }
 
-// Follows an update through what the board saw of it. Whatever is not as it is said to be stops the
-// program.
+// Follows an update through what the board saw of it. Whatever is not as it is said to be stops the program.
 class Replay
 {
 public:
@@ -101,8 +100,8 @@ private:
     std::size_t uses_ = 0, exchanges_ = 0, received_ = 0;
 };
 
-// The result that an update owes to what happened on the board; exchange is what it does on an open
-// port, and returns its result.
+// The result that an update owes to what happened on the board; exchange is what it does on an open port, and returns
+// its result.
 template <class Exchange> int ExpectedResult(Board &board, const char *port, Exchange exchange)
 {
     int result = -1;

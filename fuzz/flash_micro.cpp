@@ -1,5 +1,5 @@
-// The microcontroller's update, whatever the device answers and the board does. The input: the size of
-// the image, its version, q for a query or v for a device that sends its version first, and the script.
+// The microcontroller's update, whatever the device answers and the board does. The input: the size of the image, its
+// version, q for a query or v for a device that sends its version first, and the script.
 #include "fuzz/board.h"
 
 #include "devlib/haldenflash/haldenflash.h"

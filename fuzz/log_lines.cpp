@@ -1,5 +1,5 @@
-// Log lines from the call to the printed text: pieces are put together, cut, counted when they repeat,
-// pass the ring and are printed. There is no writer task; the target itself prints what is in the ring.
+// Log lines from the call to the printed text: pieces are put together, cut, counted when they repeat, pass the ring
+// and are printed. There is no writer task; the target itself prints what is in the ring.
 // The ring stays from input to input, so that lines come to lie everywhere in it, its end included.
 #include "fuzz/support.h"
 

@@ -1,6 +1,6 @@
-// What the fuzz targets share. Each is one unit with this header. Before its first input it gets
-// configuration folders of its own beside its working folder, its thread becomes a task, the log has
-// read its settings, and standard output leads nowhere.
+// What the fuzz targets share. Each is one unit with this header. Before its first input it gets configuration folders
+// of its own beside its working folder, its thread becomes a task, the log has read its settings, and standard output
+// leads nowhere.
 #pragma once
 
 #include "Common/OS/linux/psosapi/pthreadapi.h"

@@ -1,5 +1,5 @@
-// A camera block's frame against memcpy and against a plain loop over its bytes. With "--frames N"
-// the program builds N frames and ends: to be counted by valgrind with two values of N.
+// A camera block's frame against memcpy and against a plain loop over its bytes. With "--frames N" the program builds N
+// frames and ends: to be counted by valgrind with two values of N.
 #include "devlib/haldenflash/messages.h"
 
 #include <benchmark/benchmark.h>

@@ -83,11 +83,11 @@ BinaryLeafT *SearchLeaf(BinaryLeafT *pLeaf, UInt32 key)
     return pLeaf;
 }
 
-// ---- Rebalancing. Each takes a subtree whose named side has become two levels taller and returns
-// its new root; the height is then what it was before the insertion.
+// ---- Rebalancing. Each takes a subtree whose named side has become two levels taller and returns its new root; the
+// height is then what it was before the insertion.
 
-// After a double rotation: the new root's old factor tells which of its children got the shorter of
-// its former subtrees.
+// After a double rotation: the new root's old factor tells which of its children got the shorter of its former
+// subtrees.
 void BalanceDoubleRotation(BinaryLeafT *pRoot)
 {
     pRoot->left->factor = pRoot->factor == RIGHT_HEAVY ? LEFT_HEAVY : BALANCED;
@@ -153,8 +153,8 @@ BinaryLeafT *RotateRight(BinaryLeafT *pLeaf)
 
 // ---- Insertion
 
-// One side of a subtree has grown a level, and the subtree leaned to one side before, so that its
-// height is in the end what it was. Returns its new root.
+// One side of a subtree has grown a level, and the subtree leaned to one side before, so that its height is in the end
+// what it was. Returns its new root.
 BinaryLeafT *SideGrew(BinaryLeafT *pLeaf, eFactorT side)
 {
     if (pLeaf->factor == side)
@@ -172,8 +172,8 @@ void AllGrew(BinaryLeafT *pLeaf, const BinaryLeafT *pNew)
     }
 }
 
-// Without recursion: of the subtrees on the way to the new leaf, only those below the last one that
-// leans to a side grow, and that one takes the growth up.
+// Without recursion: of the subtrees on the way to the new leaf, only those below the last one that leans to a side
+// grow, and that one takes the growth up.
 void AddLeaf(TreeT *pTree, UInt32 key, void *pObject)
 {
     BinaryLeafT **ppRoot = &pTree->tree.pBaseLeaf;

@@ -48,8 +48,8 @@ std::size_t AddComponent(const char *component, char *text, std::size_t room)
     return length + kSeparatorSize;
 }
 
-// Writes level word, processor tag and component, and returns their length, which leaves room for
-// at least the terminator of the message.
+// Writes level word, processor tag and component, and returns their length, which leaves room for at least the
+// terminator of the message.
 std::size_t AddHeader(Int32 level, const char *component, char (&buffer)[kBufferSize])
 {
     auto length = static_cast<std::size_t>(addLevel(level, buffer));

@@ -19,15 +19,15 @@
 namespace
 {
 
-// ---- The ring: lines back to back, each with its NUL. A line is never split: behind the last one
-// that fits there is filling of at least two NULs.
+// ---- The ring: lines back to back, each with its NUL. A line is never split: behind the last one that fits there is
+// filling of at least two NULs.
 constexpr Int32 kRingSize = 0x80000;
 constexpr Int32 kRingLimit = kRingSize - 2; // no line ends behind it
 
 char buf[kRingSize + 10];
 
-// Index of the next line to store, or kLapping. Only adders move it, under log_Semaphore. The store releases what
-// was written before: the line is complete when the writer acquires the index behind it.
+// Index of the next line to store, or kLapping. Only adders move it, under log_Semaphore. The store releases what was
+// written before: the line is complete when the writer acquires the index behind it.
 std::atomic<Int32> log_buffer_tail;
 constexpr Int32 kLapping = -1; // an adder overwrites lines that wait for the writer: nothing can be taken
 
@@ -90,8 +90,8 @@ Int32 IndexOf(UInt32 head)
     return static_cast<Int32>(head % kLap);
 }
 
-// Starts again at the front. The head is not asked for room: a writer that is almost a whole ring behind
-// loses everything before this line.
+// Starts again at the front. The head is not asked for room: a writer that is almost a whole ring behind loses
+// everything before this line.
 void WrapLine(const char *line, Int32 size)
 {
     const Int32 tail = log_buffer_tail.load(std::memory_order_relaxed);
@@ -123,8 +123,8 @@ bool StoreLine(const char *line, Int32 size)
 
 // ---- Printing, in the writer task only
 
-// The writer's copy of the line that it prints: once the head has passed a line, new ones may
-// overwrite it. Only the pages that the longest line needs are ever touched.
+// The writer's copy of the line that it prints: once the head has passed a line, new ones may overwrite it. Only the
+// pages that the longest line needs are ever touched.
 char printedLine[kRingSize];
 
 // There is filling at next, and nothing but filling ever comes after the tail.
@@ -137,8 +137,8 @@ void StopIfCorrupt(Int32 next, Int32 tail)
 }
 
 // Copies the next line to printedLine; an empty one where a pass begins on the filling, or where a lap came
-// between: what was copied may be half of one line and half of another. False when there is none. A lap that is
-// under way is none either: its adder sends an event afterwards.
+// between: what was copied may be half of one line and half of another. False when there is none. A lap that is under
+// way is none either: its adder sends an event afterwards.
 bool TakeLine()
 {
     UInt32 head = log_buffer_head.load(std::memory_order_acquire);

@@ -14,8 +14,7 @@ constexpr UInt32 kAnswerEvent = 0x4000;
 constexpr UInt32 kAnswerTicks = 300;
 constexpr std::size_t kCommandSize = 512; // name, instance, value and the words around them
 
-// The context of a remote read. They are used in turn, so that a late answer finds one that nobody waits
-// on.
+// The context of a remote read. They are used in turn, so that a late answer finds one that nobody waits on.
 struct RemoteReadT {
     UInt32 taskID; // who waits; 0: nobody
     char *pAnswer; // kCommandSize characters

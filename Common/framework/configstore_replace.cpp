@@ -40,8 +40,8 @@ OldFileT LookAt(const char *path)
     return old;
 }
 
-// Gives a new file the owner, the group and the permissions of the old one: a secret stays one. False when the
-// process may not, and when the folder gave the file an access list, which the old one does not have.
+// Gives a new file the owner, the group and the permissions of the old one: a secret stays one. False when the process
+// may not, and when the folder gave the file an access list, which the old one does not have.
 bool TakeAttributes(int file, const struct stat &old)
 {
     struct stat now;
@@ -163,8 +163,8 @@ ReplacementT ReplaceFile(ConfigFileT *pFile, const OldFileT &old)
     return result;
 }
 
-// Writes over the file, which is cut afterwards: a short value is there whole or not at all, and on a full disk it
-// has its place already.
+// Writes over the file, which is cut afterwards: a short value is there whole or not at all, and on a full disk it has
+// its place already.
 void WriteInPlace(ConfigFileT *pFile)
 {
     const int file = open(pFile->path, O_WRONLY | O_CREAT | O_NOCTTY | O_CLOEXEC, kNewFileMode);

@@ -74,8 +74,8 @@ void GiveBack(const DeferredQueueT &queue, ListT *pElem)
     ListEnqueueUnprot(&queue.pFree, pElem);
 }
 
-// Takes a block off the pending list, unless its task ran it and then ended. (That somebody else has
-// queued it again by then, after all the other free blocks, is left out of account.)
+// Takes a block off the pending list, unless its task ran it and then ended. (That somebody else has queued it again by
+// then, after all the other free blocks, is left out of account.)
 void Withdraw(const DeferredQueueT &queue, ListT *pElem)
 {
     const auto isElem = [](ListT *pListed, void *pWanted, void *) -> Int32 { return pListed == pWanted ? 1 : 0; };
@@ -114,8 +114,8 @@ Int32 IsCallbackOfMod(ListT *pElem, void *pMod, void *pCallback)
     return wanted && pDeferred->pMod == pMod ? 1 : 0;
 }
 
-// A callback that was removed while it was being looked at is not queued any more: its task may count
-// on that after removing it.
+// A callback that was removed while it was being looked at is not queued any more: its task may count on that after
+// removing it.
 bool AppendIfRegistered(ModDeferredCallbackT *pDeferred)
 {
     const SemaphoreHold hold(callbackSemaphore);

@@ -17,8 +17,8 @@
 
 constexpr std::size_t kMaxMods = 4000;
 
-// A slot goes from null to a record and back in one step, so that nobody needs a lock to enter one. It
-// goes back under the interrupt lock: whoever looks at records under it does not see one go.
+// A slot goes from null to a record and back in one step, so that nobody needs a lock to enter one. It goes back under
+// the interrupt lock: whoever looks at records under it does not see one go.
 using SlotT = std::atomic<ModT *>;
 extern SlotT gMods[kMaxMods];
 

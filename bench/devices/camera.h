@@ -1,6 +1,5 @@
-// The camera: answers the version query, enters flash mode with the block counts announced for its
-// two images, and takes the camera image and then the system image. Contents and versions outlive a
-// power cut; flash mode does not.
+// The camera: answers the version query, enters flash mode with the block counts announced for its two images, and
+// takes the camera image and then the system image. Contents and versions outlive a power cut; flash mode does not.
 #pragma once
 
 #include "bench/devices/device.h"

@@ -1,5 +1,5 @@
-// Strict decoder of the host's frames, one byte at a time. Written from the frame's definition and
-// sharing nothing with the updater, so that a fault in one is not repeated in the other:
+// Strict decoder of the host's frames, one byte at a time. Written from the frame's definition and sharing nothing with
+// the updater, so that a fault in one is not repeated in the other:
 //   FF, type, length (2 bytes, high first: data and checksum), data, checksum (3 bytes, high first:
 //   what makes the sum of the data 0 modulo 2^24); behind the FF, FF travels as FE 01, FE as FE 00.
 // Every deviation is reported once; decoding takes up again at the next FF, whatever came before.

@@ -1,5 +1,5 @@
-// The microcontroller: answers the status request with its version and takes an image of twelve
-// blocks. Contents and version outlive a power cut.
+// The microcontroller: answers the status request with its version and takes an image of twelve blocks. Contents and
+// version outlive a power cut.
 #pragma once
 
 #include "bench/devices/device.h"
@@ -19,9 +19,8 @@ public:
 
     // The version it runs: the first byte of the image once block 11 has been acknowledged.
     std::uint8_t version() const { return version_; }
-    // What has been stored, from address 0 to the last byte written; block 0 erases what was there
-    // before. A block that was refused is missing (FF) even if its retry is acknowledged, because a
-    // retry carries no data.
+    // What has been stored, from address 0 to the last byte written; block 0 erases what was there before. A block that
+    // was refused is missing (FF) even if its retry is acknowledged, because a retry carries no data.
     const Bytes &flash() const { return flash_; }
 
 private:

@@ -32,9 +32,9 @@ void WriteSamples(const std::string &directory, const Samples &samples);
 // Nothing when there is no such file.
 std::optional<std::string> ReadVersion(const std::string &path);
 
-// Whether a device ended its run as it should: it found nothing wrong, holds exactly the image that
-// it was sent, and runs that version. A device that had no part in the run is good; so is an image that
-// was not sent because the device runs it already.
+// Whether a device ended its run as it should: it found nothing wrong, holds exactly the image that it was sent, and
+// runs that version. A device that had no part in the run is good; so is an image that was not sent because the device
+// runs it already.
 struct Verdict {
     bool good;
     std::string text; // one line

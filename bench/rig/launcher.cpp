@@ -81,8 +81,8 @@ short Launcher::Poll(int fd, int milliseconds)
     return polls[0].revents;
 }
 
-// Reads until the program has closed its end: earlier, the answer would have no reader. Poll waits
-// for a writer to come, where read would take its absence for the end.
+// Reads until the program has closed its end: earlier, the answer would have no reader. Poll waits for a writer to
+// come, where read would take its absence for the end.
 std::string Launcher::Take()
 {
     const Descriptor fifo(open(path_.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
@@ -96,8 +96,8 @@ std::string Launcher::Take()
     return command;
 }
 
-// The open fails as long as nobody reads. An answer that nobody has read yet would be the next
-// command to Take; the program's next command waits for Take, because nobody else reads here.
+// The open fails as long as nobody reads. An answer that nobody has read yet would be the next command to Take; the
+// program's next command waits for Take, because nobody else reads here.
 void Launcher::Answer()
 {
     while (!ending_) {

@@ -1,5 +1,5 @@
-// The launcher: the other end of the command relay, a FIFO that carries a command one way and its
-// result the other. It takes one command after another and gives each the same answer.
+// The launcher: the other end of the command relay, a FIFO that carries a command one way and its result the other. It
+// takes one command after another and gives each the same answer.
 // Locking: commands() may be called at any time; the rest happens in a thread of the launcher's own.
 #pragma once
 
@@ -25,8 +25,8 @@ public:
     Launcher &operator=(const Launcher &) = delete;
 
     const std::string &path() const { return path_; }
-    // As they were written, line feeds included; each is there before its answer is sent. The answer
-    // to a program that was killed before it asked for it is never got rid of: no command follows.
+    // As they were written, line feeds included; each is there before its answer is sent. The answer to a program that
+    // was killed before it asked for it is never got rid of: no command follows.
     std::vector<std::string> commands() const;
 
 private:

@@ -120,8 +120,8 @@ void Line::Pass(LineFault::Way way, std::span<const std::uint8_t> bytes, const S
     sink(passed);
 }
 
-// Takes a portion of bytes off the line and gives it to the device when its time on the line is
-// over. Returns false when there was none.
+// Takes a portion of bytes off the line and gives it to the device when its time on the line is over. Returns false
+// when there was none.
 bool Line::CarrySome(unsigned baud)
 {
     std::uint8_t portion[kChunk];
@@ -155,8 +155,7 @@ void Line::SendDue()
 {
     for (; !due_.empty() && due_.front().when <= Clock::now(); due_.pop_front()) {
         Pass(LineFault::kToHost, due_.front().bytes, [this](auto bytes) {
-            // A few bytes into an empty buffer: nothing is left over unless nobody reads, and then
-            // nobody misses it.
+            // A few bytes into an empty buffer: nothing is left over unless nobody reads, and then nobody misses it.
             [[maybe_unused]] const ssize_t sent = write(master_.get(), bytes.data(), bytes.size());
         });
     }

@@ -1,5 +1,5 @@
-// A serial line: a pseudo-terminal whose far end is a device. The slave is raw and held open here,
-// so that a program that closes it does not look like a hang-up.
+// A serial line: a pseudo-terminal whose far end is a device. The slave is raw and held open here, so that a program
+// that closes it does not look like a hang-up.
 // Owner:   the caller keeps the device as long as the line.
 // Locking: between Start and Stop one thread of the line's own works the device; before and after,
 //          the device belongs to the caller.
@@ -41,8 +41,8 @@ public:
     using Clock = std::chrono::steady_clock;
     static constexpr double kBitsPerByte = 11; // start, eight data, parity, stop
 
-    // baud 0: bytes are taken off the line as fast as they come; otherwise no faster than that, and
-    // the device sees them when their time on the line is over. Throws std::system_error.
+    // baud 0: bytes are taken off the line as fast as they come; otherwise no faster than that, and the device sees
+    // them when their time on the line is over. Throws std::system_error.
     explicit Line(Device &device, unsigned baud = 0);
     ~Line() { Stop(); }
     Line(const Line &) = delete;
@@ -59,8 +59,8 @@ public:
 
     // Drops what is left of an earlier run, turns the device on and begins to carry bytes.
     void Start();
-    // Carries what has been written by now, ends, and turns the device off. Late replies that are
-    // still due are dropped. Does nothing on a line that is not started.
+    // Carries what has been written by now, ends, and turns the device off. Late replies that are still due are
+    // dropped. Does nothing on a line that is not started.
     void Stop();
 
 private:

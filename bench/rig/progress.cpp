@@ -8,10 +8,10 @@
 namespace bench
 {
 
-// One number per open, without a race: each number gets a FIFO of its own. It has a reader from the
-// start, so that the writer's open does not wait, and it is full, so that the writer's write does.
-// The writer's open is noticed (an open for reading that waits for a writer returns), the next FIFO
-// takes the place of this one, and only then is this one emptied.
+// One number per open, without a race: each number gets a FIFO of its own. It has a reader from the start, so that the
+// writer's open does not wait, and it is full, so that the writer's write does.
+// The writer's open is noticed (an open for reading that waits for a writer returns), the next FIFO takes the place of
+// this one, and only then is this one emptied.
 
 ProgressReader::ProgressReader(std::string path, ProgressOptions options)
     : path_(std::move(path)), nextPath_(path_ + ".next"), options_(std::move(options))

@@ -1,5 +1,5 @@
-// The supervisor's end of the progress pipe: a FIFO whose reader takes one number for each time the
-// FIFO is opened, however fast the numbers follow each other.
+// The supervisor's end of the progress pipe: a FIFO whose reader takes one number for each time the FIFO is opened,
+// however fast the numbers follow each other.
 #pragma once
 
 #include "bench/rig/descriptor.h"

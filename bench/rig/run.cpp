@@ -121,8 +121,8 @@ std::vector<std::string> Environment(const RunOptions &options, const Events &ev
         for (const auto &[number, port] : options.ports)
             AddPort(environment, number, port);
     }
-    // A program built with a sanitizer has to put up with the preload library; what this process
-    // was told about sanitizers holds for it as well.
+    // A program built with a sanitizer has to put up with the preload library; what this process was told about
+    // sanitizers holds for it as well.
     for (const char *name : {"ASAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS"}) {
         if (const char *value = std::getenv(name))
             environment.emplace(name, value);

@@ -1,8 +1,6 @@
-// One run of a program against the bench: in a clean environment, with the preload library and its
-// serial ports led to lines, its output kept and its time bounded. Nothing is left behind: no child,
-// no descriptor, no FIFO.
-// Owner: the caller keeps lines, devices and launcher; they may take part in any number of runs, one
-// at a time.
+// One run of a program against the bench: in a clean environment, with the preload library and its serial ports led to
+// lines, its output kept and its time bounded. Nothing is left behind: no child, no descriptor, no FIFO.
+// Owner: the caller keeps lines, devices and launcher; they may take part in any number of runs, one at a time.
 #pragma once
 
 #include "bench/rig/launcher.h"
@@ -66,8 +64,8 @@ struct RunResult {
     double seconds = 0;
 };
 
-// Starts the lines, runs the program to its end, and stops the lines. Throws std::system_error when
-// the program cannot be started, with the lines stopped.
+// Starts the lines, runs the program to its end, and stops the lines. Throws std::system_error when the program cannot
+// be started, with the lines stopped.
 RunResult Run(const RunOptions &options);
 
 } // namespace bench

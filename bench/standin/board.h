@@ -1,7 +1,7 @@
-// The board as a program meets it inside its own process. calls.cpp stands in front of the C library's calls and
-// leads them to the board that is there; a call that the board has nothing to do with goes on to the system.
-// This part plays the ports' driver and their terminal settings. What is at the far end of a port, and what
-// fails, is up to the board: PtyBoard and ScriptBoard.
+// The board as a program meets it inside its own process. calls.cpp stands in front of the C library's calls and leads
+// them to the board that is there; a call that the board has nothing to do with goes on to the system.
+// This part plays the ports' driver and their terminal settings. What is at the far end of a port, and what fails, is
+// up to the board: PtyBoard and ScriptBoard.
 // Owner:   the caller. There is one board at a time, from its construction to its end.
 // Locking: none. What a board records is read when no other thread makes calls.
 #pragma once

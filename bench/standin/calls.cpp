@@ -1,5 +1,5 @@
-// The calls of the C library that a board inside the program stands in front of. A task may be cancelled in one
-// of them: nothing here has to be undone.
+// The calls of the C library that a board inside the program stands in front of. A task may be cancelled in one of
+// them: nothing here has to be undone.
 #include "bench/standin/board.h"
 #include "bench/standin/real.h"
 

@@ -1,8 +1,7 @@
-// Leads a program that opens "/dev/fpgaserial<N>", its command relay or its configuration to other
-// files, and plays the FPGA serial driver. Needs nothing but the C library, allocates nothing, and
-// holds no lock and no descriptor between calls. <sys/ioctl.h> stays out on purpose: it declares
-// ioctl as one that never throws, and such a function would need the C++ library and could not be
-// unwound by a cancellation.
+// Leads a program that opens "/dev/fpgaserial<N>", its command relay or its configuration to other files, and plays the
+// FPGA serial driver. Needs nothing but the C library, allocates nothing, and holds no lock and no descriptor between
+// calls. <sys/ioctl.h> stays out on purpose: it declares ioctl as one that never throws, and such a function would need
+// the C++ library and could not be unwound by a cancellation.
 #include "bench/standin/preload.h"
 #include "bench/standin/real.h"
 
@@ -36,8 +35,8 @@ constexpr char kRelay[] = "/tmp/plaunch"; // of commands
 constexpr char kOpt[] = "/opt/talvora";   // configuration
 constexpr std::size_t kPlace = PATH_MAX + 1;
 
-// What the environment says; written once, before main. A path that it does not name is "", which
-// the system answers with ENOENT.
+// What the environment says; written once, before main. A path that it does not name is "", which the system answers
+// with ENOENT.
 struct Orders {
     bool on;
     const char *relay, *opt;
@@ -229,8 +228,8 @@ bool IsRelay(const char *path)
     return gOrders.on && strcmp(path, kRelay) == 0;
 }
 
-// Where a path leads; place is room for it. What has to be cut to fit is still longer than the system
-// takes, so that it is refused (ENAMETOOLONG).
+// Where a path leads; place is room for it. What has to be cut to fit is still longer than the system takes, so that it
+// is refused (ENAMETOOLONG).
 const char *PlaceOf(const char *path, char (&place)[kPlace])
 {
     constexpr std::size_t kLength = sizeof kOpt - 1;

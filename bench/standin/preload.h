@@ -1,6 +1,6 @@
-// How the preload library is told what to do: environment variables, read once when the library is
-// loaded. Without HALDENBENCH_LOG it changes nothing. <N> is the number in "/dev/fpgaserial<N>",
-// 0 to 9; ordinals count from 1, per port and over the whole process.
+// How the preload library is told what to do: environment variables, read once when the library is loaded. Without
+// HALDENBENCH_LOG it changes nothing. <N> is the number in "/dev/fpgaserial<N>", 0 to 9; ordinals count from 1, per
+// port and over the whole process.
 //
 //   HALDENBENCH_LOG           file that holds an EventLog, to which one line per event is appended:
 //                               open <N> | open <N> refused | close <N>
@@ -33,8 +33,8 @@
 namespace bench
 {
 
-// What the bench makes and the preload library maps: a line costs no system call, so that the calls that
-// a program makes are its own. Lines that do not fit are lost.
+// What the bench makes and the preload library maps: a line costs no system call, so that the calls that a program
+// makes are its own. Lines that do not fit are lost.
 struct EventLog {
     std::atomic<std::uint32_t> used; // characters of text; what is beyond the end counts as well
     char text[1 << 20];

@@ -1,8 +1,8 @@
-// A board for fuzzing, without time and without the system: files in memory, and a port with a device whose answers
-// are a script. Only the thread that makes it meets it.
-// A byte of the script is what the device sends next, but one from E0 to EF is an event, which happens
-// to the next call that it can happen to. One that the call at hand cannot have is silence when it is the
-// port that is read. When the script has ended the device is silent and everything works.
+// A board for fuzzing, without time and without the system: files in memory, and a port with a device whose answers are
+// a script. Only the thread that makes it meets it.
+// A byte of the script is what the device sends next, but one from E0 to EF is an event, which happens to the next call
+// that it can happen to. One that the call at hand cannot have is silence when it is the port that is read. When the
+// script has ended the device is silent and everything works.
 // A call that no program may make here, such as a read that would wait for ever, stops the program.
 #pragma once
 

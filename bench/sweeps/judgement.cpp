@@ -167,8 +167,8 @@ void FindRow(const Trial &trial, Outcome &outcome)
             Format("status %d, signal %d and this last line are not known: ", run.status, run.signal) + outcome.last);
 }
 
-// What a device holds is what the table has. It had an older version: after an update that calls itself a
-// success it holds its image, and no query finds that none is required.
+// What a device holds is what the table has. It had an older version: after an update that calls itself a success it
+// holds its image, and no query finds that none is required.
 void JudgeImage(const Trial &trial, const ImageRow &image, Outcome &outcome)
 {
     const bool success = outcome.run.status == 0;

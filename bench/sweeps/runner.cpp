@@ -197,8 +197,8 @@ void Runner::NewMicroVersion() const
     WriteFile(directory_ + "/" + kMicroImage, image);
 }
 
-// The run without a fault that has to bring the devices to their images, whatever they hold. A microcontroller
-// that runs the new version without its image takes another version to be sent anything.
+// The run without a fault that has to bring the devices to their images, whatever they hold. A microcontroller that
+// runs the new version without its image takes another version to be sent anything.
 void Runner::Mend(const Trial &trial, Devices &devices, Outcome &outcome) const
 {
     Session session = *trial.session;

@@ -1,5 +1,5 @@
-// Plays trials: one run of the updater with one fault, the judgement of how it ended, and the clean run that
-// has to mend it.
+// Plays trials: one run of the updater with one fault, the judgement of how it ended, and the clean run that has to
+// mend it.
 // Owner: the caller; a Runner works for one thread at a time.
 #pragma once
 
@@ -17,12 +17,12 @@ public:
 
     Outcome Try(const Trial &trial);
 
-    // Tries again if there are findings: a busy machine may make a device too late. Signals at random
-    // moments are a race already and get no second try.
+    // Tries again if there are findings: a busy machine may make a device too late. Signals at random moments are a
+    // race already and get no second try.
     Outcome TryTwice(const Trial &trial);
 
-    // The names of the system calls of a run without a fault, in order, as strace sees them. Throws
-    // std::runtime_error when that run fails.
+    // The names of the system calls of a run without a fault, in order, as strace sees them. Throws std::runtime_error
+    // when that run fails.
     std::vector<std::string> Calls(const Session &session);
 
 private:

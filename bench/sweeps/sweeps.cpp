@@ -122,8 +122,7 @@ void AddOrders(std::vector<Trial> &trials, const std::vector<Call> &calls, const
     }
 }
 
-// The driver's requests and opens, which never reach the kernel here. Nine opens that are refused are made
-// up for.
+// The driver's requests and opens, which never reach the kernel here. Nine opens that are refused are made up for.
 void AddRequests(std::vector<Trial> &trials, const Session &session)
 {
     constexpr struct {

@@ -82,8 +82,8 @@ eErrorT SendRawMessage(const UInt8 *message, Int32 size)
     return kFuncReturnedError;
 }
 
-// Reads up to the byte that begins the device-type reply, and drops what comes before it; a camera
-// that chatters for ever keeps it here.
+// Reads up to the byte that begins the device-type reply, and drops what comes before it; a camera that chatters for
+// ever keeps it here.
 eErrorT FindTypeReply(UInt8 *reply)
 {
     for (;;) {
@@ -110,8 +110,8 @@ eErrorT ReadTypeReply(UInt8 *reply)
     return kNoError;
 }
 
-// A version of the reply, deliberately taken as a signed 16-bit value: from 8000 on it equals no
-// version of a file, and such a camera is always updated.
+// A version of the reply, deliberately taken as a signed 16-bit value: from 8000 on it equals no version of a file, and
+// such a camera is always updated.
 Int32 ReplyVersion(const UInt8 *reply, Int32 position)
 {
     char text[kReplyVersionSize + 1] = {};

@@ -52,8 +52,7 @@ constexpr TargetRow kTargets[] = {
 constexpr int kPipeWords = 3;    // behind "-p": path, lower bound, upper bound
 constexpr int kMinPipeWords = 2; // of these
 
-// Records the hardware type of the board that the environment names. A name that is not known
-// leaves the type as it is.
+// Records the hardware type of the board that the environment names. A name that is not known leaves the type as it is.
 void SetBoard()
 {
     const char *board = std::getenv("TALVORA_BOARDID");
@@ -66,8 +65,8 @@ void SetBoard()
     std::printf("######### hwType:%d ....\n\r", static_cast<Int32>(GetSystemHardwareType()));
 }
 
-// A bound of the progress range; 0 for one that is missing or no number. Out of range it saturates,
-// on every machine at 32 bits.
+// A bound of the progress range; 0 for one that is missing or no number. Out of range it saturates, on every machine at
+// 32 bits.
 Int32 Bound(const char *text)
 {
     if (text == nullptr)
@@ -96,8 +95,8 @@ bool SetTarget(const char *word)
     return false;
 }
 
-// The program's own name is tested like any other argument, which its usual name survives. With only
-// two words behind "-p" the upper bound is the null entry that ends the arguments.
+// The program's own name is tested like any other argument, which its usual name survives. With only two words behind
+// "-p" the upper bound is the null entry that ends the arguments.
 void ParseArguments(int argc, char *const argv[])
 {
     for (int i = 0; i < argc; i++) {
@@ -124,8 +123,7 @@ bool AddToWork(const ImageRow &image)
     return true;
 }
 
-// Sizes the work for progress reporting, which is off when an image is missing; the update itself
-// goes on.
+// Sizes the work for progress reporting, which is off when an image is missing; the update itself goes on.
 void SizeWork()
 {
     const char *missing = nullptr;

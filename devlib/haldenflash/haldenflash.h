@@ -1,5 +1,5 @@
-// The program's command line: which updates run on which board, with which progress reports. The flags are all 0 at
-// the start of the program.
+// The program's command line: which updates run on which board, with which progress reports. The flags are all 0 at the
+// start of the program.
 #pragma once
 
 #include "Common/types.h"

@@ -10,8 +10,8 @@
 namespace
 {
 
-// Whether what has been read is all that there is. A file that ends before its size is one that could not
-// be read: sent as it is, the device would end up with a part of an image that calls itself whole.
+// Whether what has been read is all that there is. A file that ends before its size is one that could not be read: sent
+// as it is, the device would end up with a part of an image that calls itself whole.
 bool AtEnd(FILE *image)
 {
     const int fd = fileno(image);

@@ -37,8 +37,8 @@ constexpr UInt8 kBlockNack = 0x0F;
 Boolean validateKoraHaldenMessageType(UInt8 msgType);
 
 // Builds the frame of a message of orgMsgSize data bytes (at most 65532) at ptrNewMsg, and stores its size. The caller
-// owns ptrNewMsg. It has room for 2 * (orgMsgSize + 6) + 1 bytes, and there is a zero byte in it. Data of size 0 may
-// be null. What the old contents, read as a string, have behind the new frame is cleared.
+// owns ptrNewMsg. It has room for 2 * (orgMsgSize + 6) + 1 bytes, and there is a zero byte in it. Data of size 0 may be
+// null. What the old contents, read as a string, have behind the new frame is cleared.
 // kNoError       the frame is built.
 // kBadParameter  the type is not valid, which is printed. The size is 0, and ptrNewMsg is as it was.
 eErrorT buildKoraToHaldenMsg(KORA_HALDEN_MESAGE_TYPE msgType, Int32 orgMsgSize, const UInt8 *orgMsgPtr,

@@ -31,8 +31,8 @@ bool ReadByte(UInt8 *byte)
     return ReadReply(kMicro.port, byte, 1, kReplyTimeout) == 1;
 }
 
-// Reads up to the delimiter and the type of the version reply, which end up in reply[0] and
-// reply[1], and drops what comes before; a device that chatters for ever keeps it here.
+// Reads up to the delimiter and the type of the version reply, which end up in reply[0] and reply[1], and drops what
+// comes before; a device that chatters for ever keeps it here.
 eErrorT FindVersionReply(UInt8 *reply)
 {
     for (;;) {
@@ -82,8 +82,8 @@ eErrorT ReadMicroVersion(UInt8 *version)
     PrintReply(reply, count);
     *version = reply[kReplyVersion];
     std::printf("####### CURRENT HALDEN MICRO CONTROLLER VERSION: 0x%.2x ....\n", *version);
-    // Deliberately looks at the byte that is known to be the reply's type, so it never fires. At any
-    // other position a version that happens to be 0F would be flashed over.
+    // Deliberately looks at the byte that is known to be the reply's type, so it never fires. At any other position a
+    // version that happens to be 0F would be flashed over.
     if (reply[1] == kBlockNack) {
         std::puts("########### Micro Controller responded with a NACK instead of its version ...Attempt to reflash "
                   "...");

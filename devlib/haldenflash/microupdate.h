@@ -34,10 +34,10 @@ eErrorT HaldenSerialProgMicro(CONTROLLER_FLASH_TYPE flashTarget);
 // Moves to the next block or counts a retry, as the verdict says. Returns kNoError.
 eErrorT SetupNextMicroDataBlock(HaldenMicroUpdateInfoS *updateInfo, UInt8 AckNack);
 
-// Sends the current block. Returns kNoError (also when the retries are used up and nothing was
-// sent), kEndOfFile after the last block, or kFuncReturnedError; the image is closed in both cases.
+// Sends the current block. Returns kNoError (also when the retries are used up and nothing was sent), kEndOfFile after
+// the last block, or kFuncReturnedError; the image is closed in both cases.
 eErrorT SendNextMicroDataBlock(HaldenMicroUpdateInfoS *updateInfo);
 
-// Sends one block: two bytes of number, high byte first, and the data. msgPtr holds two bytes or
-// more even when msgSize is 0. Returns kNoError, the builder's error, or kFuncReturnedError.
+// Sends one block: two bytes of number, high byte first, and the data. msgPtr holds two bytes or more even when msgSize
+// is 0. Returns kNoError, the builder's error, or kFuncReturnedError.
 eErrorT sendMicroFlashDataBlock(const UInt8 *msgPtr, Int32 msgSize);

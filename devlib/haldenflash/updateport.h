@@ -14,8 +14,8 @@ int OpenUpdatePort(int port, void (*printOpenFailure)(int port, eErrorT err), vo
 // -1  one of the two failed. The port is closed if it can be.
 int ReleaseUpdatePort(int port);
 
-// Writes to a serial port, without a time-out and without a second try. Returns what Serial_Write does. Any other
-// count than buflen is printed.
+// Writes to a serial port, without a time-out and without a second try. Returns what Serial_Write does. Any other count
+// than buflen is printed.
 int genericWriteRs232Port(int portNum, const UInt8 *buf, int buflen);
 
 // Reads from a port within a time limit in microseconds. Returns what Serial_Read does.

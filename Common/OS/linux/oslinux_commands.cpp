@@ -58,8 +58,8 @@ struct StreamCloser {
 using CommandOutput = std::unique_ptr<FILE, StreamCloser>;
 using Directory = std::unique_ptr<DIR, StreamCloser>;
 
-// Reads until a line feed, size characters or the end, and terminates what came, without the line
-// feed; text has room for size + 1. A FIFO may deliver a line in pieces.
+// Reads until a line feed, size characters or the end, and terminates what came, without the line feed; text has room
+// for size + 1. A FIFO may deliver a line in pieces.
 void ReadLine(int fd, char *text, std::size_t size)
 {
     std::size_t length = 0;

@@ -23,8 +23,7 @@ void SignalEvents(TCB *tcb)
     os_assert(pthread_cond_signal(&tcb->event_cond) == 0, "pthread_cond_signal(&tcb->event_cond) == 0");
 }
 
-// The timer list's lock is never taken under an event mutex: the timer task takes the two the other
-// way round.
+// The timer list's lock is never taken under an event mutex: the timer task takes the two the other way round.
 void StartTimeout(TCB *tcb, UInt32 timeout)
 {
     UnlockEvents(tcb);
@@ -43,8 +42,7 @@ void CancelTimeout(TCB *tcb)
     LockEvents(tcb);
 }
 
-// When the waiting task is deleted, its event mutex must not stay locked and its timer must not
-// outlive the task.
+// When the waiting task is deleted, its event mutex must not stay locked and its timer must not outlive the task.
 class WaitEnd
 {
 public:

@@ -22,8 +22,8 @@ inline const char *NameOrUnknown(const TCB *tcb)
     return tcb != nullptr ? tcb->taskname : "????";
 }
 
-// Key of a thread in the tree. On a 64-bit host the handles of two live threads are at least a page
-// apart, and bits 12 to 43 tell them apart.
+// Key of a thread in the tree. On a 64-bit host the handles of two live threads are at least a page apart, and bits 12
+// to 43 tell them apart.
 inline UInt32 ThreadKey(pthread_t thread)
 {
     constexpr int kShift = sizeof(pthread_t) > sizeof(UInt32) ? 12 : 0;
@@ -59,6 +59,6 @@ void TreeStubLocked();
 // Makes the task the one of that thread, in place of an ended task whose thread had the same handle.
 void SetTreeEntryLocked(pthread_t thread, TCB *tcb);
 
-// Only tasks with a kernel thread id come back. Where threads have none of their own (see
-// gLibPThreadNPTL) the tree is empty afterwards, on purpose.
+// Only tasks with a kernel thread id come back. Where threads have none of their own (see gLibPThreadNPTL) the tree is
+// empty afterwards, on purpose.
 void RebuildTreeLocked();

@@ -148,8 +148,8 @@ bool Expire(TMCB *pTimer)
     return again;
 }
 
-// Counts every running timer down and returns those that have run out for good, in list order. A
-// count of 0 wraps and in practice never runs out.
+// Counts every running timer down and returns those that have run out for good, in list order. A count of 0 wraps and
+// in practice never runs out.
 TMCB *CountDown()
 {
     MutexHold hold(&tmcblistmutex);
@@ -231,8 +231,8 @@ bool ProcessorIsMpc8349()
     return std::any_of(std::begin(kFiles), std::end(kFiles), NamesMpc8349);
 }
 
-// Maps the clock and starts it. On any other machine nobody's physical memory is touched, and rtcp
-// stays null as it does when the mapping fails.
+// Maps the clock and starts it. On any other machine nobody's physical memory is touched, and rtcp stays null as it
+// does when the mapping fails.
 void init_rtcp()
 {
     const CancelOffHold hold;
