@@ -1,5 +1,5 @@
-// A board for fuzzing, without time and without the system. Its files are in memory. The device at its port answers from
-// a script. Only the thread that makes the board meets it.
+// A board for fuzzing, without time and without the system. Its files are in memory. The device at its port answers
+// from a script. Only the thread that makes the board meets it.
 // Script:  a byte is what the device sends next. But a byte from E0 to EF is an event. It happens to the next call that
 //          it can happen to. A read of the port that it cannot happen to gets silence. Behind the end of the script the
 //          device is silent and every call works.
