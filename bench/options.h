@@ -45,7 +45,7 @@ inline unsigned OptionNumber(const char *name, const std::string &text, int base
 {
     const auto number = ParseNumber(text, base, last);
     if (!number || *number < first)
-        throw UsageError(std::string("--") + name + ": \"" + text + "\" is no fitting number");
+        throw UsageError(std::string("--") + name + ": \"" + text + "\" is no number that this option takes");
     return *number;
 }
 

@@ -65,7 +65,7 @@ DEVCB *FindDevice(const char *name, UInt32 instance)
     return pDev;
 }
 
-// Pending requests are forgotten, not completed, also when the device is open already.
+// Pending requests are forgotten and not completed, even if the device is open already.
 void ForgetRequests(DEVCB *pDev)
 {
     const InterruptsOffHold hold;

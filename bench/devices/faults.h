@@ -37,12 +37,13 @@ struct Faults {
 Faults ParseFaults(const std::string &text);
 
 // The text form, for --help.
-inline constexpr char kFaultsHelp[] = "TEXT is a list of faults with commas between them:\n"
-                                      "  noise=HEX     bytes ahead of the version reply, such as noise=12FF13\n"
-                                      "  version=HOW   the version reply, HOW one of: none, first:BYTES, late:MS\n"
-                                      "  mode=HOW      the camera's flash mode reply\n"
-                                      "  block5=HOW    the verdict on the block received when five have been (from 0,\n"
-                                      "                retries count); also: ack, nack, verdict:HEX, noise:HEX\n"
-                                      "  cut=5         power cut when block 5 is in; cut=5:middle when half of it is\n";
+inline constexpr char kFaultsHelp[] =
+    "TEXT is a list of faults with commas between them:\n"
+    "  noise=HEX     send these bytes before the version reply, such as noise=12FF13\n"
+    "  version=HOW   change the version reply; HOW is none, first:BYTES or late:MS\n"
+    "  mode=HOW      change the camera's flash mode reply in the same way\n"
+    "  block5=HOW    change the verdict on the sixth block that comes: blocks count from 0, and retries count too;\n"
+    "                HOW may also be ack, nack, verdict:HEX or noise:HEX\n"
+    "  cut=5         cut the power when block 5 has come; with cut=5:middle when half of it has come\n";
 
 } // namespace bench
