@@ -18,21 +18,21 @@ namespace
 namespace fs = std::filesystem;
 using namespace bench;
 
-constexpr char kHelp[] = "Usage: haldenfaults [options]\n"
-                         "Runs the haldenflash beside this program, with one or two faults a run. Judges how each run "
-                         "ends, and whether the\n"
-                         "next run brings the devices to their images.\n"
-                         "  --sweep NAME     play only this sweep: calls, wire, power, answers, pairs or supervisor\n"
-                         "  --every N        play only every Nth run of each sweep, and of the pairs every 7Nth\n"
-                         "  --jobs N         play N runs at a time (default: 16)\n"
-                         "  --show TEXT      play only runs whose name has TEXT, and show all that they print\n"
-                         "  --list FILE      write each run to FILE: how it ended, and what the devices held\n"
-                         "  --recovery       print the table of ends, which is docs/recovery.md, and stop\n"
-                         "  --help           print this and stop\n"
-                         "Exit status:\n"
-                         "  0  there is no finding\n"
-                         "  1  there are findings, or a run could not be made\n"
-                         "  2  wrong usage\n";
+constexpr char kHelp[] =
+    "Usage: haldenfaults [options]\n"
+    "Runs the haldenflash beside this program, with one or two faults a run. Judges how each run ends,\n"
+    "and whether the next run brings the devices to their images.\n"
+    "  --sweep NAME     play only this sweep: calls, wire, power, answers, pairs or supervisor\n"
+    "  --every N        play only every Nth run of each sweep, and of the pairs every 7Nth\n"
+    "  --jobs N         play N runs at a time (default: 16)\n"
+    "  --show TEXT      play only runs whose name has TEXT, and show all that they print\n"
+    "  --list FILE      write each run to FILE: how it ended, and what the devices held\n"
+    "  --recovery       print the table of ends, which is docs/recovery.md, and stop\n"
+    "  --help           print this and stop\n"
+    "Exit status:\n"
+    "  0  there is no finding\n"
+    "  1  there are findings, or a run could not be made\n"
+    "  2  wrong usage\n";
 
 struct Settings {
     std::string sweep, show, list;
