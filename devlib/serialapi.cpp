@@ -141,7 +141,7 @@ bool IsPort(int port)
 {
     if (port >= static_cast<int>(kNumSerialPorts))
         return false;
-    os_assert(port >= 0, "port >= 0");
+    os_assert(port >= 0, "port >= 0"); // deliberate: an error would hide a programming error
     return true;
 }
 

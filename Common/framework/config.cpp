@@ -128,7 +128,7 @@ eErrorT ConfigRead(const char *pName, Int32 instance, char *value)
     if (ReadFromCache(key, instance, found, &before) != kNoError)
         ReportNoAccess("can't acquire config database semaphore for reading, task=\"%s\"\n");
     eErrorT result = kNoError;
-    if (found[0] == '\0') { // an empty cached value counts as missing
+    if (found[0] == '\0') { // deliberate: an empty cached value counts as missing
         // Deliberate: one character less than the cache holds. An item reads the same after a restart as it always did.
         result = ConfigStoreRead(key.text, instance, found, kConfigValueSize - 1);
         if (result != kNoError)

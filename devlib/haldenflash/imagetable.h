@@ -1,6 +1,6 @@
 // The three images, one row each. A row has all that tells its device apart from the others. Two rows differ only where
-// the device wants it so, and the comment at the cell has the reason. transfer.h sends an image by its row. Each device
-// tells its versions in its own way, so the versions are in microupdate and farsightupdate.
+// the device wants it so, and the comment at the field has the reason. transfer.h sends an image by its row. Each
+// device tells its versions in its own way, so the versions are in microupdate and farsightupdate.
 #pragma once
 
 #include "devlib/haldenflash/messages.h"
@@ -21,7 +21,7 @@ enum class AfterRefusal {
     kEnd,        // there is no empty frame for this device, so the update fails
 };
 
-// When the trace names the file that is being sent.
+// When the trace names the file that is being sent. Programs that search traces know each device's way.
 enum class WorkingLine {
     kEachVerdict, // before the verdict is looked at
     kEachBlock,   // when a block was accepted, with the number of the next one
@@ -43,8 +43,8 @@ struct ImageRow {
     WorkingLine working;
     void (*printBlock)(Int32 block, Int32 iteration);
     void (*printWorking)(const char *file, Int32 nextBlock);
-    void (*printVerdict)(const UInt8 *reply, Int32 count);
-    void (*printUnknownVerdict)(UInt8 verdict); // names the camera, whatever the device
+    void (*printVerdict)(const UInt8 *reply, Int32 count); // the camera's bytes too; programs search traces for them
+    void (*printUnknownVerdict)(UInt8 verdict);            // names the camera, whatever the device
     void (*printReadError)(const ImageRow &row, Int32 err);
     // The camera's line names the status request. Programs that search traces know it so.
     void (*printShortWrite)(Int32 block, Int32 sent, Int32 size);

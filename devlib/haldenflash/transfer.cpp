@@ -119,9 +119,9 @@ bool IsOpen(const Transfer &image)
     return *image.file != nullptr;
 }
 
-// Whether a verdict is about the next image, because this one is empty. An empty image has no block. If it took the
-// verdicts, the next image would stay at its first block for ever. The update still fails in the end: the empty image
-// stays open, and no verdict on it ever comes.
+// Deliberate: whether a verdict is about the next image, because this one is empty. An empty image has no block. If it
+// took the verdicts, the next image would stay at its first block for ever. The update still fails in the end: the
+// empty image stays open, and no verdict on it ever comes.
 bool LeavesVerdict(const Transfer &image, Transfers next)
 {
     return image.totalBlock == 0 && *image.currentBlock == 0 && !next.empty() && IsOpen(next[0]);
