@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# The project's commands. Each does its own set-up; `./do` alone lists them.
+# The project's commands. Each one installs the packages that it needs. `./do` alone lists them.
 set -euo pipefail
 cd "$(dirname "$0")"
 
@@ -19,25 +19,25 @@ usage() {
     cat <<'EOF'
 usage: ./do COMMAND
 
-  setup            install everything that the other commands need (Debian 12, root or sudo)
-  build [PRESET]   build into build/PRESET: default, clang, asan, tsan, coverage, powerpc, fuzz
+  setup            install the packages that all commands need (Debian 12, root or sudo)
+  build [PRESET]   build into build/PRESET; PRESET is default, clang, asan, tsan, coverage, powerpc or fuzz
   test [PRESET]    build and run the whole suite
   accept           run the end-to-end cases, show how their records differ from tests/expected/records.txt,
-                   and write what was seen there
-  demo             flash a virtual microcontroller and camera with the binary that ships
+                   and write the new records to that file
+  demo             flash a virtual microcontroller and a virtual camera with the binary that ships
   board            run the whole suite on an emulated board; "board shell" gives a prompt there,
                    "board run -- haldenflash ..." runs one command
-  footprint        what the board pays: sizes, memory, system calls; writes docs/footprint.md
-  package          static binary, archive, Debian package and bill of materials in build/package/
-  coverage         which lines and branches of what ships the suite reaches; fails below 97 and
-                   90 per cent, and when docs/coverage.md does not explain what is missed
+  footprint        measure sizes, memory and system calls on the board; write docs/footprint.md
+  package          make the static binary, archive, Debian package and bill of materials in build/package/
+  coverage         count the lines and branches of the shipped code that the suite reaches; fail below 97 and
+                   90 per cent, or if docs/coverage.md does not explain a gap
   fuzz [SECONDS [TARGET...]]
-                   run each fuzz target, or those named, that long, 60 if not said
-  faults [quick]   every fault at every step of an update, failing allocations and a stress of the tasks; quick:
-                   a fixed part of it
-  speed            speed and size, with the bars they have to meet
-  lint             who includes whom, both compilers without a warning, clang-format, clang-tidy, cppcheck,
-                   manual page
+                   run each fuzz target for that time; without SECONDS for 60, without TARGET all of them
+  faults [quick]   play every fault at every step of an update, let allocations fail, stress the tasks;
+                   with quick only a fixed part of that
+  speed            measure speed and size, and compare them with their bars
+  lint             check the includes, the warnings of both compilers, clang-format, clang-tidy, cppcheck and
+                   the manual pages
   format           format the sources
   clean            remove build/
 EOF
@@ -48,7 +48,7 @@ die() {
     exit 1
 }
 
-# Installs the Debian packages that are missing; says nothing when none is.
+# Installs the Debian packages that are missing. Prints nothing if all of them are there.
 need() {
     local missing=() package sudo=""
     for package in "$@"; do
@@ -59,7 +59,7 @@ need() {
     echo "do: installing ${missing[*]}"
     { $sudo apt-get update -qq &&
         $sudo env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}"; } >/dev/null ||
-        die "could not install ${missing[*]}: is there a network, and a Debian package source?"
+        die "could not install ${missing[*]}; there has to be a network and a Debian package source"
 }
 
 build() {
@@ -69,7 +69,7 @@ build() {
     powerpc) need $cross_packages ;;
     clang | fuzz) need $fuzz_packages ;;
     esac
-    cmake --preset "$preset" >/dev/null || die "no such preset, or the configuration failed: $preset"
+    cmake --preset "$preset" >/dev/null || die "preset $preset: there is no such preset, or the configuration failed"
     cmake --build "build/$preset" -j "$jobs" "${@:2}"
 }
 
@@ -84,7 +84,7 @@ coverage() {
     local dir=build/coverage
     need $coverage_packages
     mkdir -p "$dir"
-    find "$dir" -name '*.gcda' -delete # counts of the last run, maybe of other code
+    find "$dir" -name '*.gcda' -delete # the counts of the last run may be those of other code
     run_tests coverage
     gcovr --root . "$dir" --filter Common/ --filter devlib/ --filter softupdate/ \
         --exclude-throw-branches --exclude-unreachable-branches \
@@ -103,8 +103,7 @@ demo() {
     echo "The whole trace is in $dir/trace.txt."
 }
 
-# Runs one fuzz target, on inputs long enough for every limit from the start. Its corpus stays for the
-# next run.
+# Runs one fuzz target. From the start its inputs are long enough for every limit. The corpus stays for the next run.
 fuzz_one() {
     local target=$1 seconds=$2 dir=$PWD/build/fuzz status=0 runs
     mkdir -p "$dir/corpus/$target" "$dir/findings"
@@ -123,10 +122,10 @@ fuzz_one() {
 
 fuzz() {
     local seconds=${1:-60} targets=("${@:2}") target scratch
-    [[ $seconds =~ ^[1-9][0-9]*$ ]] || die "not a number of seconds: $seconds"
+    [[ $seconds =~ ^[1-9][0-9]*$ ]] || die "fuzz: $seconds is no number of seconds"
     [ ${#targets[@]} -gt 0 ] || targets=($(basename -s .cpp fuzz/*.cpp))
     for target in "${targets[@]}"; do
-        [ -e "fuzz/$target.cpp" ] || die "no such fuzz target: $target"
+        [ -e "fuzz/$target.cpp" ] || die "fuzz: there is no target $target"
     done
     need $fuzz_packages
     build fuzz --target fuzzers
@@ -139,17 +138,17 @@ fuzz() {
     echo "fuzz: no findings"
 }
 
-# One of the suite's own sweeps, in a process of its own; prints its count.
+# Runs one of the suite's own sweeps in a process of its own, and prints its count.
 stress() { # PRESET PROGRAM FILTER SECONDS
     local log=$PWD/build/faults/$1-${3//[^a-zA-Z]/}.log
     (cd "build/$1/tests" && TSAN_OPTIONS=halt_on_error=1 STRESS_SECONDS=$4 "./$2" "--gtest_filter=$3") >"$log" 2>&1 ||
         die "$2 failed; see $log"
-    sed -n "s/^\(allocation\|taskstress\|ringstress\): /$1: &/p" "$log" | grep . || die "$2 has no $3 any more"
+    sed -n "s/^\(allocation\|taskstress\|ringstress\): /$1: &/p" "$log" | grep . || die "$2 has no test $3"
 }
 
 faults() {
     local every=1 seconds=60 presets="default tsan" preset
-    [ $# -eq 0 ] || [ "$1" = quick ] || die "faults: not \"$1\", but \"quick\" or nothing"
+    [ $# -eq 0 ] || [ "$1" = quick ] || die "faults: unknown word \"$1\"; the only one is \"quick\""
     [ $# -eq 0 ] || { every=7 seconds=5 presets=default; }
     need $test_packages strace
     build default
@@ -175,7 +174,7 @@ lint() {
     sources | xargs clang-format --dry-run -Werror
     cppcheck --quiet --error-exitcode=1 --std=c++20 --language=c++ --library=googletest --inline-suppr -I . \
         --enable=warning,performance,portability $(sources)
-    # clang++'s own warnings are among the checks. One file a call: with several the analyser takes every
+    # The checks include clang++'s own warnings. Each call gets one file: with several files the analyser takes every
     # va_list for uninitialised.
     sources | grep '\.cpp$' | xargs -P "$jobs" -n 1 clang-tidy --quiet -p build/clang 2>&1 |
         sed -E '/^[0-9]+ warnings? generated\.$/d'
@@ -213,7 +212,7 @@ board)
     shift
     need $board_packages
     build powerpc
-    if [ $# -eq 0 ]; then # its tests and records are compared with
+    if [ $# -eq 0 ]; then # the board's tests and records are compared with those of this build
         build default
         [ -d build/default/records ] || run_tests default
     fi

@@ -1,5 +1,4 @@
-// The command haldenbench: rehearses an update with the binary that ships and two peripherals in
-// software.
+// The command haldenbench: rehearses an update with the binary that ships and two peripherals in software.
 #include "bench/options.h"
 #include "bench/rig/images.h"
 #include "bench/rig/run.h"
@@ -22,22 +21,26 @@ constexpr unsigned kFastDivisor = 100;
 
 constexpr char kHelp[] =
     "Usage: haldenbench [options] -- haldenflash all ...\n"
-    "Runs the command against a microcontroller and a camera in software, then says what they hold.\n"
+    "Runs the command against a microcontroller and a camera in software, and says what they hold afterwards.\n"
     "A command without a slash is looked for beside haldenbench.\n"
-    "  --dir DIR             images and working directory of the command (default: this one)\n"
-    "  --micro-version XX    what the microcontroller runs    (default: one less than its image)\n"
-    "  --camera-version XXXX what the camera runs             (default: one less than the version file)\n"
-    "  --system-version XXXX what the camera's system runs    (default: one less than the version file)\n"
-    "  --config DIR          holds dat, choice and choice.gen, as /opt/talvora does on the appliance\n"
-    "  --launcher RESULT     answers every relayed command with RESULT; prints the commands after the run\n"
+    "  --dir DIR             folder with the images, and the command's working directory (default: this one)\n"
+    "  --micro-version XX    version that the microcontroller runs (default: one less than its image)\n"
+    "  --camera-version XXXX version of the camera's camera image  (default: one less than the version file)\n"
+    "  --system-version XXXX version of the camera's system image  (default: one less than the version file)\n"
+    "  --config DIR          folder with dat, choice and choice.gen, as /opt/talvora on the appliance\n"
+    "  --launcher RESULT     answer every relayed command with RESULT, and print the commands after the run\n"
     "  --fast                shorten the command's pauses to a hundredth\n"
-    "  --baud N              carry bytes no faster than the line would (default: as fast as they come)\n"
-    "  --faults DEVICE:TEXT  faults that DEVICE, micro or camera, plays\n"
-    "  --bar                 progress bar; of the command's output only the result line\n"
-    "  --trace FILE          the command's output goes to FILE\n"
-    "  --transcript FILE     writes what passed between the command and the devices\n"
-    "  --make-images DIR     writes sample images and stops\n"
-    "Exit status: 0 the command succeeded and all is as it should be, 1 not so, 2 usage.\n";
+    "  --baud N              carry bytes at most at N bit/s (default: as fast as they come)\n"
+    "  --faults DEVICE:TEXT  faults that DEVICE plays; DEVICE is micro or camera\n"
+    "  --bar                 show a progress bar, and only the last line of the command's output\n"
+    "  --trace FILE          write the command's output to FILE\n"
+    "  --transcript FILE     write the messages between the command and the devices to FILE\n"
+    "  --make-images DIR     write sample images to DIR and stop\n"
+    "  --help                print this and stop\n"
+    "Exit status:\n"
+    "  0  the command succeeded, and the devices hold what they should\n"
+    "  1  the command failed, a device holds something else, or the bench could not do its work\n"
+    "  2  wrong usage\n";
 
 struct Settings {
     std::string directory = ".";
@@ -57,7 +60,7 @@ void SetFaults(Settings &settings, const std::string &text)
     const std::size_t colon = text.find(':');
     const std::string device = text.substr(0, colon);
     if (colon == std::string::npos || (device != "micro" && device != "camera"))
-        throw UsageError("--faults: micro:TEXT or camera:TEXT expected");
+        throw UsageError("--faults: the value has to be micro:TEXT or camera:TEXT");
     (device == "micro" ? settings.microFaults : settings.cameraFaults) = ParseFaults(text.substr(colon + 1));
 }
 
@@ -98,7 +101,7 @@ Settings ParseArguments(int argc, char *argv[])
     ReadOptions<Settings>(kOptions, argc, argv, settings);
     settings.command.assign(argv + optind, argv + argc);
     if (settings.command.empty() && settings.makeImages.empty())
-        throw UsageError("no command; see --help");
+        throw UsageError("there is no command; see --help");
     if (!fs::is_directory(settings.directory))
         throw UsageError("--dir: there is no directory " + settings.directory);
     if (!settings.configuration.empty() && !fs::is_directory(settings.configuration))
@@ -115,7 +118,7 @@ std::string Executable(const std::string &word)
 {
     const fs::path path = word.find('/') == std::string::npos ? Beside(word) : fs::path(word);
     if (!fs::exists(path))
-        throw UsageError("there is no " + path.string());
+        throw UsageError("there is no file " + path.string());
     return path;
 }
 
@@ -153,7 +156,7 @@ void DrawBar(const std::string &position)
                  std::string(static_cast<std::size_t>(kWidth - filled), ' ').c_str(), position.c_str());
 }
 
-// Adds the bar: a progress FIFO of the run's own, and the words that lead the command to it.
+// Adds the bar: a progress FIFO for this run, and the words that lead the command to it.
 void AddBar(RunOptions &options)
 {
     options.fifo = fs::temp_directory_path() / ("haldenbench." + std::to_string(getpid()));
@@ -180,7 +183,7 @@ RunOptions MakeOptions(const Settings &settings, Line &camera, Line &micro)
     return options;
 }
 
-// Shows or stores what the command printed, as far as it did not do so itself.
+// Shows or stores the captured output of the command, and says how the command ended.
 void ShowOutput(const Settings &settings, const RunResult &result)
 {
     std::cerr << (settings.bar ? "\n" : "") << result.errors;

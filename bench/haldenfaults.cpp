@@ -1,6 +1,5 @@
-// The command haldenfaults: plays every fault at every step of an update, and every pair of answers to two
-// blocks, on the binary that ships, and holds each run against the table of ends; see judgement.h for what
-// is asked of a run.
+// The command haldenfaults. It plays every fault at every step of an update, and every pair of answers to two blocks.
+// It runs the binary that ships, and compares the end of each run with the table of ends. judgement.h judges a run.
 #include "bench/options.h"
 #include "bench/sweeps/sweeps.h"
 
@@ -21,15 +20,19 @@ using namespace bench;
 
 constexpr char kHelp[] =
     "Usage: haldenfaults [options]\n"
-    "Runs haldenflash, from beside this program, with a fault or two a run, judges how it ended and whether the next\n"
-    "run brings the devices to their images.\n"
-    "  --sweep NAME     only this one: calls, wire, power, answers, pairs, supervisor\n"
-    "  --every N        only every Nth run of each sweep, of the pairs every 7Nth\n"
-    "  --jobs N         runs at a time (default: 16)\n"
-    "  --show TEXT      only runs whose name has TEXT, with all that they print\n"
-    "  --list FILE      writes each run, how it ended and what the devices held\n"
-    "  --recovery       prints the table of ends, docs/recovery.md, and stops\n"
-    "Exit status: 0 no finding, 1 findings, 2 usage.\n";
+    "Runs the haldenflash beside this program, with one or two faults a run. Judges how each run ends,\n"
+    "and whether the next run brings the devices to their images.\n"
+    "  --sweep NAME     play only this sweep: calls, wire, power, answers, pairs or supervisor\n"
+    "  --every N        play only every Nth run of each sweep, and of the pairs every 7Nth\n"
+    "  --jobs N         play N runs at a time (default: 16)\n"
+    "  --show TEXT      play only runs whose name has TEXT, and show all that they print\n"
+    "  --list FILE      write each run to FILE: how it ended, and what the devices held\n"
+    "  --recovery       print the table of ends, which is docs/recovery.md, and stop\n"
+    "  --help           print this and stop\n"
+    "Exit status:\n"
+    "  0  there is no finding\n"
+    "  1  there are findings, or a run could not be made\n"
+    "  2  wrong usage\n";
 
 struct Settings {
     std::string sweep, show, list;
@@ -37,7 +40,7 @@ struct Settings {
     bool recovery = false;
 };
 
-// What came of a sweep.
+// The results of a sweep.
 struct Tally {
     std::size_t runs = 0, findings = 0, passing = 0, idle = 0, versionsOnly = 0;
     double slowest = 0;
@@ -46,7 +49,7 @@ struct Tally {
     std::map<std::string, std::size_t> unproven; // successes that leave a device without its image, by reason
 };
 
-// Folders of the runners, gone at the end.
+// Folders of the runners. They are removed at the end.
 class Folders
 {
 public:
@@ -105,7 +108,7 @@ std::string LineOf(const Trial &trial, const Outcome &outcome)
     if (outcome.unproven != nullptr)
         line += std::string(" | ") + outcome.unproven;
     if (!outcome.struck)
-        line += " | the fault did not come to pass";
+        line += " | the fault was not played";
     return line;
 }
 
@@ -114,7 +117,7 @@ void PrintFindings(const Trial &trial, const Outcome &outcome)
     for (const std::string &finding : outcome.findings)
         std::cout << "! " << trial.name << ": " << finding << "\n";
     for (const std::string &finding : outcome.passing)
-        std::cout << "? " << trial.name << ": not when repeated: " << finding << "\n";
+        std::cout << "? " << trial.name << ": only in the first try: " << finding << "\n";
 }
 
 // All that the run printed, and the preload library's events.
@@ -137,7 +140,7 @@ void Report(const Sweep &sweep, const Tally &tally)
     if (tally.versionsOnly > 0)
         std::cout << Format("  %6zu  of these run the new version all the same\n", tally.versionsOnly);
     if (tally.idle > 0)
-        std::cout << Format("  %6zu  whose fault did not come to pass\n", tally.idle);
+        std::cout << Format("  %6zu  whose fault was not played\n", tally.idle);
     std::cout << std::flush;
 }
 
@@ -153,7 +156,7 @@ std::vector<Trial> Chosen(const Settings &settings, const Sweep &sweep, Runner &
     return chosen;
 }
 
-// Runs the trials, one for each runner at a time. What came of a trial is noted by one thread at a time.
+// Runs the trials. Each runner plays one at a time. One thread at a time notes the outcome of a trial.
 using Note = std::function<void(const Trial &trial, const Outcome &outcome)>;
 void Play(const std::vector<Trial> &trials, std::vector<Runner> &runners, const Note &note)
 {
@@ -174,7 +177,7 @@ void Play(const std::vector<Trial> &trials, std::vector<Runner> &runners, const 
         worker.get();
 }
 
-// Runs a sweep, adds its runs to the list and returns what came of it.
+// Runs a sweep, adds its runs to the list and returns its results.
 Tally PlaySweep(const Settings &settings, const Sweep &sweep, std::vector<Runner> &runners,
                 std::vector<std::string> &list)
 {
@@ -191,7 +194,7 @@ Tally PlaySweep(const Settings &settings, const Sweep &sweep, std::vector<Runner
     return tally;
 }
 
-constexpr unsigned kMost = 1000000; // of the numbers that options take
+constexpr unsigned kMost = 1000000; // the largest number that an option takes
 constexpr OptionRow<Settings> kOptions[] = {
     {"sweep", true, [](Settings &s, const char *, const std::string &value) { s.sweep = value; }},
     {"every", true,
@@ -213,7 +216,7 @@ Settings ParseArguments(int argc, char *argv[])
     Settings settings;
     ReadOptions<Settings>(kOptions, argc, argv, settings);
     if (optind < argc)
-        throw UsageError(std::string("not understood: ") + argv[optind]);
+        throw UsageError(std::string("unknown word: ") + argv[optind]);
     return settings;
 }
 
@@ -238,7 +241,7 @@ std::vector<Runner> MakeRunners(std::size_t count, const Folders &folders)
 int Work(const Settings &settings)
 {
     if (fs::exists("/dev/fpgaserial0") || fs::exists("/dev/fpgaserial1"))
-        throw std::runtime_error("this machine has such ports itself; a fault in the loader would lead to them");
+        throw std::runtime_error("this machine has /dev/fpgaserial ports; a fault in the loader would lead to them");
     if (!settings.list.empty())
         WriteFile(settings.list, {}); // a bad path is refused before the runs, not after them
     const Folders folders;
@@ -256,7 +259,7 @@ int Work(const Settings &settings)
     if (!settings.list.empty())
         WriteList(settings.list, list);
     if (runs == 0)
-        throw UsageError("no such run; see --help");
+        throw UsageError("there is no such run; see --help");
     std::cout << Format("faults: %zu runs, %zu with findings\n", runs, findings);
     return findings == 0 ? 0 : 1;
 }

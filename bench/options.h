@@ -15,15 +15,15 @@ namespace bench
 
 using UsageError = std::invalid_argument;
 
-// One row an option: its name, and what its value, if it takes one, does.
+// One option: its name, whether it takes a value, and what it does.
 template <typename Settings> struct OptionRow {
     const char *name;
     bool takesValue;
     void (*apply)(Settings &settings, const char *name, const std::string &value);
 };
 
-// Applies the options of a command line in their order, as far as the first word that is none; optind
-// then counts what has been read. Throws UsageError, behind getopt's own message.
+// Applies the options of a command line in their order, up to the first word that is no option. optind is then the
+// index of that word. Throws UsageError. getopt has then printed its own message.
 template <typename Settings>
 void ReadOptions(std::span<const OptionRow<Settings>> rows, int argc, char *argv[], Settings &settings)
 {
@@ -40,12 +40,12 @@ void ReadOptions(std::span<const OptionRow<Settings>> rows, int argc, char *argv
     }
 }
 
-// The number that an option's value is, or throws UsageError.
+// Reads the value of an option as a number from first to last. Throws UsageError if it is none.
 inline unsigned OptionNumber(const char *name, const std::string &text, int base, unsigned first, unsigned last)
 {
     const auto number = ParseNumber(text, base, last);
     if (!number || *number < first)
-        throw UsageError(std::string("--") + name + ": \"" + text + "\" is no fitting number");
+        throw UsageError(std::string("--") + name + ": \"" + text + "\" is no number that this option takes");
     return *number;
 }
 

@@ -1,5 +1,5 @@
-// Texts of the bench's reports. Nothing in them depends on time, place or the host's byte order, so
-// that two runs can be compared as files.
+// Texts of the bench's reports. Nothing in them depends on time, place or the host's byte order, so that two runs can
+// be compared as files.
 #pragma once
 
 #include <cstdint>
@@ -18,7 +18,7 @@ using Bytes = std::vector<std::uint8_t>;
 // "3 bytes: 82 06 77" up to sixteen bytes, "527 bytes, CRC-32 1A2B3C4D" above.
 std::string Describe(const Bytes &bytes);
 
-// The number that the whole text is, if it is one up to limit.
+// Reads the whole text as a number. Returns nothing if it is no number, or if the number is above the limit.
 std::optional<unsigned> ParseNumber(const std::string &text, int base, unsigned limit);
 
 // The last line that is not empty.

@@ -1,5 +1,5 @@
-// A program that aborts would write no counts: in the coverage build it comes through here first, so that
-// what a failed assertion runs counts as well. The names are the linker's and the compiler's.
+// A program that aborts would write no counts. In the coverage build abort leads here first, so that the code of a
+// failed assertion counts as well. The names are the linker's and the compiler's.
 // NOLINTBEGIN(bugprone-reserved-identifier)
 extern "C" void __gcov_dump();
 extern "C" [[noreturn]] void __real_abort();

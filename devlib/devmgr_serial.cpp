@@ -29,8 +29,8 @@ constexpr char kFpgaDevicePrefix[] = "/dev/fpgaserial";
 
 // ---- Parts of reading and writing
 
-// A port that is readable but cannot be read, such as one that hung up, costs select no time: without this
-// the time limit would not run down.
+// Deliberate: pauses for 1 ms of the remaining time. A port that is readable but cannot be read, such as one that hung
+// up, costs select no time, so the time limit would never run out.
 void PauseAfterFailure(timeval *remaining)
 {
     constexpr Int64 kPause = 1000, kSecond = 1000000; // microseconds
@@ -45,8 +45,8 @@ UInt32 ReadWithin(Int32 fd, char *pBuffer, UInt32 size, UInt32 timeout)
 {
     timeval remaining = Microseconds(timeout);
     UInt32 got = 0;
-    // Deliberately only the microseconds: a wait that leaves whole seconds exactly ends the read
-    // with what it has. Looking at the seconds as well would change how long the updater listens.
+    // Deliberately only the microseconds. So a remaining time of whole seconds ends the read. With the seconds the
+    // updater would listen longer.
     while (remaining.tv_usec > 0 && got < size) {
         ReadinessT readiness = {true, false};
         if (WaitForPort(fd, &readiness, &remaining) < 1)
@@ -141,9 +141,9 @@ int OpenPort(DEVCB *pDev)
     return fd;
 }
 
-// The asynchronous task goes first: it would fail on the closed descriptor, or on whatever file gets
-// the same number next. fd is kept. A closing task that is deleted closes the port whole: half-way the next
-// close would be of somebody else's descriptor.
+// The asynchronous task ends first. It would fail on the closed descriptor, or on another file that gets its number. fd
+// is kept. A task that is deleted in this call still closes the whole port: otherwise the next close would hit a
+// descriptor of somebody else.
 UInt32 ClosePort(DEVCB *pDev)
 {
     if (pDev == nullptr || pDev->fd < 0)

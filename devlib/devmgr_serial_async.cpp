@@ -32,8 +32,8 @@ void ClearIf(std::atomic<UInt32> *pWord, UInt32 value)
     pWord->compare_exchange_strong(value, 0);
 }
 
-// A task's service of a port. Whatever ends it, its deletion included, the record forgets the task: nobody may
-// delete a stranger by an identifier that was left there.
+// A task's service of a port. At its end the record forgets the task, even if the task is deleted. So nobody deletes
+// another task by an old identifier.
 class ServiceHold
 {
 public:
@@ -55,7 +55,7 @@ private:
     DevMgrSerial_CB_t *pPort_;
 };
 
-// A task that its callback stopped is in that callback until it returns. Its successor waits for that, so that
+// A callback may stop its own task, which is then in the callback until that returns. The next task waits for this. So
 // callbacks of one port never run at the same time.
 void AwaitTurn(DevMgrSerial_CB_t *pPort)
 {
@@ -91,7 +91,7 @@ UInt32 DeleteIfAny(UInt32 tid)
     return tid != 0 ? t_delete(tid) : 0;
 }
 
-// Returns false when there was nothing to read after all.
+// Returns false if there was nothing to read.
 bool DeliverInput(const DevMgrSerial_CB_t *pPort)
 {
     Int8 buffer[kAsyncBufferSize];
@@ -200,7 +200,8 @@ UInt32 DevMgrSerial_Stop_AsyncThread(DevMgrSerial_CB_t *pPort)
     return result;
 }
 
-// A failed wait ends the task; asyncThread_running stays 1 until the port is stopped.
+// A failed wait ends the task. Deliberate: asyncThread_running stays 1 until the port is stopped, so no further task
+// starts on a descriptor that cannot be waited for.
 void DevMgrSerial_asyncDataSendRecv(UInt32 portRecord, UInt32 tid, UInt32, UInt32)
 {
     auto *pPort = low_pointer<DevMgrSerial_CB_t>(portRecord);

@@ -19,7 +19,7 @@ constexpr LineSpeedRow kLineSpeeds[] = {
 };
 constexpr speed_t kDefaultLineSpeed = B9600;
 
-// The other family takes no flow control.
+// The FPGA family takes no flow control.
 struct FlowControlRow {
     UInt32 bit;
     tcflag_t lineFlags;
@@ -39,8 +39,8 @@ speed_t LineSpeed(UInt32 baudRate)
     return kDefaultLineSpeed;
 }
 
-// Raw mode as the board uses it; the control characters and the extended-input flag stay as read.
-// The receiver is off until reception is enabled.
+// Sets raw mode as the board uses it. The control characters and the extended-input flag are unchanged. The receiver is
+// off until reception is enabled.
 void SetLineFormat(termios *pSettings, UInt32 ctrlBitMask)
 {
     constexpr tcflag_t kEchoFlags = ECHO | ECHOE | ECHOK | ECHONL | ECHOCTL | ECHOPRT | ECHOKE;

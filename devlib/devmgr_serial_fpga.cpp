@@ -34,7 +34,7 @@ UInt32 ConfigureFpga(const DEVCB *pDev, const DevmgrSerial_Config_t &config)
     return SERIAL_ERROR_UNKNOWN;
 }
 
-// Enables or disables reception as portStatus says, if it does. A refused request changes nothing.
+// Enables or disables reception if portStatus has a bit for that. A refused request changes nothing.
 UInt32 SwitchFpgaReceiver(DevMgrSerial_CB_t *pPort, UInt32 portStatus)
 {
     if ((portStatus & (PORT_RX_ENABLE | PORT_RX_DISABLE)) == 0)
@@ -74,8 +74,8 @@ UInt32 DevMgrFPGASerial_Open(DEVCB *pDev)
 UInt32 DevMgrFPGASerial_Close(DEVCB *pDev)
 {
     const UInt32 result = ClosePort(pDev);
-    // Deliberately not the context and the enables: a port that was enabled for transmission must
-    // take a write at once after it is opened again.
+    // Deliberate: the context and the enables stay. A port that was enabled for transmission has to take a write as
+    // soon as it is opened again.
     if (result == SERIAL_NOERROR)
         StoreCallbacks(PortOf(pDev), {nullptr, nullptr, Callbacks(PortOf(pDev)).Context_Data});
     return result;

@@ -1,10 +1,10 @@
-// What the files of the serial drivers share among each other; nobody else includes it.
+// The common part of the files of the serial drivers. No other file includes it.
 // devmgr_serial.cpp        the ports, their registration, and the entry points that both families share
 // devmgr_serial_async.cpp  the callbacks and the asynchronous task
 // devmgr_serial_cpu.cpp    the CPU family: its entry points and control requests
-// devmgr_serial_fpga.cpp   the FPGA family: the same
+// devmgr_serial_fpga.cpp   the FPGA family: its entry points and control requests
 // Owner:   the port records belong to devmgr_serial.cpp.
-// Locking: Callbacks and StoreCallbacks take the interrupt lock. The caller of these functions holds none.
+// Locking: Callbacks and StoreCallbacks take the interrupt lock. The caller of these functions holds no lock.
 #pragma once
 
 #include "devlib/devmgr_serial.h"
@@ -14,7 +14,7 @@
 #include <sys/types.h>
 #include <termios.h>
 
-// ---- What the bits of CtrlBitMask mean to each family. The first row whose bit is set counts, else the last one.
+// ---- The bits of CtrlBitMask for each family. The first row whose bit is set counts. If there is none, the last row.
 
 struct DataBitsRow {
     UInt32 bit;
@@ -63,14 +63,14 @@ inline DevMgrSerial_CB_t *PortOf(DEVCB *pDev)
     return reinterpret_cast<DevMgrSerial_CB_t *>(pDev);
 }
 
-// Before the wait: what to wait for. After it: what the port is ready for.
+// Before a wait: the events to wait for. After it: what the port is ready for.
 struct ReadinessT {
     bool read;
     bool write;
 };
 
-// Waits on one descriptor, at most pLimit, which gets the remaining time. Returns the result of select, and -1 for a
-// descriptor that no set can hold.
+// Waits on one descriptor, at most pLimit. *pLimit is then the remaining time. Returns the result of select. Returns -1
+// if the descriptor is too large for select.
 int WaitForPort(Int32 fd, ReadinessT *pReadiness, timeval *pLimit);
 
 // A count of microseconds as select takes it.
@@ -80,8 +80,8 @@ timeval Microseconds(UInt32 count);
 bool IsWhole(const DEVCB *pDev, IORB *pIORB);
 
 // The entry points that both families share. The results are those of the entry points, with two exceptions.
-// OpenPort  returns the descriptor, negative when the device file cannot be opened.
-// ReadPort  returns the result of the system call of a read without time-out, else 0.
+// OpenPort  returns the descriptor. It is negative if the device file cannot be opened.
+// ReadPort  returns the result of the system call if the read has no time-out. Otherwise it returns 0.
 int OpenPort(DEVCB *pDev);
 UInt32 ClosePort(DEVCB *pDev);
 ssize_t ReadPort(const DEVCB *pDev, IORB *pIORB);
@@ -96,16 +96,16 @@ void StoreCallbacks(DevMgrSerial_CB_t *pPort, const DevmgrSerial_CBInfo_t &cbInf
 // Control code 2 of both families. Returns the driver's error.
 UInt32 SetCallbacks(DevMgrSerial_CB_t *pPort, const DevmgrSerial_CBInfo_t *pCBInfo);
 
-// The end of control code 3 of both families: wanted says whether an enabled port needs the task. Returns the driver's
+// The last step of control code 3 of both families. wanted says whether the port needs the task. Returns the driver's
 // error.
 UInt32 StartOrStopAsyncThread(DevMgrSerial_CB_t *pPort, bool wanted);
 
-// Switches sending as portStatus says, if it does. Sending is gated in software only.
+// Switches sending on or off if portStatus has a bit for that. No driver is asked: only a flag of the port changes.
 void SwitchTransmitter(DevMgrSerial_CB_t *pPort, UInt32 portStatus);
 
 // ---- Control requests
 
-// The control record that a request's buffer holds; it need not be aligned as the record would be.
+// The control record in a request's buffer. The buffer need not be aligned for it.
 template <class Record> Record ControlRecord(const IORB *pIORB)
 {
     Record record;
@@ -114,8 +114,8 @@ template <class Record> Record ControlRecord(const IORB *pIORB)
     return record;
 }
 
-// Answers a control request that is whole. configure gets the settings, enable the port's new status. Both return the
-// driver's error.
+// Answers a control request that has a device and a buffer. configure gets the settings, and enable gets the port's new
+// status. Both return the driver's error.
 template <class Configure, class Enable>
 void ServeControl(DevMgrSerial_CB_t *pPort, IORB *pIORB, Configure configure, Enable enable)
 {

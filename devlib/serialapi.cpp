@@ -9,7 +9,7 @@
 
 #include <cstdio>
 
-// In step with SerialPort_DevNames.
+// In the order of SerialPort_DevNames.
 const char *const Serilport_ttynames[kNumSerialPorts] = {
     "ttyFPGAS0", "ttyFPGAS1", "ttyFPGAS4", "ttyFPGAS5", "ttyS1", "ttyFPGAS6", "ttyUSB0", "ttyUSB1",
 };
@@ -52,8 +52,8 @@ void StoreSettings(int port, const RS232Cfg &cfg)
 
 // ---- Steps of Serial_Open
 
-// A port from its reservation to the end of Serial_Open: closed again on every way out, the deletion
-// of the calling task included, unless it is kept.
+// A port from its reservation to the end of Serial_Open. Unless it is kept, it is closed again on every way out, the
+// deletion of the calling task included.
 class Reservation
 {
 public:
@@ -95,8 +95,8 @@ private:
     bool kept_ = false;
 };
 
-// Opens the device into the port's slot: its callbacks may run, and write, before Serial_Open returns. Returns
-// false when all attempts failed.
+// Opens the device and stores its handle in the port's slot at once: its callbacks may run, and write, before
+// Serial_Open returns. Returns false if all attempts failed.
 bool OpenDevice(int port)
 {
     UInt32 devid = 0;
@@ -141,7 +141,7 @@ bool IsPort(int port)
 {
     if (port >= static_cast<int>(kNumSerialPorts))
         return false;
-    os_assert(port >= 0, "port >= 0");
+    os_assert(port >= 0, "port >= 0"); // deliberate: an error would hide a programming error
     return true;
 }
 

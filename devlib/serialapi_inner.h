@@ -1,11 +1,11 @@
-// What the files of the Serial API share among each other; nobody else includes it.
-// serialapi.cpp           the port table: start, opening, closing, and what errors mean
+// The common part of the files of the Serial API. No other file includes it.
+// serialapi.cpp           the port table: start, opening, closing, and the meaning of errors
 // serialapi_transfer.cpp  requests to an open port: enabling, disabling, reading, writing
 // serialapi_script.cpp    ports that the port script runs
-// serialapi_settings.cpp  what a port's settings mean to the driver and to the port script
+// serialapi_settings.cpp  a port's settings as the driver and the port script take them
 // Owner:   the port table belongs to serialapi.cpp.
-// Locking: a port is reserved, closed and handed to the script under portdevids_lock. Whoever has reserved it fills in
-//          its words without the lock, and requests read them without it.
+// Locking: a port is reserved, closed and handed to the script under portdevids_lock. The task that has reserved it
+//          fills in its words without the lock. Requests read them without the lock.
 #pragma once
 
 #include "Common/OS/dev.h"
@@ -15,7 +15,7 @@
 
 // ---- The port table (serialapi.cpp)
 
-// What port_devids has of a port instead of a device handle.
+// What port_devids holds for a port that has no device handle.
 constexpr UInt32 kClosed = 0;
 constexpr UInt32 kReserved = 1; // being opened, or handed to the port script
 
@@ -26,7 +26,7 @@ extern UInt32 portdevids_lock;                           // the semaphore "SERI"
 extern std::atomic<UInt32> port_devids[kNumSerialPorts]; // kClosed, kReserved or the device handle
 extern std::atomic<UInt32> Serialport_Modes[kNumSerialPorts];
 
-// False above the last port. A negative number is a programming error and stops the program.
+// Whether the number is a port's. A negative number is a programming error and stops the program.
 bool IsPort(int port);
 
 // Errors are printed as signed numbers.
@@ -35,7 +35,7 @@ inline int PrintedError(UInt32 err)
     return static_cast<int>(err);
 }
 
-// Sends a control request; record is what the control code takes. Returns the driver's error.
+// Sends a control request with the record that belongs to its code. Returns the driver's error.
 template <class Record> UInt32 Control(UInt32 devid, UInt32 ctlCode, Record *pRecord)
 {
     IORB iorb{};
@@ -46,11 +46,11 @@ template <class Record> UInt32 Control(UInt32 devid, UInt32 ctlCode, Record *pRe
 
 // ---- Settings (serialapi_settings.cpp)
 
-// What the driver gets. Returns false, and changes nothing, when one of the settings is not possible.
+// Makes the driver's settings. Returns false, and changes nothing, if one of the settings is impossible.
 bool MakeDriverConfig(const RS232Cfg &cfg, DevmgrSerial_Config_t *pConfig);
 
-// What the port script gets: rate, data bits, parity, stop bits and flow control. Each setting that is not possible
-// becomes the default.
+// The port script's words: rate, data bits, parity, stop bits and flow control. An impossible setting becomes the
+// default.
 struct ScriptWordsT {
     char text[64];
 };

@@ -20,8 +20,8 @@ constexpr FormatRow kDataBits[] = {
     {kSerialDataBits7, 7},
     {kSerialDataBits8, 8},
 };
-// SERIAL_PARITY_NONE has no row: only SERIAL_PARITY_NO asks for no parity. Deliberate; a record that
-// was never filled in properly must not open a port.
+// Deliberate: SERIAL_PARITY_NONE has no row. Only SERIAL_PARITY_NO asks for no parity. A record that was never filled
+// in must not open a port.
 constexpr FormatRow kParities[] = {
     {kSerialParityEven, 0, "even"},
     {kSerialParityOdd, 0, "odd"},
@@ -33,7 +33,7 @@ constexpr FormatRow kStopBits[] = {
     {kSerialTwoStopBits, 2},
 };
 
-// Flow controls in the order of choice, which differs: the first wanted row counts.
+// Flow controls in the order of choice, which is not the order of their codes. The first wanted row counts.
 struct FlowControlRow {
     Bool RS232Cfg::*wanted;
     UInt32 ctrlBit;

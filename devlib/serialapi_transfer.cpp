@@ -10,15 +10,15 @@ struct DirectionRow {
     UInt32 enable;
     UInt32 disable;
 };
-// The single directions of disable are crossed on purpose: the users of this interface count on it.
+// Deliberate: disabling RX ends sending, and disabling TX ends reception. The users of this interface count on it.
 constexpr DirectionRow kDirections[] = {
     {SERIAL_DIRECTION_RX, PORT_RX_ENABLE, PORT_TX_DISABLE},
     {SERIAL_DIRECTION_TX, PORT_TX_ENABLE, PORT_RX_DISABLE},
     {SERIAL_DIRECTION_BOTH, PORT_RX_ENABLE | PORT_TX_ENABLE, PORT_RX_DISABLE | PORT_TX_DISABLE},
 };
 
-// Sends the status that the column of kDirections gives for the direction. *pErr: the driver's error, or 0; the
-// result is kNoError with it.
+// Sends the status that the column of kDirections has for the direction. *pErr is the driver's error, or 0. With such
+// an error the result is kNoError.
 eErrorT SetDirection(int port, SerialDirectionType serialDir, UInt32 DirectionRow::*column, UInt32 *pErr)
 {
     *pErr = 0;

@@ -1,4 +1,4 @@
-// The board that an update finds in a fuzz target, and what an update owes to what happened on it.
+// The board that an update meets in a fuzz target, and the behaviour that it expects of the update.
 #pragma once
 
 #include "fuzz/support.h"
@@ -9,14 +9,14 @@
 
 using Board = bench::ScriptBoard;
 
-// To be called with no board there.
+// It is called while there is no board.
 inline void SetUpPorts()
 {
-    SetSystemHardwareType(kKora); // on any other a script would be run
+    SetSystemHardwareType(kKora); // on any other type a script would be run
     DevMgrSerial_Init();          // only once
 }
 
-// Some bytes of it are FF and FE.
+// Bytes of which some are FF and FE.
 inline std::string Noise(std::size_t size)
 {
     std::string noise(size, '\0');
@@ -42,8 +42,8 @@ inline Int32 Version(std::string_view text)
     return value;
 }
 
-// Follows an update through what the board saw of it. Whatever is not as it is said to be stops the
-// program.
+// Follows an update through the records of the board. Each call says what the update has to have done next. If it has
+// done something else, the program stops.
 class Replay
 {
 public:
@@ -56,7 +56,7 @@ public:
         return board_.uses[uses_++];
     }
 
-    // The next bytes that are written. Returns false when that failed.
+    // The next bytes that are written. Returns false if the write failed.
     bool Sends(const bench::Bytes &bytes)
     {
         CHECK(received_ == Received().size() && !Ended());
@@ -77,7 +77,7 @@ public:
         return Sends(wire);
     }
 
-    // The next bytes that are read, fewer if they did not come.
+    // The next bytes that are read. There are fewer if not all of them came.
     bench::Bytes Takes(std::size_t count)
     {
         const bench::Bytes &received = Received();
@@ -86,7 +86,7 @@ public:
         return bench::Bytes(begin, received.begin() + static_cast<std::ptrdiff_t>(received_));
     }
 
-    // Whether nothing was written any more.
+    // Whether there was no further write.
     bool Ended() const { return exchanges_ == board_.exchanges.size(); }
     bool Complete() const { return Ended() && received_ == Received().size() && uses_ == board_.uses.size(); }
 
@@ -101,8 +101,8 @@ private:
     std::size_t uses_ = 0, exchanges_ = 0, received_ = 0;
 };
 
-// The result that an update owes to what happened on the board; exchange is what it does on an open
-// port, and returns its result.
+// The result that an update has to have, by the records of the board. exchange follows the part of the update that runs
+// on an open port, and returns its result.
 template <class Exchange> int ExpectedResult(Board &board, const char *port, Exchange exchange)
 {
     int result = -1;

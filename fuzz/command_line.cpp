@@ -1,6 +1,5 @@
-// The command line, in process, with other update procedures. The input: a byte
-// that says how the updates end, three that say how large the images are, the name of the board, and
-// line by line the arguments.
+// The command line, in this process, with other update procedures. The input is a byte that says how the updates end,
+// three bytes that say how large the images are, the name of the board, and the arguments, each on a line.
 #include "fuzz/support.h"
 
 #include "Common/OS/linux/oslinux.h"

@@ -1,5 +1,5 @@
-// The camera's update, whatever the device answers and the board does. The input: the sizes of the two
-// images, q for a query or v to y for a camera that answers up to the blocks first, and the script.
+// The camera's update. The device may answer anything, and the board may do anything. The input is the sizes of the two
+// images, q for a query or v to y for a camera that first answers up to the blocks, and the script.
 #include "fuzz/board.h"
 
 #include "devlib/haldenflash/farsightupdate.h"
@@ -23,8 +23,8 @@ struct Image {
     const Board::FileUse *use;
 };
 
-// A file that is not there, or that cannot be read, has no blocks; nobody looks at what comes behind
-// one that cannot be read.
+// A file that is missing or cannot be read has no blocks. Behind a file that cannot be read the other one is not looked
+// at.
 void CountBlocks(Replay &replay, Board &board, Image (&images)[2])
 {
     for (Image &image : images) {

@@ -1,5 +1,5 @@
-// The microcontroller's update, whatever the device answers and the board does. The input: the size of
-// the image, its version, q for a query or v for a device that sends its version first, and the script.
+// The microcontroller's update. The device may answer anything, and the board may do anything. The input is the size of
+// the image, its version, q for a query or v for a device that first sends its version, and the script.
 #include "fuzz/board.h"
 
 #include "devlib/haldenflash/haldenflash.h"
@@ -12,7 +12,7 @@ namespace
 
 using bench::Bytes;
 
-// The version in a reply of which the device sent that much, or nothing.
+// The version in the part of a reply that the device sent. Nothing if that part has no version.
 std::optional<UInt8> TakeVersion(Replay &replay)
 {
     for (;;) {

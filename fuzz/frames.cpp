@@ -1,7 +1,6 @@
-// Frames: the bench's decoder against one that has the whole of the bytes, the updater's frames through
-// both, and the two devices, to which it must not matter in which pieces bytes arrive. The input is
-// what comes over the line, and behind that the data of a frame; its first byte stands for the type of
-// the frame and the size of the pieces.
+// Frames. The bench's decoder is compared with a decoder that gets all bytes at once. The updater's frames go through
+// both. To the two devices it must not matter in which pieces bytes arrive. The input is the bytes on the line, and
+// also the data of a frame. Its first byte stands for the type of the frame and the size of the pieces.
 #include "fuzz/support.h"
 
 #include "bench/devices/camera.h"
@@ -47,8 +46,8 @@ Heard Decoded(const Bytes &wire)
     return heard;
 }
 
-// Takes the escapes out of what lies between two FF, as far as they are right; *used is set to how
-// many bytes the first `due` of the result took.
+// Takes the escapes out of the bytes between two FF, up to the first wrong one. *used is the number of bytes that the
+// first `due` bytes of the result took.
 Bytes Unstuffed(const Bytes &part, std::size_t due, std::size_t *used)
 {
     Bytes plain;

@@ -1,5 +1,5 @@
-// Names and instances: whatever they are, every file lies in the dat folder, and what was written
-// reads back. All items of an input exist at the same time.
+// Names and instances. For any of them the file is in the dat folder, and a value that was written reads back. All
+// items of an input exist at the same time.
 #include "fuzz/support.h"
 
 #include "Common/OS/linux/oslinux.h"

@@ -1,6 +1,6 @@
-// Log lines from the call to the printed text: pieces are put together, cut, counted when they repeat,
-// pass the ring and are printed. There is no writer task; the target itself prints what is in the ring.
-// The ring stays from input to input, so that lines come to lie everywhere in it, its end included.
+// Log lines from the call to the printed text. Pieces are put together and cut, repeated lines are counted, and lines
+// pass the ring and are printed. There is no writer task; the target itself prints the lines in the ring. The ring
+// stays from input to input, so that lines are at every place in it, its end included.
 #include "fuzz/support.h"
 
 #include "Common/OS/syslog.h"

@@ -1,5 +1,5 @@
-// The log's settings, from the files of their items. Lines of the input: a log line, the format, ten
-// show filters, ten cull filters.
+// The log's settings, from the files of their items. Lines of the input: a log line, the format, ten show filters, ten
+// cull filters.
 #include "fuzz/support.h"
 
 #include <sstream>

@@ -1,6 +1,8 @@
-// What the fuzz targets share. Each is one unit with this header. Before its first input it gets
-// configuration folders of its own beside its working folder, its thread becomes a task, the log has
-// read its settings, and standard output leads nowhere.
+// The common part of the fuzz targets. Each target is one unit with this header. Before the first input:
+// - The target has configuration folders of its own, beside its working folder.
+// - Its thread is a task.
+// - The log has read its settings.
+// - Standard output leads nowhere.
 #pragma once
 
 #include "Common/OS/linux/psosapi/pthreadapi.h"
@@ -23,7 +25,7 @@ inline void PutFile(const char *name, Int32 instance, const std::string &text)
     CHECK((std::ofstream(ConfigGetDatFileName(name, instance, path), std::ios::binary) << text).flush().good());
 }
 
-// What a buffer of size characters gets of the first line.
+// The part of the first line that fits in a buffer of size characters.
 inline std::string FirstLine(std::string_view text, std::size_t size)
 {
     return std::string(text.substr(0, std::min(text.find_first_of(std::string_view("\0\r\n", 3)), size - 1)));

@@ -1,6 +1,6 @@
-// Versions as text: the parser, and what a query makes of the version files and the camera's reply.
-// Lines of the input: the camera image's version file, the system image's, the reply behind its
-// first byte; what is missing of that says the same as the files.
+// Versions as text: the parser, and the result of a query for given version files and a given reply of the camera.
+// Lines of the input: the camera image's version file, the system image's, the reply behind its first byte. A missing
+// part of the reply says the same as the files.
 #include "fuzz/board.h"
 
 #include "devlib/haldenflash/farsightupdate.h"

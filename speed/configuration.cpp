@@ -15,7 +15,7 @@ namespace
 
 constexpr std::size_t kItems = 200;
 
-// That begin with so many different letters.
+// The number of different first letters of the names.
 std::vector<std::string> Names(std::size_t letters)
 {
     std::vector<std::string> names;

@@ -1,5 +1,5 @@
-// A camera block's frame against memcpy and against a plain loop over its bytes. With "--frames N"
-// the program builds N frames and ends: to be counted by valgrind with two values of N.
+// Compares building a camera block's frame with memcpy and with a plain loop over its bytes. With "--frames N" the
+// program builds N frames and ends, so that valgrind can count for two values of N.
 #include "devlib/haldenflash/messages.h"
 
 #include <benchmark/benchmark.h>

@@ -1,5 +1,5 @@
-// A log call against formatting the same text, and with the writer running. A writer that is started stays: that one
-// needs a process of its own, with standard output led to /dev/null.
+// Compares a log call with formatting the same text. Measures a log call while the writer runs. The writer never ends,
+// so that measurement needs a process of its own, with standard output led to /dev/null.
 #include "Common/OS/logmsg.h"
 #include "Common/OS/syslog.h"
 

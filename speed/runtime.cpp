@@ -1,4 +1,4 @@
-// Tree, semaphore and events against what the standard library and the system offer for the same.
+// Compares tree, semaphore and events with the same of the standard library and the system.
 #include "Common/OS/bintree.h"
 #include "Common/OS/linux/mutexhold.h"
 #include "Common/OS/linux/psosapi/pthreadapi.h"
@@ -63,7 +63,7 @@ template <class Container> void Search(benchmark::State &state)
         benchmark::DoNotOptimize(container.find(RandomKey(RandomKey(next++) % kKeys)));
     container.clear();
 }
-// So many at least that what is cold at first does not count, whatever the machine does meanwhile.
+// There are enough iterations that the cold first ones do not count, even on a busy machine.
 BENCHMARK(Search<Tree>)->Name("tree_search")->Iterations(kSearches);
 BENCHMARK(Search<Map>)->Name("map_search")->Iterations(kSearches);
 

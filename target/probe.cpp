@@ -1,7 +1,7 @@
 // Runs an update of both devices, the camera's image 2 MiB, and prints what the program used of the
-// machine: memory, threads, system calls by number. It watches from outside, so that it serves a static
-// binary too: its ports are symbolic links in /dev, and the two requests of the FPGA driver are answered
-// in its place. To be run as root, on a machine of one's own.
+// machine: memory, threads, system calls by number. It watches from outside, so that it serves a static binary too: its
+// ports are symbolic links in /dev, and it answers the two requests in place of the FPGA driver. It needs root, and a
+// machine that nobody else uses.
 // usage: probe PROGRAM
 #include "bench/rig/images.h"
 #include "bench/rig/line.h"

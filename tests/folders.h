@@ -1,4 +1,4 @@
-// Configuration folders of a test's own, and a working directory beside them.
+// Configuration folders for one test, and a working directory beside them.
 #pragma once
 
 #include <cstdlib>
@@ -24,12 +24,12 @@ public:
     ConfigFolders(const ConfigFolders &) = delete;
     ConfigFolders &operator=(const ConfigFolders &) = delete;
 
-    // Files are named from the root: "dat/name.dat".
+    // The name of a file begins at the root: "dat/name.dat".
     void Put(const std::string &file, const std::string &text) const
     {
         std::ofstream(root_ / file, std::ios::binary) << text;
     }
-    std::string Get(const std::string &file) const // "missing" for none
+    std::string Get(const std::string &file) const // "missing" if there is no such file
     {
         std::ifstream stream(root_ / file, std::ios::binary);
         return stream ? std::string(std::istreambuf_iterator<char>(stream), {}) : "missing";

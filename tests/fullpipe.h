@@ -1,4 +1,4 @@
-// A pipe without a reader's patience.
+// A full pipe: whoever writes to it waits.
 #pragma once
 
 #include <fcntl.h>

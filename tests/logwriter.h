@@ -1,4 +1,4 @@
-// Runs the log writer with standard output sent to a file, and hands back what it wrote.
+// Runs the log writer with standard output led to a file, and returns what it wrote.
 #pragma once
 
 #include "Common/OS/logmsg.h"
@@ -18,7 +18,7 @@ public:
         std::fflush(stdout);
         dup2(fileno(file_), STDOUT_FILENO);
         loginfo("test", "dropped: there is no writer yet\n"); // reads the settings
-        logmsg_cullfilter_add("task:csyn");                   // starts with it, and reports when it likes
+        logmsg_cullfilter_add("task:csyn");                   // the settings start this task; it logs at any time
         logmsg_set_format(format);
         InitSyslogInterface();
         Until("task:logw"); // the writer's first line is about itself
@@ -34,7 +34,7 @@ public:
     LogWriter(const LogWriter &) = delete;
     LogWriter &operator=(const LogWriter &) = delete;
 
-    // Waits for a text and returns everything since the last call up to its end.
+    // Waits for a text. Returns everything from the end of the last call to the end of that text.
     std::string Until(const std::string &end)
     {
         std::size_t length = 0;
@@ -44,7 +44,7 @@ public:
         return text;
     }
 
-    // Logs a last line and returns everything in front of it.
+    // Logs a line and returns everything before it.
     std::string Drained()
     {
         const std::string mark = "mark " + std::to_string(++marks_) + "\n";
@@ -64,6 +64,6 @@ private:
     std::FILE *file_ = std::tmpfile();
     int terminal_ = dup(STDOUT_FILENO);
     off_t read_ = 0;
-    std::string text_; // read and not yet returned
+    std::string text_; // the text that was read and not returned yet
     int marks_ = 0;
 };

@@ -13,7 +13,7 @@
 #include <string>
 #include <thread>
 
-// Starts a created task that runs body; to be called from the test's own thread.
+// Starts a created task that runs body. Only the test's own thread calls this.
 inline void StartBody(UInt32 tid, std::function<void()> body)
 {
     // Tasks may outlive the test, so their bodies are never freed. Two words carry the address.
@@ -51,7 +51,7 @@ inline bool Eventually(const std::function<bool()> &condition)
     return condition();
 }
 
-// All but the flush task, which starts with the first log line.
+// The number of tasks without the flush task, which starts with the first log line.
 inline int NumTasks()
 {
     pthread_mutex_lock(&tcblistmutex);

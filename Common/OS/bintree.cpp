@@ -56,8 +56,8 @@ void DestroyLeaf(TreeT *pTree)
 
 // ---- Descent. No branch depends on which way it goes: the processor would take the wrong one at every other leaf.
 
-// The subtree that the key belongs to. Both links are read, and bits of one are kept: a compiler may turn a choice
-// between two pointers back into a branch.
+// The subtree that the key belongs to. Both links are read, and the bits of one are kept. A choice between two pointers
+// could become a branch again in the compiler.
 BinaryLeafT *NextLeaf(const BinaryLeafT *pLeaf, UInt32 key)
 {
     const auto left = reinterpret_cast<std::uintptr_t>(pLeaf->left);
@@ -83,11 +83,11 @@ BinaryLeafT *SearchLeaf(BinaryLeafT *pLeaf, UInt32 key)
     return pLeaf;
 }
 
-// ---- Rebalancing. Each takes a subtree whose named side has become two levels taller and returns
-// its new root; the height is then what it was before the insertion.
+// ---- Rebalancing. Each function takes a subtree of which one side has become two levels taller. Its name says which.
+// It returns the new root. The subtree then has the height that it had before the insertion.
 
-// After a double rotation: the new root's old factor tells which of its children got the shorter of
-// its former subtrees.
+// After a double rotation: the new root's old factor tells which of its children got the shorter of its former
+// subtrees.
 void BalanceDoubleRotation(BinaryLeafT *pRoot)
 {
     pRoot->left->factor = pRoot->factor == RIGHT_HEAVY ? LEFT_HEAVY : BALANCED;
@@ -153,8 +153,8 @@ BinaryLeafT *RotateRight(BinaryLeafT *pLeaf)
 
 // ---- Insertion
 
-// One side of a subtree has grown a level, and the subtree leaned to one side before, so that its
-// height is in the end what it was. Returns its new root.
+// One side of a subtree that leaned to one side has grown a level. The subtree gets its old height back. Returns its
+// new root.
 BinaryLeafT *SideGrew(BinaryLeafT *pLeaf, eFactorT side)
 {
     if (pLeaf->factor == side)
@@ -172,8 +172,8 @@ void AllGrew(BinaryLeafT *pLeaf, const BinaryLeafT *pNew)
     }
 }
 
-// Without recursion: of the subtrees on the way to the new leaf, only those below the last one that
-// leans to a side grow, and that one takes the growth up.
+// There is no recursion. On the way to the new leaf, the last subtree that leans to a side takes the growth up. Only
+// the subtrees below it grow.
 void AddLeaf(TreeT *pTree, UInt32 key, void *pObject)
 {
     BinaryLeafT **ppRoot = &pTree->tree.pBaseLeaf;

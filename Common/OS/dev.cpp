@@ -65,7 +65,7 @@ DEVCB *FindDevice(const char *name, UInt32 instance)
     return pDev;
 }
 
-// Pending requests are forgotten, not completed, also when the device is open already.
+// Pending requests are forgotten and not completed, even if the device is open already.
 void ForgetRequests(DEVCB *pDev)
 {
     const InterruptsOffHold hold;
@@ -253,8 +253,8 @@ void dev_ioctl(UInt32 devid, IORB *pIORB, UInt32 ctlCode)
     }
     os_assert(pDev->ioctl != nullptr, "pDev->ioctl");
     StoreCaller(pIORB);
-    // Deliberate: on an empty queue an asynchronous request runs at once. Queueing it instead would
-    // leave it pending for ever, because nothing serves this queue.
+    // Deliberate: on an empty queue an asynchronous request runs at once. Queueing it instead would leave it pending
+    // for ever, because nothing serves this queue.
     if (pIORB->pUserCompFunc != nullptr && iorb_list_avail(&pDev->ioctlIORBs) > 0)
         iorb_list_enqueue(&pDev->ioctlIORBs, pIORB);
     else

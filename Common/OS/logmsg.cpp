@@ -48,8 +48,8 @@ std::size_t AddComponent(const char *component, char *text, std::size_t room)
     return length + kSeparatorSize;
 }
 
-// Writes level word, processor tag and component, and returns their length, which leaves room for
-// at least the terminator of the message.
+// Writes level word, processor tag and component. Returns their length. There is still room for the terminator of the
+// message.
 std::size_t AddHeader(Int32 level, const char *component, char (&buffer)[kBufferSize])
 {
     auto length = static_cast<std::size_t>(addLevel(level, buffer));
@@ -80,8 +80,8 @@ bool IsRepeated(const char *line, std::size_t length)
     return gLastLine.length == length && std::memcmp(gLastLine.text, line, length) == 0;
 }
 
-// Queues the summary of a line that came count times, the printed occurrence included. False when the ring lost it.
-// It does not read the settings, which cannot be done while the interrupt lock is held.
+// Queues the summary of a line that came count times; the printed one is among them. Returns false if the ring lost it.
+// The settings are not read, because the interrupt lock is held.
 bool QueueRepeatSummary(Int32 count)
 {
     char summary[kSummarySize];
@@ -97,9 +97,9 @@ struct AssembledT {
     bool overflowed;    // the summary in front of it was lost in a full ring
 };
 
-// Adds a piece to the open line. buffer holds header and text, length characters in all; a completed line takes their
-// place. It is taken out of gCurLine at once: whatever becomes of the task, the next piece begins a line of its own.
-// Nothing under the lock prints, waits for output or can be cancelled.
+// Adds a piece to the open line. buffer holds header and text, length characters in all. A completed line takes their
+// place. It leaves gCurLine at once, so the next piece begins a new line even if this task is deleted. Under the lock
+// nothing prints, waits for output or can be cancelled.
 AssembledT Assemble(char (&buffer)[kBufferSize], std::size_t headerLength, std::size_t length)
 {
     const InterruptsOffHold hold;

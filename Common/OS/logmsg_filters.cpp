@@ -16,8 +16,8 @@ FilterSlotT gCullFilters[kFilterSlots];
 std::atomic<Int32> gNumShowFilters;
 std::atomic<Int32> gNumCullFilters;
 
-// ---- The slots are not locked. A task that logs while a slot is filled again may match a mixture of the old and the
-// new text, but one that ends. Nothing touches a slot's text but IsOccupied, SetCharacter and TextOf.
+// ---- The slots are not locked. A task that logs while a slot is filled again may see a mixture of the old and the new
+// text. The mixture always has a terminator. Only IsOccupied, SetCharacter and TextOf touch the text of a slot.
 
 bool IsOccupied(FilterSlotT &slot)
 {
@@ -31,7 +31,7 @@ void SetCharacter(FilterSlotT &slot, std::size_t index, char character)
 
 // ---- The tables
 
-// Ignores case, though matching of lines does not: deliberate.
+// Deliberate: this ignores case, and the matching of lines does not.
 Int32 DeleteFilter(const FilterTableT &table, const char *text)
 {
     os_assert(text, "text");

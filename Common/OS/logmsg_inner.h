@@ -1,5 +1,9 @@
-// What the files of logmsg share, and nobody else includes: logmsg.cpp makes the lines, logmsg_filters has the show and
-// cull filters, logmsg_settings the log format and all that goes to the configuration or comes from there.
+// The common part of the files of logmsg. No other file includes it.
+// logmsg.cpp           makes the lines
+// logmsg_filters.cpp   the show and cull filters
+// logmsg_settings.cpp  the log format, and what is stored in the configuration
+// Owner:   each piece of state belongs to the file that defines it.
+// Locking: these functions take no lock. The slots of the filters are not locked; logmsg_filters.cpp says why.
 #pragma once
 
 #include "Common/OS/logmsg.h"
@@ -29,10 +33,11 @@ struct FilterTextT {
     FilterSlotT text;
 };
 
-// A copy of a slot's text, empty when the slot is free.
+// A copy of a slot's text. It is empty if the slot is free.
 FilterTextT TextOf(FilterSlotT &slot);
 
-// 0, or -1 with a message when the table is full.
+// 0   added.
+// -1  the table is full, which is printed.
 Int32 AddFilter(const FilterTableT &table, const char *text);
 
 // Prints the heading and the filters. Returns 0.
@@ -46,5 +51,5 @@ bool IsFilteredOut(const char *line);
 // 1: identical lines in a row are counted instead of printed.
 extern std::atomic<Int32> gSpewFilter;
 
-// Reads the filters, which it prints, and the log format. It logs, and starts the configuration.
+// Reads the filters and the log format, and prints the filters. This logs, and starts the configuration.
 void LoadSettings();

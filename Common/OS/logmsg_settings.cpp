@@ -63,7 +63,7 @@ void LoadAndShowFilters(const FilterTableT &table)
         DumpFilters(table);
 }
 
-// Takes the value apart.
+// The bits of the words in the value. The call cuts the value apart.
 Int32 FormatBits(char *value)
 {
     Int32 bits = 0;
@@ -117,7 +117,7 @@ Int32 logmsg_get_format()
     return gLogFormat;
 }
 
-// The default holds only until the setting is first read: one without a word, or a missing one, is 0.
+// Deliberate: the default holds only until the setting is first read. A setting that is missing or has no word is 0.
 Int32 logmsg_format_load()
 {
     if (!KeepsSettings())

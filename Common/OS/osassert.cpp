@@ -14,7 +14,7 @@
 namespace
 {
 
-// Whoever reads our output, or prints at the moment, gets a second: so many tries of so many milliseconds.
+// A slow reader of our output, or another thread that prints, gets one second: the tries times their length.
 constexpr int kTries = 100;
 constexpr int kPause = 10;
 
@@ -50,7 +50,7 @@ void FlushOutput()
     funlockfile(stdout);
 }
 
-// Not by a stream, whose lock somebody may hold.
+// Does not use a stream, because another thread may hold its lock.
 void WriteError(const char *text, std::size_t size)
 {
     const NoWaitHold hold(STDERR_FILENO);

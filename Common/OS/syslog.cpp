@@ -19,23 +19,24 @@
 namespace
 {
 
-// ---- The ring: lines back to back, each with its NUL. A line is never split: behind the last one
-// that fits there is filling of at least two NULs.
+// ---- The ring holds lines back to back, each with its NUL. A line is never split. Behind the last line that fits are
+// at least two NULs of filling.
 constexpr Int32 kRingSize = 0x80000;
 constexpr Int32 kRingLimit = kRingSize - 2; // no line ends behind it
 
 char buf[kRingSize + 10];
 
-// Index of the next line to store, or kLapping. Only adders move it, under log_Semaphore. The store releases what
-// was written before: the line is complete when the writer acquires the index behind it.
+// Index of the next line to store, or kLapping. Only adders move it, under log_Semaphore. The store is a release: the
+// line is complete when the writer acquires the index behind it.
 std::atomic<Int32> log_buffer_tail;
 constexpr Int32 kLapping = -1; // an adder overwrites lines that wait for the writer: nothing can be taken
 
-// Index of the next line to print, and above it the number of laps. The writer moves the index when it has copied the
-// line out. An adder that laps the writer counts the lap and sets the index to 0, and the writer, if it is copying,
-// fails to move what it has not seen, and throws its copy away. Both moves are read-modify-write: the one that comes
-// second acquires what the first released. So an adder that does not lap overwrites no line before the writer has done
-// with it. One that laps may overwrite the line that is being copied: what was copied during a lap is thrown away.
+// Index of the next line to print. The bits above it are the number of laps.
+// - The writer moves the index when it has copied the line.
+// - An adder that laps the writer counts the lap and sets the index to 0. It may overwrite the line that the writer
+//   copies. The writer then fails to move the index, and throws its copy away.
+// - Both moves are read-modify-write: the second one acquires what the first one released. So an adder that does not
+//   lap overwrites no line before the writer has copied it.
 std::atomic<UInt32> log_buffer_head;
 constexpr UInt32 kLap = 0x100000;
 
@@ -46,7 +47,7 @@ std::atomic<UInt32> logTaskID;
 constexpr UInt32 kLineEvent = 1;
 constexpr UInt32 kAllEvents = 0xFFFF;
 
-// Three blanks, where a line has two: deliberate, those who watch for it compare the text.
+// Deliberate: there are three blanks where a line has two. Programs that watch for this line compare it.
 constexpr char OVERFLOW_MSG[] = "WARN   pc[0]: SYSLOG QUEUE OVERFLOW\n";
 constexpr Int32 kOverflowSize = sizeof(OVERFLOW_MSG);
 
@@ -90,8 +91,8 @@ Int32 IndexOf(UInt32 head)
     return static_cast<Int32>(head % kLap);
 }
 
-// Starts again at the front. The head is not asked for room: a writer that is almost a whole ring behind
-// loses everything before this line.
+// Starts again at the front. This does not ask whether there is room: a writer that is almost a whole ring behind loses
+// all lines before this one.
 void WrapLine(const char *line, Int32 size)
 {
     const Int32 tail = log_buffer_tail.load(std::memory_order_relaxed);
@@ -123,11 +124,11 @@ bool StoreLine(const char *line, Int32 size)
 
 // ---- Printing, in the writer task only
 
-// The writer's copy of the line that it prints: once the head has passed a line, new ones may
-// overwrite it. Only the pages that the longest line needs are ever touched.
+// The writer's copy of the line that it prints: once the head has passed a line, new ones may overwrite it. Only the
+// pages that the longest line needs are ever touched.
 char printedLine[kRingSize];
 
-// There is filling at next, and nothing but filling ever comes after the tail.
+// The writer is at filling. Behind the tail there is never anything but filling.
 void StopIfCorrupt(Int32 next, Int32 tail)
 {
     if (tail <= next)
@@ -136,9 +137,10 @@ void StopIfCorrupt(Int32 next, Int32 tail)
     os_assert(false, "0");
 }
 
-// Copies the next line to printedLine; an empty one where a pass begins on the filling, or where a lap came
-// between: what was copied may be half of one line and half of another. False when there is none. A lap that is
-// under way is none either: its adder sends an event afterwards.
+// Copies the next line to printedLine. Returns false if there is no line, or while a lap is under way: its adder sends
+// an event afterwards. The copy is empty in these cases:
+// - A pass begins on the filling.
+// - A lap came between. The copy might be half of one line and half of another.
 bool TakeLine()
 {
     UInt32 head = log_buffer_head.load(std::memory_order_acquire);
@@ -226,8 +228,8 @@ bool syslogQueue(const char *msg)
 
 void syslogReportOverflow()
 {
-    // Not by the C library's stream: a task that waits for its lock, because another one's message is stalled, could
-    // not be deleted.
+    // The C library's stream is not used. If another task's message is stalled in it, this task would wait for its lock
+    // and could not be deleted.
     [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, OVERFLOW_MSG, kOverflowSize - 1);
 }
 

@@ -128,9 +128,8 @@ eErrorT ConfigRead(const char *pName, Int32 instance, char *value)
     if (ReadFromCache(key, instance, found, &before) != kNoError)
         ReportNoAccess("can't acquire config database semaphore for reading, task=\"%s\"\n");
     eErrorT result = kNoError;
-    if (found[0] == '\0') { // an empty cached value counts as missing
-        // Deliberately one character less than the cache holds: what an item reads as after a restart
-        // stays what it was.
+    if (found[0] == '\0') { // deliberate: an empty cached value counts as missing
+        // Deliberate: one character less than the cache holds. An item reads the same after a restart as it always did.
         result = ConfigStoreRead(key.text, instance, found, kConfigValueSize - 1);
         if (result != kNoError)
             found[0] = '\0';

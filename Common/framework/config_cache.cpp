@@ -11,8 +11,8 @@
 namespace
 {
 
-// Under configSemaphore. What was read from the store must not overwrite the cache when the store or the cache has
-// changed since, or the store was about to.
+// Both are under configSemaphore. A value that was read from the store must not overwrite the cache if the store or the
+// cache has changed since, or if a change was under way.
 UInt32 changes;         // beginnings and ends of changes
 UInt32 changesUnderWay; // not ended yet
 

@@ -9,7 +9,7 @@
 namespace
 {
 
-// What a write has to do behind the cache.
+// The steps of a write that follow the change of the cache.
 struct WorkT {
     eErrorT result = kNoError; // so far
     bool storesValue = false;
@@ -18,9 +18,9 @@ struct WorkT {
     ConfigFailureT failure = {};     // of the file, not printed yet
 };
 
-// Gives the item the value, under changeSemaphore. There is nothing left to do when it has it already, unless a write
-// for the store did not get there. That is so of the master's files alone: sending never fails, and while it lasts the
-// message path may write the same value.
+// Gives the item the value, under changeSemaphore. Deliberate: if the item has that value already, nothing is left to
+// do. There is one exception: on the master, an earlier write may not have reached the file. On other processors
+// sending never fails, and while it lasts the message path may write the same value.
 WorkT ChangeCache(const KeyT &key, const ConfigNotifyT &notify)
 {
     const auto instance = static_cast<Int32>(notify.instance);
@@ -48,8 +48,8 @@ void ChangeFile(const KeyT &key, const ConfigNotifyT &notify, WorkT *pWork)
         pItem->unsaved = 0;
 }
 
-// The master writes the file before the next change begins. The others send a command, which is not done with a lock
-// held: the message path may need the database.
+// The master writes the file before the next change begins. The other processors send a command, and hold no lock
+// meanwhile: the message path may need the database.
 WorkT ChangeItem(const KeyT &key, const ConfigNotifyT &notify)
 {
     const StoreChangeScope change;

@@ -1,4 +1,4 @@
-// What the files of the configuration database share among each other; nobody else includes it.
+// The common part of the files of the configuration database. No other file includes it.
 // config.cpp         start and end, reading, callbacks
 // config_cache.cpp   the cached items
 // config_change.cpp  writing and deleting: cache, store, log and callbacks
@@ -54,18 +54,18 @@ inline ConfigItemT *AsItem(ListT *pElem)
 // The item of that name and instance, or null. The caller holds configSemaphore.
 ConfigItemT *FindItem(const KeyT &key, Int32 instance);
 
-// Gives the item the value, as one that is saved, and adds the item if there is none. Returns it, or null when memory
-// is short. The caller holds configSemaphore.
+// Gives the item the value, and notes that the store has it. Adds the item if it is missing. Returns the item, or null
+// if there is no memory. The caller holds configSemaphore.
 ConfigItemT *PutItem(const KeyT &key, Int32 instance, const char *value);
 
-// The item, for its callbacks. It is added without a value if there is none. Returns null when memory is short. The
-// caller holds changeSemaphore, so that nobody deletes the item meanwhile.
+// The item, for its callbacks. An item that is missing is added, without a value. Returns null if there is no memory.
+// The caller holds changeSemaphore, so that nobody deletes the item meanwhile.
 ConfigItemT *NeedItem(const KeyT &key, Int32 instance);
 
-// Takes the item's value out of the cache, and frees the item unless it has a list of callbacks. The caller holds
+// Takes the item's value out of the cache. Frees the item, unless it has a list of callbacks. The caller holds
 // changeSemaphore.
-// kNoError       it had a value.
-// kItemNotFound  it had none, or is not there, or the semaphore is missing.
+// kNoError       the item had a value.
+// kItemNotFound  the item had no value or is missing, or the semaphore is missing. Nothing was stored.
 eErrorT DropItem(const KeyT &key, Int32 instance);
 
 // Frees all items without a lock. No other task may use the database meanwhile.
@@ -80,19 +80,22 @@ struct MomentT {
     bool isQuiet; // no change was under way
 };
 
-// Copies a cached value, and notes the moment. Without an item the caller's value stays as it is.
-// kNoError     done, also without an item.
+// Copies a cached value, and notes the moment.
+// kNoError     done. If the item is missing, the caller's value is unchanged.
 // kSemUnavail  the semaphore is missing. Nothing was stored.
 eErrorT ReadFromCache(const KeyT &key, Int32 instance, char (&value)[kConfigValueSize], MomentT *pMoment);
 
-// Caches what was read from the store after that moment. Leaves the cache as it is when the store or the cache has
-// changed since then, and when the cache has a value that the store still lacks. Returns kNoError or kSemUnavail.
+// Caches a value that was read from the store after that moment. The cache is unchanged in these cases:
+// - The store or the cache has changed since then.
+// - The cache has a value that the store does not have yet.
+// kNoError     done, or unchanged.
+// kSemUnavail  the semaphore is missing. The cache is unchanged.
 eErrorT CacheFromStore(const KeyT &key, Int32 instance, const char *value, const MomentT &since);
 
 // Logs that the semaphore is missing. message has a "%s" for the task's name.
 void ReportNoAccess(const char *message);
 
-// A change of the store is under way for the length of a scope. Several may be.
+// A change of the store is under way for the length of a scope. Several scopes may exist at the same time.
 class StoreChangeScope
 {
 public:

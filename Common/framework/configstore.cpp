@@ -50,6 +50,7 @@ struct SuffixT {
     char text[12]; // any 32-bit number
 };
 
+// Deliberate: the instances below 1 share the file without a number.
 SuffixT InstanceSuffix(Int32 instance)
 {
     SuffixT suffix = {};

@@ -18,7 +18,7 @@ eErrorT OpenFile(FileNameT fileName, const char *name, Int32 instance, ConfigFil
     return pFile->stream != nullptr ? kNoError : kBadParameter;
 }
 
-// A line ends at its line feed. Of one with a carriage return, what follows that is not read.
+// Skips the rest of a line. A line ends at its line feed. Characters behind a carriage return are not read.
 void SkipLine(FILE *stream, int c)
 {
     while (c != '\n' && c != EOF)
@@ -44,8 +44,8 @@ eErrorT GetLine(FILE *stream, char *s, UInt32 len)
     return kNoError;
 }
 
-// Reads the first line of a file. An empty file gives an empty value, and so does one that cannot be
-// read: both are read again the next time. A directory counts as missing.
+// Reads the first line of a file. A file that is empty or cannot be read gives an empty value. It is read again the
+// next time. A directory counts as missing.
 eErrorT ReadFirstLine(FileNameT fileName, const char *name, Int32 instance, char *s, UInt32 len)
 {
     const CancelOffHold cancelOff; // a file that was opened is closed
@@ -74,7 +74,7 @@ eErrorT ConfigStoreRead(const char *name, Int32 instance, char *s, UInt32 len)
     if (!IsWord(name))
         return kBadParameter;
     RemoteRead(name, instance, s, len);
-    return kNoError; // even without an answer, on purpose: a value that is empty is asked for again
+    return kNoError; // deliberate, even without an answer: an empty value is asked for again
 }
 
 eErrorT ConfigStoreChoiceRead(const char *name, Int32 instance, char *s, UInt32 len)

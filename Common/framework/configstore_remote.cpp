@@ -14,8 +14,7 @@ constexpr UInt32 kAnswerEvent = 0x4000;
 constexpr UInt32 kAnswerTicks = 300;
 constexpr std::size_t kCommandSize = 512; // name, instance, value and the words around them
 
-// The context of a remote read. They are used in turn, so that a late answer finds one that nobody waits
-// on.
+// The context of a remote read. The contexts are used in turn, so that nobody waits on the context of a late answer.
 struct RemoteReadT {
     UInt32 taskID; // who waits; 0: nobody
     char *pAnswer; // kCommandSize characters
@@ -38,7 +37,7 @@ RemoteReadT *TakeRemoteRead(UInt32 taskID, char *pAnswer)
     return nullptr;
 }
 
-// Gives a context up for the length of a scope: the answer's buffer ends with the caller's.
+// Holds a context for the length of a scope, because the answer's buffer belongs to that scope.
 class RemoteReadHold
 {
 public:

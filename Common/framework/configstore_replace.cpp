@@ -16,14 +16,14 @@ constexpr mode_t kOwnersMode = 0600; // until a file that takes another one's pl
 constexpr char kAccessList[] = "system.posix_acl_access";
 constexpr Int32 kTemporaries = 64; // writers that replace one item's file at the same time
 
-// What lies at the path of an item's file.
+// The file that is at the path of an item.
 struct OldFileT {
     bool exists;
-    bool isReplaceable; // nothing, or a regular file with this name alone, no access list, and leave to write it
+    bool isReplaceable; // there is no file; or a writable regular file with one name and no access list
     struct stat status;
 };
 
-// A new file would not have the access list: it would let other users read it, or none.
+// A new file would not have the access list of the old one, so more users could read it, or fewer.
 bool HasAccessList(const char *path)
 {
     return getxattr(path, kAccessList, nullptr, 0) > 0;
@@ -40,8 +40,8 @@ OldFileT LookAt(const char *path)
     return old;
 }
 
-// Gives a new file the owner, the group and the permissions of the old one: a secret stays one. False when the
-// process may not, and when the folder gave the file an access list, which the old one does not have.
+// Gives a new file the owner, the group and the permissions of the old one, so that a secret stays secret. Returns
+// false if the process may not do that, or if the folder gave the new file an access list.
 bool TakeAttributes(int file, const struct stat &old)
 {
     struct stat now;
@@ -53,7 +53,7 @@ bool TakeAttributes(int file, const struct stat &old)
     return fchmod(file, old.st_mode & ~static_cast<mode_t>(S_IFMT)) == 0;
 }
 
-// Locks an open file for its writer. False with EWOULDBLOCK when somebody else has it, or has moved it away.
+// Locks an open file for its writer. Returns false, with EWOULDBLOCK if another writer has it or has moved it away.
 bool Claim(int file, const char *path)
 {
     struct stat mine, there;
@@ -65,7 +65,7 @@ bool Claim(int file, const char *path)
     return isThere;
 }
 
-// Removes a temporary file that nobody writes any more: its process was killed.
+// Removes a temporary file of a process that was killed.
 void RemoveLeftover(const char *path)
 {
     const int file = open(path, O_WRONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
@@ -80,8 +80,8 @@ struct TemporaryPathT {
     char text[kConfigPathSize + 16]; // no item's file ends like it
 };
 
-// Opens a new file beside the item's, for this call alone until it is closed: whoever writes one has locked it.
-// Returns -1 when the folder or its file system does not let us.
+// Opens a new file beside the item's. It is locked, so no other writer uses it until it is closed. Returns -1 if the
+// folder or its file system refuses.
 int OpenTemporary(const char *path, mode_t mode, TemporaryPathT *pTemporary)
 {
     for (Int32 tried = 0; tried < 2 * kTemporaries; tried++) { // each twice: a leftover is removed between
@@ -120,8 +120,8 @@ bool WriteAll(int file, const char *text, std::size_t size)
 
 enum class ReplacementT { kDone, kFailed, kNotPossible };
 
-// Writes a temporary file, which stays open: it has to stay locked until it is in place. But a file on a network may
-// fail no earlier than on closing, so a copy of the descriptor is closed, if there is one left for it.
+// Writes a temporary file. It stays open, because it has to stay locked until it is in place. A file on a network may
+// fail only when it is closed. So a copy of the descriptor is closed, if a descriptor is free for it.
 bool WriteTemporary(int file, const ConfigFileT &source)
 {
     if (!WriteAll(file, source.text, source.size))
@@ -138,9 +138,10 @@ bool FitsWhereItIs(const OldFileT &old, std::size_t size, int error)
     return isFull && old.exists && size <= static_cast<UInt64>(old.status.st_blocks) * kBlockSize;
 }
 
-// Puts a new file in the old one's place in one step. kFailed: it could not be written.
-// kNotPossible: it could not be made, not be put there, or it found the disk full where the old file has room for the
-// text. After both the old file is as it was.
+// Puts a new file in the old one's place in one step.
+// kFailed       the new file could not be written. The old file is unchanged.
+// kNotPossible  the new file could not be made or put in place, or the disk is full and the old file has room for the
+//               text. The old file is unchanged.
 ReplacementT ReplaceFile(ConfigFileT *pFile, const OldFileT &old)
 {
     TemporaryPathT temporary;
@@ -163,8 +164,8 @@ ReplacementT ReplaceFile(ConfigFileT *pFile, const OldFileT &old)
     return result;
 }
 
-// Writes over the file, which is cut afterwards: a short value is there whole or not at all, and on a full disk it
-// has its place already.
+// Writes over the file and cuts it afterwards. A short value is written whole or not at all. On a full disk its place
+// is already there.
 void WriteInPlace(ConfigFileT *pFile)
 {
     const int file = open(pFile->path, O_WRONLY | O_CREAT | O_NOCTTY | O_CLOEXEC, kNewFileMode);

@@ -41,8 +41,8 @@ ListT *list_find_elem(ListT *pList, ListT *pElem)
     return ListSearch(pList, IsSameElement, pElem, nullptr);
 }
 
-// ---- Insertions. They return false for an element that is listed already, and then change nothing: the public calls
-// stop the program, and print why without the lock.
+// ---- Insertions. For an element that is already listed they return false and change nothing. The public calls then
+// print the reason, without the lock, and stop the program.
 
 bool InsertAfter(ListT **ppList, ListT *pAfter, ListT *pElem)
 {

@@ -30,6 +30,7 @@ template <class Function> void SetIfEmpty(Function *&operation, Function *initia
         operation = initial;
 }
 
+// Deliberate: if the table is full, the record works all the same and is not listed.
 void EnterInTable(ModT *pMod)
 {
     for (SlotT &slot : gMods) {

@@ -34,7 +34,7 @@ void SetArray(ModT *pMod, ModCallbackT *pCallbacks, Int32 count)
     std::free(pOld);
 }
 
-// A free entry, in a bigger array if need be; null when there is no memory for one.
+// A free entry. If there is none, the array grows. Null: there is no memory for that.
 ModCallbackT *FreeEntry(ModT *pMod)
 {
     const Int32 count = pMod->numCallbacks;

@@ -38,7 +38,7 @@ constexpr DeferredQueueT kCallbackQueue = {deferredCallbackRegion, gFreeDeferred
                                            gPendDeferredCallbackList};
 constexpr DeferredQueueT kFuncQueue = {deferredFuncRegion, gFreeDeferredFuncList, gPendDeferredFuncList};
 
-// Without memory for the lock there are no blocks either. Nobody else has the queue yet.
+// If there is no memory for the lock, there are no blocks. No other task uses the queue yet.
 template <class Block, std::size_t Count> void FillFreeList(const DeferredQueueT &queue, Block (&blocks)[Count])
 {
     if (sm_create("#region", 1, 2, &queue.region) != 0)
@@ -74,8 +74,8 @@ void GiveBack(const DeferredQueueT &queue, ListT *pElem)
     ListEnqueueUnprot(&queue.pFree, pElem);
 }
 
-// Takes a block off the pending list, unless its task ran it and then ended. (That somebody else has
-// queued it again by then, after all the other free blocks, is left out of account.)
+// Takes a block off the pending list, unless its task ran it and then ended. (Another task may have queued the block
+// again by then, but only after it used all other free blocks. This is ignored.)
 void Withdraw(const DeferredQueueT &queue, ListT *pElem)
 {
     const auto isElem = [](ListT *pListed, void *pWanted, void *) -> Int32 { return pListed == pWanted ? 1 : 0; };
@@ -114,8 +114,7 @@ Int32 IsCallbackOfMod(ListT *pElem, void *pMod, void *pCallback)
     return wanted && pDeferred->pMod == pMod ? 1 : 0;
 }
 
-// A callback that was removed while it was being looked at is not queued any more: its task may count
-// on that after removing it.
+// A callback may be removed while it is looked at. It is not queued then: the task that removed it counts on that.
 bool AppendIfRegistered(ModDeferredCallbackT *pDeferred)
 {
     const SemaphoreHold hold(callbackSemaphore);

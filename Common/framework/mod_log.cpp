@@ -41,7 +41,7 @@ bool WantsLines(const ModT *pMod, const char *format)
                        [pMod](const char *filter) { return IsFilter(filter, pMod->name); });
 }
 
-// Who logs: "name[instance]", or "owner[instance].name[instance]".
+// The component of the line: "name[instance]", or "owner[instance].name[instance]".
 void FillComponent(const ModT *pMod, char (&component)[kFormatSize])
 {
     const ModT *pOwner = (pMod->flags & kModFlagLogOwner) != 0 ? pMod->pOwner : nullptr;
@@ -59,14 +59,14 @@ std::size_t ConversionLength(const char *text)
     return text[length] != '\0' ? length + 1 : 0;
 }
 
-// A format that is put together from pieces. Half a conversion never gets into it: not by a cut, and not by a piece
-// that ends in one, which is printed as it is written.
+// A format that is put together from pieces. It never has half a conversion: neither a cut nor the end of a piece
+// leaves one.
 struct FormatT {
     char text[kFormatSize] = "";
     std::size_t length = 0;
 
-    // Adds what there is room for. What a piece without conversions has of them is printed as it is written, but for
-    // "%%", which prints one sign.
+    // Adds as much as there is room for. In a piece without conversions, such as a name, a conversion is printed
+    // unchanged. Deliberate: only its "%%" prints one sign.
     void Add(const char *piece, bool hasConversions)
     {
         while (*piece != '\0') {

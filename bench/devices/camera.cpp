@@ -15,7 +15,7 @@ constexpr std::uint8_t kCameraBlock = 0x88;
 constexpr std::uint8_t kSystemBlock = 0x89;
 constexpr std::size_t kNumberSize = 2;
 
-// What the fourth byte of the flash mode message says.
+// Values of the fourth byte of the flash mode message.
 constexpr std::uint8_t kSystemOnly = 1;
 constexpr std::uint8_t kCameraOnly = 3;
 constexpr std::uint8_t kBoth = 5;
@@ -110,7 +110,7 @@ void Camera::TakeBlock(Image &image, const char *name, const Bytes &data)
         Store(image, number, data);
 }
 
-// Why a block is not acceptable; empty if it is.
+// The reason why a block is not acceptable. Empty: it is acceptable.
 std::string Camera::Objection(const Image &image, const char *name, unsigned number, std::size_t size) const
 {
     if (number >= image.announced)

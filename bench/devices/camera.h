@@ -1,6 +1,6 @@
-// The camera: answers the version query, enters flash mode with the block counts announced for its
-// two images, and takes the camera image and then the system image. Contents and versions outlive a
-// power cut; flash mode does not.
+// The camera. It answers the version query. It enters flash mode with the announced number of blocks of each image.
+// Then it takes the camera image, and behind it the system image. Contents and versions outlive a power cut. Flash mode
+// does not.
 #pragma once
 
 #include "bench/devices/device.h"
@@ -16,11 +16,11 @@ public:
     static constexpr std::size_t kBlockSize = 64512;
 
     struct Image {
-        std::string version;    // four hexadecimal characters: what it runs
-        std::string newVersion; // what it runs once the last announced block is acknowledged
-        Bytes contents = {};    // what has been stored; block 0 erases what was there before
-        unsigned announced = 0; // blocks, as the flash mode message of this run says
-        unsigned due = 0;       // number of the next block: those acknowledged
+        std::string version;    // that the camera runs: four hexadecimal characters
+        std::string newVersion; // that it runs as soon as the last announced block is acknowledged
+        Bytes contents = {};    // the stored bytes; block 0 erases the earlier ones
+        unsigned announced = 0; // number of blocks, from the flash mode message of this run
+        unsigned due = 0;       // number of the next block
     };
 
     Camera(const Image &cameraImage, const Image &systemImage) : camera(cameraImage), system(systemImage) {}

@@ -131,7 +131,7 @@ std::uint8_t Device::AnswerBlock(bool acceptable)
         verdict = static_cast<std::uint8_t>(found.verdict);
     const char *name = verdict == kAck ? "ack" : verdict == kNack ? "nack" : "unknown verdict";
     AnswerNoise(found.noise);
-    // Nobody looks at the first byte; it is neither of the verdicts, so that whoever does is found out.
+    // The host does not look at the first byte. It is no verdict, so a host that takes it for one is noticed.
     Answer(name, {0x15, verdict}, found.reply);
     return verdict;
 }

@@ -1,10 +1,13 @@
-// What the two peripherals have in common: a pure state machine that takes the bytes of its line and
-// hands out replies. It has no clock, no thread and no descriptor of its own.
-// Owner:   the caller; contents and versions live as long as the object, over any number of runs.
-// Locking: none. While a Line carries bytes for it, nobody else touches it.
+// The common part of the two peripherals: a state machine that takes the bytes of its line and hands out replies. It
+// has no clock, no thread and no descriptor.
+// Owner:   the caller owns the device. Contents and versions live as long as the object, over any number of runs.
+// Locking: a device has no lock. Nobody else uses it while a Line carries bytes for it.
 //
-// The transcript has one line per message of the run: "> " what the host sent, "< " what was
-// answered, "! " a finding (a deviation of the host's), "* " a power cut.
+// The transcript has one line per message of the run. The first sign of a line tells what it is:
+// "> "  a message of the host
+// "< "  a reply
+// "! "  a finding: the host has done something wrong
+// "* "  a power cut
 #pragma once
 
 #include "bench/devices/faults.h"
@@ -17,7 +20,7 @@ namespace bench
 
 struct Reply {
     Bytes bytes;
-    int delayMs = 0; // to be held back so long
+    int delayMs = 0; // time before it is sent
 };
 
 class Device
@@ -27,49 +30,49 @@ public:
     Device &operator=(const Device &) = delete;
     virtual ~Device() = default;
 
-    // Played in every run from the next PowerOn on, until changed.
+    // The faults that are played in every run from the next PowerOn on.
     Faults faults;
 
-    // A run begins: transcript, findings and counts start over, and so does the protocol.
+    // Begins a run. Transcript, findings, counts and the protocol start over.
     void PowerOn();
 
-    // Takes bytes and returns the replies they led to, in order. A bad frame gets none. After a
-    // power cut bytes go nowhere until the next PowerOn.
+    // Takes bytes and returns the replies to them, in order. A bad frame gets no reply. After a power cut bytes are
+    // lost until the next PowerOn.
     std::vector<Reply> Receive(std::span<const std::uint8_t> bytes);
 
-    // The run is over: a message that was begun and not finished is a finding.
+    // Ends a run. An unfinished message is a finding.
     void PowerOff();
 
-    // All of this is about the current or latest run.
+    // These are about the current run, or else the latest one.
     const std::vector<std::string> &transcript() const { return transcript_; }
     const std::vector<std::string> &findings() const { return findings_; }
-    bool addressed() const { return addressed_; }         // any byte came
-    unsigned blocksBegun() const { return blocksBegun_; } // block frames, retries included
-    unsigned blocksEnded() const { return blocksEnded_; } // of these, those received whole
+    bool addressed() const { return addressed_; }         // a byte came
+    unsigned blocksBegun() const { return blocksBegun_; } // number of block frames that began, retries included
+    unsigned blocksEnded() const { return blocksEnded_; } // number of block frames that came whole
 
 protected:
     Device() = default;
 
     virtual bool IsBlock(std::uint8_t type) const = 0;
     virtual void HandleFrame(const Frame &frame) = 0;
-    // Takes a byte between two frames as part of a message without a frame, if it is that; such a
-    // message is gathered in wire_.
+    // Takes a byte between two frames if it belongs to a message without a frame. Such a message is gathered in wire_.
+    // Returns false for any other byte.
     virtual bool TakeRaw(std::uint8_t) { return false; }
-    // Loses where it was in the protocol; what the host may still ask of it begins anew.
+    // Starts the protocol over.
     virtual void Forget() = 0;
 
-    // The message in wire_ was what.
+    // Notes the message in wire_. what names it in the transcript.
     void Heard(const std::string &what);
     void Finding(const std::string &text);
     void Answer(const std::string &what, Bytes bytes, const ReplyFault &fault);
     void AnswerNoise(const Bytes &noise);
-    // Sends the version reply, behind its noise.
+    // Sends the noise and then the version reply.
     void AnswerVersion(const std::string &version, const Bytes &reply);
-    // Sends the verdict on the block in hand, which the script may replace, and returns it. A
-    // device has stored a block if the verdict is kAck, even if the reply gets lost.
+    // Sends the verdict on the current block, and returns it. The script may replace the device's own verdict. A device
+    // stores a block if the verdict is kAck, even if the reply gets lost.
     std::uint8_t AnswerBlock(bool acceptable);
 
-    Bytes wire_; // the message in hand as it came over the line
+    Bytes wire_; // the current message as it came over the line
 
 private:
     void TakeByte(std::uint8_t byte);

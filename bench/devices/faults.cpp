@@ -11,7 +11,7 @@ namespace
 {
 
 struct Item {
-    std::string text, name, value; // text: the whole, for messages
+    std::string text, name, value; // text: the whole item, for messages
 };
 
 [[noreturn]] void Refuse(const Item &item, const char *why)
@@ -37,7 +37,7 @@ Bytes HexBytes(const Item &item, const std::string &text)
     return bytes;
 }
 
-// The rest of text behind prefix, if it begins so.
+// The part of text behind prefix. Nothing if text does not begin with prefix.
 std::optional<std::string> Behind(const std::string &text, const std::string &prefix)
 {
     if (text.compare(0, prefix.size(), prefix) != 0)

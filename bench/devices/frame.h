@@ -1,8 +1,11 @@
-// Strict decoder of the host's frames, one byte at a time. Written from the frame's definition and
-// sharing nothing with the updater, so that a fault in one is not repeated in the other:
-//   FF, type, length (2 bytes, high first: data and checksum), data, checksum (3 bytes, high first:
-//   what makes the sum of the data 0 modulo 2^24); behind the FF, FF travels as FE 01, FE as FE 00.
-// Every deviation is reported once; decoding takes up again at the next FF, whatever came before.
+// Strict decoder of the host's frames. It takes one byte at a time. It shares nothing with the updater, so that a fault
+// in one is not repeated in the other. A frame is:
+//   FF        the start of a frame, and nothing else. Behind it FF travels as FE 01, and FE as FE 00.
+//   type      1 byte
+//   length    2 bytes, the high one first: the size of data and checksum
+//   data
+//   checksum  3 bytes, the high one first. It makes the sum of the data 0 modulo 2^24.
+// Each deviation is reported once. Decoding starts over at the next FF.
 #pragma once
 
 #include "bench/text.h"
@@ -22,9 +25,9 @@ public:
     enum class Event {
         kNothing,
         kHeader,    // type and length are known: frame().type
-        kMiddle,    // half of what the length announces is there
+        kMiddle,    // half of data and checksum is there
         kFrame,     // the frame is complete: frame()
-        kDeviation, // see deviation(); the frame, if there was one, is lost
+        kDeviation, // see deviation(); a frame that had begun is lost
     };
 
     Event Feed(std::uint8_t byte);
@@ -33,7 +36,7 @@ public:
     const Frame &frame() const { return frame_; }
     const std::string &deviation() const { return deviation_; }
     bool InFrame() const { return stage_ >= Stage::kType; }
-    // Neither in a frame nor in what is left of a bad one.
+    // Neither in a frame nor in the rest of a bad one.
     bool BetweenFrames() const { return stage_ <= Stage::kStray; }
 
 private:
@@ -48,8 +51,8 @@ private:
 
     Stage stage_ = Stage::kBetween;
     bool escaped_ = false;
-    std::size_t length_ = 0; // of data and checksum, as announced
-    Frame frame_;            // data still with the checksum behind it until the frame is complete
+    std::size_t length_ = 0; // announced size of data and checksum
+    Frame frame_;            // the data has the checksum behind it until the frame is complete
     std::string deviation_;
 };
 

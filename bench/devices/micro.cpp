@@ -45,7 +45,7 @@ void Micro::TakeStatusRequest(const Bytes &data)
     Heard("status request");
     if (data != Bytes{kSystemVersion})
         return Finding("status request for something other than the version");
-    // No two bytes are the same, so that a version taken from the wrong place shows.
+    // No two bytes are the same. So a version that is taken from the wrong place is noticed.
     AnswerVersion(Format("%02X", version_),
                   {0xFF, 0x14, 0x72, 0x73, version_, 0x75, 0x76, 0x77, 0x78, 0x79, 0x7A, 0x7B, 0x7C, 0x7D, 0x7E});
 }
@@ -72,7 +72,7 @@ void Micro::TakeBlock(const Bytes &data)
     Conclude(verdict);
 }
 
-// Why a block is not acceptable; empty if it is.
+// The reason why a block is not acceptable. Empty: it is acceptable.
 std::string Micro::Objection(unsigned number, std::size_t size) const
 {
     if (number >= kBlocks)

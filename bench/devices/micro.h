@@ -1,5 +1,5 @@
-// The microcontroller: answers the status request with its version and takes an image of twelve
-// blocks. Contents and version outlive a power cut.
+// The microcontroller. It answers the status request with its version, and takes an image of twelve blocks. Contents
+// and version outlive a power cut.
 #pragma once
 
 #include "bench/devices/device.h"
@@ -17,11 +17,10 @@ public:
 
     explicit Micro(std::uint8_t version) : version_(version) {}
 
-    // The version it runs: the first byte of the image once block 11 has been acknowledged.
+    // The version that it runs. As soon as block 11 is acknowledged, that is the first byte of the image.
     std::uint8_t version() const { return version_; }
-    // What has been stored, from address 0 to the last byte written; block 0 erases what was there
-    // before. A block that was refused is missing (FF) even if its retry is acknowledged, because a
-    // retry carries no data.
+    // The stored bytes, from address 0 to the last byte written. Block 0 erases the earlier ones. A refused block is
+    // FF, even if its retry is acknowledged: a retry has no data.
     const Bytes &flash() const { return flash_; }
 
 private:
@@ -39,8 +38,8 @@ private:
     std::uint8_t version_;
     Bytes flash_;
     unsigned due_ = 0;     // number of the next block
-    bool refused_ = false; // the latest block was, so that a retry is in order
-    bool ended_ = false;   // a short block was stored: only empty ones may follow
+    bool refused_ = false; // the latest block was refused, so a retry may come
+    bool ended_ = false;   // a short block was stored, so only blocks without data may follow
 };
 
 } // namespace bench

@@ -32,8 +32,8 @@ Bytes TextBytes(const std::string &text)
 // A device or one image of it, as it is after a run.
 struct Holding {
     const char *name;
-    bool addressed; // the device was
-    bool sent;      // this image was
+    bool addressed; // the device was addressed
+    bool sent;      // this image was sent
     unsigned blocks;
     const Bytes &contents;
     std::string version;

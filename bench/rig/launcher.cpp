@@ -72,7 +72,7 @@ void Launcher::Work()
     }
 }
 
-// Waits for something to happen to a descriptor (-1: none), and returns what did.
+// Waits for an event of a descriptor, and returns the event. A descriptor of -1 has no events.
 short Launcher::Poll(int fd, int milliseconds)
 {
     pollfd polls[] = {{fd, POLLIN, 0}, {wake_.get(), POLLIN, 0}};
@@ -81,8 +81,8 @@ short Launcher::Poll(int fd, int milliseconds)
     return polls[0].revents;
 }
 
-// Reads until the program has closed its end: earlier, the answer would have no reader. Poll waits
-// for a writer to come, where read would take its absence for the end.
+// Reads until the program has closed its end. Before that the answer would have no reader. Poll waits for a writer:
+// read would take a missing writer for the end.
 std::string Launcher::Take()
 {
     const Descriptor fifo(open(path_.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
@@ -96,8 +96,8 @@ std::string Launcher::Take()
     return command;
 }
 
-// The open fails as long as nobody reads. An answer that nobody has read yet would be the next
-// command to Take; the program's next command waits for Take, because nobody else reads here.
+// The open fails as long as nobody reads. Then it waits until the answer has been read: Take would read it as the next
+// command. The program's next command waits for Take, because nobody else reads the FIFO.
 void Launcher::Answer()
 {
     while (!ending_) {

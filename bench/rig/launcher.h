@@ -1,6 +1,6 @@
-// The launcher: the other end of the command relay, a FIFO that carries a command one way and its
-// result the other. It takes one command after another and gives each the same answer.
-// Locking: commands() may be called at any time; the rest happens in a thread of the launcher's own.
+// The launcher: the other end of the command relay. The relay is a FIFO that carries a command one way and its result
+// the other. The launcher takes one command after another and gives each the same answer.
+// Locking: commands() may be called at any time. The rest runs in a thread of the launcher.
 #pragma once
 
 #include "bench/rig/descriptor.h"
@@ -16,17 +16,18 @@ namespace bench
 class Launcher
 {
 public:
-    // Makes the FIFO at path, where nothing may be; without a path in a new directory of its own.
-    // The answer is sent as it stands: it brings its line feed, or has none. Throws std::system_error.
+    // Makes the FIFO at path, where nothing may be. Without a path the FIFO is in a new directory. The answer is sent
+    // unchanged, so its line feed must be in it. Throws std::system_error.
     explicit Launcher(std::string answer, std::string path = {});
-    // Ends at once, whatever the thread is waiting for, and removes what was made.
+    // Ends the thread at once, even if it waits. Removes the FIFO and the new directory.
     ~Launcher();
     Launcher(const Launcher &) = delete;
     Launcher &operator=(const Launcher &) = delete;
 
     const std::string &path() const { return path_; }
-    // As they were written, line feeds included; each is there before its answer is sent. The answer
-    // to a program that was killed before it asked for it is never got rid of: no command follows.
+    // The commands as they were written, line feeds included. A command is listed before its answer is sent. If a
+    // program is killed before it reads its answer, the launcher keeps that answer for ever, and takes no more
+    // commands.
     std::vector<std::string> commands() const;
 
 private:
@@ -37,7 +38,7 @@ private:
 
     const std::string answer_, directory_, path_;
     const Descriptor wake_; // readable when the thread is to end
-    bool ending_ = false;   // the thread's own
+    bool ending_ = false;   // only the thread uses it
     mutable std::mutex mutex_;
     std::vector<std::string> commands_; // under mutex_
     std::thread thread_;

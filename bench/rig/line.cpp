@@ -14,7 +14,7 @@ namespace
 {
 
 constexpr std::size_t kChunk = 4096;
-// Bytes of a paced line are taken in portions that last so long.
+// The time on the line of one portion of bytes, if the line is paced.
 constexpr std::chrono::milliseconds kPortion{5};
 
 std::chrono::nanoseconds LineTime(std::uint64_t bytes, unsigned baud)
@@ -87,7 +87,7 @@ void Line::Work()
         ;
 }
 
-// Hands bytes on to the sink, with the fault if it is one of theirs.
+// Hands bytes on to the sink. If the fault is at one of them, it is played.
 void Line::Pass(LineFault::Way way, std::span<const std::uint8_t> bytes, const Sink &sink)
 {
     const std::uint64_t first = carried_[way];
@@ -120,8 +120,8 @@ void Line::Pass(LineFault::Way way, std::span<const std::uint8_t> bytes, const S
     sink(passed);
 }
 
-// Takes a portion of bytes off the line and gives it to the device when its time on the line is
-// over. Returns false when there was none.
+// Takes a portion of bytes off the line and gives it to the device when its time on the line is over. Returns false if
+// there was no byte.
 bool Line::CarrySome(unsigned baud)
 {
     std::uint8_t portion[kChunk];
@@ -155,14 +155,13 @@ void Line::SendDue()
 {
     for (; !due_.empty() && due_.front().when <= Clock::now(); due_.pop_front()) {
         Pass(LineFault::kToHost, due_.front().bytes, [this](auto bytes) {
-            // A few bytes into an empty buffer: nothing is left over unless nobody reads, and then
-            // nobody misses it.
+            // A few bytes fit into an empty buffer. If it is not empty, nobody reads, and nobody misses these bytes.
             [[maybe_unused]] const ssize_t sent = write(master_.get(), bytes.data(), bytes.size());
         });
     }
 }
 
-// For poll; -1 when no reply is due.
+// The time-out for poll. -1: no reply is due.
 int Line::MillisecondsToDue() const
 {
     if (due_.empty())

@@ -1,8 +1,7 @@
-// A serial line: a pseudo-terminal whose far end is a device. The slave is raw and held open here,
-// so that a program that closes it does not look like a hang-up.
+// A serial line: a pseudo-terminal whose far end is a device. The slave is raw. The line holds it open too, so that a
+// program that closes it does not look like a hang-up.
 // Owner:   the caller keeps the device as long as the line.
-// Locking: between Start and Stop one thread of the line's own works the device; before and after,
-//          the device belongs to the caller.
+// Locking: between Start and Stop only a thread of the line uses the device. Before and after, the caller may.
 #pragma once
 
 #include "bench/devices/device.h"
@@ -24,13 +23,13 @@ struct LineFault {
         kDrop,
         kFlip, // the bits of value change
         kDouble,
-        kNoise, // a byte of that value comes ahead of it
-        kDelay, // it and all that follow come so many milliseconds later
+        kNoise, // a byte of that value comes before it
+        kDelay, // this byte and all later ones come later, by delayMs
     };
     enum Way { kToDevice, kToHost };
     Kind kind = Kind::kNone;
     Way way = kToDevice;
-    std::uint64_t byte = 0; // which of that way, from 0
+    std::uint64_t byte = 0; // index of the byte among those of that way
     std::uint8_t value = 0;
     int delayMs = 0;
 };
@@ -41,8 +40,8 @@ public:
     using Clock = std::chrono::steady_clock;
     static constexpr double kBitsPerByte = 11; // start, eight data, parity, stop
 
-    // baud 0: bytes are taken off the line as fast as they come; otherwise no faster than that, and
-    // the device sees them when their time on the line is over. Throws std::system_error.
+    // With baud 0 bytes are taken off the line as fast as they come. Otherwise the line has that speed, and the device
+    // gets a byte when its time on the line is over. Throws std::system_error.
     explicit Line(Device &device, unsigned baud = 0);
     ~Line() { Stop(); }
     Line(const Line &) = delete;
@@ -51,16 +50,16 @@ public:
     // The file to open in place of the serial port.
     const std::string &path() const { return path_; }
     unsigned baud() const { return baud_; }
-    // Bytes of the current or latest run.
+    // Number of bytes in the current run, or else in the latest one.
     std::uint64_t carried(LineFault::Way way) const { return carried_[way]; }
 
-    // Played in every run from the next Start on, until changed.
+    // The fault that is played in every run from the next Start on.
     LineFault fault;
 
-    // Drops what is left of an earlier run, turns the device on and begins to carry bytes.
+    // Drops the bytes that are left of an earlier run, turns the device on and begins to carry bytes.
     void Start();
-    // Carries what has been written by now, ends, and turns the device off. Late replies that are
-    // still due are dropped. Does nothing on a line that is not started.
+    // Carries the bytes that have been written so far, ends, and turns the device off. Late replies that are still due
+    // are dropped. The call does nothing on a line that is not started.
     void Stop();
 
 private:
@@ -83,7 +82,7 @@ private:
     std::string path_;
     std::thread thread_;
     std::deque<Due> due_;
-    Clock::time_point clear_;                   // when the line has carried all that was taken off it
+    Clock::time_point clear_;                   // when the line has carried all bytes that were taken off it
     std::array<std::uint64_t, 2> carried_ = {}; // by way
 };
 

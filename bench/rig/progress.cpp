@@ -8,15 +8,16 @@
 namespace bench
 {
 
-// One number per open, without a race: each number gets a FIFO of its own. It has a reader from the
-// start, so that the writer's open does not wait, and it is full, so that the writer's write does.
-// The writer's open is noticed (an open for reading that waits for a writer returns), the next FIFO
-// takes the place of this one, and only then is this one emptied.
+// Each open brings exactly one number, because each number gets a FIFO of its own.
+// - The FIFO has a reader from the start, so the writer's open does not wait.
+// - The FIFO is full, so the writer's write waits.
+// - The thread waits in an open for reading, which returns when the writer has opened the FIFO.
+// - Then the next FIFO takes the place of this one. Only then is this one emptied.
 
 ProgressReader::ProgressReader(std::string path, ProgressOptions options)
     : path_(std::move(path)), nextPath_(path_ + ".next"), options_(std::move(options))
 {
-    Checked(mkfifo(path_.c_str(), 0600), path_.c_str()); // fails where something is; the renames below would not
+    Checked(mkfifo(path_.c_str(), 0600), path_.c_str()); // fails if the path exists; the renames below would not
     if (!Leaving(0))
         work_ = std::async(std::launch::async, [this, gate = Arm()]() mutable { Work(std::move(gate)); });
 }
@@ -38,7 +39,7 @@ const std::vector<std::string> &ProgressReader::Finish()
 void ProgressReader::Stop()
 {
     finishing_ = true;
-    // The thread may be on its way to its open, so that one knock is not enough.
+    // The thread may not have reached its open yet. So one attempt to wake it is not enough.
     while (work_.valid() && work_.wait_for(std::chrono::milliseconds(1)) != std::future_status::ready)
         const Descriptor knock(open(path_.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
 }

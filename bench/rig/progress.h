@@ -1,5 +1,5 @@
-// The supervisor's end of the progress pipe: a FIFO whose reader takes one number for each time the
-// FIFO is opened, however fast the numbers follow each other.
+// The supervisor's end of the progress pipe. It is a FIFO. Its reader takes one number for each time the FIFO is
+// opened, no matter how fast the numbers follow each other.
 #pragma once
 
 #include "bench/rig/descriptor.h"
@@ -16,8 +16,8 @@ namespace bench
 struct ProgressOptions {
     enum class Reader {
         kStays,  // reads to the end
-        kLeaves, // goes away after count numbers (0: never comes); the next open then waits for ever
-        kDies,   // dies between an open and its write when it has count numbers; another takes over
+        kLeaves, // goes away after count numbers; the next open then waits for ever. count 0: it never comes
+        kDies,   // after count numbers it dies between the writer's open and write; another reader takes over
     };
     Reader reader = Reader::kStays;
     std::size_t count = 0;
@@ -34,8 +34,8 @@ public:
     ProgressReader(const ProgressReader &) = delete;
     ProgressReader &operator=(const ProgressReader &) = delete;
 
-    // To be called when the writer is gone: ends the thread and returns the numbers as written.
-    // Throws what went wrong in the thread.
+    // Ends the thread and returns the numbers as they were written. It is called when the writer has gone. Throws the
+    // thread's error, if there was one.
     const std::vector<std::string> &Finish();
 
 private:

@@ -49,7 +49,7 @@ public:
     {
         Checked(ftruncate(fd_.get(), sizeof(EventLog)), "memfd");
     }
-    // Where another process finds them.
+    // The path by which another process opens them.
     std::string Path() const { return Format("/proc/%d/fd/%d", static_cast<int>(getpid()), fd_.get()); }
     std::string Text() const
     {
@@ -121,8 +121,7 @@ std::vector<std::string> Environment(const RunOptions &options, const Events &ev
         for (const auto &[number, port] : options.ports)
             AddPort(environment, number, port);
     }
-    // A program built with a sanitizer has to put up with the preload library; what this process
-    // was told about sanitizers holds for it as well.
+    // A program with a sanitizer has to accept the preload library. It gets this process's sanitizer options as well.
     for (const char *name : {"ASAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS"}) {
         if (const char *value = std::getenv(name))
             environment.emplace(name, value);
@@ -145,7 +144,7 @@ std::vector<char *> Pointers(std::vector<std::string> &words)
     return pointers;
 }
 
-// What the child does between its start and the program's: working directory and standard files.
+// The steps of the child before the program starts: working directory and standard files.
 class Preparations
 {
 public:
@@ -180,7 +179,7 @@ private:
             broken_ = Descriptor(ends[1]);
             reader_ = std::async(std::launch::async, Drain, Descriptor(ends[0]), options.outputRead);
             if (options.outputRead == 0)
-                reader_.wait(); // it never was there
+                reader_.wait(); // there is no reader from the start
             posix_spawn_file_actions_adddup2(&actions_, broken_.get(), STDOUT_FILENO);
             break;
         }
@@ -206,7 +205,7 @@ private:
     Descriptor broken_;
 };
 
-// With no signal blocked and the default action for SIGPIPE, whatever this process has set up.
+// Starts the program. No signal is blocked, and SIGPIPE has its default action, whatever this process has set up.
 pid_t Spawn(const RunOptions &options, const Preparations &preparations, std::vector<std::string> environment)
 {
     sigset_t none, pipe;
@@ -229,7 +228,7 @@ pid_t Spawn(const RunOptions &options, const Preparations &preparations, std::ve
     return pid;
 }
 
-// Waits for the end of the program, which is brought about when the limit has passed.
+// Waits for the end of the program. Kills it when the limit has passed.
 void Await(pid_t pid, const RunOptions &options, RunResult &result)
 {
     const auto end = std::async(std::launch::async, [pid] {

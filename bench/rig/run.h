@@ -1,8 +1,7 @@
-// One run of a program against the bench: in a clean environment, with the preload library and its
-// serial ports led to lines, its output kept and its time bounded. Nothing is left behind: no child,
-// no descriptor, no FIFO.
-// Owner: the caller keeps lines, devices and launcher; they may take part in any number of runs, one
-// at a time.
+// One run of a program against the bench. The environment is clean. The preload library leads the serial ports to
+// lines. The output is kept, and the time is bounded. A run leaves no child, no descriptor and no FIFO behind.
+// Owner:   the caller keeps lines, devices and launcher. They may take part in any number of runs.
+// Locking: a line, a device or a launcher takes part in one run at a time.
 #pragma once
 
 #include "bench/rig/launcher.h"
@@ -17,24 +16,24 @@ namespace bench
 // What "/dev/fpgaserial<N>" is in a run. Ordinals count from 1; 0: none.
 struct Port {
     Line *line = nullptr;        // null: the device file does not exist
-    unsigned refusedOpens = 0;   // so many opens fail before the first succeeds
+    unsigned refusedOpens = 0;   // number of opens that fail before the first success
     unsigned refusedRequest = 0; // the driver request of this ordinal fails
     unsigned cutWrite = 0;       // the write of this ordinal fails or is short
-    int cutTo = -1;              // bytes that it still writes; -1: it fails
+    int cutTo = -1;              // number of bytes that this write still writes; -1: it fails
 };
 
 // Standard output of the program.
 enum class Output {
     kCapture,
-    kInherit, // this process's, standard error too
+    kInherit, // that of this process, and its standard error too
     kBroken,  // a pipe whose reader goes away after outputRead bytes
-    kClosed,  // no descriptor at all
+    kClosed,  // there is no descriptor
     kFull,    // a device without room
 };
 
-// To be sent to the program, if it is still there.
+// A signal that is sent to the program if it still runs.
 struct Signal {
-    std::chrono::milliseconds after; // the start, or the signal before
+    std::chrono::milliseconds after; // time since the start, or since the signal before
     int number;
 };
 
@@ -42,23 +41,23 @@ struct RunOptions {
     std::string executable;
     std::vector<std::string> arguments; // argv[0] included
     std::string directory = ".";
-    std::map<std::string, std::string> environment = {}; // all of it, but for what the bench adds
-    std::string preload = {};                            // the preload library; empty: none
+    std::map<std::string, std::string> environment = {}; // the whole environment; the bench adds its own variables
+    std::string preload = {};                            // the preload library; empty: it is not used
     std::map<int, Port> ports = {};                      // by the number in the device file's name
-    std::string configuration = {};                      // what "/opt/talvora" is; empty: not there
-    Launcher *launcher = nullptr;                        // of relayed commands; null: no relay there
-    unsigned waitDivisor = 1;                            // pure waits last this part of their time
+    std::string configuration = {};                      // the folder for "/opt/talvora"; empty: it does not exist
+    Launcher *launcher = nullptr;                        // takes relayed commands; null: there is no relay
+    unsigned waitDivisor = 1;                            // the time of pure waits is divided by this
     Output output = Output::kCapture;
     std::size_t outputRead = 0;
     std::vector<Signal> signals = {};
-    std::string fifo = {}; // progress FIFO to make for the run, relative to directory; empty: none
+    std::string fifo = {}; // path of a progress FIFO to make, relative to directory; empty: there is no FIFO
     ProgressOptions progress = {};
-    std::chrono::milliseconds limit{30000}; // after the last signal, then the program is killed
+    std::chrono::milliseconds limit{30000}; // from the last signal on; then the program is killed
 };
 
 struct RunResult {
-    bool killed = false; // its time was up
-    int status = -1;     // exit status, 0 to 255; -1 when a signal ended it
+    bool killed = false; // the limit had passed
+    int status = -1;     // exit status, 0 to 255; -1: a signal ended the program
     int signal = 0;
     std::string output, errors;
     std::vector<std::string> events; // lines of the preload library's log
@@ -66,8 +65,8 @@ struct RunResult {
     double seconds = 0;
 };
 
-// Starts the lines, runs the program to its end, and stops the lines. Throws std::system_error when
-// the program cannot be started, with the lines stopped.
+// Starts the lines, runs the program to its end, and stops the lines. If the program cannot be started, the lines are
+// stopped too, and the call throws std::system_error.
 RunResult Run(const RunOptions &options);
 
 } // namespace bench

@@ -1,9 +1,9 @@
-// The board as a program meets it inside its own process. calls.cpp stands in front of the C library's calls and
-// leads them to the board that is there; a call that the board has nothing to do with goes on to the system.
-// This part plays the ports' driver and their terminal settings. What is at the far end of a port, and what
-// fails, is up to the board: PtyBoard and ScriptBoard.
-// Owner:   the caller. There is one board at a time, from its construction to its end.
-// Locking: none. What a board records is read when no other thread makes calls.
+// The board as a program meets it inside its own process. calls.cpp stands in front of the C library's calls and leads
+// them to the current board. A call that is not the board's goes on to the system.
+// This class plays the ports' driver and their terminal settings. The two kinds of board, PtyBoard and ScriptBoard,
+// decide what is at the far end of a port and what fails.
+// Owner:   the caller owns the board. There is one board at a time, from its construction to its end.
+// Locking: a board has no lock. Its records are read while no other thread makes calls.
 #pragma once
 
 #include "devlib/devmgr_serial.h"
@@ -33,15 +33,15 @@ public:
     Board(const Board &) = delete;
     Board &operator=(const Board &) = delete;
 
-    // The board that the calling thread meets. Null: none.
+    // The board that the calling thread meets. Null: the thread meets the system.
     static Board *Here();
 
-    std::vector<fpgaserial_config_t> config; // sent to the FPGA driver
-    std::vector<unsigned long> reception;    // arguments of its other request
-    std::vector<bool> requests;              // of both kinds: taken or refused
+    std::vector<fpgaserial_config_t> config; // settings that the FPGA driver got
+    std::vector<unsigned long> reception;    // arguments of the driver's other request
+    std::vector<bool> requests;              // requests of both kinds; true: taken, false: refused
     termios line{};                          // settings of every port
 
-    // The calls, as the C library has them. Nothing: the call is not the board's, and goes to the system.
+    // The calls of the C library. A call that returns nothing is not the board's. It goes to the system.
     virtual std::optional<int> Open(const char *path, int flags) = 0;
     virtual std::optional<int> Close(int /*fd*/) { return std::nullopt; }
     virtual std::optional<ssize_t> Read(int /*fd*/, void * /*buffer*/, std::size_t /*size*/) { return std::nullopt; }
@@ -54,7 +54,7 @@ public:
         return std::nullopt;
     }
     virtual bool SkipsPauses() const { return false; }
-    // Streams are opened on the board only if it has files. A stream is then the number of its file.
+    // Only on a board that has files are streams opened. A stream is then the number of its file.
     virtual bool HasFiles() const { return false; }
     virtual int Status(int /*fd*/, struct stat64 * /*status*/) { return -1; }
     virtual off64_t Position(int /*fd*/) { return -1; }
@@ -64,7 +64,7 @@ public:
     int SetSpeed(termios *settings, speed_t speed);
 
 protected:
-    // Whether the call of that name that is being made fails.
+    // Whether the current call fails. call is its name.
     virtual bool Fails(const char *call) = 0;
 
 private:

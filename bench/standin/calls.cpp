@@ -1,5 +1,5 @@
-// The calls of the C library that a board inside the program stands in front of. A task may be cancelled in one
-// of them: nothing here has to be undone.
+// The calls of the C library that go to a board inside the program. A task may be cancelled in one of them. Nothing
+// here has to be undone then.
 #include "bench/standin/board.h"
 #include "bench/standin/real.h"
 
@@ -45,7 +45,7 @@ Board *BoardWithFiles()
     return board != nullptr && board->HasFiles() ? board : nullptr;
 }
 
-// The number of a file on the board; no stream of the system is at so low an address. -1: it is the system's.
+// The number of a file on the board. No stream of the system has such a low address. -1: the stream is the system's.
 int NumberOf(FILE *stream)
 {
     const auto address = reinterpret_cast<std::intptr_t>(stream);

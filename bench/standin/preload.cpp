@@ -1,8 +1,7 @@
-// Leads a program that opens "/dev/fpgaserial<N>", its command relay or its configuration to other
-// files, and plays the FPGA serial driver. Needs nothing but the C library, allocates nothing, and
-// holds no lock and no descriptor between calls. <sys/ioctl.h> stays out on purpose: it declares
-// ioctl as one that never throws, and such a function would need the C++ library and could not be
-// unwound by a cancellation.
+// Leads a program that opens "/dev/fpgaserial<N>", its command relay or its configuration to other files, and plays the
+// FPGA serial driver. It needs only the C library, allocates nothing, and holds no lock and no descriptor between
+// calls. <sys/ioctl.h> is not included, on purpose: it declares that ioctl never throws. Such a function would need the
+// C++ library, and a cancellation could not unwind it.
 #include "bench/standin/preload.h"
 #include "bench/standin/real.h"
 
@@ -21,7 +20,7 @@
 #include <unistd.h>
 
 extern "C" int ioctl(int fd, unsigned long request, ...);
-// Under names of their own, because stat and stat64 are structures too.
+// The functions have other names here, because stat and stat64 are structures too.
 extern "C" int StatPlace(const char *path, void *status) asm("stat");
 extern "C" int StatPlace64(const char *path, void *status) asm("stat64");
 
@@ -36,8 +35,8 @@ constexpr char kRelay[] = "/tmp/plaunch"; // of commands
 constexpr char kOpt[] = "/opt/talvora";   // configuration
 constexpr std::size_t kPlace = PATH_MAX + 1;
 
-// What the environment says; written once, before main. A path that it does not name is "", which
-// the system answers with ENOENT.
+// The orders from the environment. They are written once, before main. A path that is not ordered is "". The system
+// answers that with ENOENT.
 struct Orders {
     bool on;
     const char *relay, *opt;
@@ -72,7 +71,7 @@ constinit Real<ssize_t(int, const void *, std::size_t)> gRealWrite("write");
 constinit Real<int(int, unsigned long, ...)> gRealIoctl("ioctl");
 constinit Real<int(int, fd_set *, fd_set *, fd_set *, timeval *)> gRealSelect("select");
 
-// Leaves errno alone.
+// Does not change errno.
 [[gnu::format(printf, 1, 2)]] void Log(const char *format, ...)
 {
     const int error = errno;
@@ -87,7 +86,7 @@ constinit Real<int(int, fd_set *, fd_set *, fd_set *, timeval *)> gRealSelect("s
     errno = error;
 }
 
-// Null when that is no event log.
+// Returns null if the file is no event log.
 bench::EventLog *MapLog(const char *path)
 {
     const int fd = gRealOpen(path, O_RDWR | O_CLOEXEC, mode_t{0});
@@ -98,7 +97,7 @@ bench::EventLog *MapLog(const char *path)
     return log == MAP_FAILED ? nullptr : static_cast<bench::EventLog *>(log);
 }
 
-// The text stays where it is for the life of the process. "" without that variable.
+// The value of a variable, or "" if there is no such variable. The text stays there for the life of the process.
 const char *Variable(const char *name)
 {
     const char *text = getenv(name);
@@ -186,7 +185,7 @@ int RequestPort(int port, std::uint32_t request, const void *argument)
         Log("config %d: mask %u baud %u parity %u stop %u flow %u data %u%s\n", port, field[0], field[1], field[2],
             field[3], field[4], field[5], ending);
     } else {
-        // Callers pass a plain integer; what is above its bits is not theirs.
+        // Callers pass a 32-bit integer. The bits above it may be anything.
         const bool disable = static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(argument)) != 0;
         Log("rx %d %s%s\n", port, disable ? "disabled" : "enabled", ending);
     }
@@ -208,7 +207,7 @@ timeval TimeOf(std::int64_t microseconds)
     return time;
 }
 
-// Writes, and returns when a line of that speed has carried it all.
+// Writes, and returns when a line of that speed has carried all bytes.
 ssize_t WriteLine(int fd, const void *data, std::size_t size, long baud)
 {
     timespec until = {};
@@ -229,8 +228,8 @@ bool IsRelay(const char *path)
     return gOrders.on && strcmp(path, kRelay) == 0;
 }
 
-// Where a path leads; place is room for it. What has to be cut to fit is still longer than the system
-// takes, so that it is refused (ENAMETOOLONG).
+// Where a path leads. place is room for the result. A result that is cut is still too long for the system, which
+// refuses it (ENAMETOOLONG).
 const char *PlaceOf(const char *path, char (&place)[kPlace])
 {
     constexpr std::size_t kLength = sizeof kOpt - 1;
@@ -258,7 +257,7 @@ int Open(Real<int(const char *, int, ...)> &real, const char *path, int flags, v
     return fd;
 }
 
-// The result of a close of any kind, which may be made to get lost.
+// The result of a close of any kind. The result may be ordered to be a failure.
 int Closed(int result)
 {
     if (++gCloses != gOrders.lostClose)
@@ -377,7 +376,7 @@ extern "C" int ioctl(int fd, unsigned long request, ...)
 extern "C" int select(int count, fd_set *reading, fd_set *writing, fd_set *exceptional, timeval *timeout)
 {
     const bool pure = timeout != nullptr && reading == nullptr && writing == nullptr && exceptional == nullptr;
-    if (!gOrders.on || !pure || gettid() != getpid()) // other tasks keep their own rhythm
+    if (!gOrders.on || !pure || gettid() != getpid()) // the waits of other tasks are unchanged
         return gRealSelect(count, reading, writing, exceptional, timeout);
     const std::int64_t asked = Microseconds(*timeout);
     Log("wait %lld\n", static_cast<long long>(asked));

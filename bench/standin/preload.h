@@ -1,6 +1,6 @@
-// How the preload library is told what to do: environment variables, read once when the library is
-// loaded. Without HALDENBENCH_LOG it changes nothing. <N> is the number in "/dev/fpgaserial<N>",
-// 0 to 9; ordinals count from 1, per port and over the whole process.
+// How the preload library is told what to do: environment variables, read once when the library is loaded. Without
+// HALDENBENCH_LOG it changes nothing. <N> is the number in "/dev/fpgaserial<N>", 0 to 9; ordinals count from 1, per
+// port and over the whole process.
 //
 //   HALDENBENCH_LOG           file that holds an EventLog, to which one line per event is appended:
 //                               open <N> | open <N> refused | close <N>
@@ -10,19 +10,19 @@
 //                               write <N>: <n> of <n> bytes | write <N> refused
 //                               half read | half write | lost close
 //                               wait <microseconds asked for>           (of the main thread)
-//   HALDENBENCH_PORT<N>       file that "/dev/fpgaserial<N>" leads to; a port without one is ENOENT
-//   HALDENBENCH_RELAY         FIFO that "/tmp/plaunch" leads to; without one it is ENOENT
-//   HALDENBENCH_OPT           directory that "/opt/talvora" leads to when something below it is opened
-//                             or looked for; without one all of it is ENOENT
-//   HALDENBENCH_OPENS<N>      so many opens are refused (EBUSY) before the first succeeds
+//   HALDENBENCH_PORT<N>       file that "/dev/fpgaserial<N>" leads to; an open of a port without one gives ENOENT
+//   HALDENBENCH_RELAY         FIFO that "/tmp/plaunch" leads to; without one an open gives ENOENT
+//   HALDENBENCH_OPT           directory that "/opt/talvora" leads to when a file below it is opened
+//                             or looked for; without one each such call gives ENOENT
+//   HALDENBENCH_OPENS<N>      number of opens that are refused (EBUSY) before the first success
 //   HALDENBENCH_REQUEST<N>    the driver request of this ordinal is refused (EIO)
 //   HALDENBENCH_WRITE<N>      the write of this ordinal is refused (EIO); with ":<bytes>" behind the
-//                             ordinal it writes no more than that instead
+//                             ordinal it writes at most that many bytes instead
 //   HALDENBENCH_HALF_READ, HALDENBENCH_HALF_WRITE
 //                             the call of this ordinal, of all files, asks for half the count, rounded up
 //   HALDENBENCH_LOST_CLOSE    the close of this ordinal, of all files, fails (EIO) when it is done
-//   HALDENBENCH_BAUD<N>       a write returns when a line of that speed has carried it (11 bits a byte),
-//                             although a pseudo-terminal would take some 12 KiB at once
+//   HALDENBENCH_BAUD<N>       bit/s of the line: a write returns when the line has carried its bytes, 11 bits each
+//                             (a pseudo-terminal alone would take about 12 KiB at once)
 //   HALDENBENCH_WAIT_DIVISOR  the main thread's waits without descriptors last only this part of
 //                             the time asked for
 #pragma once
@@ -33,10 +33,10 @@
 namespace bench
 {
 
-// What the bench makes and the preload library maps: a line costs no system call, so that the calls that
-// a program makes are its own. Lines that do not fit are lost.
+// The bench makes this file, and the preload library maps it. So a line costs no system call: all calls of a run are
+// the program's own. A line that does not fit is lost.
 struct EventLog {
-    std::atomic<std::uint32_t> used; // characters of text; what is beyond the end counts as well
+    std::atomic<std::uint32_t> used; // number of characters, those of lost lines included
     char text[1 << 20];
 };
 

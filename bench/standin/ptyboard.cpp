@@ -39,7 +39,7 @@ std::string PtyBoard::Receive(std::size_t size, int fd) const
     std::string text(size, '\0');
     for (ssize_t got = 0, n = 1; n > 0 && got < static_cast<ssize_t>(size); got += n)
         n = read(fd, text.data() + got, size - static_cast<std::size_t>(got));
-    text.resize(std::strlen(text.c_str())); // of which no more came
+    text.resize(std::strlen(text.c_str())); // cut behind the bytes that came
     return text;
 }
 
@@ -58,7 +58,7 @@ int PtyBoard::OpenRelay(int flags)
         return -1;
     if ((flags & O_ACCMODE) != O_RDONLY)
         return dup(commands[1]);
-    const CancelOffHold whole; // a deletion hits the program's calls, not the stand-in's
+    const CancelOffHold whole; // a deletion must not end the calls of the stand-in half-way
     int ends[2];
     Checked(pipe(ends), "relay");
     Checked(static_cast<int>(write(ends[1], answer.data(), answer.size())), "relay");

@@ -1,5 +1,5 @@
-// A board for tests in real time: a device file leads to a pseudo-terminal, whose far end is the test's, and the
-// command relay to pipes. A program that links this has it from its start on, and all its threads meet it.
+// A board for tests in real time. A device file leads to a pseudo-terminal, whose far end belongs to the test. The
+// command relay leads to pipes. A program that links this board has it from its start on. All its threads meet it.
 #pragma once
 
 #include "bench/standin/board.h"
@@ -15,16 +15,16 @@ public:
     PtyBoard() : Board(Threads::kAll) {}
 
     std::atomic<bool> hold{false};       // while it is set, no open of a device file returns
-    std::atomic<bool> cancel{false};     // the next open of one finds its thread cancelled when it returns
-    std::map<std::string, int> failures; // per call: n fails the next n, -n the n-th from now
+    std::atomic<bool> cancel{false};     // the next open of a device file returns to a thread that is cancelled
+    std::map<std::string, int> failures; // by call: n lets the next n calls fail, -n lets only the n-th one fail
     std::vector<std::string> opened;     // device files, failed opens included
     int master = -1;                     // the far end of the port opened last
-    int commands[2] = {-1, -1};          // pipe with what the relay was told
-    std::string answer = "0\n";          // what the relay replies
+    int commands[2] = {-1, -1};          // pipe with the commands to the relay
+    std::string answer = "0\n";          // reply of the relay
 
     // Sends to the port opened last.
     void Send(const std::string &text) const;
-    // Waits for so many bytes. Returns what came before the end of the file or a zero byte.
+    // Waits for size bytes. Returns the bytes before the end of the file or before a zero byte.
     std::string Receive(std::size_t size, int fd) const;
 
 private:

@@ -1,5 +1,5 @@
-// A function of the C library that a stand-in of the same name stands in front of. Needs nothing but the C
-// library, so that the preload library can use it.
+// A function of the C library, for the stand-in of the same name. It needs only the C library, so the preload library
+// can use it.
 #pragma once
 
 #include <atomic>

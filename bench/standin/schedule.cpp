@@ -1,5 +1,5 @@
-// Compiled without ThreadSanitizer. Nothing here may use what is compiled with it elsewhere, such as the C++ library's
-// templates: that would show it the turns.
+// This file is compiled without ThreadSanitizer. It must not use code that is compiled with it in other files, such as
+// the C++ library's templates: ThreadSanitizer would see the turns there.
 #include "bench/standin/schedule.h"
 
 #include <cerrno>
@@ -95,7 +95,8 @@ int Milliseconds()
     return static_cast<int>(now.tv_sec % 1000000 * kSecond + now.tv_nsec / 1000000);
 }
 
-// What was done before is seen by who calls Take next: for the ends of a run, where the order is no secret.
+// The thread that calls Take next sees everything that was done before. This is for the ends of a run, where
+// ThreadSanitizer may see the order.
 void Give()
 {
 #ifdef SCHEDULE_ACCESSES
@@ -110,7 +111,7 @@ void Take()
 #endif
 }
 
-// For addr2line -e.
+// Prints addresses for addr2line -e.
 void PrintPlace(unsigned index)
 {
     std::fprintf(stderr, "schedule: part %u was last at %s, 0x%lx\n", index,
@@ -136,7 +137,7 @@ bool IsAlone(const PlayerT &self)
     return Load(&run.phase) == AlonePhase(self.order);
 }
 
-// Ends a phase unless somebody has.
+// Ends a phase, unless the other thread has ended it.
 void EndPhase(int phase)
 {
     if (__atomic_compare_exchange_n(&run.phase, &phase, phase + 1, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST))
@@ -161,7 +162,7 @@ void CannotGoOn(bool forGood)
     if (player == nullptr || !IsAlone(*player))
         return;
     if (player->order == 0 && !forGood)
-        return; // the other one has not begun: it waits for a third, which will come, or Run ends the phase
+        return; // the other part has not begun: it waits for a third thread, which will come; else Run ends the phase
     if (player->order == 0)
         run.waited = true;
     EndPhase(AlonePhase(player->order));
@@ -174,7 +175,8 @@ bool IsNobodyElses(const volatile void *address, const PlayerT &self)
            (at >= &__executable_start && at < &__data_start);
 }
 
-// Of a loop the first rounds are enough. caller: of the function that place is in.
+// Whether a place was a stop often enough: the first rounds of a loop are enough. caller called the function with
+// place.
 bool IsWornOut(void *place, void *caller, PlayerT &self)
 {
     constexpr unsigned char kRounds = 3;
@@ -391,7 +393,7 @@ using schedule::StopAtAccess;
         pthread_testcancel();                                                                                          \
         return __real_##name arguments;                                                                                \
     }
-// Also behind it: what follows may be a read, where a thread can be cancelled.
+// There is a stop behind the call, too: the next call may be a read, where a thread can be cancelled.
 #define STOPS_TWICE(name)                                                                                              \
     WRAPPED(FILE *, name, (const char *path, const char *mode))                                                        \
     {                                                                                                                  \
@@ -437,7 +439,7 @@ WRAPPED(int, pthread_join, (pthread_t thread, void **result))
     return __real_pthread_join(thread, result);
 }
 
-// Who is the second to need it waits for the first, who may be at a stop inside.
+// The second thread that needs it waits for the first one, which may be at a stop inside.
 WRAPPED(int, pthread_once, (pthread_once_t * once, void (*function)()))
 {
     static pthread_once_t *volatile underWay[2];

@@ -1,17 +1,17 @@
-// Forces the order of two threads, so that orders can be explored one after the other instead of being hoped for.
+// Forces the order of two threads, so that a test can play one order after the other.
 //
-// Of the two parts of a run the first one goes alone up to a stop, and waits there. Then the other one goes alone: up
-// to a stop of its own, to its end, or until it would have to wait. Then both go on.
+// A run has two parts. The first part goes alone up to a stop, and waits there. Then the other part goes alone: up to a
+// stop of its own, to its end, or until it would have to wait. Then both go on.
 //
-// A stop is a call of our code that locks, unlocks, wakes, waits, copies, or touches a file. Where ThreadSanitizer is
-// compiled in, it is every access as well that is not to the thread's own stack or to constants, the first three times
-// at a place. The linker leads these calls here (CMakeLists.txt, --wrap) and from here to where they were going.
-// ThreadSanitizer does not see the parts take turns: it still takes them for unordered, and reports what only the turns
-// keep apart.
+// A stop is a call of our code that locks, unlocks, wakes, waits, copies, or touches a file. With ThreadSanitizer a
+// stop is also an access to memory, but for constants and the thread's own stack. Each place is a stop three times at
+// most. The linker leads these calls here (CMakeLists.txt, --wrap), and from here they go to their own functions.
+// ThreadSanitizer does not see the turns. It still takes the parts for unordered, and reports accesses that only the
+// turns keep apart.
 //
-// Owner:   one process, one run at a time; Run is called by a thread that plays no part.
-// Limits:  a part that goes alone has a second to come to its stop when it waits for something other than a lock or an
-//          event; a run of ten seconds is taken for a deadlock, and stops the program with the place of each part.
+// Owner:   the process. There is one run at a time. The thread that calls Run plays no part.
+// Limits:  a part that goes alone may wait for something other than a lock or an event. It then has a second to come to
+//          its stop. A run of ten seconds counts as a deadlock. It stops the program and prints the place of each part.
 #pragma once
 
 namespace schedule
@@ -29,23 +29,24 @@ struct PartT {
     template <class Body> PartT(Body work) : body(work) {}
 };
 
-// Plays both parts. The part with the index first goes up to its stop-th stop, counted from 1. Returns false when it
-// ended, or waited for an event, before that one: there are no more orders.
+// Plays both parts. The part with the index first goes up to its stop-th stop, counted from 1.
+// true   that stop was reached.
+// false  the part ended or waited for an event before. There are no more orders.
 bool Run(const PartT (&parts)[2], unsigned first, unsigned stop);
 
-// For the two threads that play Worker parts for good: waits for the bodies of that index, and runs them.
+// Two threads call this to play Worker parts. The call waits for each body of that index, and runs it.
 [[noreturn]] void Work(unsigned index);
-void AwaitWorkers(); // until both have called it
+void AwaitWorkers(); // waits until both threads have called Work
 
-// Makes the calling thread play the part from here to its end. Waits until it is its turn.
+// Makes the calling thread play the part from here to its end. Waits for its turn.
 void Play(unsigned index);
 
-// Takes the ticks away from the timer task, which has to be running: it makes a pass only during a run, at once when it
-// plays a part, and else, and afterwards, ten for each millisecond.
+// Takes the ticks away from the timer task, which has to be running. From then on it makes passes only during a run:
+// one at once if it plays a part, then ten for each millisecond.
 void TakeTicks();
-unsigned Ticks(); // passes since then
+unsigned Ticks(); // number of passes since TakeTicks
 
-// While it is set no thread can be created.
+// While it is set, no thread can be created.
 extern bool refuseThreads;
 
 } // namespace schedule

@@ -100,7 +100,7 @@ std::optional<ssize_t> ScriptBoard::Write(int /*fd*/, const void *data, std::siz
     return missing == 0 || missing >= size ? -1 : static_cast<ssize_t>(size - missing);
 }
 
-// Without a descriptor it is a pause, which is over at once.
+// A call without a descriptor is a pause. It is over at once.
 std::optional<int> ScriptBoard::Select(int count, fd_set *reads, fd_set *writes, timeval *limit)
 {
     CountCall();

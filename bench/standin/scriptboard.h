@@ -1,9 +1,9 @@
-// A board for fuzzing, without time and without the system: files in memory, and a port with a device whose answers
-// are a script. Only the thread that makes it meets it.
-// A byte of the script is what the device sends next, but one from E0 to EF is an event, which happens
-// to the next call that it can happen to. One that the call at hand cannot have is silence when it is the
-// port that is read. When the script has ended the device is silent and everything works.
-// A call that no program may make here, such as a read that would wait for ever, stops the program.
+// A board for fuzzing, without time and without the system. Its files are in memory. The device at its port answers
+// from a script. Only the thread that makes the board meets it.
+// Script:  a byte is what the device sends next. But a byte from E0 to EF is an event. It happens to the next call that
+//          it can happen to. A read of the port that it cannot happen to gets silence. Behind the end of the script the
+//          device is silent and every call works.
+// Errors:  a call that no program may make here stops the program, such as a read that would wait for ever.
 #pragma once
 
 #include "bench/standin/board.h"
@@ -21,26 +21,26 @@ public:
     enum Event : UInt8 {
         kPortFails = 0xE0, // does not open
         kFileFails,        // does not open
-        kRefusal,          // of a request to the driver
-        kShortWrite,       // by as many bytes as the next byte says; 0: it fails
+        kRefusal,          // the driver refuses a request
+        kShortWrite,       // a write is short by the number in the next byte; 0: it fails
         kWaitFails,
-        kSilence,     // the port takes no output; or nothing comes for so long
-        kReadFails,   // of the port
-        kSecondsLeft, // when the next byte comes, whole seconds
-        kInterrupted, // a read of a file
+        kSilence,     // the port takes no output, or the time of a read runs out
+        kReadFails,   // a read of the port fails
+        kSecondsLeft, // the next byte comes when whole seconds of the time are left
+        kInterrupted, // a read of a file is interrupted
         kFileBroken,  // a read of a file fails
-        kShortRead,   // of a file, of as many bytes as the next byte says and one
-        kCutFile,     // a file says at its end that it is longer
-        kCloseFails,  // of a file, which is closed all the same
-        kHangUp,      // the port is readable from now on, and there is nothing to read
+        kShortRead,   // a read of a file brings one byte more than the number in the next byte
+        kCutFile,     // at its end a file claims to be longer
+        kCloseFails,  // the close of a file fails, but the file is closed
+        kHangUp,      // from now on the port is readable, and there is nothing to read
     };
     static bool IsEvent(char byte) { return (byte & 0xF0) == 0xE0; }
-    static constexpr std::size_t kScriptSize = 500; // what comes behind would be more of the same
+    static constexpr std::size_t kScriptSize = 500; // a longer script would bring nothing new
 
-    // What was written at once, and all that was read between then and the next write.
+    // One write, and all bytes that were read before the next write.
     struct Exchange {
         Bytes sent;
-        bool failed; // short or not at all; sent is empty when the port took no output
+        bool failed; // the write was short or failed; sent is empty if the port took no output
         Bytes received = {};
     };
     struct FileUse {
@@ -57,7 +57,7 @@ public:
 
     std::vector<Exchange> exchanges;
     std::vector<FileUse> uses; // in order of the opens
-    std::string port;          // the latest that was opened
+    std::string port;          // the port that was opened last
     bool portOpen = false;
 
     const std::string &ContentsOf(const FileUse &use) { return files_[use.name]; }
@@ -86,8 +86,8 @@ private:
     ssize_t ReadFile(FileUse &use, char *buffer, std::size_t size);
 
     Files files_;
-    std::string_view script_; // what is left of it
-    bool isReadable_ = false; // as a wait has said
+    std::string_view script_; // the rest of it
+    bool isReadable_ = false; // the last wait has found input
     bool hungUp_ = false;
     std::size_t callsLeft_;
 };

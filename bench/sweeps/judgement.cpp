@@ -19,8 +19,8 @@ struct ImageRow {
     unsigned RecoveryRow::*allowed;
     Faults Trial::*faults;  // of its device
     LineFault Trial::*line; // of its device
-    const char *text;       // tells whether the program takes the image for one that the device runs already:
-    bool isCurrent;         // it does when this text is there, or it does when it is not
+    const char *text;       // by this text the program tells whether the device runs the image already
+    bool isCurrent;         // true: it does if the text is there; false: it does if the text is missing
 };
 constexpr ImageRow kImages[] = {
     {"microcontroller", &Holdings::micro, &RecoveryRow::micro, &Trial::micro, &Trial::microLine,
@@ -52,14 +52,14 @@ bool Killed(const Trial &trial, int signal)
                        [signal](const Signal &sent) { return sent.number == signal; });
 }
 
-// ---- Excuses of a success that leaves a device without an image, which has an older version
+// ---- Excuses of a success that leaves a device with an older version and without its image
 
 bool TookForCurrent(const std::string &output, const ImageRow &image)
 {
     return Has(output, image.text) == image.isCurrent;
 }
 
-// The device sends more than its verdict, so that the verdicts come to be taken for those on other blocks.
+// Whether the device sends more bytes than its verdict. The host then takes verdicts for those on other blocks.
 bool AnswersTooMuch(const Faults &faults)
 {
     return std::any_of(faults.blocks.begin(), faults.blocks.end(),
@@ -95,9 +95,9 @@ const char *Excuse(const Trial &trial, const Outcome &outcome, const ImageRow &i
     return excuse;
 }
 
-// ---- What is found
+// ---- Findings
 
-// An image whose blocks cannot be counted is announced with none, which the camera objects to.
+// An image whose blocks cannot be counted is announced with 0 blocks. The camera objects to that.
 void JudgeProtocol(Outcome &outcome)
 {
     const std::string &output = outcome.run.output;
@@ -113,7 +113,7 @@ void JudgeWait(const Trial &trial, Outcome &outcome)
         outcome.findings.push_back("did not wait, or not with its progress delivered");
 }
 
-// Opens less closes of each port.
+// For each port, the number of opens minus the number of closes.
 std::map<std::string, int> OpenPorts(const std::vector<std::string> &events)
 {
     std::map<std::string, int> open;
@@ -136,7 +136,7 @@ std::vector<std::string> PortsLeftOpen(const RunResult &run)
     return ports;
 }
 
-// A run may go on for ever as long as the devices keep sending verdicts that nobody knows.
+// A run may go on for ever while the devices send verdicts that are neither acceptance nor refusal.
 void JudgeTime(Outcome &outcome)
 {
     constexpr std::uint64_t kManyVerdicts = 40; // bytes from the devices
@@ -167,8 +167,8 @@ void FindRow(const Trial &trial, Outcome &outcome)
             Format("status %d, signal %d and this last line are not known: ", run.status, run.signal) + outcome.last);
 }
 
-// What a device holds is what the table has. It had an older version: after an update that calls itself a
-// success it holds its image, and no query finds that none is required.
+// A device has to hold what the table says. It had an older version. So it holds its image after a success, and a query
+// has to find that an update is required.
 void JudgeImage(const Trial &trial, const ImageRow &image, Outcome &outcome)
 {
     const bool success = outcome.run.status == 0;

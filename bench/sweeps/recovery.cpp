@@ -22,7 +22,7 @@ constexpr char kNoVerdict[] = "GOT A [NACK] FROM HALDEN MICRO CONTROLLER";
 
 // clang-format off
 
-// The first row that fits counts, so that the special stands above the general.
+// The first row that fits counts. So a special row is above a general one.
 constexpr RecoveryRow kRows[] = {
     {0, kSuccess, "Could not open Halden Microcontroller BIN file", kBefore, kWhole, kWhole,
      "There was no image for the microcontroller, or it could not be opened.",
@@ -97,7 +97,7 @@ constexpr RecoveryRow kRows[] = {
      "Look at its power and cable. Run again."},
 };
 
-// Ends whose result line got lost with standard output: the status holds.
+// Ends without a result line, because standard output was lost. The status still counts.
 constexpr RecoveryRow kMuteRows[] = {
     {0, "", "", kWhole, kWhole, kWhole,
      "The host saw no failure. Nothing tells whether the microcontroller gave its verdicts.",
@@ -152,7 +152,7 @@ std::string Quoted(const char *line)
     return std::string("`") + line + "`";
 }
 
-// What the trace has to show for a row; usualLast: the last line that the section names.
+// The lines that the trace has to have for a row. usualLast is the last line that the section names.
 std::string TraceOf(const RecoveryRow &row, const char *usualLast)
 {
     const bool hasReason = row.reason[0] != '\0';

@@ -50,7 +50,7 @@ void RunUnderStrace(RunOptions &options, const std::vector<std::string> &words)
     options.executable = kStrace;
 }
 
-// What shortened waits would have taken beyond what they took.
+// The time by which the waits of a run were shortened.
 double SecondsSaved(const std::vector<std::string> &events)
 {
     double microseconds = 0;
@@ -153,7 +153,7 @@ Holdings Runner::HoldingsOf(const Session &session, const Devices &devices) cons
     return held;
 }
 
-// One run, and what was seen of it; nothing is judged yet.
+// Makes one run and notes its outcome. Nothing is judged yet.
 Outcome Runner::Play(const Trial &trial, Devices &devices) const
 {
     devices.Plan(trial);
@@ -168,7 +168,7 @@ Outcome Runner::Play(const Trial &trial, Devices &devices) const
     return outcome;
 }
 
-// Whether strace or the preload library tells that the fault was played. What neither plays is taken for played.
+// Whether strace or the preload library tells that the fault was played. A fault that neither plays counts as played.
 bool Runner::Struck(const Trial &trial, const RunResult &run) const
 {
     if (!trial.orders.empty())
@@ -197,8 +197,9 @@ void Runner::NewMicroVersion() const
     WriteFile(directory_ + "/" + kMicroImage, image);
 }
 
-// The run without a fault that has to bring the devices to their images, whatever they hold. A microcontroller
-// that runs the new version without its image takes another version to be sent anything.
+// Makes the run without a fault. It has to bring the devices to their images, whatever they hold. If the
+// microcontroller runs the new version without its image, the image gets another version first: otherwise nothing would
+// be sent.
 void Runner::Mend(const Trial &trial, Devices &devices, Outcome &outcome) const
 {
     Session session = *trial.session;

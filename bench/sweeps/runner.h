@@ -1,6 +1,7 @@
-// Plays trials: one run of the updater with one fault, the judgement of how it ended, and the clean run that
-// has to mend it.
-// Owner: the caller; a Runner works for one thread at a time.
+// Plays trials. A trial is one run of the updater with one fault. Its end is judged. Then a run without a fault has to
+// bring the devices to their images.
+// Owner:   the caller owns the runner.
+// Locking: a runner has no lock. It works for one thread at a time.
 #pragma once
 
 #include "bench/sweeps/trial.h"
@@ -12,17 +13,17 @@ namespace bench
 class Runner
 {
 public:
-    // The updater and the preload library; a working folder of the runner's own, which exists.
+    // The updater, the preload library, and a working folder. The folder exists, and nobody else uses it.
     Runner(std::string program, std::string preload, std::string directory);
 
     Outcome Try(const Trial &trial);
 
-    // Tries again if there are findings: a busy machine may make a device too late. Signals at random
-    // moments are a race already and get no second try.
+    // Tries a second time if there are findings, because a busy machine may make a device too late. A trial with
+    // signals at random moments gets no second try, because each of its runs is another one.
     Outcome TryTwice(const Trial &trial);
 
-    // The names of the system calls of a run without a fault, in order, as strace sees them. Throws
-    // std::runtime_error when that run fails.
+    // Makes a run without a fault under strace. Returns the names of its system calls, in order. Throws
+    // std::runtime_error if that run fails.
     std::vector<std::string> Calls(const Session &session);
 
 private:

@@ -28,7 +28,7 @@ const Session kShortCamera = {"camera", {"farsight"}, {.cameraSize = 20, .system
 
 // ---- System calls
 
-// What a call can fail with, as strace takes it; '+': from then on for good.
+// The failures of a call, as strace takes them. With '+' the call fails from then on for good.
 struct FailureRow {
     const char *call;
     std::vector<const char *> failures;
@@ -107,7 +107,7 @@ void AddFailures(std::vector<Trial> &trials, const std::vector<Call> &calls, con
         }
 }
 
-// What the preload library plays, in calls behind the loader's.
+// The faults that the preload library plays, in calls behind those of the loader.
 void AddOrders(std::vector<Trial> &trials, const std::vector<Call> &calls, const Session &session)
 {
     for (const OrderRow &row : kOrders) {
@@ -122,8 +122,8 @@ void AddOrders(std::vector<Trial> &trials, const std::vector<Call> &calls, const
     }
 }
 
-// The driver's requests and opens, which never reach the kernel here. Nine opens that are refused are made
-// up for.
+// The driver's requests and opens, which never reach the kernel here. Nine refused opens do no harm: the tenth
+// succeeds.
 void AddRequests(std::vector<Trial> &trials, const Session &session)
 {
     constexpr struct {
@@ -346,7 +346,7 @@ std::vector<Trial> Pairs(Runner &)
 // ---- The supervisor
 
 constexpr unsigned kMoments = 40;
-constexpr int kRunMs = 800; // what a run takes, about
+constexpr int kRunMs = 800; // approximate time of a run
 
 std::vector<Trial> Moments()
 {
@@ -366,7 +366,7 @@ std::vector<Trial> Moments()
     return trials;
 }
 
-// The reader of the progress goes, and the output breaks, after so much.
+// The reader of the progress goes after some numbers, and the output breaks after some bytes.
 std::vector<Trial> Losses()
 {
     using Reader = ProgressOptions::Reader;

@@ -9,9 +9,10 @@ namespace bench
 struct Sweep {
     const char *name;  // on the command line
     const char *title; // in the report
-    // The runner is for runs that tell what there is to fail. Throws std::runtime_error when such a run fails.
+    // Lists the trials. The runner makes the runs that show what can fail. Throws std::runtime_error if such a run
+    // fails.
     std::vector<Trial> (*trials)(Runner &runner);
-    // Where not all runs are made, this part of those of other sweeps: there are many, or they are long.
+    // If only a part of all runs is made, the part of this sweep is smaller by this factor: it has many or long runs.
     std::size_t sparser = 1;
 };
 

@@ -20,7 +20,7 @@ namespace
 
 constexpr const ImageRow &kCamera = kImages[CONTROLLER_FLASH_TYPE_FARSIGT_CAMERA_FW];
 constexpr const ImageRow &kSystem = kImages[CONTROLLER_FLASH_TYPE_FARSIGT_SYSTEM_FW];
-constexpr Int32 kMessageTimeout = 10000; // microseconds, as is the next
+constexpr Int32 kMessageTimeout = 10000; // these two in microseconds
 constexpr Int32 kReplyPause = 3000000;   // before a reply to a raw message is read
 constexpr Int32 kCountChunk = 524288;
 constexpr Int32 kVersionTextSize = 8;
@@ -82,8 +82,8 @@ eErrorT SendRawMessage(const UInt8 *message, Int32 size)
     return kFuncReturnedError;
 }
 
-// Reads up to the byte that begins the device-type reply, and drops what comes before it; a camera
-// that chatters for ever keeps it here.
+// Reads until the byte that begins the device-type reply is in reply[0]. The bytes before it are dropped. The call does
+// not return while a camera sends other bytes.
 eErrorT FindTypeReply(UInt8 *reply)
 {
     for (;;) {
@@ -110,8 +110,8 @@ eErrorT ReadTypeReply(UInt8 *reply)
     return kNoError;
 }
 
-// A version of the reply, deliberately taken as a signed 16-bit value: from 8000 on it equals no
-// version of a file, and such a camera is always updated.
+// A version of the reply. Deliberately a signed 16-bit value: a version from 8000 on equals no version of a file, so
+// such a camera is always updated.
 Int32 ReplyVersion(const UInt8 *reply, Int32 position)
 {
     char text[kReplyVersionSize + 1] = {};
@@ -134,7 +134,7 @@ eErrorT ReadCameraVersions(Int32 *camVersion, Int32 *sysVersion)
     return kNoError;
 }
 
-// Any difference counts, older or newer. An image that is up to date counts as done.
+// Any difference counts, whether the file is older or newer. An image that is up to date counts as done.
 bool ImageNeeded(const ImageRow &row, Int32 currentVersion, Int32 newVersion, void (*printUpgrade)(UInt32, UInt32),
                  const char *upToDate)
 {
@@ -171,7 +171,7 @@ bool SystemImageNeeded(Int32 currentVersion, Int32 newVersion)
 
 // ---- Images
 
-// Counts the blocks of one image by reading it through. One that does not open counts 0.
+// Counts the blocks of one image by reading all of it. An image that does not open leaves the count as it is.
 eErrorT CountBlocks(const ImageRow &row, Int32 *numBlocks)
 {
     static UInt8 chunk[kCountChunk];
@@ -206,7 +206,7 @@ eErrorT OpenNeededImage(const ImageRow &row, bool needed, FILE **file)
     return kFileOpenError;
 }
 
-// Announces what will be sent, and how many blocks of it, unless that is nothing.
+// Announces which images will be sent, and how many blocks of each. Without a block nothing is announced.
 eErrorT EnterFlashMode(bool camNeeded, bool sysNeeded, Int32 camNumBlocks, Int32 sysNumBlocks)
 {
     UInt8 flashMode[kFlashModeSize] = {0x87, 0x43, 0x72};
@@ -251,7 +251,7 @@ void PrintSendFailure()
                 gFarsightUpdateInfo.currentCamBlock, gFarsightUpdateInfo.currentSysBlock);
 }
 
-// Brings the needed images to the camera; they are closed on every way out.
+// Brings the needed images to the camera. They are closed on every way out.
 eErrorT FlashImages(bool camNeeded, bool sysNeeded, Int32 camNumBlocks, Int32 sysNumBlocks)
 {
     FILE *camFile = nullptr;

@@ -52,7 +52,7 @@ UInt8 *AppendBytes(UInt8 *end, const UInt8 *data, size_t size, UInt32 *sum)
 }
 
 // Appends at most kPieceSize bytes by words, stuffed, and adds them up. A word without a byte to escape is copied. A
-// word that is all FF, as erased flash is, or all FE has one escape over and over.
+// word that is all FF, as erased flash is, or all FE is one escape repeated.
 UInt8 *AppendPiece(UInt8 *end, const UInt8 *data, size_t size, UInt32 *sum)
 {
     const UInt8 *const last = data + size;

@@ -1,12 +1,12 @@
-// The frame around a message: FF, type, length, data, 24-bit checksum. Behind the FF every byte is stuffed, so that
-// an FF on the line always starts a frame.
+// The frame around a message: FF, type, length, data, 24-bit checksum. Behind the FF every byte is stuffed, so that an
+// FF on the line always starts a frame.
 // Nothing here knows a port, and nothing is printed.
 #pragma once
 
 #include "Common/types.h"
 
-// Stuffs the byte that was just written at startOfMessage[*index], and moves *index behind it. FF becomes FE 01, and
-// FE becomes FE 00. Only for those two is the next byte written. A null argument is a programming error and stops the
+// Stuffs the byte that was just written at startOfMessage[*index], and moves *index behind it. FF becomes FE 01, and FE
+// becomes FE 00. Only for those two is the next byte written. A null argument is a programming error and stops the
 // program.
 void encryptOneByte(UInt8 *startOfMessage, Int32 *index);
 

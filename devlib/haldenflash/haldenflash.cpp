@@ -50,10 +50,9 @@ constexpr TargetRow kTargets[] = {
 };
 
 constexpr int kPipeWords = 3;    // behind "-p": path, lower bound, upper bound
-constexpr int kMinPipeWords = 2; // of these
+constexpr int kMinPipeWords = 2; // without the upper bound
 
-// Records the hardware type of the board that the environment names. A name that is not known
-// leaves the type as it is.
+// Records the hardware type of the board that the environment names. A name that is not known leaves the type as it is.
 void SetBoard()
 {
     const char *board = std::getenv("TALVORA_BOARDID");
@@ -66,8 +65,8 @@ void SetBoard()
     std::printf("######### hwType:%d ....\n\r", static_cast<Int32>(GetSystemHardwareType()));
 }
 
-// A bound of the progress range; 0 for one that is missing or no number. Out of range it saturates,
-// on every machine at 32 bits.
+// A bound of the progress range. A bound that is missing or no number is 0. A number out of range saturates at 32 bits
+// on every machine.
 Int32 Bound(const char *text)
 {
     if (text == nullptr)
@@ -96,8 +95,8 @@ bool SetTarget(const char *word)
     return false;
 }
 
-// The program's own name is tested like any other argument, which its usual name survives. With only
-// two words behind "-p" the upper bound is the null entry that ends the arguments.
+// Deliberate: the program's own name is tested like any other argument. Its usual name is no word. With only two words
+// behind "-p" the upper bound is the null entry that ends the arguments.
 void ParseArguments(int argc, char *const argv[])
 {
     for (int i = 0; i < argc; i++) {
@@ -124,8 +123,7 @@ bool AddToWork(const ImageRow &image)
     return true;
 }
 
-// Sizes the work for progress reporting, which is off when an image is missing; the update itself
-// goes on.
+// Adds up the work for progress reporting. If an image is missing, reporting is off, and the update goes on.
 void SizeWork()
 {
     const char *missing = nullptr;
@@ -138,7 +136,7 @@ void SizeWork()
     gProgressCtrl.bDoUpdate = 0;
 }
 
-// An argument for printing; a missing one prints as the C library prints a null string.
+// An argument for printing. A missing argument prints as the C library prints a null string.
 const char *Argument(int argc, char *const argv[], int index)
 {
     return index < argc ? argv[index] : "(null)";
@@ -158,7 +156,7 @@ int PrintQueryResult()
     return gbUpdateRequired != 0 ? 1 : 0;
 }
 
-// Runs the updates asked for, the microcontroller first. Returns 0, or -1 of the first that failed.
+// Runs the updates that were asked for, the microcontroller's first. The first failure ends them, with -1. Else 0.
 int RunUpdates(int argc, char *const argv[])
 {
     int result = 0;
@@ -176,6 +174,7 @@ int RunUpdates(int argc, char *const argv[])
 
 } // namespace
 
+// Deliberate: the usage line runs together with the line behind it.
 void print_usage()
 {
     std::printf("Usage: haldenflash  [micro | farsight] [q] [-p <comm pipe> <range low> <range high>]");

@@ -1,5 +1,5 @@
-// The program's command line: which updates run on which board, with which progress reports. The flags are all 0 at
-// the start of the program.
+// The program's command line. It says which updates run and where progress is reported.
+// Locking: the flags have no lock; one thread uses them. They are all 0 at the start of the program.
 #pragma once
 
 #include "Common/types.h"
@@ -7,10 +7,10 @@
 extern Boolean gbDoMicro;        // update the microcontroller
 extern Boolean gbDoFarsight;     // update the camera
 extern Boolean gbQueryOnly;      // compare versions, flash nothing
-extern Boolean gbUpdateRequired; // the microcontroller's versions differ, in query mode either device's
+extern Boolean gbUpdateRequired; // the microcontroller's versions differ. In query mode: those of either device
 
-// Runs the program that the arguments and the environment ask for, from its first line of output to its last one.
-// Sets the flags above; it never clears them.
+// Runs the whole program, from its first line of output to its last one. The arguments say what is updated; the
+// environment says which board this is. Sets the flags above, and never clears the first three.
 // 0   the updates are done or were not needed.
 // 1   only a query was asked for, and an update is required.
 // -1  no update was asked for, or one failed.

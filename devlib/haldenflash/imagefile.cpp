@@ -10,8 +10,8 @@
 namespace
 {
 
-// Whether what has been read is all that there is. A file that ends before its size is one that could not
-// be read: sent as it is, the device would end up with a part of an image that calls itself whole.
+// Whether the whole file has been read. A file that ends before its size counts as unreadable: otherwise the device
+// would get a part of an image that calls itself whole.
 bool AtEnd(FILE *image)
 {
     const int fd = fileno(image);
@@ -27,7 +27,7 @@ FILE *OpenImage(const char *name)
     return std::fopen(name, "re");
 }
 
-// From the descriptor: a stream would read in pieces of its buffer and keep what a signal interrupted as an error.
+// Reads from the descriptor. A stream would read in pieces of its buffer, and would keep an interruption as an error.
 Int32 ReadBytes(FILE *file, void *buffer, Int32 size)
 {
     os_assert(file != nullptr, "file");
@@ -51,6 +51,7 @@ Int32 ReadImage(FILE *image, void *buffer, Int32 size)
     return count < 0 || count == size || AtEnd(image) ? count : -1;
 }
 
+// The handle is cleared even if the close fails: the descriptor is gone, and an update that went on would never end.
 Boolean CloseImage(FILE **image)
 {
     os_assert(image != nullptr, "image");

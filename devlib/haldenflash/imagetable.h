@@ -1,6 +1,6 @@
-// The three images, one row each, with all that tells their devices apart. Where two rows differ, the device wants it
-// so: the comment at the cell has the reason. transfer.h sends an image by its row. The versions of an image, which
-// each device tells in its own way, are the affair of microupdate and farsightupdate.
+// The three images, one row each. A row has all that tells its device apart from the others. Two rows differ only where
+// the device wants it so, and the comment at the field has the reason. transfer.h sends an image by its row. Each
+// device tells its versions in its own way, so the versions are in microupdate and farsightupdate.
 #pragma once
 
 #include "devlib/haldenflash/messages.h"
@@ -21,13 +21,13 @@ enum class AfterRefusal {
     kEnd,        // there is no empty frame for this device, so the update fails
 };
 
-// When the trace names the file that is being sent.
+// When the trace names the file that is being sent. Programs that search traces know each device's way.
 enum class WorkingLine {
     kEachVerdict, // before the verdict is looked at
     kEachBlock,   // when a block was accepted, with the number of the next one
 };
 
-// The lines of a row are functions, so that each stands whole in the sources, and the compiler checks its conversions.
+// The lines of a row are functions. So each line is whole in the sources, and the compiler checks its conversions.
 struct ImageRow {
     const char *file;
     const Boolean *wanted;          // whether the command line asks for it
@@ -35,18 +35,18 @@ struct ImageRow {
     int port;
     KORA_HALDEN_MESAGE_TYPE messageType;
     Int32 blockSize;   // bytes; what the device programs at once
-    Int32 fixedBlocks; // how many are sent, whatever the size of the image; 0: as many as it has
+    Int32 fixedBlocks; // deliberate: number of blocks, whatever the size of the image; 0: as many as the image has
     Int32 verdictTime; // microseconds; the camera programs a block before it answers
     AfterRefusal refused;
-    eErrorT silence; // the result if no verdict comes; for the microcontroller supervisors know it as a success
-    eErrorT allSent; // the result behind the last block; behind the camera image comes the system image
+    eErrorT silence; // the result if no verdict comes; supervisors know the microcontroller's silence as a success
+    eErrorT allSent; // the result behind the last block; kNoError goes on, because the camera has a second image
     WorkingLine working;
     void (*printBlock)(Int32 block, Int32 iteration);
     void (*printWorking)(const char *file, Int32 nextBlock);
-    void (*printVerdict)(const UInt8 *reply, Int32 count);
-    void (*printUnknownVerdict)(UInt8 verdict); // names the camera, whatever the device
+    void (*printVerdict)(const UInt8 *reply, Int32 count); // the camera's bytes too; programs search traces for them
+    void (*printUnknownVerdict)(UInt8 verdict);            // names the camera, whatever the device
     void (*printReadError)(const ImageRow &row, Int32 err);
-    // The camera's line names the status request; who searches traces knows it so.
+    // The camera's line names the status request. Programs that search traces know it so.
     void (*printShortWrite)(Int32 block, Int32 sent, Int32 size);
 };
 

@@ -10,8 +10,8 @@
 namespace
 {
 
-// A standard descriptor that is closed would be handed out again, as a serial port, and the trace
-// would go onto the line.
+// Opens the standard descriptors that are closed. Otherwise a serial port would get the number of one of them, and the
+// trace would go onto the line.
 void OccupyStandardDescriptors()
 {
     for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; fd++)
@@ -24,8 +24,7 @@ void OccupyStandardDescriptors()
 int main(int argc, char *argv[])
 {
     OccupyStandardDescriptors();
-    // A supervisor that goes away must not stop a transfer half-way, and whoever follows the trace
-    // sees it line by line.
+    // A supervisor that goes away must not stop a transfer half-way. Whoever follows the trace sees it line by line.
     std::signal(SIGPIPE, SIG_IGN);
     std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
     return RunHaldenflash(argc, argv);

@@ -28,7 +28,7 @@ enum HALDEN_SYSTEM_STATUS_TYPE : UInt8 {
 };
 
 // The verdict of a device on a block. Any other byte is an unknown verdict.
-constexpr Int32 kVerdictReplySize = 2; // of the reply to a block
+constexpr Int32 kVerdictReplySize = 2; // size of the reply to a block
 constexpr Int32 kVerdict = 1;          // position of the verdict in it
 constexpr UInt8 kBlockAck = 0x06;
 constexpr UInt8 kBlockNack = 0x0F;
@@ -36,10 +36,10 @@ constexpr UInt8 kBlockNack = 0x0F;
 // 1 for the message types that may be sent, else 0.
 Boolean validateKoraHaldenMessageType(UInt8 msgType);
 
-// Builds the frame of a message of orgMsgSize data bytes (at most 65532) at ptrNewMsg, and stores its size. The caller
-// owns ptrNewMsg. It has room for 2 * (orgMsgSize + 6) + 1 bytes, and there is a zero byte in it. Data of size 0 may
-// be null. What the old contents, read as a string, have behind the new frame is cleared.
-// kNoError       the frame is built.
-// kBadParameter  the type is not valid, which is printed. The size is 0, and ptrNewMsg is as it was.
+// Builds the frame of a message with orgMsgSize data bytes, at most 65532. Data of size 0 may be null.
+// ptrNewMsg belongs to the caller. It has room for 2 * (orgMsgSize + 6) + 1 bytes, and holds a string before the call.
+// The part of that string behind the new frame is cleared.
+// kNoError       the frame is at ptrNewMsg, and its size in *ptrNewMsgSize.
+// kBadParameter  the type is not valid, which is printed. *ptrNewMsgSize is 0. ptrNewMsg is unchanged.
 eErrorT buildKoraToHaldenMsg(KORA_HALDEN_MESAGE_TYPE msgType, Int32 orgMsgSize, const UInt8 *orgMsgPtr,
                              Int32 *ptrNewMsgSize, UInt8 *ptrNewMsg);

@@ -31,8 +31,8 @@ bool ReadByte(UInt8 *byte)
     return ReadReply(kMicro.port, byte, 1, kReplyTimeout) == 1;
 }
 
-// Reads up to the delimiter and the type of the version reply, which end up in reply[0] and
-// reply[1], and drops what comes before; a device that chatters for ever keeps it here.
+// Reads until the delimiter and the type of the version reply are in reply[0] and reply[1]. The bytes before them are
+// dropped. The call does not return while a device sends other bytes.
 eErrorT FindVersionReply(UInt8 *reply)
 {
     for (;;) {
@@ -82,8 +82,8 @@ eErrorT ReadMicroVersion(UInt8 *version)
     PrintReply(reply, count);
     *version = reply[kReplyVersion];
     std::printf("####### CURRENT HALDEN MICRO CONTROLLER VERSION: 0x%.2x ....\n", *version);
-    // Deliberately looks at the byte that is known to be the reply's type, so it never fires. At any
-    // other position a version that happens to be 0F would be flashed over.
+    // Deliberate: this byte is known to be the reply's type, so the condition is never true. At another position a
+    // version 0F would be taken for a refusal, and flashed over.
     if (reply[1] == kBlockNack) {
         std::puts("########### Micro Controller responded with a NACK instead of its version ...Attempt to reflash "
                   "...");
@@ -92,7 +92,7 @@ eErrorT ReadMicroVersion(UInt8 *version)
     return kNoError;
 }
 
-// Runs the exchange on the enabled port. Returns 0 or -1; *updated is set when blocks were sent.
+// Runs the exchange on the enabled port. Returns 0 or -1. *updated is set when blocks were sent.
 int UpdateMicro(bool *updated)
 {
     UInt8 version = 0;
@@ -204,7 +204,7 @@ eErrorT HaldenSerialProgMicro(CONTROLLER_FLASH_TYPE)
     gMicroUpdateInfo = {image, -1, kMicro.fixedBlocks, kFreshBlock};
     const Transfer micro[] = {MicroTransfer(&gMicroUpdateInfo)};
     const eErrorT result = SendImages(micro, PrintSendFailure);
-    // Printed after a failure too; the result tells.
+    // Deliberately printed after a failure too; the result tells.
     std::puts("####### SUCCESSFULLY UPDATED HALDEN MICRO CONTROLLER ....");
     return result;
 }

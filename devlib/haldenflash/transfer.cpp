@@ -22,7 +22,7 @@ Int32 BlockNumber(const UInt8 *block)
     return block[0] << 8 | block[1];
 }
 
-// Closes an image. Returns false if that failed, with the current block as it was.
+// Closes an image. Returns false if that failed. The current block is then unchanged.
 bool EndImage(const Transfer &image)
 {
     if (*image.file == nullptr)
@@ -45,8 +45,8 @@ eErrorT FinishImage(const Transfer &image)
     return image.row.allSent;
 }
 
-// Fills a block with its number and the next bytes of the image, zeros behind its end, and prints what was read.
-// Returns the count of image bytes, or -1 on a read error, which is printed.
+// Fills a block with its number and the next bytes of the image. Behind the end of the image come zeros. Prints the
+// count. Returns the count of image bytes, or -1 on a read error, which is printed.
 Int32 FillBlock(UInt8 *block, const Transfer &image)
 {
     const ImageRow &row = image.row;
@@ -62,8 +62,8 @@ Int32 FillBlock(UInt8 *block, const Transfer &image)
     return count;
 }
 
-// Sends a fresh block with the next bytes of the image. Behind a refusal there is no data to send; the empty frame is
-// announced with the number of the last block on that port.
+// Sends a fresh block with the next bytes of the image. Deliberate: the retry of a refused block is an empty frame. It
+// is announced with the number of the last block on that port.
 eErrorT SendBlock(const Transfer &image)
 {
     static UInt8 blocks[kPorts][kNumberSize + kMaxBlockSize];
@@ -84,7 +84,7 @@ eErrorT SendBlock(const Transfer &image)
     return sent ? kNoError : kFuncReturnedError;
 }
 
-// Takes a verdict over for one image.
+// Applies a verdict to one image.
 void ApplyVerdict(const Transfer &image, UInt8 verdict)
 {
     const ImageRow &row = image.row;
@@ -98,11 +98,12 @@ void ApplyVerdict(const Transfer &image, UInt8 verdict)
     } else if (verdict == kBlockNack) {
         --*image.retries;
     } else {
+        // Deliberate: the same number is sent again, with the next bytes of the image, as often as this happens.
         row.printUnknownVerdict(verdict);
     }
 }
 
-// Waits for the verdict on a block. Without one the images are closed, and the result is that of the device's silence.
+// Waits for the verdict on a block. If none comes, the images are closed, and the result is the row's for silence.
 eErrorT ReadVerdict(Transfers images, UInt8 *verdict)
 {
     const ImageRow &row = images[0].row;
@@ -121,9 +122,9 @@ bool IsOpen(const Transfer &image)
     return *image.file != nullptr;
 }
 
-// Whether a verdict is about the next image. An empty image has no block that one could be about, and the next image
-// would stay at its first block for ever. The update still fails in the end: the empty image stays open, and no verdict
-// on it ever comes.
+// Deliberate: whether a verdict is about the next image, because this one is empty. An empty image has no block. If it
+// took the verdicts, the next image would stay at its first block for ever. The update still fails in the end: the
+// empty image stays open, and no verdict on it ever comes.
 bool LeavesVerdict(const Transfer &image, Transfers next)
 {
     return image.totalBlock == 0 && *image.currentBlock == 0 && !next.empty() && IsOpen(next[0]);
@@ -170,6 +171,7 @@ eErrorT SendNextBlock(Transfers images)
         if (result != kNoError)
             return result;
     }
+    // Deliberately also behind the third refusal of a block: nothing is sent, so silence ends the update.
     return kNoError;
 }
 
@@ -184,7 +186,7 @@ eErrorT AnnounceBlock(const ImageRow &row, const UInt8 *msgPtr, Int32 msgSize)
     return kNoError;
 }
 
-// Both devices' lines name the microcontroller's sender; who searches traces knows them so.
+// The lines of both devices name the microcontroller's function. Programs that search traces know them so.
 eErrorT SendAnnouncedBlock(const ImageRow &row, const UInt8 *msgPtr, Int32 msgSize)
 {
     static UInt8 frames[kPorts][kMaxFrameSize];

@@ -17,7 +17,7 @@ constexpr RS232Cfg kPortSettings = {
     .swFlowControlXonXoff = 0,
 };
 
-// These texts name the microcontroller's update for both devices; those who read traces know them so.
+// The lines of both devices name the microcontroller's update. Programs that search traces know them so.
 int CloseUpdatePort(int port)
 {
     const eErrorT err = Serial_Close(port);

@@ -17,7 +17,7 @@ Int32 nLowerLimit;
 Int32 nWidth;
 Int32 nLastPos; // the last position written
 
-// Returns 0, or 1 when the pipe cannot be opened. A write that fails is the reader's affair.
+// Returns 0, or 1 when the pipe cannot be opened. A write that fails is ignored: the reader has gone.
 int WritePosition(Int32 nActualPos)
 {
     const int fd = open(szCommPipe, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);

@@ -1,7 +1,8 @@
-// Progress reporting: bytes done become a percentage, the percentage a position in the caller's
-// range, and a position that grew is written as a decimal number to the supervisor's pipe.
-// Locking: none; one thread reports.
-// A null path is a programming error and stops the program.
+// Progress reports to the supervisor. The bytes done become a percentage. The percentage becomes a position in the
+// caller's range. A position that has grown is written to the supervisor's pipe, as a decimal number.
+// Owner:   the caller sets gProgressCtrl. The path is copied.
+// Locking: the module has no lock. One thread reports.
+// Errors:  a null path is a programming error and stops the program.
 #pragma once
 
 #include "Common/types.h"
@@ -21,14 +22,14 @@ struct progressCtrlT {
 
 extern progressCtrlT gProgressCtrl;
 
-// Counts bytes as done and reports the percentage reached. Does nothing while reporting is off or
-// the total is 0.
+// Adds to the bytes done, and reports the new percentage. Does nothing while reporting is off or the total is 0.
 void updateProgress(Int32 nBytesDone);
 
-// Sets the pipe (cut at 255 characters) and the range, and starts over. Returns 0.
+// Sets the pipe and the range, and starts over. A path is cut at 255 characters. Always returns 0.
 int progressCtrlInit(const char *pszCommPipe, Int32 nRangeLowerLimit, Int32 nRangeUpperLimit);
 
-// Writes the position of a percentage unless it has not grown; the first position is above 0. The
-// pipe is opened for each number, and the open waits for a reader. Returns 0, or 1 when the pipe
-// could not be opened (printed; that position is not tried again).
+// Writes the position of a percentage if it is greater than the last one; the first one is greater than 0. The pipe is
+// opened for each number. The open waits for a reader.
+// 0  written, or not greater. A write that fails counts as written.
+// 1  the pipe could not be opened, which is printed. That position is not tried again.
 int progressCtrlSetPos(Int32 nPos);

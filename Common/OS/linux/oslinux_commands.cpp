@@ -23,7 +23,7 @@ namespace
 constexpr char kRelayPath[] = "/tmp/plaunch";
 constexpr std::size_t kRelayLine = 127;
 
-// ---- Descriptors and streams that outlive neither their scope nor a cancelled task
+// ---- Descriptors and streams that are closed at the end of their scope, also in a cancelled task
 
 class OpenFile
 {
@@ -58,8 +58,8 @@ struct StreamCloser {
 using CommandOutput = std::unique_ptr<FILE, StreamCloser>;
 using Directory = std::unique_ptr<DIR, StreamCloser>;
 
-// Reads until a line feed, size characters or the end, and terminates what came, without the line
-// feed; text has room for size + 1. A FIFO may deliver a line in pieces.
+// Reads until a line feed, size characters or the end. Stores the characters before the line feed, with a terminator;
+// text has room for size + 1. A FIFO may deliver a line in pieces.
 void ReadLine(int fd, char *text, std::size_t size)
 {
     std::size_t length = 0;
@@ -75,7 +75,7 @@ void ReadLine(int fd, char *text, std::size_t size)
 
 // ---- Command relay
 
-// 0 when there is no memory for it.
+// Returns 0 if there is no memory for it.
 UInt32 RelaySemaphore()
 {
     static pthread_mutex_t scallmutex = PTHREAD_MUTEX_INITIALIZER;
@@ -86,7 +86,8 @@ UInt32 RelaySemaphore()
     return scall;
 }
 
-// Not by dprintf: its stream lies on the stack, and a task that is deleted in it leaves it in the C library's list.
+// Does not use dprintf: its stream is on the stack, and a task that is deleted in it would leave it in the C library's
+// list.
 bool SendCommand(const char *command)
 {
     const OpenFile relay(kRelayPath, O_WRONLY);
@@ -101,7 +102,7 @@ bool SendCommand(const char *command)
     return isWhole;
 }
 
-// The C library's long may be wider than the result, which then stops at its own limits.
+// The C library's long may be wider than the result. The result then stops at its own limits.
 Int32 DecimalValue(const char *line)
 {
     return static_cast<Int32>(std::clamp<long>(std::strtol(line, nullptr, 10), INT32_MIN, INT32_MAX));
@@ -118,7 +119,7 @@ bool ReceiveResult(Int32 *result)
     return true;
 }
 
-// One command at a time. Returns 0, or the reason, with the result unchanged.
+// Sends one command at a time. Returns 0, or the reason of a failure. The result is then unchanged.
 int AskRelay(const char *command, Int32 *result)
 {
     const SemaphoreHold hold(RelaySemaphore());

@@ -20,21 +20,21 @@ constexpr Int32 kMaxPriority = 99;
 
 // ---- The thread of a task
 
-// The very end of a task's thread: nothing that the task calls is left to run, and its handle is not used again yet.
+// The very end of a task's thread. Nothing that the task calls is left to run, and no other thread has its handle yet.
 void LeaveTask(void *task)
 {
     TCB *tcb = static_cast<TCB *>(task);
     ownTask = nullptr;
     if (tcb->claimed == kJoinedByAnother) {
-        // Who joins it does the rest. No lock: ThreadSanitizer does not see the locks of a thread that was cancelled in
-        // a wait.
+        // The task that joins this thread does the rest. No lock is taken: ThreadSanitizer does not see the locks of a
+        // thread that was cancelled in a wait.
         tcb->thread = pthread_t{};
         return;
     }
     const MutexHold hold(&tcblistmutex);
     tcb->thread = pthread_t{};
     if (tcb->claimed == kJoinedByAnother || tcb->claimed == kAwaitedByAnother)
-        return; // who retires the task
+        return; // the joining task retires it
     if (tcb->claimed == kNotDeleted && tcb->task_start != nullptr)
         pthread_detach(pthread_self()); // nobody joins it
     t_free_tcb(tcb);
@@ -42,7 +42,7 @@ void LeaveTask(void *task)
         RebuildTreeLocked();
 }
 
-// Of a key and not of an object's destructor: that one would also run when main returns, while other tasks go on.
+// The destructor of a key and not of an object: that would also run when main returns, while other tasks go on.
 pthread_key_t LeavingKey()
 {
     static const pthread_key_t key = [] {
@@ -131,8 +131,8 @@ bool IsStartable(const TCB *tcb)
     return IsStartableLocked(tcb);
 }
 
-// Returns an error number. The lock is held until the handle is stored: nobody takes the task for one never started,
-// and of two starts at once the one that is refused changes nothing.
+// Returns an error number. The lock is held until the handle is stored. So nobody takes the task for one that was never
+// started, and of two starts at the same time the second is refused and changes nothing.
 int StartThread(TCB *tcb, UInt32 mode, TaskStartT start, const UInt32 *args)
 {
     const MutexHold hold(&tcblistmutex);
@@ -152,7 +152,7 @@ int StartThread(TCB *tcb, UInt32 mode, TaskStartT start, const UInt32 *args)
 
 // ---- Deletion
 
-// What t_delete found out about its target.
+// The target of t_delete.
 struct DeletionT {
     TCB *tcb = nullptr; // to be deleted by the caller, and by nobody else
     UInt32 serial = 0;  // of the task whose end has to be waited for
@@ -161,7 +161,7 @@ struct DeletionT {
     Int32 pid = -1;
 };
 
-// Two tasks that wait for each other's end would do so for ever.
+// Two tasks that wait for each other's end would wait for ever.
 bool WaitsForCallerLocked(const TCB *tcb)
 {
     while (tcb != nullptr && tcb != ownTask)
@@ -200,8 +200,8 @@ DeletionT ClaimTask(const TCB *target)
     pthread_exit(nullptr);
 }
 
-// Returns the result of the join. A thread that was attached is detached and waited for instead, because its maker may
-// have detached it: its handle is good as long as it says so, under the list's lock.
+// Returns the result of the join. A thread that was attached may have been detached by its maker. So it is detached,
+// and its end is waited for instead. Its handle is good only while the task's record has it, under the list's lock.
 int CancelAndJoin(const DeletionT &deletion)
 {
     if (deletion.tcb->claimed == kJoinedByAnother) {
@@ -226,7 +226,7 @@ void EndTask(const DeletionT &deletion)
         tm_wkafter(1);
 }
 
-// The caller's part of a deletion is done: takes the task out, or waits until somebody else has.
+// The last step of a deletion. Takes the task out of the list, or waits until another task has done that.
 void FinishDeletion(const DeletionT &deletion)
 {
     const MutexHold hold(&tcblistmutex);

@@ -23,8 +23,7 @@ void SignalEvents(TCB *tcb)
     os_assert(pthread_cond_signal(&tcb->event_cond) == 0, "pthread_cond_signal(&tcb->event_cond) == 0");
 }
 
-// The timer list's lock is never taken under an event mutex: the timer task takes the two the other
-// way round.
+// The timer list's lock is never taken under an event mutex, because the timer task takes them in the opposite order.
 void StartTimeout(TCB *tcb, UInt32 timeout)
 {
     UnlockEvents(tcb);
@@ -32,7 +31,7 @@ void StartTimeout(TCB *tcb, UInt32 timeout)
     LockEvents(tcb);
 }
 
-// The timer may expire at this very moment, and its block belong to somebody else the next.
+// The timer may expire at this moment. Its block may then belong to another timer.
 void CancelTimeout(TCB *tcb)
 {
     const UInt32 tmid = tcb->tmid;
@@ -43,8 +42,7 @@ void CancelTimeout(TCB *tcb)
     LockEvents(tcb);
 }
 
-// When the waiting task is deleted, its event mutex must not stay locked and its timer must not
-// outlive the task.
+// When the waiting task is deleted, its event mutex must not stay locked and its timer must not outlive the task.
 class WaitEnd
 {
 public:
@@ -72,7 +70,7 @@ void SleepOnEvents(TCB *tcb)
     end.Done();
 }
 
-// Under the event mutex: takes the matching events. 0: there are none.
+// Takes the matching events. 0: no event matches. The caller holds the event mutex.
 UInt32 TakeEvents(TCB *tcb, UInt32 events, UInt32 flags, UInt32 *events_out)
 {
     const UInt32 matched = events_matched(tcb->events_captured, events, flags);
@@ -83,7 +81,7 @@ UInt32 TakeEvents(TCB *tcb, UInt32 events, UInt32 flags, UInt32 *events_out)
     return matched;
 }
 
-// Under the event mutex, which is released while the timer is started, cancelled, and in the sleep.
+// The caller holds the event mutex. It is released while the timer is started and cancelled, and in the sleep.
 UInt32 WaitForEvents(TCB *tcb, UInt32 events, UInt32 flags, UInt32 timeout, UInt32 *events_out)
 {
     tcb->timedout = 0;

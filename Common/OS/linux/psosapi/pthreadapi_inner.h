@@ -1,15 +1,18 @@
-// What the files of pthreadapi share, and nobody else includes: pthreadapi.cpp has the life of a task, pthreadapi_list
-// the task list and the tree, pthreadapi_events the events, pthreadapi_reports what is printed of tasks.
-//
+// The common part of the files of pthreadapi. No other file includes it.
+// pthreadapi.cpp          the life of a task
+// pthreadapi_list.cpp     the task list, and the tree from thread to task
+// pthreadapi_events.cpp   the events
+// pthreadapi_reports.cpp  what is printed of tasks
+// Owner:   a task's record belongs to the task list.
 // Locking: the caller of a function whose name ends in Locked holds tcblistmutex.
 #pragma once
 
 #include "Common/OS/linux/psosapi/pthreadapi.h"
 
-// The calling thread's task, or null. It is set from the thread's becoming a task to its very end.
+// The calling thread's task. Null: the thread is no task. It stays set to the very end of the thread.
 extern thread_local constinit TCB *ownTask;
 
-// The calling task as the tree knows it, or null.
+// The calling task, looked up in the tree. Null: the tree does not have it.
 TCB *FindCaller();
 
 inline TCB *ResolveTask(UInt32 tid)
@@ -22,8 +25,8 @@ inline const char *NameOrUnknown(const TCB *tcb)
     return tcb != nullptr ? tcb->taskname : "????";
 }
 
-// Key of a thread in the tree. On a 64-bit host the handles of two live threads are at least a page
-// apart, and bits 12 to 43 tell them apart.
+// Key of a thread in the tree. On a 64-bit host the handles of two live threads are at least a page apart, and bits 12
+// to 43 tell them apart.
 inline UInt32 ThreadKey(pthread_t thread)
 {
     constexpr int kShift = sizeof(pthread_t) > sizeof(UInt32) ? 12 : 0;
@@ -32,15 +35,15 @@ inline UInt32 ThreadKey(pthread_t thread)
 
 // ---- The list, in creation order, which is the order of the serial numbers
 
-// A complete block in the list, or null without memory. thread is the one that the task has already, so that nobody
-// starts another one for it; 0 for none. Nobody holds tcblistmutex.
+// Makes a complete block and puts it into the list. Returns null if there is no memory. thread is the thread that the
+// task has already, so that no other one is started for it. 0: it has no thread. The caller does not hold tcblistmutex.
 TCB *NewTcb(const char *name, UInt32 priority, pthread_t thread);
 
-// Takes a task off the list. The block stays what it was: somebody may be about to post an event to it.
+// Takes a task off the list. The block stays a task's, because somebody may be about to post an event to it.
 // The caller holds tcblistmutex.
 void t_free_tcb(TCB *tcb);
 
-// The task itself when it is in the list, or null.
+// The task itself if it is in the list. Otherwise null.
 TCB *FindListedLocked(const TCB *wanted);
 
 // The first task in the list with at least that serial number, or null.
@@ -56,9 +59,9 @@ void AwaitGoneLocked(UInt32 serial);
 
 void TreeStubLocked();
 
-// Makes the task the one of that thread, in place of an ended task whose thread had the same handle.
+// Enters the task under its thread. It takes the place of an ended task whose thread had the same handle.
 void SetTreeEntryLocked(pthread_t thread, TCB *tcb);
 
-// Only tasks with a kernel thread id come back. Where threads have none of their own (see
-// gLibPThreadNPTL) the tree is empty afterwards, on purpose.
+// Makes the tree anew from the tasks that have a kernel thread id. With gLibPThreadNPTL 0 no task has one, so the tree
+// is empty afterwards. That is deliberate.
 void RebuildTreeLocked();

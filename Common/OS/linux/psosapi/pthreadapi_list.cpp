@@ -20,7 +20,7 @@ constinit RetiredRecords<TCB> retiredTasks;
 pthread_cond_t taskGone = PTHREAD_COND_INITIALIZER;
 std::atomic<UInt32> treeGeneration = 1; // one more with every rebuilding of the tree
 
-// A zeroed block with its lock, or null. The lock of a block that was used before has stayed.
+// A zeroed block with its lock. Null: there is no memory. A block that was used before still has its lock.
 TCB *NewBlock()
 {
     if (TCB *tcb = retiredTasks.Take(); tcb != nullptr) {
@@ -65,8 +65,8 @@ void RemoveTcb(const TCB *tcb)
 
 // ---- The calling thread
 
-// A thread's place in the tree is lost only when the tree is rebuilt, so each thread remembers that it was found until
-// then.
+// Each thread remembers that it was found in the tree. It loses its place there only when the tree is rebuilt, and then
+// it looks again.
 TCB *FindCaller()
 {
     thread_local UInt32 foundIn = 0;
@@ -81,7 +81,7 @@ TCB *FindCaller()
 
 // ---- The list
 
-// It is listed last, so that nobody finds half a task.
+// The block is listed last, so that nobody finds an incomplete task.
 TCB *NewTcb(const char *name, UInt32 priority, pthread_t thread)
 {
     TCB *tcb = NewBlock();

@@ -23,7 +23,7 @@ void ReadProcessorTime(Int32 kernelId, Int32 *user, Int32 *system)
         return;
     text[std::fread(text, 1, sizeof text - 1, file)] = '\0';
     std::fclose(file);
-    // Fields 14 and 15. Field 2 is a name in parentheses that may hold anything, so that only the last one counts.
+    // Fields 14 and 15. Field 2 is a name in parentheses. It may hold parentheses itself, so the last one counts.
     const char *end = std::strrchr(text, ')');
     if (end == nullptr || std::sscanf(end, ") %*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %d %d", user, system) != 2)
         *user = *system = 0;
@@ -34,7 +34,7 @@ Int32 KernelId(const TCB *tcb)
     return gLibPThreadNPTL == 1 ? tcb->tid : tcb->pid;
 }
 
-// What the usage report knows of a task.
+// The data of a task in the usage report.
 struct UsageT {
     UInt32 serial, id, priority;
     char name[4];

@@ -92,7 +92,7 @@ void AddTimer(TMCB *pTimer)
     pTimer->next = nullptr;
 }
 
-// Takes a timer off the running list; false when it is not there, or is not the one that same knows.
+// Takes a timer off the running list. Returns false if it is not there, or if same does not accept it.
 template <class Same> bool UnlinkTimer(TMCB *pTimer, Same same)
 {
     os_assert(!inCallback, "!inCallback");
@@ -148,8 +148,8 @@ bool Expire(TMCB *pTimer)
     return again;
 }
 
-// Counts every running timer down and returns those that have run out for good, in list order. A
-// count of 0 wraps and in practice never runs out.
+// Counts every running timer down. Returns those that have run out and do not repeat, in list order. A count of 0
+// wraps, so in practice it never runs out.
 TMCB *CountDown()
 {
     MutexHold hold(&tmcblistmutex);
@@ -183,7 +183,7 @@ void timer_dispatch()
     }
 }
 
-// The period is a tick and the time that a pass takes; nothing compensates for the drift, on purpose.
+// Deliberate: the period is a tick plus the time of a pass. Nothing makes up for the drift.
 void TimerTask(UInt32, UInt32, UInt32, UInt32)
 {
     for (;;) {
@@ -231,8 +231,8 @@ bool ProcessorIsMpc8349()
     return std::any_of(std::begin(kFiles), std::end(kFiles), NamesMpc8349);
 }
 
-// Maps the clock and starts it. On any other machine nobody's physical memory is touched, and rtcp
-// stays null as it does when the mapping fails.
+// Maps the clock and starts it. On any other machine no physical memory is touched. rtcp then stays null, as it does if
+// the mapping fails.
 void init_rtcp()
 {
     const CancelOffHold hold;

@@ -25,7 +25,8 @@ UInt32 sm_create(const char *name, UInt32 count, UInt32 /*flags*/, UInt32 *smid_
     const int result = InitPriorityMutex(&smcb->mutex);
     if (count == 0)
         os_assert(pthread_mutex_lock(&smcb->mutex) == 0, "pthread_mutex_lock(&smcb->mutex) == 0");
-    // Deliberately only a negative result: the (positive) error numbers of the C library do not count.
+    // Deliberate: only a negative result is a failure. The error numbers of the C library are positive and do not
+    // count.
     if (result < 0) {
         low_free(smcb);
         return kSmNoMemory;
