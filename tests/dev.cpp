@@ -143,6 +143,7 @@ TEST(Requests, CarryTheCallingTask)
     IORB write = Request();
     const UInt32 tid = StartTask("call", [&, devid = OpenDevice(1)] { dev_write(devid, &write); });
     EXPECT_TRUE(Eventually([] { return NumTasks() == 0; }));
+    dev_read(OpenDevice(1), &write); // which keeps a task that is given
     EXPECT_EQ(tid, write.taskID);
 }
 

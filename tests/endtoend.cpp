@@ -139,7 +139,7 @@ std::vector<Case> Replies()
          .findings = true},
         {.name = "micro_refused_three_times", .words = {"micro"}, .micro = "block5=nack,block6=nack,block7=nack"},
         {.name = "micro_unknown_verdict", .words = {"micro"}, .micro = "block3=verdict:42"},
-        {.name = "micro_verdict_late", .words = {"micro"}, .micro = "block4=late:400"},
+        {.name = "micro_verdict_late", .words = {"micro"}, .micro = "block4=late:400", .listened = 0.05},
         {.name = "micro_verdict_one_byte", .words = {"micro"}, .micro = "block4=first:1"},
         {.name = "micro_power_cut", .words = {"micro"}, .micro = "cut=7:middle"},
         {.name = "camera_version_late", .words = {"farsight"}, .status = 255, .camera = "version=late:600"},

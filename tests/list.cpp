@@ -106,8 +106,8 @@ TEST_P(Lists, ExtractFromAnyPlace)
     EXPECT_EQ(b.link.prev, &b.link);
     forms.enqueue(&list, &b.link);
     forms.extractIfPresent(&list, &a.link);
-    forms.enqueueIfAbsent(&list, &b.link);
     forms.enqueueIfAbsent(&list, &c.link);
+    forms.enqueueIfAbsent(&list, &b.link);
     EXPECT_EQ(Names(), "bc");
     forms.extractIfPresent(&list, &b.link);
     EXPECT_EQ(Names(), "c");

@@ -143,6 +143,8 @@ TEST(Filters, TablesHoldTen)
 TEST(LogFormat, Words)
 {
     EXPECT_EQ(logmsg_get_format(), kLogFormatProc);
+    logmsg_format_load();
+    EXPECT_EQ(logmsg_get_format(), 0) << "the setting is missing";
     for (const auto &[bits, text] : {std::pair{0, "\n"}, {5, "date level \n"}, {15, "date time level proc \n"}}) {
         EXPECT_EQ(logmsg_set_format(bits), 0);
         EXPECT_EQ(PrintedBy(logmsg_format_dump), text);

@@ -67,7 +67,7 @@ int CountOnce(void *which)
 TEST(Sleep, LastsAtLeastItsTicks)
 {
     EXPECT_GE(MillisecondsOf([] { tm_wkafter(125); }), 1250);
-    EXPECT_GE(MillisecondsOf([] { udelay(1030000); }), 1030);
+    EXPECT_EQ(MillisecondsOf([] { udelay(1030000); }) / 1015, 1) << "the second counts once";
     EXPECT_LT(MillisecondsOf([] { tm_wkafter(0); }), 1000);
 }
 
@@ -136,12 +136,12 @@ TEST(Timers, KeepTheirStateInReach)
 {
     UInt32 tmid = 0;
     EXPECT_EQ(timerid, 0u);
-    timesrun = -20; // passes in which nothing happens
+    timesrun = -5; // passes in which nothing happens
     EXPECT_GE(MillisecondsOf([&] {
                   tm_callback_after(1, &tmid, CountOnce, &zeroth);
                   EXPECT_TRUE(Eventually([] { return calls[0] == 1; }));
               }),
-              200);
+              50);
     tm_callback_after(100000, &tmid, CountOnce, &zeroth);
     const MutexHold hold(&tmcblistmutex);
     EXPECT_EQ(low_id(timerList), tmid);

@@ -27,6 +27,8 @@ TEST(Semaphores, AreTakenAndGivenBack)
     UInt32 smid = 0;
     for (void *block : {low_calloc(sizeof(SMCB)), low_calloc(sizeof(SMCB))})
         low_free(std::memset(block, 1, sizeof(SMCB))); // used before, to the last byte
+    EXPECT_EQ(*static_cast<char *>(low_calloc(sizeof(SMCB))), 0);
+    low_free(nullptr);
     ASSERT_EQ(sm_create("ab", 7, 0xFFFF, &smid), 0u);
     EXPECT_EQ(std::memcmp(low_pointer<char>(smid), "SEMAab\0", 8), 0);
     EXPECT_EQ(sm_p(smid, kSmNoWait, 0), 0u);
@@ -42,7 +44,8 @@ TEST(Semaphores, AreTakenAndGivenBack)
 TEST(Semaphores, WaitWithoutLimitWhateverTheyAreTold)
 {
     UInt32 smid = 0;
-    ASSERT_EQ(sm_create("wait", 0, 0, &smid), 0u);
+    ASSERT_EQ(sm_create("waits", 0, 0, &smid), 0u);
+    EXPECT_EQ(std::memcmp(low_pointer<char>(smid), "SEMAwait", 8), 0);
     std::atomic<bool> taken = false;
     std::thread waiter([&] {
         EXPECT_EQ(sm_p(smid, 0, 1), 0u);

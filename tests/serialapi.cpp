@@ -268,9 +268,9 @@ TEST_F(SerialApi, CrossesTheSingleDirectionsOfDisable)
     EXPECT_EQ(EnablesT(0, 0), after(Serial_Enable(kPort, SERIAL_DIRECTION_NONE), kBadParameter));
     fake.failures["ioctl"] = 2;
     const std::string end = ", Port: 1 Device Manager ioctl failed, err: 9\nSerial API Error - Unknown Error\n-34";
-    EXPECT_EQ("SERIALAPI: In ENABLE" + end, Trace([] { return Serial_Enable(kPort, SERIAL_DIRECTION_RX); }));
     EXPECT_EQ("SERIALAPI: In DISABLE" + end, Trace([] { return Serial_Disable(kPort, SERIAL_DIRECTION_TX); }));
-    EXPECT_EQ((std::vector<unsigned long>{0, 0, 1, 1, 0, 1}), fake.reception);
+    EXPECT_EQ("SERIALAPI: In ENABLE" + end, Trace([] { return Serial_Enable(kPort, SERIAL_DIRECTION_RX); }));
+    EXPECT_EQ((std::vector<unsigned long>{0, 0, 1, 1, 1, 0}), fake.reception);
     EXPECT_EQ(EnablesT(0, 0), after(kNoError)) << "a refused request changes nothing";
     EXPECT_EQ(EnablesT(1, 1), after(Serial_Enable(kPort, SERIAL_DIRECTION_BOTH)));
     EXPECT_EQ(EnablesT(0, 0), after(static_cast<eErrorT>(ReleaseUpdatePort(kPort))));
@@ -301,9 +301,6 @@ TEST_F(SerialApi, ClosesTheScriptsSessionsOnOtherBoards)
     SetSystemHardwareType(kQuillmark);
     Serial_Init();
     EXPECT_EQ("./config_port close ttyFPGAS4\n./config_port close ttyFPGAS5\n", fake.Receive(99, fake.commands[0]));
-    fake.failures["relay"] = 1;
-    EXPECT_EQ("SERIALAPI: In PSH CLOSE, Port: 7 System call failed, err: -1\n-34",
-              Trace([] { return Serial_Close_PSH(7); }));
 }
 
 TEST_F(SerialApi, LeavesAPortOfTheScriptAlone)
@@ -312,6 +309,9 @@ TEST_F(SerialApi, LeavesAPortOfTheScriptAlone)
     EXPECT_EQ(kNoError, Serial_Open_PSH(kCpuPort, &cfg));
     EXPECT_EQ("./config_port close ttyS1\n./config_port open ttyS1 9600 7 none 2 dtrdsr\n",
               fake.Receive(99, fake.commands[0]));
+    fake.failures["relay"] = 1;
+    EXPECT_EQ("SERIALAPI: In PSH CLOSE, Port: 4 System call failed, err: -1\n-34",
+              Trace([] { return Serial_Close_PSH(kCpuPort); }));
     EXPECT_EQ(kAlreadyInUse, Serial_Open_PSH(kCpuPort, &cfg));
     EXPECT_EQ(kAlreadyInUse, Open(kCpuPort));
     EXPECT_EQ((std::vector<int>{-25, 0, 0, -25, -25, 0}), EveryCall(kCpuPort));

@@ -51,10 +51,11 @@ TEST(Updates, CountTheBlocksOfTheImagesThatTheyAreAskedFor)
 
 TEST(Updates, CloseAnImageThatCannotBeRead)
 {
-    FarSightUpdateInfoS camera = {Folder(), 0, 1, 3, nullptr, 0, 0, 3};
-    EXPECT_EQ(Printed(kFuncReturnedError, [&] { return SendNextFarSightDataBlock(&camera); }),
-              "bytes read: -1 ...\n\nReading 64512 bytes from file: farsightcam.bin failed, err: -1, ABORT FarSight "
-              "camera image programming....\n");
+    FarSightUpdateInfoS camera = {Folder(), 0, 1, 3, Folder(), 0, 1, 3};
+    for (const std::string image : {"camera", "system"})
+        EXPECT_EQ(Printed(kFuncReturnedError, [&] { return SendNextFarSightDataBlock(&camera); }),
+                  "bytes read: -1 ...\n\nReading 64512 bytes from file: farsight" + image.substr(0, 3) +
+                      ".bin failed, err: -1, ABORT FarSight " + image + " image programming....\n");
     EXPECT_EQ(camera.farsight_cam_file, nullptr);
     HaldenMicroUpdateInfoS micro = {Folder(), 0, 12, 3};
     EXPECT_EQ(Printed(kFuncReturnedError, [&] { return SendNextMicroDataBlock(&micro); }),
