@@ -291,8 +291,8 @@ TEST(SerialErrors, HaveATextAndAResult)
         {9, "Serial API Error - Unknown Error\n-34"},
         {48, "0"},
     };
-    for (const auto &[error, trace] : rows)
-        EXPECT_EQ(trace, Trace([error] { return Serial_Get_AppErr(DevMgrSerial_error_t(error)); })) << error;
+    for (const auto &row : rows)
+        EXPECT_EQ(row.second, Trace([&] { return Serial_Get_AppErr(DevMgrSerial_error_t(row.first)); })) << row.first;
 }
 
 TEST_F(SerialApi, ClosesTheScriptsSessionsOnOtherBoards)

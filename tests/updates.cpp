@@ -9,6 +9,7 @@
 
 #include <chrono>
 #include <csignal>
+#include <fcntl.h>
 #include <functional>
 #include <unistd.h>
 
@@ -72,6 +73,7 @@ TEST(Updates, TellTheNumberOfABlockThatIsNotSent)
         "sending dataBlockNumber: 258 -- msgSize:2 ...\n"
         "Error, sendFarSightFlashDataBlock() -- Wrong flashType:0 ...\n");
     HaldenMicroUpdateInfoS micro = {OpenImage("/dev/null"), 0x102, 0x103, 3}; // nothing is left of the image
+    EXPECT_NE(fcntl(fileno(micro.micro_file), F_GETFD) & FD_CLOEXEC, 0);
     EXPECT_EQ(Printed(kFuncReturnedError, [&] { return SendNextMicroDataBlock(&micro); }),
               "bytes read: 0 ...\n\nLast block read_cnt: 0 of file: haldenmicro.bin \n"
               "Flashing Halden Micro Controller Image block[258] Iteration[1] ...\n"
