@@ -170,8 +170,8 @@ std::vector<Case> Files()
          .prepare = [] { Linked("farsightcamver", kClaimsMore); Linked("farsightsysver", kClaimsMore); }},
         {.name = "version_files_odd", .words = {"farsight", "q"}, .status = 1,
          .prepare = [] { Put("farsightcamver", "1234567890"); Put("farsightsysver", std::string("\0\xFF\x80", 3)); }},
-        {.name = "camera_image_grows", .words = {"-p", "progress", "200", "300", "farsight"}, .camera = "block0=late:700",
-         .progress = true,
+        {.name = "camera_image_grows", .words = {"-p", "progress", "200", "300", "farsight"},
+         .camera = "block0=late:700", .progress = true,
          .seen = [](const std::string &) { fs::resize_file("farsightcam.bin", 9 * kCameraBlock); }},
     };
 }
