@@ -55,7 +55,7 @@ Bytes Ask(Device &device, const Bytes &message)
 }
 
 const Bytes kStatusRequest = FrameOf(0x44, {1}), kQuery = {0x82, 0x06, 0x77}, kRetry = FrameOf(0x48, {});
-const Bytes kAcked = {0x15, 0x06}, kNacked = {0x15, 0x0F};
+const Bytes kAcked = {0x15, 0x06};
 
 // ---- Frames
 
@@ -137,51 +137,6 @@ protected:
     Camera camera{{"0001", "0002"}, {"00A1", "00A2"}};
 };
 
-TEST_F(Devices, MicroTakesAnImageAndItsVersion)
-{
-    micro.PowerOn();
-    EXPECT_EQ(Ask(micro, kStatusRequest).at(4), 0x20);
-    for (unsigned block = 0; block < 12; ++block) {
-        EXPECT_EQ(micro.version(), 0x20);
-        EXPECT_EQ(Ask(micro, MicroBlock(block, block < 3 ? 512 : block == 3 ? 100 : 0)), kAcked);
-    }
-    EXPECT_EQ(micro.version(), 0xFE);
-    EXPECT_EQ(micro.flash(), Bytes(3 * 512 + 100, 0xFE));
-    EXPECT_EQ(micro.findings(), Texts());
-    EXPECT_EQ(micro.transcript().at(2), "> block 0 with 512 bytes, 1034 bytes, CRC-32 3B6EA640");
-}
-
-TEST_F(Devices, MicroMissesABlockThatWasOnlyRetried)
-{
-    micro.faults = ParseFaults("block1=nack");
-    micro.PowerOn();
-    EXPECT_EQ(Ask(micro, MicroBlock(0)), kAcked);
-    EXPECT_EQ(Ask(micro, MicroBlock(1)), kNacked);
-    EXPECT_EQ(Ask(micro, kRetry), kAcked);
-    EXPECT_EQ(Ask(micro, MicroBlock(2)), kAcked);
-    EXPECT_EQ(micro.findings(), Texts());
-    EXPECT_EQ(micro.transcript().at(4), "> retry of block 1, 7 bytes: FF 48 00 03 00 00 00");
-    Bytes held(3 * 512, 0xFE);
-    std::fill_n(held.begin() + 512, 512, 0xFF);
-    EXPECT_EQ(micro.flash(), held);
-}
-
-TEST_F(Devices, CameraTakesBothImagesAndTheirVersions)
-{
-    camera.PowerOn();
-    EXPECT_EQ(Describe(Ask(camera, kQuery)), "13 bytes: A0 71 72 73 74 30 30 41 31 30 30 30 31");
-    EXPECT_EQ(Ask(camera, FlashMode(5, 2, 1)).size(), 4U);
-    EXPECT_EQ(Ask(camera, BlockOf(0x88, 0, Camera::kBlockSize)), kAcked);
-    EXPECT_EQ(camera.camera.version, "0001");
-    EXPECT_EQ(Ask(camera, BlockOf(0x88, 1, 1)), kAcked);
-    EXPECT_EQ(camera.camera.version, "0002");
-    EXPECT_EQ(Ask(camera, BlockOf(0x89, 0, 300)), kAcked);
-    EXPECT_EQ(camera.system.version, "00A2");
-    EXPECT_EQ(camera.camera.contents, Bytes(Camera::kBlockSize + 1, 0xFE));
-    EXPECT_EQ(camera.system.contents, Bytes(300, 0xFE));
-    EXPECT_EQ(camera.findings(), Texts());
-}
-
 TEST_F(Devices, FindWhatTheHostMayNotDo)
 {
     const struct {
@@ -222,41 +177,6 @@ TEST_F(Devices, FindWhatTheHostMayNotDo)
         device.PowerOff();
         EXPECT_EQ(device.findings(), Texts{finding});
     }
-}
-
-TEST_F(Devices, PlayTheFaultsOfTheirScripts)
-{
-    micro.faults = ParseFaults("noise=1213,version=first:2,version=late:70,block0=verdict:55,block0=noise:5A,block1="
-                               "none,block2=first:1,block3=late:9,cut=4");
-    micro.PowerOn();
-    for (const Bytes &message :
-         {kStatusRequest, MicroBlock(0), MicroBlock(0), MicroBlock(1), MicroBlock(2), MicroBlock(3), kStatusRequest})
-        Ask(micro, message);
-    camera.faults = ParseFaults("mode=none");
-    camera.PowerOn();
-    Ask(camera, FlashMode(3, 1, 0));
-    Texts answers;
-    for (const Texts &transcript : {micro.transcript(), camera.transcript()})
-        std::copy_if(transcript.begin(), transcript.end(), std::back_inserter(answers),
-                     [](const string &line) { return line[0] != '>'; });
-    EXPECT_EQ(answers, (Texts{"< noise, 2 bytes: 12 13", "< version 20, cut to 2 bytes: FF 14, 70 ms late",
-                              "< noise, 1 byte: 5A", "< unknown verdict, 2 bytes: 15 55", "< ack, cut to 0 bytes",
-                              "< ack, cut to 1 byte: 15", "< ack, 2 bytes: 15 06, 9 ms late", "* power cut at block 4",
-                              "< flash mode, cut to 0 bytes"}));
-    EXPECT_EQ(micro.flash().size(), 3 * 512U) << "an unknown verdict acknowledges nothing";
-}
-
-TEST_F(Devices, LosePowerInTheMiddleAndKeepWhatTheyHold)
-{
-    micro.faults = ParseFaults("cut=1:middle,version=late:70");
-    micro.PowerOn();
-    EXPECT_EQ(micro.Receive(kStatusRequest).at(0).delayMs, 70);
-    EXPECT_EQ(Ask(micro, MicroBlock(0)), kAcked);
-    const Bytes begun = MicroBlock(1);
-    Ask(micro, Bytes(begun.begin(), begun.begin() + 525));
-    EXPECT_EQ(micro.transcript().back(), "* power cut in the middle of block 1");
-    micro.PowerOn();
-    EXPECT_EQ(micro.flash(), Bytes(512, 0xFE));
 }
 
 // ---- Runs

@@ -62,37 +62,30 @@ TEST_F(Tree, IsTrueInEveryOrderOfSevenKeys)
     } while (!HasFailure() && std::next_permutation(keys.begin(), keys.end()));
 }
 
-struct OrderCase {
-    const char *name;
-    UInt32 (*key)(UInt32); // the i-th key of 500
-};
-
-class TreeOrder : public Tree, public testing::WithParamInterface<OrderCase>
+TEST_F(Tree, StaysBalancedAndFindsWhatWasStored)
 {
-};
-
-TEST_P(TreeOrder, StaysBalancedAndFindsWhatWasStored)
-{
-    Keys keys(500);
-    std::iota(keys.begin(), keys.end(), 0u);
-    std::transform(keys.begin(), keys.end(), keys.begin(), GetParam().key);
-    Fill(keys);
-    for (const UInt32 key : keys) {
-        EXPECT_EQ(SearchTree(handle, key), &objects[key]);
-        const auto next = objects.find(key + 1);
-        EXPECT_EQ(SearchTree(handle, key + 1), next != objects.end() ? &next->second : nullptr);
+    UInt32 (*const orders[])(UInt32) = {
+        [](UInt32 i) { return 2 * i; },
+        [](UInt32 i) { return 0xFFFFFFF0 - 2 * i; },
+        [](UInt32 i) { return i % 2 == 0 ? i : 0xFFFFFFFF - i; },
+        [](UInt32 i) { return i % 2 == 0 ? 0x80000000 + i : 0x80000000 - i; },
+        [](UInt32 i) { return i * 0x9E3779B1; },
+        [](UInt32 i) { return static_cast<UInt32>(std::mt19937(i)()); },
+    };
+    for (auto *order : orders) {
+        Keys keys(500);
+        std::iota(keys.begin(), keys.end(), 0u);
+        std::transform(keys.begin(), keys.end(), keys.begin(), order);
+        objects.clear();
+        Fill(keys);
+        for (const UInt32 key : keys) {
+            EXPECT_EQ(SearchTree(handle, key), &objects[key]);
+            const auto next = objects.find(key + 1);
+            EXPECT_EQ(SearchTree(handle, key + 1), next != objects.end() ? &next->second : nullptr);
+        }
+        DestroyTree(handle);
     }
 }
-
-const OrderCase kOrders[] = {
-    {"Ascending", [](UInt32 i) { return 2 * i; }},
-    {"Descending", [](UInt32 i) { return 0xFFFFFFF0 - 2 * i; }},
-    {"OutsideIn", [](UInt32 i) { return i % 2 == 0 ? i : 0xFFFFFFFF - i; }},
-    {"InsideOut", [](UInt32 i) { return i % 2 == 0 ? 0x80000000 + i : 0x80000000 - i; }},
-    {"Scattered", [](UInt32 i) { return i * 0x9E3779B1; }},
-    {"Random", [](UInt32 i) { return static_cast<UInt32>(std::mt19937(i)()); }},
-};
-INSTANTIATE_TEST_SUITE_P(Keys, TreeOrder, testing::ValuesIn(kOrders), [](auto &i) { return i.param.name; });
 
 TEST_F(Tree, IsEmptyAtFirstAndAfterDestroying)
 {

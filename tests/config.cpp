@@ -33,22 +33,12 @@ TEST(Config, DumpsTheItemsOfABucketInTheOrderInWhichTheyCame)
     EXPECT_LT(text.find("\nk2[0] "), text.find("\nk1[0] ")) << text;
 }
 
-// How far a file may grow, until the end of the scope.
-class FileLimit
+// How far a file may grow.
+void LimitFiles(rlim_t size)
 {
-public:
-    explicit FileLimit(rlim_t size) { Set(size), std::signal(SIGXFSZ, SIG_IGN); }
-    ~FileLimit() { Set(RLIM_INFINITY); }
-    FileLimit(const FileLimit &) = delete;
-    FileLimit &operator=(const FileLimit &) = delete;
-
-private:
-    static void Set(rlim_t size)
-    {
-        const rlimit limit = {size, RLIM_INFINITY};
-        setrlimit(RLIMIT_FSIZE, &limit);
-    }
-};
+    const rlimit limit = {size, RLIM_INFINITY};
+    setrlimit(RLIMIT_FSIZE, &limit);
+}
 
 TEST(Config, KeepsItemsInTheCache)
 {
@@ -107,17 +97,16 @@ TEST(Config, KeepsTheFileThatItCannotReplace)
     const ConfigFolders folders;
     const std::string x(5000, 'x');
     folders.Put("dat/item.dat", "default\n");
-    {
-        const FileLimit full(300);
-        testing::internal::CaptureStderr();
-        EXPECT_EQ(ConfigWrite("item", 0, x.c_str()), kBadParameter);
-    }
+    std::signal(SIGXFSZ, SIG_IGN);
+    LimitFiles(300);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(ConfigWrite("item", 0, x.c_str()), kBadParameter);
+    LimitFiles(RLIM_INFINITY); // also of what was captured
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "ConfigStoreWrite: fwrite: File too large\n");
     EXPECT_EQ(Read("item"), x.substr(0, 370));
-    {
-        const FileLimit full(0);
-        EXPECT_EQ(ConfigWrite("item", 0, ""), kBadParameter);
-    }
+    LimitFiles(0);
+    EXPECT_EQ(ConfigWrite("item", 0, ""), kBadParameter);
+    LimitFiles(RLIM_INFINITY);
     EXPECT_EQ(folders.Get("dat/item.dat"), "default\n");
     EXPECT_EQ(Read("item"), "default"); // an empty value is looked for in the file, and does not come back from there
     EXPECT_STREQ(LookupItemInCache("item", 0)->value, "");

@@ -37,24 +37,20 @@ std::string Names()
 // Every operation in its two forms.
 struct Forms {
     const char *name;
-    void (*enqueue)(ListT **, ListT *);
-    ListT *(*dequeue)(ListT **);
-    ListT *(*extract)(ListT **, ListT *);
-    void (*insertAfter)(ListT **, ListT *, ListT *);
-    void (*insertBefore)(ListT **, ListT *, ListT *);
-    void (*push)(ListT **, ListT *);
-    void (*extractIfPresent)(ListT **, ListT *);
-    void (*enqueueIfAbsent)(ListT **, ListT *);
-    Int32 (*length)(ListT **);
-    Boolean (*isEmpty)(ListT **);
+    decltype(&ListEnqueue) enqueue, push, extractIfPresent, enqueueIfAbsent;
+    decltype(&ListInsertAfter) insertAfter, insertBefore;
+    decltype(&ListDequeue) dequeue;
+    decltype(&ListExtract) extract;
+    decltype(&ListLen) length;
+    decltype(&ListIsEmpty) isEmpty;
 };
-constexpr Forms kUnprot = {"Unprot",          ListEnqueueUnprot,          ListDequeueUnprot,
-                           ListExtractUnprot, ListInsertAfterUnprot,      ListInsertBeforeUnprot,
-                           ListPushUnprot,    ListExtractIfPresentUnprot, ListEnqueueIfAbsentUnprot,
-                           ListLenUnprot,     ListIsEmptyUnprot};
-constexpr Forms kLocked = {"Locked",         ListEnqueue, ListDequeue,          ListExtract,         ListInsertAfter,
-                           ListInsertBefore, ListPush,    ListExtractIfPresent, ListEnqueueIfAbsent, ListLen,
-                           ListIsEmpty};
+#define FORMS(name, end)                                                                                               \
+    {                                                                                                                  \
+        name, ListEnqueue##end, ListPush##end, ListExtractIfPresent##end, ListEnqueueIfAbsent##end,                    \
+            ListInsertAfter##end, ListInsertBefore##end, ListDequeue##end, ListExtract##end, ListLen##end,             \
+            ListIsEmpty##end                                                                                           \
+    }
+constexpr Forms kForms[] = {FORMS("Locked", ), FORMS("Unprot", Unprot)};
 
 class Lists : public testing::TestWithParam<Forms>
 {
@@ -179,7 +175,7 @@ TEST_P(Lists, StopOnMisuse)
     EXPECT_DEATH(ListPrevElement(list, nullptr), "failed: pElem,");
 }
 
-INSTANTIATE_TEST_SUITE_P(Forms, Lists, testing::Values(kUnprot, kLocked), [](auto &i) { return i.param.name; });
+INSTANTIATE_TEST_SUITE_P(Forms, Lists, testing::ValuesIn(kForms), [](auto &i) { return i.param.name; });
 
 TEST(ListSearch, VisitsEveryElementOnce)
 {

@@ -41,19 +41,6 @@ const ConfigFolders *folders;
 UInt32 results[2], shared, child;
 char ignored[kConfigValueSize]; // what a part reads and nobody looks at
 
-// Standard output goes to a file that may be cut.
-void CaptureOutput()
-{
-    testing::internal::CaptureStdout();
-    fcntl(STDOUT_FILENO, F_SETFL, O_APPEND);
-}
-std::string Printed(void (*work)())
-{
-    CaptureOutput();
-    work();
-    return testing::internal::GetCapturedStdout();
-}
-
 enum KindT {
     kTwoTasks,
     kWriter,     // the second player is the log writer's task
@@ -100,13 +87,6 @@ void StartLog()
     schedule::refuseThreads = false;
 }
 
-void StartThreads()
-{
-    for (unsigned i = 0; i < 2; i++)
-        std::thread(schedule::Work, i).detach();
-    schedule::AwaitWorkers();
-}
-
 void StartTasks(bool withWriter)
 {
     schedule::refuseThreads = true;
@@ -122,7 +102,8 @@ void StartTasks(bool withWriter)
 
 bool RunOnce(const PairT &pair, unsigned first, unsigned stop)
 {
-    CaptureOutput();
+    testing::internal::CaptureStdout();
+    fcntl(STDOUT_FILENO, F_SETFL, O_APPEND); // a set-up may cut the file
     pair.setUp();
     const schedule::PartT parts[] = {pair.first, pair.second};
     const bool more = schedule::Run(parts, first, stop);
@@ -137,7 +118,9 @@ bool RunInNewProcess(const PairT &pair, unsigned first, unsigned stop)
     std::fflush(stdout);
     const pid_t pid = fork();
     if (pid == 0) {
-        StartThreads();
+        for (unsigned i = 0; i < 2; i++)
+            std::thread(schedule::Work, i).detach();
+        schedule::AwaitWorkers();
         const bool more = RunOnce(pair, first, stop);
         std::fflush(stdout);
         syscall(SYS_exit_group, testing::Test::HasFailure() ? 1 : more ? 0 : 2); // a sanitizer's _exit takes a second
@@ -149,9 +132,7 @@ bool RunInNewProcess(const PairT &pair, unsigned first, unsigned stop)
     return code == 0;
 }
 
-class Orders : public testing::TestWithParam<PairT>
-{
-};
+using Orders = testing::TestWithParam<PairT>;
 
 TEST_P(Orders, KeepTheirWord)
 {

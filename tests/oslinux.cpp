@@ -1,15 +1,12 @@
 #include "Common/OS/linux/oslinux.h"
 
 #include "bench/rig/launcher.h"
+#include "tests/folders.h"
 #include "tests/tasks.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <filesystem>
-#include <fstream>
-#include <string>
 #include <sys/file.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -84,9 +81,9 @@ TEST(Commands, TellOfTheMachine)
 // The command that tells about the root notes that it runs, and waits for a gate.
 TEST(Commands, DoNotWaitForEachOther)
 {
-    std::string name = std::filesystem::temp_directory_path() / "haldenflash.XXXXXX";
-    const std::filesystem::path folder = mkdtemp(name.data());
-    std::ofstream(folder / "mount") << "#!/bin/sh\n: > $0.$$\n: < $0.gate\n";
+    const ConfigFolders folders;
+    const std::filesystem::path folder = folders.root() / "work";
+    folders.Put("work/mount", "#!/bin/sh\n: > $0.$$\n: < $0.gate\n");
     std::filesystem::permissions(folder / "mount", std::filesystem::perms::owner_all);
     mkfifo((folder / "mount.gate").c_str(), 0600);
     setenv("PATH", (folder.string() + ":" + std::getenv("PATH")).c_str(), 1);
@@ -98,7 +95,6 @@ TEST(Commands, DoNotWaitForEachOther)
     EXPECT_EQ(is_NFS(), 0u); // by heart
     EXPECT_EQ(files(), 4);
     close(gate);
-    std::filesystem::remove_all(folder);
 }
 
 TEST(Commands, StopOnANullPointer)

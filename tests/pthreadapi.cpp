@@ -193,24 +193,6 @@ TEST_P(Deletion, DecidesWhoFindsItself)
     EXPECT_EQ(found, GetParam() == 1 ? 0u : kTaskNotFound);
 }
 
-// Thread handles are used again at once, while the tasks that had them are still being taken out.
-TEST_P(Deletion, ByManyAtOnceKeepsTheTreeWhole)
-{
-    std::thread threads[4];
-    for (std::thread &thread : threads)
-        thread = std::thread([] {
-            for (int round = 0; round < 100; round++) {
-                const UInt32 tid = NewTask("many");
-                t_start(
-                    tid, 0, [](auto...) { tm_wkafter(100000); }, nullptr);
-                t_delete(tid);
-            }
-        });
-    for (std::thread &thread : threads)
-        thread.join();
-    EXPECT_EQ(NumTasks(), 0);
-}
-
 // Deleters that are deleted by their target, one of which waits for the other, are spared, and see it end.
 TEST_P(Deletion, OfADeleterLetsItFinish)
 {
@@ -288,34 +270,26 @@ TEST(Tasks, AreDeletedByAThreadWithTheHandleOfAnEndedOne)
     EXPECT_EQ(NumTasks(), 1);
 }
 
-TEST(Tasks, ThatAreAttachedAndDetachedAreDeletedAtTheirEnd)
+TEST(Tasks, ThatAreDetachedAreDeletedAtTheirEnd)
 {
     std::atomic<UInt32> tid = 0;
     std::atomic<bool> ended = false;
-    std::thread([&] {
+    const auto run = [&] {
         const CancelOffHold hold;
-        t_attach("free", 5);
         tid = Self();
         tm_wkafter(5);
         ended = true;
-    }).detach();
-    ASSERT_TRUE(Eventually([&] { return tid != 0; }));
-    t_delete(tid);
-    EXPECT_TRUE(ended);
-    EXPECT_EQ(NumTasks(), 0);
-}
-
-TEST(Tasks, ThatDetachThemselvesAreDeletedAtTheirEnd)
-{
-    std::atomic<bool> detached = false;
-    const UInt32 tid = StartTask("self", [&] {
-        pthread_detach(pthread_self());
-        detached = true;
-        tm_wkafter(100000);
-    });
-    ASSERT_TRUE(Eventually([&] { return detached.load(); }));
-    t_delete(tid);
-    EXPECT_EQ(NumTasks(), 0);
+    };
+    const std::function<void()> starts[] = {[&] { StartTask("self", [&] { pthread_detach(pthread_self()), run(); }); },
+                                            [&] { std::thread([&] { t_attach("free", 5), run(); }).detach(); }};
+    for (const auto &start : starts) {
+        tid = 0, ended = false;
+        start();
+        ASSERT_TRUE(Eventually([&] { return tid != 0; }));
+        t_delete(tid);
+        EXPECT_TRUE(ended);
+        EXPECT_EQ(NumTasks(), 0);
+    }
 }
 
 // A thread on a block that is not a new task's would end up in a list that it is not in.

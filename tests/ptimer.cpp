@@ -112,26 +112,6 @@ TEST(Timers, RepeatUntilCancelledAndZeroTicksNeverFire)
     EXPECT_EQ(Printed([=] { tm_cancel(repeating); }), text);
 }
 
-TEST(Timers, SendEventsToTheirTask)
-{
-    std::atomic<int> every = 0, once = 0;
-    std::atomic<bool> done = false;
-    StartTask("evnt", [&] {
-        UInt32 tmid = 0, events = 0, repeating = 0;
-        tm_evafter(4, 0x10, &tmid);
-        tm_evevery(2, 0x20, &repeating);
-        while (every < 5 && ev_receive(0x30, kEvAny, 200, &events) == 0) {
-            every += (events & 0x20) != 0;
-            once += (events & 0x10) != 0;
-        }
-        tm_cancel(repeating);
-        done = true;
-    });
-    EXPECT_TRUE(Eventually([&] { return done.load(); }));
-    EXPECT_EQ(every, 5);
-    EXPECT_EQ(once, 1);
-}
-
 TEST(Timers, KeepTheirStateInReach)
 {
     UInt32 tmid = 0;
@@ -186,9 +166,7 @@ struct MachineCase {
     bool isMpc8349;
 };
 
-class Machine : public testing::TestWithParam<MachineCase>
-{
-};
+using Machine = testing::TestWithParam<MachineCase>;
 
 // Its memory is touched on a PowerPC that is one, and nowhere else.
 TEST_P(Machine, HasAClockOrNot)

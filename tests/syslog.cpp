@@ -114,32 +114,6 @@ TEST(LogRing, GoesRoundWithoutALoss)
 #endif
 }
 
-// Adds lines while the writer cannot print, because this thread holds standard output.
-TEST(LogRing, OverflowLosesLinesAndSaysSo)
-{
-    const std::string overflow = "WARN   pc[0]: SYSLOG QUEUE OVERFLOW\n";
-    LogWriter writer(kLogFormatLevel);
-    for (int i = 0; i < 20; i++) // the wrap does not look at the head, so it must not lie at the start
-        syslogAdd(Line(i, 10000).c_str(), 0);
-    writer.Drained();
-    testing::internal::CaptureStderr();
-    flockfile(stdout);
-    for (int i = 0; i < 60; i++)
-        syslogAdd(Line(i, 10000).c_str(), 0);
-    funlockfile(stdout);
-    std::string said = testing::internal::GetCapturedStderr();
-    std::string text = writer.Until(overflow); // before that a mark would be lost as well
-    text += writer.Drained();
-    const std::size_t lost = RemoveAll(said, overflow), announced = RemoveAll(text, overflow);
-    std::size_t printed = 0;
-    for (int i = 0; i < 60; i++)
-        printed += RemoveAll(text, Line(i, 10000));
-    EXPECT_EQ(text + said, "");
-    EXPECT_EQ(printed + lost, 60u);
-    EXPECT_GE(printed, 50u); // the ring holds 52 of them
-    EXPECT_LE(announced, lost);
-}
-
 // What a task does that waits for something. Only with gLibPThreadNPTL 1.
 bool Sleeps(UInt32 task)
 {
