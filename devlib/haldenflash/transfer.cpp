@@ -50,7 +50,7 @@ eErrorT FinishImage(const Transfer &image)
 Int32 FillBlock(UInt8 *block, const Transfer &image)
 {
     const ImageRow &row = image.row;
-    std::memset(block, 0, static_cast<size_t>(kNumberSize + row.blockSize));
+    std::memset(block, 0, size_t{kNumberSize} + static_cast<size_t>(row.blockSize));
     block[0] = static_cast<UInt8>(*image.currentBlock >> 8);
     block[1] = static_cast<UInt8>(*image.currentBlock);
     const Int32 count = ReadImage(*image.file, block + kNumberSize, row.blockSize);
