@@ -87,6 +87,8 @@ TEST_F(Mod, TableIsFullAtFourThousand)
     EXPECT_PRED2(Matches, Printed([] { ModDumpByName("Cfg"); }),
                  kHeading + "cfg\\[3] {15}.{8} main  I   \nCFG\\[-2147483648]     .{8} main AI   \n"
                             "  callbacks: 2147483647:0x.+ 5:0x.+ \n");
+    EXPECT_EQ(ModDeleteExceptionHandler(&last, count, nullptr), kNoError);
+    EXPECT_EQ(ModDeleteExceptionHandler(&last, count, nullptr), kItemNotFound);
 }
 
 TEST_F(Mod, MisuseStopsTheProgram)
@@ -329,7 +331,9 @@ TEST_F(Callbacks, RunInTheirOrderOnceEach)
     EXPECT_EQ(Call(), "");
     Add("aba"), Add("b", kModOnTask);
     EXPECT_EQ(Call(), "ab");
-    Delete('a'), Add("c");
+    Delete('a');
+    EXPECT_EQ(Call(), "b");
+    Add("c");
     EXPECT_EQ(Call(), "cb") << "the place is free";
 }
 

@@ -72,6 +72,9 @@ TEST(Updates, TellTheNumberOfABlockThatIsNotSent)
         Printed(kBadParameter, [&] { return sendFarSightFlashDataBlock(block, 2, CONTROLLER_FLASH_TYPE_HALDENMICRO); }),
         "sending dataBlockNumber: 258 -- msgSize:2 ...\n"
         "Error, sendFarSightFlashDataBlock() -- Wrong flashType:0 ...\n");
+    EXPECT_EQ(Printed(kBadParameter,
+                      [&] { return sendFarSightFlashDataBlock(block, 0, CONTROLLER_FLASH_TYPE_FARSIGT_SYSTEM_FW); }),
+              "########### zero size data block ....\n");
     HaldenMicroUpdateInfoS micro = {OpenImage("/dev/null"), 0x102, 0x103, 3}; // nothing is left of the image
     EXPECT_NE(fcntl(fileno(micro.micro_file), F_GETFD) & FD_CLOEXEC, 0);
     EXPECT_EQ(Printed(kFuncReturnedError, [&] { return SendNextMicroDataBlock(&micro); }),
