@@ -329,6 +329,7 @@ struct Callbacks : Mod {
 TEST_F(Callbacks, RunInTheirOrderOnceEach)
 {
     EXPECT_EQ(Call(), "");
+    ModAddCallback(&mod, 2, Note, &names[0], 0); // of another function
     Add("aba"), Add("b", kModOnTask);
     EXPECT_EQ(Call(), "ab");
     Delete('a');
