@@ -8,28 +8,16 @@ namespace bench
 namespace
 {
 
-const Bytes kQuery = {0x82, 0x06, 0x77};
-const Bytes kFlashMode = {0x87, 0x43, 0x72};
-constexpr std::size_t kFlashModeSize = 8;
-constexpr std::uint8_t kCameraBlock = 0x88;
-constexpr std::uint8_t kSystemBlock = 0x89;
-constexpr std::size_t kNumberSize = 2;
-
 // Values of the fourth byte of the flash mode message.
 constexpr std::uint8_t kSystemOnly = 1;
 constexpr std::uint8_t kCameraOnly = 3;
 constexpr std::uint8_t kBoth = 5;
 
-unsigned Word(const Bytes &bytes, std::size_t offset)
-{
-    return bytes[offset] * 256U + bytes[offset + 1];
-}
-
 } // namespace
 
 bool Camera::IsBlock(std::uint8_t type) const
 {
-    return type == kCameraBlock || type == kSystemBlock;
+    return IsBlockType(kCameraPort, type);
 }
 
 void Camera::Forget()
@@ -40,18 +28,18 @@ void Camera::Forget()
 
 bool Camera::TakeRaw(std::uint8_t byte)
 {
-    if (wire_.empty() && byte != kQuery[0] && byte != kFlashMode[0])
+    if (wire_.empty() && byte != kVersionQueryBytes[0] && byte != kFlashModeHead[0])
         return false;
     wire_.push_back(byte);
-    const bool query = wire_[0] == kQuery[0];
-    const Bytes &head = query ? kQuery : kFlashMode;
+    const bool query = wire_[0] == kVersionQueryBytes[0];
+    const Bytes &head = query ? kVersionQueryBytes : kFlashModeHead;
     if (!std::equal(head.begin(), head.begin() + static_cast<int>(std::min(wire_.size(), head.size())),
                     wire_.begin())) {
         Finding("unknown message, " + Describe(wire_));
         wire_.clear();
         return byte != 0xFF; // which may be the start of a frame
     }
-    if (wire_.size() == (query ? kQuery.size() : kFlashModeSize)) {
+    if (wire_.size() == (query ? kVersionQueryBytes.size() : kFlashModeSize)) {
         query ? TakeQuery() : TakeFlashMode();
         wire_.clear();
     }
@@ -86,9 +74,9 @@ void Camera::TakeFlashMode()
 
 void Camera::HandleFrame(const Frame &frame)
 {
-    if (frame.type == kCameraBlock) {
+    if (frame.type == kCameraBlockType) {
         TakeBlock(camera, "camera", frame.data);
-    } else if (frame.type == kSystemBlock) {
+    } else if (frame.type == kSystemBlockType) {
         TakeBlock(system, "system", frame.data);
     } else {
         Heard(Format("frame of type %02X", frame.type));

@@ -8,8 +8,6 @@
 namespace bench
 {
 
-inline constexpr int kCameraPort = 0; // number of its device file
-
 class Camera : public Device
 {
 public:

@@ -107,7 +107,7 @@ void Device::Answer(const std::string &what, Bytes bytes, const ReplyFault &faul
         line += Format(", %d ms late", fault.lateMs);
     transcript_.push_back(line);
     if (!bytes.empty())
-        replies_.push_back({std::move(bytes), fault.lateMs});
+        replies_.push_back({std::move(bytes), std::chrono::milliseconds(fault.lateMs)});
 }
 
 void Device::AnswerNoise(const Bytes &noise)
@@ -129,10 +129,9 @@ std::uint8_t Device::AnswerBlock(bool acceptable)
     std::uint8_t verdict = acceptable ? kAck : kNack;
     if (found.verdict >= 0)
         verdict = static_cast<std::uint8_t>(found.verdict);
-    const char *name = verdict == kAck ? "ack" : verdict == kNack ? "nack" : "unknown verdict";
     AnswerNoise(found.noise);
     // The host does not look at the first byte. It is no verdict, so a host that takes it for one is noticed.
-    Answer(name, {0x15, verdict}, found.reply);
+    Answer(VerdictName(verdict), {0x15, verdict}, found.reply);
     return verdict;
 }
 

@@ -11,37 +11,27 @@
 #pragma once
 
 #include "bench/devices/faults.h"
-#include "bench/devices/frame.h"
-
-#include <span>
+#include "bench/devices/peer.h"
+#include "bench/devices/protocol.h"
 
 namespace bench
 {
 
-struct Reply {
-    Bytes bytes;
-    int delayMs = 0; // time before it is sent
-};
-
-class Device
+class Device : public Peer
 {
 public:
-    Device(const Device &) = delete;
-    Device &operator=(const Device &) = delete;
-    virtual ~Device() = default;
-
     // The faults that are played in every run from the next PowerOn on.
     Faults faults;
 
     // Begins a run. Transcript, findings, counts and the protocol start over.
-    void PowerOn();
+    void PowerOn() override;
 
     // Takes bytes and returns the replies to them, in order. A bad frame gets no reply. After a power cut bytes are
     // lost until the next PowerOn.
-    std::vector<Reply> Receive(std::span<const std::uint8_t> bytes);
+    std::vector<Reply> Receive(std::span<const std::uint8_t> bytes) override;
 
     // Ends a run. An unfinished message is a finding.
-    void PowerOff();
+    void PowerOff() override;
 
     // These are about the current run, or else the latest one.
     const std::vector<std::string> &transcript() const { return transcript_; }
@@ -51,8 +41,6 @@ public:
     unsigned blocksEnded() const { return blocksEnded_; } // number of block frames that came whole
 
 protected:
-    Device() = default;
-
     virtual bool IsBlock(std::uint8_t type) const = 0;
     virtual void HandleFrame(const Frame &frame) = 0;
     // Takes a byte between two frames if it belongs to a message without a frame. Such a message is gathered in wire_.

@@ -1,5 +1,7 @@
 #include "bench/devices/faults.h"
 
+#include "bench/devices/protocol.h"
+
 #include <limits>
 #include <sstream>
 #include <stdexcept>

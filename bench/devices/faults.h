@@ -14,10 +14,6 @@ struct ReplyFault {
     int lateMs = 0; // time by which it is late
 };
 
-// Verdicts on a block.
-inline constexpr std::uint8_t kAck = 0x06;
-inline constexpr std::uint8_t kNack = 0x0F;
-
 struct BlockFault {
     int verdict = -1; // the second byte of the reply; -1: the device's own verdict
     ReplyFault reply;

@@ -8,16 +8,13 @@ namespace bench
 namespace
 {
 
-constexpr std::uint8_t kStatusRequest = 0x44;
 constexpr std::uint8_t kSystemVersion = 0x01;
-constexpr std::uint8_t kBlock = 0x48;
-constexpr std::size_t kNumberSize = 2;
 
 } // namespace
 
 bool Micro::IsBlock(std::uint8_t type) const
 {
-    return type == kBlock;
+    return IsBlockType(kMicroPort, type);
 }
 
 void Micro::Forget()
@@ -28,9 +25,9 @@ void Micro::Forget()
 
 void Micro::HandleFrame(const Frame &frame)
 {
-    if (frame.type == kStatusRequest) {
+    if (frame.type == kStatusRequestType) {
         TakeStatusRequest(frame.data);
-    } else if (frame.type != kBlock) {
+    } else if (frame.type != kMicroBlockType) {
         Heard(Format("frame of type %02X", frame.type));
         Finding(Format("a frame of type %02X is none of its messages", frame.type));
     } else if (frame.data.empty()) {
@@ -60,7 +57,7 @@ void Micro::TakeRetry()
 
 void Micro::TakeBlock(const Bytes &data)
 {
-    const unsigned number = data.size() < kNumberSize ? due_ : data[0] * 256U + data[1];
+    const unsigned number = data.size() < kNumberSize ? due_ : Word(data, 0);
     const std::size_t size = data.size() - std::min(data.size(), kNumberSize);
     Heard(Format("block %u with %zu bytes", number, size));
     const std::string objection = data.size() < kNumberSize ? "block without a number" : Objection(number, size);

@@ -7,8 +7,6 @@
 namespace bench
 {
 
-inline constexpr int kMicroPort = 1; // number of its device file
-
 class Micro : public Device
 {
 public:

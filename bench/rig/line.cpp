@@ -35,7 +35,7 @@ std::size_t PortionSize(unsigned baud)
 
 } // namespace
 
-Line::Line(Device &device, unsigned baud)
+Line::Line(Peer &device, unsigned baud)
     : device_(device), baud_(baud), master_(Checked(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC | O_NONBLOCK), "pty")),
       wake_(Checked(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd"))
 {
@@ -128,8 +128,11 @@ bool Line::CarrySome(unsigned baud)
     const ssize_t count = read(master_.get(), portion, PortionSize(baud));
     if (count <= 0)
         return false;
+    const Clock::time_point begin = baud == 0 ? Clock::now() : clear_;
     clear_ += LineTime(static_cast<std::uint64_t>(count), baud);
     std::this_thread::sleep_until(clear_);
+    if (tap)
+        tap(LineFault::kToDevice, {portion, static_cast<std::size_t>(count)}, begin, std::max(begin, Clock::now()));
     std::vector<Reply> replies;
     Pass(LineFault::kToDevice, {portion, static_cast<std::size_t>(count)}, [&](auto bytes) {
         for (Reply &reply : device_.Receive(bytes))
@@ -145,7 +148,7 @@ bool Line::CarrySome(unsigned baud)
 void Line::Queue(const std::vector<Reply> &replies)
 {
     for (const Reply &reply : replies) {
-        const Clock::time_point when = Clock::now() + std::chrono::milliseconds(reply.delayMs);
+        const Clock::time_point when = Clock::now() + reply.delay;
         due_.push_back({due_.empty() ? when : std::max(when, due_.back().when), reply.bytes});
     }
     SendDue();
@@ -155,6 +158,8 @@ void Line::SendDue()
 {
     for (; !due_.empty() && due_.front().when <= Clock::now(); due_.pop_front()) {
         Pass(LineFault::kToHost, due_.front().bytes, [this](auto bytes) {
+            if (tap)
+                tap(LineFault::kToHost, bytes, Clock::now(), Clock::now());
             // A few bytes fit into an empty buffer. If it is not empty, nobody reads, and nobody misses these bytes.
             [[maybe_unused]] const ssize_t sent = write(master_.get(), bytes.data(), bytes.size());
         });

@@ -1,10 +1,10 @@
-// A serial line: a pseudo-terminal whose far end is a device. The slave is raw. The line holds it open too, so that a
-// program that closes it does not look like a hang-up.
-// Owner:   the caller keeps the device as long as the line.
-// Locking: between Start and Stop only a thread of the line uses the device. Before and after, the caller may.
+// A serial line: a pseudo-terminal whose far end is a device, or what takes its place. The slave is raw. The line holds
+// it open too, so that a program that closes it does not look like a hang-up. Owner:   the caller keeps the device as
+// long as the line. Locking: between Start and Stop only a thread of the line uses the device. Before and after, the
+// caller may.
 #pragma once
 
-#include "bench/devices/device.h"
+#include "bench/devices/peer.h"
 #include "bench/rig/descriptor.h"
 
 #include <array>
@@ -42,7 +42,7 @@ public:
 
     // With baud 0 bytes are taken off the line as fast as they come. Otherwise the line has that speed, and the device
     // gets a byte when its time on the line is over. Throws std::system_error.
-    explicit Line(Device &device, unsigned baud = 0);
+    explicit Line(Peer &device, unsigned baud = 0);
     ~Line() { Stop(); }
     Line(const Line &) = delete;
     Line &operator=(const Line &) = delete;
@@ -52,6 +52,13 @@ public:
     unsigned baud() const { return baud_; }
     // Number of bytes in the current run, or else in the latest one.
     std::uint64_t carried(LineFault::Way way) const { return carried_[way]; }
+
+    // Called with all bytes that pass, at the host's end: those to the device before the fault, those to the host
+    // behind it. begin and end are the times of the first and the last byte. It is set before Start. It runs in a
+    // thread of the line, in the order of the bytes.
+    using Tap = std::function<void(LineFault::Way way, std::span<const std::uint8_t> bytes, Clock::time_point begin,
+                                   Clock::time_point end)>;
+    Tap tap;
 
     // The fault that is played in every run from the next Start on.
     LineFault fault;
@@ -76,7 +83,7 @@ private:
     void SendDue();
     int MillisecondsToDue() const;
 
-    Device &device_;
+    Peer &device_;
     const unsigned baud_;
     Descriptor master_, slave_, wake_; // wake_: readable when the thread is to end
     std::string path_;

@@ -1,0 +1,26 @@
+#include "bench/devices/protocol.h"
+
+namespace bench
+{
+
+bool IsBlockType(int port, std::uint8_t type)
+{
+    return port == kMicroPort ? type == kMicroBlockType : type == kCameraBlockType || type == kSystemBlockType;
+}
+
+const char *ImagePrefix(std::uint8_t type)
+{
+    return type == kCameraBlockType ? "camera " : type == kSystemBlockType ? "system " : "";
+}
+
+unsigned Word(const Bytes &bytes, std::size_t offset)
+{
+    return bytes[offset] * 256U + bytes[offset + 1];
+}
+
+const char *VerdictName(std::uint8_t verdict)
+{
+    return verdict == kAck ? "ack" : verdict == kNack ? "nack" : "unknown verdict";
+}
+
+} // namespace bench
