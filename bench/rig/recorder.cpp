@@ -1,7 +1,6 @@
 #include "bench/rig/recorder.h"
 
 #include <algorithm>
-#include <csignal>
 #include <sstream>
 
 namespace bench
@@ -78,13 +77,6 @@ void Recorder::Note(int port, const std::string &note)
 
 void Recorder::Finish()
 {
-    End();
-    if (error_)
-        std::rethrow_exception(error_);
-}
-
-void Recorder::End()
-{
     if (!thread_.joinable())
         return;
     {
@@ -108,22 +100,14 @@ void Recorder::Add(Event event)
 
 void Recorder::Work()
 {
-    sigset_t pipe; // for a reader of the capture that goes away
-    sigemptyset(&pipe);
-    sigaddset(&pipe, SIGPIPE);
-    pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
-    try {
-        for (bool ending = false; !ending;) {
-            {
-                std::unique_lock lock(mutex_);
-                wake_.wait_for(lock, kInterval, [this] { return ending_; });
-                ending = ending_;
-            }
-            Gather(ending);
-            HandOut(ending);
+    for (bool ending = false; !ending;) {
+        {
+            std::unique_lock lock(mutex_);
+            wake_.wait_for(lock, kInterval, [this] { return ending_; });
+            ending = ending_;
         }
-    } catch (...) {
-        error_ = std::current_exception();
+        Gather(ending);
+        HandOut(ending);
     }
 }
 

@@ -8,7 +8,6 @@
 #include "bench/rig/line.h"
 
 #include <condition_variable>
-#include <exception>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -24,11 +23,11 @@ class Recorder
 {
 public:
     // Gets the events in portions, about every 50 ms. Those of one port are in the order of their time, unless the
-    // machine stands still for longer. What the sink throws ends the recording, and Finish throws it again.
+    // machine stands still for longer. The sink throws nothing.
     using Sink = std::function<void(const std::vector<Event> &events)>;
 
     explicit Recorder(Sink sink);
-    ~Recorder() { End(); }
+    ~Recorder() { Finish(); }
     Recorder(const Recorder &) = delete;
     Recorder &operator=(const Recorder &) = delete;
 
@@ -38,7 +37,8 @@ public:
     void Start(const CallLog *log);
     // Adds a note with the present time.
     void Note(int port, const std::string &note);
-    // Hands the rest to the sink, and ends. It is called when the lines are stopped and the program has ended.
+    // Hands the rest to the sink, and ends. It is called when the lines are stopped and the program has ended. The call
+    // does nothing on a recorder that is not started.
     void Finish();
 
 private:
@@ -50,7 +50,6 @@ private:
     void TakeCall(Event event);
     void BeginAtWrite(Event &event);
     void HandOut(bool all);
-    void End();
 
     const Sink sink_;
     const WallTime offset_; // of the wall clock; it is taken once, so that no change of that clock disturbs the order
@@ -63,7 +62,6 @@ private:
     std::size_t logPosition_ = 0;
     std::map<int, std::vector<WallTime>> writes_; // by port; those whose bytes have not arrived yet
     std::vector<Event> pending_;
-    std::exception_ptr error_;
     std::thread thread_;
 };
 

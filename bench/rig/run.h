@@ -68,7 +68,7 @@ struct RunResult {
 };
 
 // Starts the lines, runs the program to its end, and stops the lines. If the program cannot be started, the lines are
-// stopped too, and the call throws std::system_error. What stopped the recorder is thrown at the end of the run.
+// stopped too, and the call throws std::system_error.
 RunResult Run(const RunOptions &options);
 
 } // namespace bench
