@@ -34,6 +34,7 @@ constinit Real<off64_t(int, off64_t, int)> gRealLseek64("lseek64");
 // The mode is there only if the flags ask for it.
 int Open(Real<int(const char *, int, ...)> &real, const char *path, int flags, va_list &arguments)
 {
+    // The analyser overlooks va_start. NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized)
     const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : mode_t{0};
     Board *board = Board::Here();
     const std::optional<int> fd = board != nullptr ? board->Open(path, flags) : std::nullopt;
