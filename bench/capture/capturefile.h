@@ -1,9 +1,17 @@
 // A run as a capture file. docs/protocol.md describes the file for those who read it with other programs.
 //
-// The first interface of a file is the program: calls and waits that belong to no open line. Each port has an interface
-// from its first configuration or its first byte on. A packet is a message, a piece of one, or noise. A note is a packet
-// without bytes, and the note is its comment. A message that took time on the line says so in a comment: "ends 45234 us
-// later".
+// The comments of the section tell the run: "conventions 1", "command WORDS", "program TEXT", and "file TEXT" once for
+// each file. Its application is what made the capture.
+//
+// Interface 0 is the program, with the name "program": calls and waits that belong to no open line. Each port has an
+// interface from its first accepted configuration or its first message on. Its name is "camera", "micro" or "port 7".
+// It has the speed and the settings of the line if the configuration came first.
+//
+// A packet is a message, a piece of one, or noise. Outbound packets go to the device. A packet's time is that of the
+// first byte. If the last byte came later, the packet has the comment "ends 45234 us later".
+//
+// A note is a packet without bytes, and the note is its first comment. Until a port has its interface, its notes are on
+// the program's, with the port's name in front: "micro: open refused EBUSY".
 #pragma once
 
 #include "bench/capture/conversation.h"
@@ -24,19 +32,20 @@ class CaptureWriter
 public:
     // Writes the beginning of the file. The caller keeps the stream. Throws std::runtime_error, as the other calls do.
     CaptureWriter(std::ostream &stream, const RunInfo &info);
-    // Events come in the order of their time, port by port. Portions of a message are put together.
+    // Takes events in the order of their time, port by port. Portions of a message are put together. A message is
+    // written when it is complete, so packets of two ports may be in another order than their times. Noise is written
+    // at once.
     void Write(const Event &event);
     // Writes what is not complete. It is called at the end.
     void Finish();
 
 private:
-    void Put(const Message &message);
-    std::size_t InterfaceOf(const Event &event);
+    void Put(const Event &event);
+    void AddInterface(const Event &event);
 
-    std::ostream &stream_;
     PcapWriter file_;
-    std::map<int, Conversation> conversations_;
-    std::map<int, std::size_t> interfaces_; // by port
+    std::map<int, Conversation> conversations_; // by port
+    std::map<int, std::size_t> interfaces_;     // by port
 };
 
 struct Capture {
@@ -44,8 +53,13 @@ struct Capture {
     std::vector<Event> events; // in the order of their time
 };
 
-// Reads a capture. Packets of interfaces that are no lines of this bench are left out. Throws CaptureError; its message
-// begins with the path.
+// Reads a capture. Packets of interfaces that are no lines of this bench are left out, and so are comments that are not
+// among those above. Several sections, as programs make them that put captures together, are one list; what is known
+// about the run is that of the first.
+// A file that ends in the middle of a block gives what is before, and as the last event the remark "! the file is
+// cut at byte 4711, ...".
+// Throws CaptureError if the file cannot be read, is damaged in another way, has nothing of this bench in it, was made
+// by later conventions, or has packets that were cut to a snap length. With a path the message begins with the path.
 Capture ReadCapture(const std::string &path);
 Capture ReadCapture(std::istream &stream);
 

@@ -24,9 +24,10 @@ inline constexpr int kNoPort = -1;
 //
 //   port    note                                 meaning
 //   a port  open | open refused EBUSY            the device file was opened, or it was not and why
-//   a port  config mask 63 baud 115200 parity 2 stop 0 flow 0 data 8
-//                                                the driver's configuration; with " refused EIO" behind it it failed.
-//                                                Values that cannot be known are "?"
+//   a port  config mask 3 baud 115200 parity 2 stop 0 flow 0 data 0
+//                                                the driver's configuration: the fields of its request, and which of
+//                                                them count (bit 0 of the mask: baud). With " refused EIO" behind it
+//                                                it failed. Values that cannot be known are "?"
 //   a port  rx enabled | rx disabled             the receiver; " refused EIO" as above
 //   a port  write 10 of 527 bytes                a write took only a part. The bytes themselves are another event
 //   a port  write refused EIO | read refused EIO a call that failed
@@ -44,6 +45,8 @@ struct Event {
     Way way = Way::kNone;
     Bytes bytes = {}; // as they travel on the line
     std::string note = {};
+
+    bool operator==(const Event &) const = default;
 };
 
 // What is known about a run as a whole.
@@ -53,6 +56,8 @@ struct RunInfo {
     std::vector<std::string> files = {}; // what the program finds in its directory: "farsightcamver text 0204",
                                          // "haldenmicro.bin 6144 bytes", "farsightsys.bin missing"
     std::string source = {};             // what made the list: "haldenbench 1.0.0"
+
+    bool operator==(const RunInfo &) const = default;
 };
 
 } // namespace bench
