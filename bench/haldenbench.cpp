@@ -1,6 +1,7 @@
 // The command haldenbench: rehearses an update with the binary that ships and two peripherals in software.
 #include "bench/options.h"
 #include "bench/rig/images.h"
+#include "bench/rig/realline.h"
 #include "bench/rig/run.h"
 
 #include <cstdio>
@@ -18,6 +19,7 @@ constexpr int kGood = 0;
 constexpr int kBad = 1;
 constexpr int kUsage = 2;
 constexpr unsigned kFastDivisor = 100;
+constexpr unsigned kServedBaud = 115200;
 
 constexpr char kHelp[] =
     "Usage: haldenbench [options] -- haldenflash all ...\n"
@@ -31,6 +33,9 @@ constexpr char kHelp[] =
     "  --launcher RESULT     answer every relayed command with RESULT, and print the commands after the run\n"
     "  --fast                shorten the command's pauses to a hundredth\n"
     "  --baud N              carry bytes at most at N bit/s (default: as fast as they come)\n"
+    "  --line DEVICE=TTY     use a real DEVICE, behind the terminal TTY; DEVICE is micro or camera\n"
+    "  --serve DEVICE=TTY    run no command; be DEVICE for a real board behind the terminal TTY, until a signal\n"
+    "                        or a hang-up. --baud is then the speed of the terminal (default: 115200)\n"
     "  --faults DEVICE:TEXT  faults that DEVICE plays; DEVICE is micro or camera\n"
     "  --bar                 show a progress bar, and only the last line of the command's output\n"
     "  --trace FILE          write the command's output to FILE\n"
@@ -49,6 +54,7 @@ struct Settings {
     std::optional<std::string> launcherResult;
     bool fast = false;
     unsigned baud = 0;
+    std::map<std::string, std::string> lines, served; // terminals by device
     Faults microFaults, cameraFaults;
     bool bar = false;
     std::string trace, transcript, makeImages;
@@ -62,6 +68,15 @@ void SetFaults(Settings &settings, const std::string &text)
     if (colon == std::string::npos || (device != "micro" && device != "camera"))
         throw UsageError("--faults: the value has to be micro:TEXT or camera:TEXT");
     (device == "micro" ? settings.microFaults : settings.cameraFaults) = ParseFaults(text.substr(colon + 1));
+}
+
+void SetTerminal(std::map<std::string, std::string> &terminals, const char *name, const std::string &text)
+{
+    const std::size_t equals = text.find('=');
+    const std::string device = text.substr(0, equals);
+    if (equals == std::string::npos || (device != "micro" && device != "camera"))
+        throw UsageError(std::string("--") + name + ": the value has to be micro=TTY or camera=TTY");
+    terminals[device] = text.substr(equals + 1);
 }
 
 constexpr OptionRow<Settings> kOptions[] = {
@@ -83,6 +98,8 @@ constexpr OptionRow<Settings> kOptions[] = {
     {"fast", false, [](Settings &s, const char *, const std::string &) { s.fast = true; }},
     {"baud", true,
      [](Settings &s, const char *n, const std::string &value) { s.baud = OptionNumber(n, value, 10, 0, 10000000); }},
+    {"line", true, [](Settings &s, const char *n, const std::string &value) { SetTerminal(s.lines, n, value); }},
+    {"serve", true, [](Settings &s, const char *n, const std::string &value) { SetTerminal(s.served, n, value); }},
     {"faults", true, [](Settings &s, const char *, const std::string &value) { SetFaults(s, value); }},
     {"bar", false, [](Settings &s, const char *, const std::string &) { s.bar = true; }},
     {"trace", true, [](Settings &s, const char *, const std::string &value) { s.trace = value; }},
@@ -100,8 +117,10 @@ Settings ParseArguments(int argc, char *argv[])
     Settings settings;
     ReadOptions<Settings>(kOptions, argc, argv, settings);
     settings.command.assign(argv + optind, argv + argc);
-    if (settings.command.empty() && settings.makeImages.empty())
+    if (settings.command.empty() && settings.makeImages.empty() && settings.served.empty())
         throw UsageError("there is no command; see --help");
+    if (!settings.served.empty() && (!settings.command.empty() || !settings.lines.empty()))
+        throw UsageError("--serve: there can be no command and no --line with it");
     if (!fs::is_directory(settings.directory))
         throw UsageError("--dir: there is no directory " + settings.directory);
     if (!settings.configuration.empty() && !fs::is_directory(settings.configuration))
@@ -134,6 +153,31 @@ Camera::Image MakeImage(const std::string &versionFile, std::optional<unsigned> 
     const std::string newVersion = ReadVersion(versionFile).value_or("0001");
     const unsigned older = ParseNumber(newVersion, 16, 0xFFFF).value_or(1) - 1;
     return {Format("%04X", version.value_or(older) & 0xFFFF), newVersion};
+}
+
+int PortOf(const std::string &device)
+{
+    return device == "micro" ? kMicroPort : kCameraPort;
+}
+
+// The devices in software. A run may leave out some of them.
+struct Devices {
+    explicit Devices(const Settings &settings)
+        : micro(MakeMicro(settings)),
+          camera(MakeImage(settings.directory + "/" + kCameraVersion, settings.cameraVersion),
+                 MakeImage(settings.directory + "/" + kSystemVersion, settings.systemVersion))
+    {
+        micro.faults = settings.microFaults;
+        camera.faults = settings.cameraFaults;
+    }
+    Micro micro;
+    Camera camera;
+};
+
+// Whether the device is one in software.
+bool TakesPart(const Settings &settings, const std::string &device)
+{
+    return settings.served.empty() ? !settings.lines.contains(device) : settings.served.contains(device);
 }
 
 std::map<std::string, std::string> OwnEnvironment()
@@ -211,34 +255,61 @@ void WriteTranscript(const std::string &path, const Micro &micro, const Camera &
     WriteFile(path, Bytes(text.begin(), text.end()));
 }
 
-// Prints a line for each image and one for each finding.
-bool Report(const std::string &directory, const Micro &micro, const Camera &camera)
+// Prints a line for each image in a device in software, and one for each finding.
+bool Report(const Settings &settings, const Devices &devices)
 {
+    std::vector<Verdict> verdicts;
+    if (TakesPart(settings, "micro"))
+        verdicts.push_back(Judge(devices.micro, settings.directory));
+    if (TakesPart(settings, "camera")) {
+        verdicts.push_back(JudgeCamera(devices.camera, settings.directory));
+        verdicts.push_back(JudgeSystem(devices.camera, settings.directory));
+    }
     bool good = true;
-    for (const Verdict &verdict :
-         {Judge(micro, directory), JudgeCamera(camera, directory), JudgeSystem(camera, directory)}) {
+    for (const Verdict &verdict : verdicts) {
         std::cout << verdict.text << "\n";
         good = good && verdict.good;
     }
-    for (const Device *device : {static_cast<const Device *>(&micro), static_cast<const Device *>(&camera)}) {
+    for (const Device *device :
+         {static_cast<const Device *>(&devices.micro), static_cast<const Device *>(&devices.camera)}) {
         for (const std::string &finding : device->findings())
             std::cout << "! " << finding << "\n";
     }
     return good;
 }
 
-int Rehearse(const Settings &settings)
+// Says which devices are real, and what went wrong with their lines. Returns whether nothing did.
+bool ReportLines(const Settings &settings, const std::list<RealLine> &lines)
+{
+    for (const auto &[device, path] : settings.lines)
+        std::cout << device << ": a real device on " << path << "; the bench cannot look into it\n";
+    bool good = true;
+    for (const RealLine &line : lines) {
+        if (const std::string complaint = line.Complaint(); !complaint.empty()) {
+            std::cerr << "haldenbench: " << complaint << "\n";
+            good = false;
+        }
+    }
+    return good;
+}
+
+// A bad path is refused before the run, not after it.
+void TryOutputs(const Settings &settings)
 {
     for (const std::string &path : {settings.trace, settings.transcript})
         if (!path.empty())
-            WriteFile(path, {}); // a bad path is refused before the run, not after it
-    Micro micro = MakeMicro(settings);
-    Camera camera(MakeImage(settings.directory + "/" + kCameraVersion, settings.cameraVersion),
-                  MakeImage(settings.directory + "/" + kSystemVersion, settings.systemVersion));
-    micro.faults = settings.microFaults;
-    camera.faults = settings.cameraFaults;
-    Line microLine(micro, settings.baud), cameraLine(camera, settings.baud);
+            WriteFile(path, {});
+}
+
+int Rehearse(const Settings &settings)
+{
+    TryOutputs(settings);
+    Devices devices(settings);
+    Line microLine(devices.micro, settings.baud), cameraLine(devices.camera, settings.baud);
     RunOptions options = MakeOptions(settings, cameraLine, microLine);
+    std::list<RealLine> realLines;
+    for (const auto &[device, path] : settings.lines)
+        realLines.emplace_back(path, options.ports[PortOf(device)]);
     std::optional<Launcher> launcher;
     if (settings.launcherResult)
         options.launcher = &launcher.emplace(*settings.launcherResult + "\n");
@@ -247,15 +318,39 @@ int Rehearse(const Settings &settings)
     for (const std::string &command : launcher ? launcher->commands() : std::vector<std::string>())
         std::cout << "relayed: " << command;
     if (!settings.transcript.empty())
-        WriteTranscript(settings.transcript, micro, camera);
-    return Report(settings.directory, micro, camera) && result.status == 0 ? kGood : kBad;
+        WriteTranscript(settings.transcript, devices.micro, devices.camera);
+    const bool good = Report(settings, devices) && result.status == 0;
+    return ReportLines(settings, realLines) && good ? kGood : kBad;
+}
+
+// Runs no command: real boards reach the devices.
+int Serve(const Settings &settings)
+{
+    TryOutputs(settings);
+    Devices devices(settings);
+    const EndSignals signals;
+    ServedLines lines;
+    for (const auto &[device, path] : settings.served) {
+        Peer &peer = device == "micro" ? static_cast<Peer &>(devices.micro) : devices.camera;
+        lines.emplace_back(peer, path, settings.baud == 0 ? kServedBaud : settings.baud).line.Start();
+        std::cout << "serving " << device << " on " << path << std::endl;
+    }
+    signals.Await(lines);
+    for (ServedLine &served : lines) {
+        served.line.Stop();
+        if (served.line.gone())
+            std::cout << served.line.path() << " hung up\n";
+    }
+    if (!settings.transcript.empty())
+        WriteTranscript(settings.transcript, devices.micro, devices.camera);
+    return Report(settings, devices) ? kGood : kBad;
 }
 
 int Work(int argc, char *argv[])
 {
     const Settings settings = ParseArguments(argc, argv);
     if (settings.makeImages.empty())
-        return Rehearse(settings);
+        return settings.served.empty() ? Rehearse(settings) : Serve(settings);
     fs::create_directories(settings.makeImages);
     WriteSamples(settings.makeImages, {});
     return kGood;

@@ -44,9 +44,10 @@ struct Orders {
     long halfRead, halfWrite, lostClose; // ordinals
     struct {
         const char *path;
+        int terminal; // 0: none
         long refusedOpens, refusedRequest, cutWrite;
+        int openError;
         long cutTo; // bytes; -1: the write is refused
-        long baud;  // 0: writes return as soon as they can
     } ports[kPorts];
 };
 Orders gOrders;
@@ -56,6 +57,7 @@ struct Counts {
     std::atomic<long> opens, requests, writes;
 };
 Counts gCounts[kPorts];
+std::atomic<long> gBaud[kPorts];            // bit/s of the line; 0: writes return as soon as they can
 std::atomic<long> gReads, gWrites, gCloses; // of all files
 
 // Port of a redirected descriptor plus one; 0 for any other descriptor.
@@ -97,6 +99,15 @@ bench::EventLog *MapLog(const char *path)
     return log == MAP_FAILED ? nullptr : static_cast<bench::EventLog *>(log);
 }
 
+// Reads "<number>" or "<number>:<second>". Returns the first number. The second one stays if it is not there.
+template <class Second> long Numbers(const char *text, Second &second)
+{
+    const char *colon = strchr(text, ':');
+    if (colon != nullptr)
+        second = static_cast<Second>(strtol(colon + 1, nullptr, 10));
+    return strtol(text, nullptr, 10);
+}
+
 // The value of a variable, or "" if there is no such variable. The text stays there for the life of the process.
 const char *Variable(const char *name)
 {
@@ -133,12 +144,15 @@ long PortNumber(const char *name, int port)
     for (int port = 0; port < kPorts; ++port) {
         auto &orders = gOrders.ports[port];
         orders.path = PortVariable(bench::kPreloadPort, port);
-        orders.refusedOpens = PortNumber(bench::kPreloadOpens, port);
+        orders.terminal = static_cast<int>(PortNumber(bench::kPreloadTerminal, port));
+        if (orders.terminal != 0)
+            fcntl(orders.terminal, F_SETFD, FD_CLOEXEC);
+        orders.openError = EBUSY;
+        orders.refusedOpens = Numbers(PortVariable(bench::kPreloadOpens, port), orders.openError);
         orders.refusedRequest = PortNumber(bench::kPreloadRequest, port);
-        orders.cutWrite = PortNumber(bench::kPreloadWrite, port);
-        orders.baud = PortNumber(bench::kPreloadBaud, port);
-        const char *bytes = strchr(PortVariable(bench::kPreloadWrite, port), ':');
-        orders.cutTo = bytes == nullptr ? -1 : strtol(bytes + 1, nullptr, 10);
+        orders.cutTo = -1;
+        orders.cutWrite = Numbers(PortVariable(bench::kPreloadWrite, port), orders.cutTo);
+        gBaud[port] = PortNumber(bench::kPreloadBaud, port);
     }
     gOrders.on = true;
 }
@@ -165,7 +179,7 @@ int OpenPort(int port, int flags)
     const auto &orders = gOrders.ports[port];
     int fd = -1;
     if (++gCounts[port].opens <= orders.refusedOpens)
-        errno = EBUSY;
+        errno = orders.openError;
     else
         fd = gRealOpen(orders.path, flags | O_NOCTTY, mode_t{0});
     Log(fd < 0 ? "open %d refused\n" : "open %d\n", port);
@@ -174,24 +188,44 @@ int OpenPort(int port, int flags)
     return fd;
 }
 
-// The driver's own requests; the record is six 32-bit fields.
+// Answer the driver's own requests with an error, or with 0.
+int ConfigurePort(int port, const bench::DriverConfig &config, int error)
+{
+    const int terminal = gOrders.ports[port].terminal;
+    if (error == 0 && terminal != 0) {
+        error = bench::ConfigureTerminal(terminal, config);
+        if (error == 0 && (config.mask & 1) != 0)
+            gBaud[port] = static_cast<long>(config.baud);
+    }
+    Log("config %d: mask %u baud %u parity %u stop %u flow %u data %u%s\n", port, config.mask, config.baud,
+        config.parity, config.stop, config.flow, config.data, error != 0 ? " refused" : "");
+    return error;
+}
+
+int EnablePort(int port, bool enable, int error)
+{
+    const int terminal = gOrders.ports[port].terminal;
+    if (error == 0 && terminal != 0)
+        error = bench::SwitchReceiver(terminal, enable);
+    Log("rx %d %s%s\n", port, enable ? "enabled" : "disabled", error != 0 ? " refused" : "");
+    return error;
+}
+
 int RequestPort(int port, std::uint32_t request, const void *argument)
 {
-    const bool refused = ++gCounts[port].requests == gOrders.ports[port].refusedRequest;
-    const char *ending = refused ? " refused" : "";
+    int error = ++gCounts[port].requests == gOrders.ports[port].refusedRequest ? EIO : 0;
     if (request == bench::kSetConfig) {
-        std::uint32_t field[6];
-        memcpy(field, argument, sizeof field);
-        Log("config %d: mask %u baud %u parity %u stop %u flow %u data %u%s\n", port, field[0], field[1], field[2],
-            field[3], field[4], field[5], ending);
+        bench::DriverConfig config = {};
+        memcpy(&config, argument, sizeof config);
+        error = ConfigurePort(port, config, error);
     } else {
-        // Callers pass a 32-bit integer. The bits above it may be anything.
-        const bool disable = static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(argument)) != 0;
-        Log("rx %d %s%s\n", port, disable ? "disabled" : "enabled", ending);
+        // Callers pass a 32-bit integer, which is 0 to enable. The bits above it may be anything.
+        error = EnablePort(port, static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(argument)) == 0, error);
     }
-    if (refused)
-        errno = EIO;
-    return refused ? -1 : 0;
+    if (error == 0)
+        return 0;
+    errno = error;
+    return -1;
 }
 
 std::int64_t Microseconds(const timeval &time)
@@ -207,9 +241,11 @@ timeval TimeOf(std::int64_t microseconds)
     return time;
 }
 
-// Writes, and returns when a line of that speed has carried all bytes.
-ssize_t WriteLine(int fd, const void *data, std::size_t size, long baud)
+// Writes, and returns when the line has carried all bytes. A real terminal gets them through the bench, so it does not
+// have all of them from the start.
+ssize_t WriteLine(int fd, const void *data, std::size_t size, int port)
 {
+    const long baud = gBaud[port];
     timespec until = {};
     clock_gettime(CLOCK_MONOTONIC, &until);
     const ssize_t written = gRealWrite(fd, data, size);
@@ -220,6 +256,8 @@ ssize_t WriteLine(int fd, const void *data, std::size_t size, long baud)
     until.tv_nsec = static_cast<decltype(until.tv_nsec)>(nanoseconds % 1000000000);
     while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr) == EINTR)
         ;
+    if (gOrders.ports[port].terminal != 0)
+        tcdrain(gOrders.ports[port].terminal);
     return written;
 }
 
@@ -348,7 +386,7 @@ extern "C" ssize_t write(int fd, const void *data, std::size_t size)
         return gRealWrite(fd, data, size);
     const auto &orders = gOrders.ports[port];
     if (++gCounts[port].writes != orders.cutWrite)
-        return WriteLine(fd, data, size, orders.baud);
+        return WriteLine(fd, data, size, port);
     if (orders.cutTo < 0) {
         Log("write %d refused\n", port);
         errno = EIO;
@@ -357,7 +395,7 @@ extern "C" ssize_t write(int fd, const void *data, std::size_t size)
     const std::size_t kept =
         size < static_cast<std::size_t>(orders.cutTo) ? size : static_cast<std::size_t>(orders.cutTo);
     Log("write %d: %zu of %zu bytes\n", port, kept, size);
-    return WriteLine(fd, data, kept, orders.baud);
+    return WriteLine(fd, data, kept, port);
 }
 
 extern "C" int ioctl(int fd, unsigned long request, ...)
