@@ -24,7 +24,7 @@ struct Claim {
 };
 constinit Claim gClaims[8]; // one for each port
 
-// Only calls that a signal handler may make.
+// Only calls that a signal handler may make. The program of a run has the descriptor too, and may live longer.
 void GiveBack(Claim &claim)
 {
     const int fd = claim.fd.exchange(-1);
@@ -32,6 +32,7 @@ void GiveBack(Claim &claim)
         return;
     tcsetattr(fd, TCSANOW, &claim.before);
     ioctl(fd, TIOCNXCL);
+    flock(fd, LOCK_UN);
 }
 
 // The signal's own action comes when this returns.

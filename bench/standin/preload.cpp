@@ -188,39 +188,46 @@ int OpenPort(int port, int flags)
     return fd;
 }
 
-// Answer the driver's own requests with an error, or with 0.
-int ConfigurePort(int port, const bench::DriverConfig &config, int error)
+// Answer the driver's own requests with an error, or with 0. terminal is 0 if there is none.
+int ConfigurePort(int port, const bench::DriverConfig &config, int terminal, int error)
 {
-    const int terminal = gOrders.ports[port].terminal;
-    if (error == 0 && terminal != 0) {
+    if (error == 0 && terminal != 0)
         error = bench::ConfigureTerminal(terminal, config);
-        if (error == 0 && (config.mask & 1) != 0)
-            gBaud[port] = static_cast<long>(config.baud);
-    }
+    if (error == 0 && terminal != 0 && (config.mask & 1) != 0)
+        gBaud[port] = static_cast<long>(config.baud);
     Log("config %d: mask %u baud %u parity %u stop %u flow %u data %u%s\n", port, config.mask, config.baud,
         config.parity, config.stop, config.flow, config.data, error != 0 ? " refused" : "");
     return error;
 }
 
-int EnablePort(int port, bool enable, int error)
+int EnablePort(int port, bool enable, int terminal, int error)
 {
-    const int terminal = gOrders.ports[port].terminal;
     if (error == 0 && terminal != 0)
         error = bench::SwitchReceiver(terminal, enable);
     Log("rx %d %s%s\n", port, enable ? "enabled" : "disabled", error != 0 ? " refused" : "");
     return error;
 }
 
-int RequestPort(int port, std::uint32_t request, const void *argument)
+// When the bench has gone, the line has hung up. The terminal is then no longer ours, although it is still open.
+bool HasHungUp(int fd)
 {
-    int error = ++gCounts[port].requests == gOrders.ports[port].refusedRequest ? EIO : 0;
+    termios settings;
+    return tcgetattr(fd, &settings) != 0;
+}
+
+int RequestPort(int fd, int port, std::uint32_t request, const void *argument)
+{
+    const int terminal = gOrders.ports[port].terminal;
+    const bool refused = ++gCounts[port].requests == gOrders.ports[port].refusedRequest;
+    int error = refused || (terminal != 0 && HasHungUp(fd)) ? EIO : 0;
     if (request == bench::kSetConfig) {
         bench::DriverConfig config = {};
         memcpy(&config, argument, sizeof config);
-        error = ConfigurePort(port, config, error);
+        error = ConfigurePort(port, config, terminal, error);
     } else {
         // Callers pass a 32-bit integer, which is 0 to enable. The bits above it may be anything.
-        error = EnablePort(port, static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(argument)) == 0, error);
+        const bool enable = static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(argument)) == 0;
+        error = EnablePort(port, enable, terminal, error);
     }
     if (error == 0)
         return 0;
@@ -407,7 +414,7 @@ extern "C" int ioctl(int fd, unsigned long request, ...)
     const int port = PortOfDescriptor(fd);
     const auto code = static_cast<std::uint32_t>(request); // may come with its sign extended
     if (port >= 0 && (code == bench::kSetConfig || code == bench::kDisableRx))
-        return RequestPort(port, code, argument);
+        return RequestPort(fd, port, code, argument);
     return gRealIoctl(fd, request, argument);
 }
 
