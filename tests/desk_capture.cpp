@@ -57,6 +57,7 @@ constexpr ToolCase kTools[] = {
      "editcap a.pcapng 1.pcapng 1 2 && editcap a.pcapng 2.pcapng 3 4 && mergecap -w b.pcapng 1.pcapng 2.pcapng"},
     {"MergecapWithInterfacesApart", "editcap a.pcapng 1.pcapng 1 2 && editcap a.pcapng 2.pcapng 3 4 && "
                                     "mergecap -I none -w b.pcapng 1.pcapng 2.pcapng"},
+    {"DumpcapFromAPipe", "cat a.pcapng | dumpcap -q -i - -w b.pcapng"},
     {"Tshark", "tshark -r a.pcapng -w b.pcapng"},
     {"Sections", "editcap a.pcapng 1.pcapng 1 2 && editcap a.pcapng 2.pcapng 3 4 && cat 1.pcapng 2.pcapng >b.pcapng"},
 };
