@@ -225,33 +225,6 @@ protected:
     RunOptions options;
 };
 
-const Texts kMicroEvents = {"open 1",       "config 1: mask 3 baud 115200 parity 2 stop 0 flow 0 data 0",
-                            "rx 1 enabled", "rx 1 disabled",
-                            "close 1",      "wait 3000000"};
-
-long OpenDescriptors()
-{
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), std::filesystem::directory_iterator());
-}
-
-TEST_F(BenchRun, FlashesBothDevicesAndLeavesNothingBehind)
-{
-    const long descriptors = OpenDescriptors();
-    options.fifo = "bar";
-    const RunResult result = Flash({"all", "-p", "bar", "0", "100"});
-    EXPECT_EQ(result.status, 0) << result.output << result.errors;
-    EXPECT_EQ(result.progress.back(), "100");
-    EXPECT_EQ(Texts(result.events.begin(), result.events.begin() + 6), kMicroEvents);
-    EXPECT_EQ(std::count(result.events.begin(), result.events.end(), "wait 3000000"), 4);
-    EXPECT_GE(result.seconds, 12.0 / options.waitDivisor);
-    EXPECT_LT(result.seconds, 12.0 / 2) << "the pauses are most of what an update takes";
-    EXPECT_TRUE(Has(MicroVerdict(), "findings: holds")) << MicroVerdict();
-    EXPECT_TRUE(Has(JudgeCamera(camera, options.directory).text, "findings: holds"));
-    EXPECT_TRUE(Has(JudgeSystem(camera, options.directory).text, "findings: holds"));
-    EXPECT_EQ(OpenDescriptors(), descriptors);
-    EXPECT_FALSE(std::filesystem::exists(options.directory + "/bar"));
-}
-
 TEST_F(BenchRun, DevicesKeepWhatTheyHoldFromRunToRun)
 {
     micro.faults = ParseFaults("cut=4");
@@ -263,24 +236,6 @@ TEST_F(BenchRun, DevicesKeepWhatTheyHoldFromRunToRun)
     EXPECT_TRUE(Has(MicroVerdict(), "holds")) << MicroVerdict();
     EXPECT_EQ(Flash({"micro"}).status, 0);
     EXPECT_TRUE(Has(MicroVerdict(), "was sent nothing"));
-}
-
-TEST_F(BenchRun, RefusesAndCutsWhatItIsAskedTo)
-{
-    options.ports[1].refusedOpens = 1;
-    Texts expected = kMicroEvents;
-    expected.insert(expected.begin(), {"open 1 refused", "wait 20000"});
-    EXPECT_EQ(Flash({"micro"}).events, expected);
-
-    options.ports[1] = {.line = &microLine, .refusedRequest = 2};
-    EXPECT_EQ(Flash({"micro"}).events, (Texts{"open 1", kMicroEvents[1], "rx 1 enabled refused", "close 1"}));
-
-    options.ports[1] = {.line = &microLine, .cutWrite = 1, .cutTo = 5};
-    EXPECT_EQ(Flash({"micro"}).events.at(3), "write 1: 5 of 11 bytes");
-    EXPECT_EQ(micro.findings(), (Texts{"message broken off, 5 bytes: FF 44 00 04 01"}));
-
-    options.ports[1] = {};
-    EXPECT_EQ(Flash({"micro"}).events.back(), "open 1 refused") << "a port without a line";
 }
 
 // How long the machine takes for what is not the line is what the same update takes on a line without a speed.

@@ -6,9 +6,7 @@
 #include "bench/standin/ptyboard.h"
 #include "tests/tasks.h"
 
-#include <cstring>
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <map>
 #include <unistd.h>
 #include <utility>

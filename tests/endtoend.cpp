@@ -74,11 +74,6 @@ Prepare Directory(const char *file)
     return [=] { fs::remove(file) && fs::create_directory(file); };
 }
 
-Prepare Resized(const char *file, std::size_t size)
-{
-    return [=] { fs::resize_file(file, size); };
-}
-
 // Holds "1" and claims to hold a page.
 constexpr char kClaimsMore[] = "/sys/kernel/fscaps";
 
@@ -106,8 +101,8 @@ std::vector<Case> Versions()
         {.name = "query_progress", .words = {"all", "quit", "-p", "progress", "0", "50"}, .versions = "21 0204 0307",
          .progress = true},
         {.name = "progress_range", .words = {"-p", "progress", "200", "300", "all"}, .flashed = true, .progress = true},
-        {.name = "micro_short_image", .words = {"micro", "-p", "bar.txt", "0", "100"},
-         .prepare = Resized("haldenmicro.bin", 5500), .flashed = true},
+        {.name = "micro_short_image", .words = {"micro"},
+         .prepare = [] { fs::resize_file("haldenmicro.bin", 5500); }, .flashed = true},
         {.name = "micro_in_full_time", .words = {"micro"}, .micro = "noise=12FF13FFFFFF0F",
          .versions = "22 0 0", .flashed = true, .waitDivisor = 1},
         {.name = "farsight_in_full_time", .words = {"farsight"}, .camera = "noise=1122FF",
@@ -272,9 +267,12 @@ std::string Shortened(std::string output, const Lines &words)
     std::string shown;
     for (std::size_t i = 0; i < words.size(); i++)
         shown += Format("#### argv[%zu]=%s ...\n", i, words[i].c_str());
+    const auto word = [&](std::size_t i) { return i < words.size() ? words[i] : "(null)"; };
     std::vector<std::pair<std::string, std::string>> forms = {
         {shown, "{words}\n"},
         {Format("argc:%zu...", words.size()), "argc:{words}..."},
+        {"UPDATE [" + word(1) + "]", "UPDATE [{word 1}]"},
+        {"argv[2] = " + word(2) + " ....", "argv[2] = {word 2} ...."},
         {" ...\n~~~~~~ readBuff[", " ["}, // the next byte
         {" ...\n~~~~~~ ackNackBuff[", " ["},
     };

@@ -1,9 +1,6 @@
 #include "tests/folders.h"
 #include "tests/logwriter.h"
 
-#include <atomic>
-#include <thread>
-
 namespace
 {
 

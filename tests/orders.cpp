@@ -11,6 +11,7 @@
 #include "Common/framework/config.h"
 #include "Common/framework/list.h"
 #include "Common/framework/remmsg.h"
+#include "bench/standin/processor.h"
 #include "bench/standin/ptyboard.h"
 #include "devlib/serialapi.h"
 #include "tests/folders.h"
@@ -18,12 +19,9 @@
 
 #include <array>
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
-
-extern "C" UInt32 __wrap__Z15GetProcessorNumv(); // NOLINT(bugprone-reserved-identifier): the linker's name for it
 
 extern std::atomic<Int32> gsConfigWriteOutstanding;
 extern std::atomic<UInt32> gstLastConfigWrite;
@@ -31,7 +29,6 @@ extern std::atomic<UInt32> gstLastConfigWrite;
 namespace
 {
 
-std::atomic<UInt32> processor;
 bool synced;         // the file systems
 UInt32 ids[2];       // of the tasks that play the parts
 std::string printed; // on standard output, during the run
@@ -1137,11 +1134,6 @@ INSTANTIATE_TEST_SUITE_P(Cancels, Orders, testing::ValuesIn(Group(kCancels, Noth
 #endif
 
 } // namespace
-
-UInt32 __wrap__Z15GetProcessorNumv()
-{
-    return processor;
-}
 
 void sync() noexcept
 {

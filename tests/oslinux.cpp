@@ -5,7 +5,6 @@
 #include "tests/tasks.h"
 
 #include <algorithm>
-#include <cstring>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/prctl.h>

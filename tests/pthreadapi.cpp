@@ -8,7 +8,6 @@
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/times.h>
-#include <unistd.h>
 #include <utility>
 #include <vector>
 

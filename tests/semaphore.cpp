@@ -6,7 +6,6 @@
 #include "tests/tasks.h"
 
 #include <cerrno>
-#include <cstring>
 
 // The misuse of mutexes is what is tested here.
 extern "C" const char *__tsan_default_options() // NOLINT(bugprone-reserved-identifier)

@@ -8,9 +8,7 @@
 #include "devlib/haldenflash/updateport.h"
 #include "tests/tasks.h"
 
-#include <cstring>
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 namespace

@@ -8,7 +8,6 @@
 #include "tests/logwriter.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cstdarg>
 #include <ctime>
 #include <sstream>
