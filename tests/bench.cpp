@@ -1,10 +1,9 @@
 #include "bench/sweeps/runner.h"
+#include "tests/folders.h"
 
 #include <algorithm>
 #include <csignal>
 #include <fcntl.h>
-#include <filesystem>
-#include <gtest/gtest.h>
 #include <numeric>
 #include <poll.h>
 
@@ -182,77 +181,24 @@ TEST_F(Devices, FindWhatTheHostMayNotDo)
 // ---- Runs
 
 // A bench with sample images in a directory of its own.
-class BenchRun : public testing::Test
-{
-protected:
+struct BenchRun : testing::Test {
     BenchRun()
     {
-        char path[] = "/tmp/benchXXXXXX";
-        options.directory = mkdtemp(path);
-        options.executable = HALDENFLASH_BINARY;
-        options.preload = HALDENBENCH_PRELOAD;
-        options.environment = {{"TALVORA_BOARDID", "KORA"}};
-        options.ports[0].line = &cameraLine;
-        options.ports[1].line = &microLine;
-        options.waitDivisor = 20;
+        options.directory = std::filesystem::current_path();
         WriteSamples(options.directory, {});
-    }
-    ~BenchRun() override { std::filesystem::remove_all(options.directory); }
-
-    // A busy machine may make a device too late, and the updater goes on without its verdict: such a run is made
-    // again.
-    RunResult Flash(const Texts &words)
-    {
-        options.arguments = {"haldenflash"};
-        options.arguments.insert(options.arguments.end(), words.begin(), words.end());
-        RunResult result = bench::Run(options);
-        for (int again = 0; again < 3 && NoVerdict(result.output); again++)
-            result = bench::Run(options);
-        return result;
     }
     RunResult Shell(const string &script)
     {
-        options.preload = "";
         options.executable = "/bin/sh";
         options.arguments = {"sh", "-c", script};
         return bench::Run(options);
     }
-    string MicroVerdict() const { return Judge(micro, options.directory).text; }
 
+    const ConfigFolders folders;
     Micro micro{0x20};
-    Camera camera{{"0203", "0204"}, {"0306", "0307"}};
-    Line microLine{micro}, cameraLine{camera};
+    Line microLine{micro};
     RunOptions options;
 };
-
-TEST_F(BenchRun, DevicesKeepWhatTheyHoldFromRunToRun)
-{
-    micro.faults = ParseFaults("cut=4");
-    Flash({"micro"});
-    EXPECT_TRUE(Has(MicroVerdict(), "differs from haldenmicro.bin"));
-    EXPECT_EQ(micro.flash().size(), 4 * 512U);
-    micro.faults = {};
-    EXPECT_EQ(Flash({"micro"}).status, 0);
-    EXPECT_TRUE(Has(MicroVerdict(), "holds")) << MicroVerdict();
-    EXPECT_EQ(Flash({"micro"}).status, 0);
-    EXPECT_TRUE(Has(MicroVerdict(), "was sent nothing"));
-}
-
-// How long the machine takes for what is not the line is what the same update takes on a line without a speed.
-TEST_F(BenchRun, APacedLineTakesItsTime)
-{
-    options.waitDivisor = 1000;
-    const double unpaced = Flash({"micro"}).seconds;
-    Micro next(0x20);
-    Line slow(next, 115200);
-    options.ports[1].line = &slow;
-    const double paced = Flash({"micro"}).seconds;
-    EXPECT_TRUE(Judge(next, options.directory).good);
-    EXPECT_GT(slow.carried(LineFault::kToDevice), 12 * 520U);
-    const double least = 12 * 520 * Line::kBitsPerByte / 115200;
-    EXPECT_GE(paced, least);
-    EXPECT_LT(paced, 4 * (least + unpaced));
-}
 
 // The first four bytes of the status reply as they come over the line, or all that come before a pause.
 Bytes HeardOf(Line &line)
@@ -302,6 +248,7 @@ TEST_F(BenchRun, ALineSpoilsOneByte)
 
 TEST_F(BenchRun, TellsHowAProgramEnded)
 {
+    options.environment = {{"TALVORA_BOARDID", "KORA"}};
     const RunResult result = Shell("echo out; echo err >&2; echo $PATH$TALVORA_BOARDID; kill -TERM $$");
     EXPECT_EQ(result.signal, SIGTERM);
     EXPECT_EQ(result.status, -1);
@@ -390,8 +337,6 @@ TEST(Recovery, KnowsEveryEndAndIsWrittenDown)
 TEST_F(BenchRun, CommandJudgesTheUpdate)
 {
     options.executable = HALDENBENCH_BINARY;
-    options.preload = "";
-    options.ports.clear();
     const auto command = [this](const Texts &words) {
         options.arguments = {"haldenbench", "--fast", "--trace", "trace", "--transcript", "transcript"};
         options.arguments.insert(options.arguments.end(), words.begin(), words.end());
