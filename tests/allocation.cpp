@@ -3,7 +3,6 @@
 // within its own calls, and the region of low_calloc, which is tried for at one address after the other.
 #include "Common/OS/dev.h"
 #include "Common/OS/linux/oslinux.h"
-#include "Common/OS/linux/psosapi/ptimer.h"
 #include "Common/OS/linux/psosapi/semaphore.h"
 #include "Common/OS/syslog.h"
 #include "Common/framework/config.h"

@@ -1,10 +1,10 @@
+#include "bench/devices/host.h"
 #include "bench/sweeps/runner.h"
 #include "tests/folders.h"
 
 #include <algorithm>
 #include <csignal>
 #include <fcntl.h>
-#include <numeric>
 #include <poll.h>
 
 namespace
@@ -17,40 +17,6 @@ using Texts = std::vector<std::string>;
 bool Has(const string &text, const string &part)
 {
     return text.find(part) != string::npos;
-}
-
-// A frame as the host sends it, made without the updater's own builder.
-Bytes FrameOf(std::uint8_t type, const Bytes &data)
-{
-    const std::size_t length = data.size() + 3;
-    const std::uint32_t checksum = 0x1000000U - std::accumulate(data.begin(), data.end(), 0U);
-    Bytes plain = {type, static_cast<std::uint8_t>(length >> 8), static_cast<std::uint8_t>(length)};
-    plain.insert(plain.end(), data.begin(), data.end());
-    for (const int shift : {16, 8, 0})
-        plain.push_back(static_cast<std::uint8_t>(checksum >> shift));
-    Bytes wire = {0xFF};
-    for (const std::uint8_t byte : plain) {
-        wire.push_back(byte < 0xFE ? byte : 0xFE);
-        if (byte >= 0xFE)
-            wire.push_back(byte == 0xFF);
-    }
-    return wire;
-}
-
-Bytes BlockOf(std::uint8_t type, unsigned number, std::size_t size, std::uint8_t fill = 0xFE)
-{
-    Bytes data(size + 2, fill);
-    data[0] = static_cast<std::uint8_t>(number >> 8);
-    data[1] = static_cast<std::uint8_t>(number);
-    return FrameOf(type, data);
-}
-
-Bytes Ask(Device &device, const Bytes &message)
-{
-    Bytes answer;
-    for (const Reply &reply : device.Receive(message))
-        answer.insert(answer.end(), reply.bytes.begin(), reply.bytes.end());
-    return answer;
 }
 
 const Bytes kStatusRequest = FrameOf(0x44, {1}), kQuery = {0x82, 0x06, 0x77}, kRetry = FrameOf(0x48, {});
@@ -120,10 +86,6 @@ TEST(Script, NamesTheItemItRefuses)
 
 // ---- Devices
 
-Bytes FlashMode(std::uint8_t mode, std::uint8_t cameraBlocks, std::uint8_t systemBlocks)
-{
-    return {0x87, 0x43, 0x72, mode, 0, cameraBlocks, 0, systemBlocks};
-}
 Bytes MicroBlock(unsigned number, std::size_t size = Micro::kBlockSize)
 {
     return BlockOf(0x48, number, size);
@@ -153,18 +115,18 @@ TEST_F(Devices, FindWhatTheHostMayNotDo)
         {{MicroBlock(0, 511), MicroBlock(1, 1)}, "block 1 has data behind a short block", micro},
         {{{0xFF, 0x48, 0x00}}, "message broken off, 3 bytes: FF 48 00", micro},
         {{BlockOf(0x88, 0, Camera::kBlockSize)}, "camera block 0, but 0 were announced", camera},
-        {{FlashMode(3, 1, 0), BlockOf(0x89, 0, 5)}, "system block 0, but 0 were announced", camera},
-        {{FlashMode(5, 1, 1), BlockOf(0x89, 0, 5)}, "system block 0 before camera block 0", camera},
-        {{FlashMode(3, 2, 0), BlockOf(0x88, 1, 5)}, "camera block 1 where 0 is due", camera},
-        {{FlashMode(3, 2, 0), BlockOf(0x88, 0, 5)}, "camera block 0 of 2 with 5 bytes", camera},
-        {{FlashMode(3, 1, 0), BlockOf(0x88, 0, 0)}, "camera block 0 of 1 with 0 bytes", camera},
-        {{FlashMode(3, 1, 0), BlockOf(0x88, 0, 5), BlockOf(0x88, 1, 5)},
+        {{FlashModeOf(3, 1, 0), BlockOf(0x89, 0, 5)}, "system block 0, but 0 were announced", camera},
+        {{FlashModeOf(5, 1, 1), BlockOf(0x89, 0, 5)}, "system block 0 before camera block 0", camera},
+        {{FlashModeOf(3, 2, 0), BlockOf(0x88, 1, 5)}, "camera block 1 where 0 is due", camera},
+        {{FlashModeOf(3, 2, 0), BlockOf(0x88, 0, 5)}, "camera block 0 of 2 with 5 bytes", camera},
+        {{FlashModeOf(3, 1, 0), BlockOf(0x88, 0, 0)}, "camera block 0 of 1 with 0 bytes", camera},
+        {{FlashModeOf(3, 1, 0), BlockOf(0x88, 0, 5), BlockOf(0x88, 1, 5)},
          "camera block 1, but 1 were announced",
          camera},
-        {{FlashMode(3, 1, 1)}, "flash mode 3 does not go with 1 camera blocks and 1 system blocks", camera},
-        {{FlashMode(2, 0, 0)}, "unknown flash mode 2", camera},
+        {{FlashModeOf(3, 1, 1)}, "flash mode 3 does not go with 1 camera blocks and 1 system blocks", camera},
+        {{FlashModeOf(2, 0, 0)}, "unknown flash mode 2", camera},
         {{{0x82, 0x06, 0x78}, kQuery}, "unknown message, 3 bytes: 82 06 78", camera},
-        {{{0x12}, kQuery, FlashMode(3, 0xFF, 0)}, "byte 12 outside a frame", camera},
+        {{{0x12}, kQuery, FlashModeOf(3, 0xFF, 0)}, "byte 12 outside a frame", camera},
         {{kStatusRequest}, "a frame of type 44 is none of its messages", camera},
     };
     for (const auto &[messages, finding, device] : cases) {

@@ -1,4 +1,3 @@
-#include "Common/OS/linux/psosapi/ptimer.h"
 #include "Common/framework/config.h"
 #include "bench/standin/processor.h"
 #include "tests/folders.h"

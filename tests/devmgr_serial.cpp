@@ -2,7 +2,6 @@
 #include "devlib/devmgr_serial.h"
 
 #include "Common/OS/linux/oslinux.h"
-#include "Common/OS/linux/psosapi/ptimer.h"
 #include "bench/standin/ptyboard.h"
 #include "tests/tasks.h"
 

@@ -1,9 +1,9 @@
 #include "Common/framework/mod.h"
 
+#include "bench/standin/screen.h"
 #include "tests/logwriter.h"
 
 #include <sys/mman.h>
-#include <utility>
 
 // What the module shares with the whole process.
 extern std::atomic<ModT *> gMods[4000];
@@ -19,6 +19,8 @@ extern const char *ModExceptionString[1];
 namespace
 {
 
+using bench::PrintedWhile;
+
 struct Mod : testing::Test { // where tasks end, and the test's own must still find itself
     void SetUp() override { gLibPThreadNPTL = 1, t_attach("main", 10), ModInit(&mod, "cfg", 3, nullptr); }
     void TearDown() override { EXPECT_EQ((ModExit(&mod), mod.flags & kModFlagListed), 0u); }
@@ -26,28 +28,6 @@ struct Mod : testing::Test { // where tasks end, and the test's own must still f
 };
 
 const CallbackFuncPtrT count = [](ModT *, UInt32, void *user, void *) { ++*static_cast<std::atomic<int> *>(user); };
-
-using MeanwhileT = std::function<void(const std::string &)>;
-
-// What is printed. Each time something is, another thread sees it first, and its work is waited for: nothing that it
-// needs may be locked.
-std::string PrintedWhile(const std::function<void()> &print, const MeanwhileT &meanwhile)
-{
-    std::pair<const MeanwhileT &, std::string> cookie(meanwhile, "");
-    const auto take = [](void *pCookie, const char *text, std::size_t size) {
-        auto &[work, all] = *static_cast<decltype(cookie) *>(pCookie);
-        all.append(text, size);
-        std::thread(work, std::string(text, size)).join();
-        return static_cast<ssize_t>(size);
-    };
-    std::FILE *file = fopencookie(&cookie, "w", {nullptr, take, nullptr, nullptr});
-    std::setvbuf(file, nullptr, _IONBF, 0);
-    std::FILE *const before = std::exchange(stdout, file);
-    print();
-    stdout = before;
-    std::fclose(file);
-    return cookie.second;
-}
 
 bool Matches(const std::string &text, const std::string &pattern)
 {

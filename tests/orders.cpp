@@ -4,7 +4,6 @@
 
 #include "Common/OS/dev.h"
 #include "Common/OS/linux/oslinux.h"
-#include "Common/OS/linux/psosapi/ptimer.h"
 #include "Common/OS/linux/psosapi/semaphore.h"
 #include "Common/OS/logmsg.h"
 #include "Common/OS/syslog.h"
@@ -253,14 +252,6 @@ void WaitFor(UInt32 ticks)
     ev_receive(1, kEvAny, ticks, &events);
 }
 constexpr auto PrepareTicks = [] { Once([] { StartSystemTimer(), schedule::TakeTicks(); }); };
-void TimersAreFree()
-{
-    UInt32 pool[kMaxTimers];
-    for (UInt32 &tmid : pool) // one that is not there stops the program
-        tm_callback_after(
-            100000, &tmid, [](void *) { return 0; }, nullptr);
-    std::for_each(pool, std::end(pool), tm_cancel);
-}
 void NothingIsLeftOfTheVictim()
 {
     EXPECT_TRUE(Eventually([] { return NumTasks() == 3; })) << NumTasks();

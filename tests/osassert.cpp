@@ -1,9 +1,10 @@
 #include "Common/OS/osassert.h"
 
-#include "tests/fullpipe.h"
+#include "bench/standin/fullpipe.h"
 
 #include <chrono>
 #include <csignal>
+#include <gtest/gtest.h>
 #include <string>
 #include <thread>
 
@@ -41,7 +42,7 @@ void LoseReader()
 // A descriptor leads to a pipe that nobody reads, to the end of the process.
 void Stall(int fd)
 {
-    new FullPipe(fd);
+    static const bench::FullPipe full(fd);
 }
 
 void StartThread(void (*body)())

@@ -4,7 +4,6 @@
 #include "tests/folders.h"
 #include "tests/tasks.h"
 
-#include <algorithm>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/prctl.h>

@@ -1,7 +1,6 @@
 #include "Common/OS/linux/psosapi/semaphore.h"
 
 #include "Common/OS/linux/oslinux.h"
-#include "Common/OS/linux/psosapi/ptimer.h"
 
 #include "tests/tasks.h"
 

@@ -2,7 +2,6 @@
 #include "devlib/serialapi.h"
 
 #include "Common/OS/linux/oslinux.h"
-#include "Common/OS/linux/psosapi/ptimer.h"
 #include "Common/OS/linux/psosapi/semaphore.h"
 #include "bench/standin/ptyboard.h"
 #include "devlib/haldenflash/updateport.h"
