@@ -1,4 +1,5 @@
 #include "Common/framework/config.h"
+#include "bench/standin/disk.h"
 #include "bench/standin/processor.h"
 #include "tests/folders.h"
 #include "tests/logwriter.h"
@@ -148,17 +149,16 @@ TEST_F(ConfigStore, ReplacesAFileThatIsOnlyAnItems)
     EXPECT_EQ(folders.Get("dat/item.dat"), "with one descriptor\n");
 }
 
-std::string refused; // a system call that fails
-
 TEST_F(ConfigStore, WritesInPlaceWhatCannotBeReplaced)
 {
     for (const char *call : {"flock", "fchmod", "rename"}) {
         folders.Put("dat/item.dat", "old and longer\n");
         const ino_t old = StatusOf("dat/item.dat").st_ino;
-        refused = call;
+        disk::refused = call;
         EXPECT_EQ(ConfigStoreWrite("item", 0, call), kNoError);
         EXPECT_EQ(folders.Get("dat/item.dat"), call + "\n"s);
         EXPECT_EQ(StatusOf("dat/item.dat").st_ino, old) << call;
+        EXPECT_EQ(disk::modeBefore & 0077, 0u) << "nobody else could open the new file until now";
         EXPECT_EQ(std::distance(std::filesystem::directory_iterator("../dat"), {}), 1) << call;
     }
     for (int i = 0; i < 64; i++) // every name of a new file is taken
@@ -390,25 +390,4 @@ TEST_F(ConfigStore, LetsTheMessagePathUseTheDatabase)
     EXPECT_STREQ(value, "fresh");
 }
 
-// A file that nobody else could open until now.
-int StillClosed(int file)
-{
-    struct stat status;
-    EXPECT_EQ(fstat(file, &status), 0);
-    EXPECT_EQ(status.st_mode & 0077, 0u);
-    return file;
-}
-
 } // namespace
-
-// NOLINTBEGIN(bugprone-reserved-identifier)
-#define REFUSABLE(name, error, parameters, arguments)                                                                  \
-    extern "C" int __real_##name parameters;                                                                           \
-    extern "C" int __wrap_##name parameters                                                                            \
-    {                                                                                                                  \
-        return refused == #name ? (errno = (error), -1) : __real_##name arguments;                                     \
-    }
-REFUSABLE(flock, ENOLCK, (int file, int operation), (file, operation))
-REFUSABLE(fchmod, EPERM, (int file, mode_t mode), (StillClosed(file), mode))
-REFUSABLE(rename, EBUSY, (const char *from, const char *to), (from, to))
-// NOLINTEND(bugprone-reserved-identifier)
