@@ -7,8 +7,8 @@
 #include "Common/OS/syslog.h"
 #include "Common/framework/config.h"
 #include "bench/standin/allocator.h"
+#include "bench/standin/folders.h"
 #include "devlib/serialapi.h"
-#include "tests/folders.h"
 #include "tests/tasks.h"
 
 #include <sys/mman.h>

@@ -1,10 +1,11 @@
 #include "bench/devices/host.h"
+#include "bench/standin/folders.h"
 #include "bench/sweeps/runner.h"
-#include "tests/folders.h"
 
 #include <algorithm>
 #include <csignal>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <poll.h>
 
 namespace

@@ -1,5 +1,5 @@
 #include "Common/framework/config.h"
-#include "tests/folders.h"
+#include "bench/standin/folders.h"
 #include "tests/logwriter.h"
 
 #include <csignal>

@@ -1,7 +1,7 @@
 #include "Common/framework/config.h"
 #include "bench/standin/disk.h"
+#include "bench/standin/folders.h"
 #include "bench/standin/processor.h"
-#include "tests/folders.h"
 #include "tests/logwriter.h"
 
 #include <fcntl.h>

@@ -5,10 +5,11 @@
 #include "bench/rig/images.h"
 #include "bench/rig/launcher.h"
 #include "bench/rig/run.h"
+#include "bench/standin/folders.h"
 #include "bench/sweeps/recovery.h"
-#include "tests/folders.h"
 
 #include <algorithm>
+#include <gtest/gtest.h>
 #include <map>
 #include <optional>
 #include <sstream>

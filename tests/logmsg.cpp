@@ -1,4 +1,4 @@
-#include "tests/folders.h"
+#include "bench/standin/folders.h"
 #include "tests/logwriter.h"
 
 namespace

@@ -10,10 +10,10 @@
 #include "Common/framework/config.h"
 #include "Common/framework/list.h"
 #include "Common/framework/remmsg.h"
+#include "bench/standin/folders.h"
 #include "bench/standin/processor.h"
 #include "bench/standin/ptyboard.h"
 #include "devlib/serialapi.h"
-#include "tests/folders.h"
 #include "tests/tasks.h"
 
 #include <array>

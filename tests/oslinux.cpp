@@ -1,7 +1,7 @@
 #include "Common/OS/linux/oslinux.h"
 
 #include "bench/rig/launcher.h"
-#include "tests/folders.h"
+#include "bench/standin/folders.h"
 #include "tests/tasks.h"
 
 #include <fcntl.h>

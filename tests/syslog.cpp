@@ -1,7 +1,7 @@
 
 #include "Common/OS/linux/oslinux.h"
 
-#include "tests/folders.h"
+#include "bench/standin/folders.h"
 #include "tests/logwriter.h"
 
 #include <cstdarg>

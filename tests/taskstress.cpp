@@ -2,7 +2,7 @@
 // STRESS_SECONDS or 1, from STRESS_SEED or the clock.
 #include "Common/OS/linux/psosapi/semaphore.h"
 #include "Common/framework/config.h"
-#include "tests/folders.h"
+#include "bench/standin/folders.h"
 #include "tests/logwriter.h"
 
 #include <ctime>
