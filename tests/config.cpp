@@ -146,7 +146,7 @@ TEST_F(Config, PrintsWithoutHoldingAnybodyUp)
         STDERR_FILENO, [] { ConfigWrite("folder", 0, "fails"); }, work);
 }
 
-TEST_F(Config, ReadsNumbers)
+TEST_F(Config, ReadsAndWritesNumbersAndInstances)
 {
     const struct {
         std::string text;
@@ -175,10 +175,6 @@ TEST_F(Config, ReadsNumbers)
     Int32 number = 9;
     EXPECT_EQ(ConfigReadInt32("none", 0, &number), kItemNotFound);
     EXPECT_EQ(number, 9);
-}
-
-TEST_F(Config, WritesNumbersAndInstances)
-{
     char value[kConfigValueSize];
     EXPECT_EQ(ConfigWriteInt32("a", 0, INT32_MIN), kNoError);
     EXPECT_EQ(Read("a"), "-2147483648");

@@ -154,7 +154,7 @@ TEST_F(Mod, NullArgumentsStop)
     EXPECT_DEATH(ModGetDeferredFunctionStats(0, nullptr), "failed: pStats,");
 }
 
-TEST_F(Mod, LogLinesAreWhatIsWritten)
+TEST_F(Mod, LogLinesAreWhatIsWrittenAndNameTheOwnerOnRequest)
 {
     LogWriter writer(kLogFormatLevel);
     const struct {
@@ -189,11 +189,6 @@ TEST_F(Mod, LogLinesAreWhatIsWritten)
         expected = "INFO  pc[0]: cfg[3]: ";
         EXPECT_EQ(writer.Drained(), expected.append(text).append(number).append("cfg[3]: 2\n")) << size;
     }
-}
-
-TEST_F(Mod, LogLinesNameTheOwnerOnRequest)
-{
-    LogWriter writer(kLogFormatLevel);
     ModInit(&owner, "%s", 0, nullptr);
     EXPECT_EQ(mod.SetOwner(&mod, &owner), kNoError);
     ModLog(&mod, kLogError, "x\n");
@@ -232,7 +227,7 @@ void NoteLast(void *pArgs, Int32 argLen)
     ran += static_cast<char *>(pArgs)[argLen - 1];
 }
 
-TEST_F(Mod, DeferredFunctionsMayBeRefused)
+TEST_F(Mod, DeferredFunctionsMayBeRefusedAndRunInTheirOrder)
 {
     LogWriter writer(kLogFormatLevel);
     EXPECT_EQ(ModDeferFunctionCall(0, NoteLast, nullptr, kModMaxArgs + 1), kBadParameter);
@@ -244,11 +239,6 @@ TEST_F(Mod, DeferredFunctionsMayBeRefused)
     EXPECT_EQ(ModSearchDeferredFunction(64, NoteLast), kItemNotFound);
     EXPECT_EQ(ModGetDeferredFunctionStats(64, &stats), kItemNotFound);
     EXPECT_EQ(ModGetDeferredFunctionStats(0, &stats), kItemNotFound);
-}
-
-TEST_F(Mod, DeferredFunctionsRunInTheirOrder)
-{
-    LogWriter writer(kLogFormatLevel);
     std::string expected = "#";
     EXPECT_EQ(ModDeferFunctionCall(0, NoteLast, std::string(kModMaxArgs, '#').data(), kModMaxArgs), kNoError);
     for (char c = 0; ModDeferFunctionCall(0, NoteLast, &c, 1) == kNoError; c++)
@@ -262,7 +252,6 @@ TEST_F(Mod, DeferredFunctionsRunInTheirOrder)
     usleep(2000), ModProcessDeferredFunctions(); // all have waited
     EXPECT_EQ(ran, expected);
     ModDeferFunctionCall(t_name(0), NoteLast, "x", 1), ModProcessDeferredFunctions(); // this one has not
-    DeferredFuncStatsT stats{};
     EXPECT_EQ(ModGetDeferredFunctionStats(t_name(0), &stats), kNoError);
     EXPECT_EQ(stats.runCount, 385u);
     EXPECT_GE(stats.maxTime, 2u);

@@ -415,12 +415,7 @@ TEST(TasksDeathTest, RefuseNullArguments)
     EXPECT_DEATH(t_getRefCon(tid, nullptr), "failed: refcon_out,");
     EXPECT_DEATH(t_name_from_pid(getpid(), nullptr), "failed: name_out,");
     EXPECT_DEATH(ev_receive_timeout(nullptr), "failed: pTask,");
-    EXPECT_DEATH(
-        {
-            t_attach("null", 1);
-            ev_receive(0, 0, 0, nullptr);
-        },
-        "failed: events_out,");
+    EXPECT_DEATH((t_attach("null", 1), ev_receive(0, 0, 0, nullptr)), "failed: events_out,");
 }
 
 TEST(TasksDeathTest, RefuseImpossiblePriorities)

@@ -117,12 +117,8 @@ TEST(InterruptLockDeathTest, StopsOnMisuse)
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(interruptsRestore(0), "Assertion failed: 0, .*function interruptsRestore");
     EXPECT_DEATH(interruptsRestore(interruptsOff() + 1), "failed: intsoffcount == oldie,");
-    EXPECT_DEATH(
-        {
-            const UInt32 depth = interruptsOff();
-            InAThread([&] { interruptsRestore(depth); });
-        },
-        "failed: intsoffthread == pthread_self\\(\\),");
+    EXPECT_DEATH(InAThread([depth = interruptsOff()] { interruptsRestore(depth); }),
+                 "failed: intsoffthread == pthread_self\\(\\),");
 }
 
 } // namespace
