@@ -1,8 +1,13 @@
 // The command haldencap: makes captures from the field, and shows them.
 #include "bench/capture/capturefile.h"
+#include "bench/capture/stracetext.h"
 #include "bench/options.h"
+#include "bench/rig/descriptor.h"
 
 #include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <iostream>
 
 namespace
@@ -17,6 +22,12 @@ constexpr int kUsage = 2;
 constexpr char kHelp[] =
     "Usage: haldencap COMMAND ...\n"
     "Makes captures from the field, and shows them.\n"
+    "  from-strace [--port DEVICE=FILE]... TEXT CAPTURE\n"
+    "                            make a capture of the output of strace; \"-\" is standard input or output.\n"
+    "                            DEVICE is micro or camera; FILE is the name by which its device file was opened, if\n"
+    "                            that was not /dev/fpgaserial1 or 0. On the appliance:\n"
+    "                              strace -f -ttt -T -y -xx -s 262144 -o TEXT -e trace=file,desc,process haldenflash "
+    "all\n"
     "  help                      print this\n"
     "Exit status:\n"
     "  0  the work is done\n"
@@ -25,7 +36,9 @@ constexpr char kHelp[] =
 
 using Words = std::vector<std::string>;
 
-// One command: its name, how many words it takes behind it, and what it does.
+constexpr std::size_t kOwnWords = ~std::size_t{0};
+
+// One command: its name, how many words it takes behind it, and what it does. With kOwnWords it counts them itself.
 struct Command {
     const char *name;
     std::size_t words;
@@ -38,7 +51,77 @@ int Help(const Words &)
     return kGood;
 }
 
+// ---- from-strace
+
+void AddPort(const std::string &text, StraceText::PortPaths &ports)
+{
+    const std::size_t equals = text.find('=');
+    const std::string device = text.substr(0, equals);
+    if (equals == std::string::npos || equals + 1 == text.size() || (device != "micro" && device != "camera"))
+        throw UsageError("--port: the value has to be micro=FILE or camera=FILE");
+    ports[text.substr(equals + 1)] = device == "micro" ? kMicroPort : kCameraPort;
+}
+
+// Copies a stream to a file without a name, so that it can be read twice.
+std::fstream Spool(std::istream &source)
+{
+    std::string path = std::filesystem::temp_directory_path() / "haldencap.XXXXXX";
+    const Descriptor made(Checked(mkstemp(path.data()), path.c_str()));
+    std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+    std::filesystem::remove(path);
+    if (source.peek() != std::char_traits<char>::eof())
+        file << source.rdbuf();
+    if (!file.flush())
+        throw std::runtime_error("cannot write " + path);
+    return file;
+}
+
+void Convert(std::istream &stream, const StraceText::PortPaths &ports, const std::string &path)
+{
+    StraceText text(stream, ports);
+    std::ofstream file;
+    if (path != "-")
+        file.open(path, std::ios::binary);
+    std::ostream &output = path == "-" ? std::cout : file;
+    if (!output)
+        throw std::runtime_error("cannot write " + path + ": " + std::strerror(errno));
+    CaptureWriter writer(output, text.info());
+    text.HandOut([&writer](const Event &event) { writer.Write(event); });
+    writer.Finish();
+    if (!output.flush())
+        throw std::runtime_error("cannot write " + path + ": " + std::strerror(errno));
+}
+
+int FromStrace(const Words &words)
+{
+    StraceText::PortPaths ports;
+    std::size_t first = 0;
+    for (; first + 1 < words.size() && words[first] == "--port"; first += 2)
+        AddPort(words[first + 1], ports);
+    if (words.size() != first + 2)
+        throw UsageError("from-strace takes 2 words behind its options; see haldencap help");
+    const std::string &path = words[first];
+    std::ifstream file;
+    if (path != "-")
+        file.open(path, std::ios::binary);
+    if (!file || std::filesystem::is_directory(path))
+        throw std::runtime_error("cannot read " + path);
+    std::istream &stream = path == "-" ? std::cin : file;
+    try {
+        if (path != "-" && std::filesystem::is_regular_file(path)) {
+            Convert(stream, ports, words[first + 1]);
+        } else {
+            std::fstream copy = Spool(stream);
+            Convert(copy, ports, words[first + 1]);
+        }
+    } catch (const StraceError &error) {
+        throw std::runtime_error((path == "-" ? "standard input" : path) + ": " + error.what());
+    }
+    return kGood;
+}
+
 constexpr Command kCommands[] = {
+    {"from-strace", kOwnWords, FromStrace},
     {"help", 0, Help},
 };
 
@@ -48,7 +131,7 @@ int Work(const Words &words)
     for (const Command &command : kCommands) {
         if (name != command.name)
             continue;
-        if (words.size() != command.words + 1)
+        if (command.words != kOwnWords && words.size() != command.words + 1)
             throw UsageError(name + " takes " + std::to_string(command.words) + " words; see haldencap help");
         return command.run({words.begin() + 1, words.end()});
     }
