@@ -345,6 +345,7 @@ struct OpenCall {
     std::size_t line = 0;
     int port = kNoPort; // that its descriptor led to when the call began
     Order::Place place = {};
+    bool cut = false; // its line has no end, and there is no row
 };
 
 struct Thread {
@@ -680,6 +681,7 @@ void Follower::TakeCall(Thread &thread, const StraceLine &line)
     if (row == nullptr && calls_ > 0) // the usual line
         return;
     if (!ParseStraceCall(line.text, call_)) {
+        thread.call.cut = true;
         if (row != nullptr)
             MissEnd(*row, line.text, kNoPort, line_);
         return;
@@ -725,7 +727,7 @@ void Follower::TakeEnd(Thread &thread, const StraceLine &line)
     forking_.erase(thread.id);
     const CallRow *row = RowOf(line.name);
     if (open.row == nullptr) {
-        if (row != nullptr && (row->traits & kData) != 0)
+        if (!open.cut && row != nullptr && (row->traits & kData) != 0)
             Remark(kNoPort, "the beginning of this " + std::string(row->name) + " is missing");
         return;
     }
