@@ -19,7 +19,10 @@ struct StraceError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-struct StraceFindings;
+namespace strace
+{
+struct Findings;
+}
 
 class StraceText
 {
@@ -40,11 +43,11 @@ public:
     void HandOut(const Sink &sink);
 
 private:
-    StraceFindings Follow(const Sink &sink);
+    strace::Findings Follow(const Sink &sink);
 
     std::istream &text_;
     const PortPaths ports_;
-    std::unique_ptr<StraceFindings> findings_;
+    std::unique_ptr<strace::Findings> findings_;
 };
 
 } // namespace bench

@@ -1,0 +1,62 @@
+#include "bench/capture/stracetext_inner.h"
+
+#include "bench/rig/images.h"
+
+#include <cctype>
+
+namespace bench::strace
+{
+
+namespace
+{
+
+struct Name {
+    const char *name;
+    bool isText;
+};
+constexpr Name kNames[] = {
+    {kMicroImage, false}, {kCameraImage, false}, {kSystemImage, false}, {kCameraVersion, true}, {kSystemVersion, true},
+};
+
+// On one line. Other bytes than printable characters are "\x0A".
+std::string Shown(const Bytes &bytes)
+{
+    std::string text;
+    for (const std::uint8_t byte : bytes)
+        text +=
+            std::isprint(byte) != 0 && byte != '\\' ? std::string(1, static_cast<char>(byte)) : Format("\\x%02X", byte);
+    return text;
+}
+
+} // namespace
+
+Images::Images()
+{
+    for (const Name &row : kNames)
+        files_[row.name];
+}
+
+Images::File *Images::Find(const std::string &path)
+{
+    const auto found = files_.find(path.substr(path.rfind('/') + 1));
+    return found == files_.end() ? nullptr : &found->second;
+}
+
+void Images::Describe(RunInfo &info, std::vector<std::string> &remarks) const
+{
+    for (const Name &row : kNames) {
+        const std::string name = row.name;
+        const File &file = files_.at(name);
+        const bool found = file.seen > 0 || file.size;
+        if (!found && file.missing)
+            info.files.push_back(name + " missing");
+        if (found && row.isText)
+            info.files.push_back(name + " text " + Shown(file.head));
+        if (found && !row.isText)
+            info.files.push_back(name + " " + std::to_string(file.size.value_or(file.seen)) + " bytes");
+        if (found && !row.isText && !file.size)
+            remarks.push_back("! the text does not show the end of " + name + ", which may be longer");
+    }
+}
+
+} // namespace bench::strace
