@@ -8,13 +8,13 @@ namespace bench
 namespace
 {
 
-constexpr std::size_t kLongestLine = 16 << 20;
+constexpr std::size_t kLongestLine = 16 << 20, kUsualLine = 1 << 16;
 
 // The lines of a text, from its start. The caller keeps the stream.
 class Lines
 {
 public:
-    explicit Lines(std::istream &stream) : stream_(stream), buffer_(kLongestLine)
+    explicit Lines(std::istream &stream) : stream_(stream), buffer_(kUsualLine)
     {
         stream_.clear();
         stream_.seekg(0);
@@ -44,15 +44,20 @@ private:
     // Reads one line behind the size bytes that are there.
     bool Append(std::size_t &size)
     {
-        stream_.getline(buffer_.data() + size, static_cast<std::streamsize>(buffer_.size() - size));
-        const auto count = static_cast<std::size_t>(stream_.gcount());
-        if (count == 0 && stream_.eof())
-            return false;
-        ++read_;
-        if (stream_.fail())
-            throw StraceError(Format("line %zu: it is longer than %zu bytes", read_, kLongestLine));
+        std::size_t count = 0;
+        for (++read_;; buffer_.resize(buffer_.size() * 2)) {
+            stream_.getline(buffer_.data() + size, static_cast<std::streamsize>(buffer_.size() - size));
+            count = static_cast<std::size_t>(stream_.gcount());
+            if (!stream_.fail() || stream_.eof())
+                break;
+            if (buffer_.size() >= kLongestLine)
+                throw StraceError(Format("line %zu: it is longer than %zu bytes", read_, kLongestLine));
+            size += count; // the buffer is full
+            stream_.clear();
+        }
+        const bool found = count > 0 || !stream_.eof();
         size += count - (stream_.eof() ? 0 : 1); // the end of the line counts
-        return true;
+        return found;
     }
 
     // Where strace's text begins that stands at the end of a piece of a call. 0: there is no such text.
