@@ -1,5 +1,6 @@
 // The command haldencap: makes captures from the field, and shows them.
 #include "bench/capture/capturefile.h"
+#include "bench/capture/images.h"
 #include "bench/capture/stracetext.h"
 #include "bench/options.h"
 #include "bench/rig/descriptor.h"
@@ -24,10 +25,10 @@ constexpr char kHelp[] =
     "Makes captures from the field, and shows them.\n"
     "  from-strace [--port DEVICE=FILE]... TEXT CAPTURE\n"
     "                            make a capture of the output of strace; \"-\" is standard input or output.\n"
-    "                            DEVICE is micro or camera; FILE is the name by which its device file was opened, if\n"
-    "                            that was not /dev/fpgaserial1 or 0. On the appliance:\n"
-    "                              strace -f -ttt -T -y -xx -s 262144 -o TEXT -e trace=file,desc,process haldenflash "
-    "all\n"
+    "                            DEVICE is micro or camera. FILE is the name by which the program opened it, if that\n"
+    "                            was another than /dev/fpgaserial1 or /dev/fpgaserial0. On the appliance:\n"
+    "      strace -f -ttt -T -y -xx -s 262144 -o TEXT -e trace=file,desc,process haldenflash all\n"
+    "  images CAPTURE DIR        rebuild the images and version files of a run in DIR\n"
     "  help                      print this\n"
     "Exit status:\n"
     "  0  the work is done\n"
@@ -117,26 +118,33 @@ int FromStrace(const Words &words)
     } catch (const StraceError &error) {
         throw std::runtime_error((path == "-" ? "standard input" : path) + ": " + error.what());
     }
-    return kGood;
-}
-
-constexpr Command kCommands[] = {
-    {"from-strace", kOwnWords, FromStrace},
-    {"help", 0, Help},
-};
-
-int Work(const Words &words)
-{
-    const std::string name = words.empty() ? "" : words.front() == "--help" ? "help" : words.front();
-    for (const Command &command : kCommands) {
-        if (name != command.name)
-            continue;
-        if (command.words != kOwnWords && words.size() != command.words + 1)
-            throw UsageError(name + " takes " + std::to_string(command.words) + " words; see haldencap help");
-        return command.run({words.begin() + 1, words.end()});
+    int Images(const Words &words)
+    {
+        const RebuiltFiles files = RebuildFiles(ReadCapture(words[0]));
+        WriteFiles(files, words[1]);
+        for (const std::string &remark : files.remarks)
+            std::cerr << "haldencap: " << remark << "\n";
+        return kGood;
     }
-    throw UsageError("there is no command \"" + name + "\"; see haldencap help");
-}
+
+    constexpr Command kCommands[] = {
+        {"from-strace", kOwnWords, FromStrace},
+        {"images", 2, Images},
+        {"help", 0, Help},
+    };
+
+    int Work(const Words &words)
+    {
+        const std::string name = words.empty() ? "" : words.front() == "--help" ? "help" : words.front();
+        for (const Command &command : kCommands) {
+            if (name != command.name)
+                continue;
+            if (command.words != kOwnWords && words.size() != command.words + 1)
+                throw UsageError(name + " takes " + std::to_string(command.words) + " words; see haldencap help");
+            return command.run({words.begin() + 1, words.end()});
+        }
+        throw UsageError("there is no command \"" + name + "\"; see haldencap help");
+    }
 
 } // namespace
 

@@ -1,5 +1,6 @@
 #include "bench/text.h"
 
+#include <cctype>
 #include <charconv>
 #include <cstdarg>
 #include <cstdio>
@@ -50,6 +51,15 @@ std::string Describe(const Bytes &bytes)
     return text;
 }
 
+std::string Printable(const Bytes &bytes)
+{
+    std::string text;
+    for (const std::uint8_t byte : bytes)
+        text +=
+            std::isprint(byte) != 0 && byte != '\\' ? std::string(1, static_cast<char>(byte)) : Format("\\x%02X", byte);
+    return text;
+}
+
 std::optional<unsigned> ParseNumber(const std::string &text, int base, unsigned limit)
 {
     const char *end = text.data() + text.size();
@@ -58,6 +68,47 @@ std::optional<unsigned> ParseNumber(const std::string &text, int base, unsigned 
     if (parsed.ec != std::errc() || parsed.ptr != end || number > limit)
         return std::nullopt;
     return number;
+}
+
+std::string Quoted(const std::vector<std::string> &words)
+{
+    constexpr char kPlain[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_./,:=+@%-";
+    std::string text;
+    for (const std::string &word : words) {
+        text += text.empty() ? "" : " ";
+        const bool plain = !word.empty() && word.find_first_not_of(kPlain) == std::string::npos;
+        text += plain ? "" : "'";
+        for (const char c : word)
+            c == '\'' ? text += "'\\''" : text += c;
+        text += plain ? "" : "'";
+    }
+    return text;
+}
+
+std::vector<std::string> Unquoted(const std::string &text)
+{
+    std::vector<std::string> words;
+    bool inWord = false;
+    char quote = 0; // the open quotation mark
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        if (quote == 0 && (c == ' ' || c == '\t' || c == '\n')) {
+            inWord = false;
+            continue;
+        }
+        if (!inWord)
+            words.emplace_back();
+        inWord = true;
+        if (c == quote)
+            quote = 0;
+        else if (quote == 0 && (c == '\'' || c == '"'))
+            quote = c;
+        else if (quote != '\'' && c == '\\' && i + 1 < text.size())
+            words.back() += text[++i];
+        else
+            words.back() += c;
+    }
+    return words;
 }
 
 std::string LastLine(std::string text)

@@ -196,11 +196,11 @@ TEST(StraceRun, IsKnownFromItsCalls)
                "9 open(\"haldenmicro.bin\", O_RDONLY) = 4\n9 _llseek(4, 0, [6144], SEEK_END) = 0\n"
                "9 open(\"./farsightcam.bin\", O_RDONLY) = 5\n9 fstat64(5, {st_size=70000, ...}) = 0\n"
                "9 open(\"farsightsys.bin\", O_RDONLY) = -1 ENOENT (No such file or directory)\n"
-               "9 open(\"farsightcamver\", O_RDONLY) = 6\n9 read(6, \"0204\\n\", 8) = 5\n"));
+               "9 read(5, \"!\", 1) = 1\n9 open(\"farsightcamver\", O_RDONLY) = 6\n9 read(6, \"0204\\n\", 8) = 5\n"));
     const StraceText strace(text);
     EXPECT_EQ(strace.info().command, "haldenflash 'it'\\''s' 'a b'");
     EXPECT_EQ(strace.info().program, "haldenflash");
-    EXPECT_EQ(strace.info().files, (Texts{"haldenmicro.bin 6144 bytes", "farsightcam.bin 70000 bytes",
+    EXPECT_EQ(strace.info().files, (Texts{"haldenmicro.bin 6144 bytes", "farsightcam.bin 70000 bytes first 21",
                                           "farsightsys.bin missing", "farsightcamver text 0204\\x0A"}));
 }
 

@@ -2,8 +2,6 @@
 
 #include "bench/rig/images.h"
 
-#include <cctype>
-
 namespace bench::strace
 {
 
@@ -17,16 +15,6 @@ struct Name {
 constexpr Name kNames[] = {
     {kMicroImage, false}, {kCameraImage, false}, {kSystemImage, false}, {kCameraVersion, true}, {kSystemVersion, true},
 };
-
-// On one line. Other bytes than printable characters are "\x0A".
-std::string Shown(const Bytes &bytes)
-{
-    std::string text;
-    for (const std::uint8_t byte : bytes)
-        text +=
-            std::isprint(byte) != 0 && byte != '\\' ? std::string(1, static_cast<char>(byte)) : Format("\\x%02X", byte);
-    return text;
-}
 
 } // namespace
 
@@ -51,9 +39,10 @@ void Images::Describe(RunInfo &info, std::vector<std::string> &remarks) const
         if (!found && file.missing)
             info.files.push_back(name + " missing");
         if (found && row.isText)
-            info.files.push_back(name + " text " + Shown(file.head));
+            info.files.push_back(name + " text " + Printable(file.head));
         if (found && !row.isText)
-            info.files.push_back(name + " " + std::to_string(file.size.value_or(file.seen)) + " bytes");
+            info.files.push_back(name + " " + std::to_string(file.size.value_or(file.seen)) + " bytes" +
+                                 (file.head.empty() ? "" : Format(" first %02X", file.head.front())));
         if (found && !row.isText && !file.size)
             remarks.push_back("! the text does not show the end of " + name + ", which may be longer");
     }

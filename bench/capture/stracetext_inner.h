@@ -104,7 +104,7 @@ public:
         std::optional<std::int64_t> size = {};
         std::int64_t seen = 0; // bytes
         bool missing = false;
-        Bytes head = {}; // its first bytes, if it is a version file
+        Bytes head = {}; // its first bytes
     };
 
     Images();

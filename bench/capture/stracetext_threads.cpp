@@ -40,23 +40,14 @@ std::optional<int> SignalNumber(std::string_view name)
     return static_cast<int>(found - std::begin(kNames)) + 1;
 }
 
-// The words of an array of strings, with quotes where a shell needs them.
+// The words of an array of strings, as a shell needs them.
 std::string CommandOf(std::string_view list)
 {
-    constexpr std::string_view kPlainSigns = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_@%+=:,./-";
-    std::string command;
-    for (const std::string_view part : SplitStrace(list.substr(list.starts_with("[") ? 1 : 0))) {
-        const auto string = ParseStraceString(part);
-        if (!string)
-            continue;
-        std::string word(string->bytes.begin(), string->bytes.end());
-        word += string->cut ? "..." : "";
-        const bool plain = !word.empty() && word.find_first_not_of(kPlainSigns) == std::string::npos;
-        for (std::size_t at = 0; !plain && (at = word.find('\'', at)) != std::string::npos; at += 4)
-            word.replace(at, 1, "'\\''");
-        command.append(command.empty() ? "" : " ").append(plain ? word : "'" + word + "'");
-    }
-    return command;
+    std::vector<std::string> words;
+    for (const std::string_view part : SplitStrace(list.substr(list.starts_with("[") ? 1 : 0)))
+        if (const auto string = ParseStraceString(part))
+            words.push_back(std::string(string->bytes.begin(), string->bytes.end()) + (string->cut ? "..." : ""));
+    return Quoted(words);
 }
 
 std::string TextOf(const std::optional<StraceString> &string)
@@ -247,7 +238,7 @@ Findings Follower::Finish()
         begin_ = clock_.now();
         Note(kNoPort, status_ ? "exit " + std::to_string(*status_) : "! the text does not show the end of the program");
     }
-    found_.info.source = "strace";
+    found_.info.source = "haldencap " HALDENBENCH_VERSION ", from strace";
     found_.remarks = style_.remarks();
     images_.Describe(found_.info, found_.remarks);
     found_.hasTimes = style_.has();

@@ -7,6 +7,7 @@
 #include "bench/rig/launcher.h"
 #include "bench/rig/line.h"
 #include "bench/rig/progress.h"
+#include "bench/rig/recorder.h"
 
 #include <map>
 
@@ -16,7 +17,9 @@ namespace bench
 // What "/dev/fpgaserial<N>" is in a run. Ordinals count from 1; 0: none.
 struct Port {
     Line *line = nullptr;        // null: the device file does not exist
+    int terminal = -1;           // descriptor of a real terminal that fulfils the driver's requests; -1: none
     unsigned refusedOpens = 0;   // number of opens that fail before the first success
+    int openError = EBUSY;       // the error of these opens
     unsigned refusedRequest = 0; // the driver request of this ordinal fails
     unsigned cutWrite = 0;       // the write of this ordinal fails or is short
     int cutTo = -1;              // number of bytes that this write still writes; -1: it fails
@@ -52,6 +55,7 @@ struct RunOptions {
     std::vector<Signal> signals = {};
     std::string fifo = {}; // path of a progress FIFO to make, relative to directory; empty: there is no FIFO
     ProgressOptions progress = {};
+    Recorder *recorder = nullptr;           // watches the lines; gets the program's calls, and its end
     std::chrono::milliseconds limit{30000}; // from the last signal on; then the program is killed
 };
 
@@ -60,7 +64,7 @@ struct RunResult {
     int status = -1;     // exit status, 0 to 255; -1: a signal ended the program
     int signal = 0;
     std::string output, errors;
-    std::vector<std::string> events; // lines of the preload library's log
+    std::vector<std::string> events; // of the preload library's log, without their times and additions
     std::vector<std::string> progress;
     double seconds = 0;
 };
