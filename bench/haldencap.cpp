@@ -63,7 +63,7 @@ void AddPort(const std::string &text, StraceText::PortPaths &ports)
     ports[text.substr(equals + 1)] = device == "micro" ? kMicroPort : kCameraPort;
 }
 
-// Copies a stream to a file without a name, so that it can be read twice.
+// Copies a stream to a file without a name.
 std::fstream Spool(std::istream &source)
 {
     std::string path = std::filesystem::temp_directory_path() / "haldencap.XXXXXX";
@@ -75,6 +75,17 @@ std::fstream Spool(std::istream &source)
     if (!file.flush())
         throw std::runtime_error("cannot write " + path);
     return file;
+}
+
+// A stream that can be read twice. What is no file is copied to one.
+std::fstream OpenText(const std::string &path)
+{
+    if (path == "-")
+        return Spool(std::cin);
+    std::fstream file(path, std::ios::in | std::ios::binary);
+    if (!file || std::filesystem::is_directory(path))
+        throw std::runtime_error("cannot read " + path);
+    return std::filesystem::is_regular_file(path) ? std::move(file) : Spool(file);
 }
 
 void Convert(std::istream &stream, const StraceText::PortPaths &ports, const std::string &path)
@@ -102,49 +113,42 @@ int FromStrace(const Words &words)
     if (words.size() != first + 2)
         throw UsageError("from-strace takes 2 words behind its options; see haldencap help");
     const std::string &path = words[first];
-    std::ifstream file;
-    if (path != "-")
-        file.open(path, std::ios::binary);
-    if (!file || std::filesystem::is_directory(path))
-        throw std::runtime_error("cannot read " + path);
-    std::istream &stream = path == "-" ? std::cin : file;
+    std::fstream stream = OpenText(path);
     try {
-        if (path != "-" && std::filesystem::is_regular_file(path)) {
-            Convert(stream, ports, words[first + 1]);
-        } else {
-            std::fstream copy = Spool(stream);
-            Convert(copy, ports, words[first + 1]);
-        }
+        Convert(stream, ports, words[first + 1]);
     } catch (const StraceError &error) {
         throw std::runtime_error((path == "-" ? "standard input" : path) + ": " + error.what());
     }
-    int Images(const Words &words)
-    {
-        const RebuiltFiles files = RebuildFiles(ReadCapture(words[0]));
-        WriteFiles(files, words[1]);
-        for (const std::string &remark : files.remarks)
-            std::cerr << "haldencap: " << remark << "\n";
-        return kGood;
-    }
+    return kGood;
+}
 
-    constexpr Command kCommands[] = {
-        {"from-strace", kOwnWords, FromStrace},
-        {"images", 2, Images},
-        {"help", 0, Help},
-    };
+int Images(const Words &words)
+{
+    const RebuiltFiles files = RebuildFiles(ReadCapture(words[0]));
+    WriteFiles(files, words[1]);
+    for (const std::string &remark : files.remarks)
+        std::cerr << "haldencap: " << remark << "\n";
+    return kGood;
+}
 
-    int Work(const Words &words)
-    {
-        const std::string name = words.empty() ? "" : words.front() == "--help" ? "help" : words.front();
-        for (const Command &command : kCommands) {
-            if (name != command.name)
-                continue;
-            if (command.words != kOwnWords && words.size() != command.words + 1)
-                throw UsageError(name + " takes " + std::to_string(command.words) + " words; see haldencap help");
-            return command.run({words.begin() + 1, words.end()});
-        }
-        throw UsageError("there is no command \"" + name + "\"; see haldencap help");
+constexpr Command kCommands[] = {
+    {"from-strace", kOwnWords, FromStrace},
+    {"images", 2, Images},
+    {"help", 0, Help},
+};
+
+int Work(const Words &words)
+{
+    const std::string name = words.empty() ? "" : words.front() == "--help" ? "help" : words.front();
+    for (const Command &command : kCommands) {
+        if (name != command.name)
+            continue;
+        if (command.words != kOwnWords && words.size() != command.words + 1)
+            throw UsageError(name + " takes " + std::to_string(command.words) + " words; see haldencap help");
+        return command.run({words.begin() + 1, words.end()});
     }
+    throw UsageError("there is no command \"" + name + "\"; see haldencap help");
+}
 
 } // namespace
 

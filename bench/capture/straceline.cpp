@@ -318,10 +318,13 @@ StraceLine ParseStraceLine(std::string_view text)
 
 std::string_view StraceCall::error() const
 {
-    if (!result.starts_with("-1 ") && !result.starts_with("? "))
-        return {};
-    const std::string_view rest = result.substr(result.find(' ') + 1);
-    return rest.substr(0, WordLength(rest));
+    const std::size_t space = result.find(' ');
+    const std::string_view rest = result.substr(space == kNone ? result.size() : space + 1);
+    const std::string_view word = rest.substr(0, WordLength(rest));
+    const bool failed = number().value_or(0) < 0;
+    if (failed && word.empty())
+        return "?";
+    return failed || result.starts_with("?") ? word : std::string_view();
 }
 
 std::optional<std::int64_t> StraceCall::number() const

@@ -49,7 +49,8 @@ struct StraceCall {
     std::string_view result; // "3", "3</dev/null>", "-1 EBUSY (Device or resource busy)", "?"
     std::optional<WallTime> duration;
 
-    // Why the call failed: "EBUSY". Empty if it did not fail.
+    // Why the call failed: "EBUSY", or "?" if strace does not say it. Empty if the call did not fail. With the result
+    // "?" it is why the call was left, if that is known: "ERESTARTSYS".
     std::string_view error() const;
     // The result as a number. Nothing for "?".
     std::optional<std::int64_t> number() const;

@@ -256,9 +256,12 @@ void Follower::OpenPath(std::size_t index)
         file.image->missing = file.image->missing || call_.error() == "ENOENT";
     if (descriptor >= 0)
         Put(descriptor, std::move(slot));
-    const std::string_view error = call_.error();
-    if (matters && !error.starts_with("ERESTART"))
+    if (!matters || call_.error().starts_with("ERESTART"))
+        return;
+    if (call_.number())
         Note(port, (port == kNoPort ? "open relay" : "open") + Refusal());
+    else
+        Remark(port, "the result of this open is not known");
 }
 
 // " refused EIO" behind a note, or nothing if the call did not fail.
