@@ -2,18 +2,24 @@
 
 #include "bench/rig/images.h"
 
+#include <cstdint>
+
 namespace bench::strace
 {
 
 namespace
 {
 
+constexpr std::int64_t kAll = INT64_MAX;
+
 struct Name {
     const char *name;
     bool isText;
+    std::int64_t used; // bytes; what is behind them does not matter
 };
 constexpr Name kNames[] = {
-    {kMicroImage, false}, {kCameraImage, false}, {kSystemImage, false}, {kCameraVersion, true}, {kSystemVersion, true},
+    {kMicroImage, false, kMicroImageSize}, {kCameraImage, false, kAll},  {kSystemImage, false, kAll},
+    {kCameraVersion, true, kAll},          {kSystemVersion, true, kAll},
 };
 
 } // namespace
@@ -43,7 +49,7 @@ void Images::Describe(RunInfo &info, std::vector<std::string> &remarks) const
         if (found && !row.isText)
             info.files.push_back(name + " " + std::to_string(file.size.value_or(file.seen)) + " bytes" +
                                  (file.head.empty() ? "" : Format(" first %02X", file.head.front())));
-        if (found && !row.isText && !file.size)
+        if (found && !row.isText && !file.size && file.seen < row.used)
             remarks.push_back("! the text does not show the end of " + name + ", which may be longer");
     }
 }
