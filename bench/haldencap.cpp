@@ -1,9 +1,14 @@
 // The command haldencap: makes captures from the field, and shows them.
 #include "bench/capture/capturefile.h"
 #include "bench/capture/images.h"
+#include "bench/capture/stracetext.h"
 #include "bench/options.h"
+#include "bench/rig/descriptor.h"
 
 #include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <iostream>
 
 namespace
@@ -15,18 +20,26 @@ constexpr int kGood = 0;
 constexpr int kBad = 1;
 constexpr int kUsage = 2;
 
-constexpr char kHelp[] = "Usage: haldencap COMMAND ...\n"
-                         "Makes captures from the field, and shows them.\n"
-                         "  images CAPTURE DIR        rebuild the images and version files of a run in DIR\n"
-                         "  help                      print this\n"
-                         "Exit status:\n"
-                         "  0  the work is done\n"
-                         "  1  it could not be done, and the message says why\n"
-                         "  2  wrong usage\n";
+constexpr char kHelp[] =
+    "Usage: haldencap COMMAND ...\n"
+    "Makes captures from the field, and shows them.\n"
+    "  from-strace [--port DEVICE=FILE]... TEXT CAPTURE\n"
+    "                            make a capture of the output of strace; \"-\" is standard input or output.\n"
+    "                            DEVICE is micro or camera. FILE is the name by which the program opened it, if that\n"
+    "                            was another than /dev/fpgaserial1 or /dev/fpgaserial0. On the appliance:\n"
+    "      strace -f -ttt -T -y -xx -s 262144 -o TEXT -e trace=file,desc,process haldenflash all\n"
+    "  images CAPTURE DIR        rebuild the images and version files of a run in DIR\n"
+    "  help                      print this\n"
+    "Exit status:\n"
+    "  0  the work is done\n"
+    "  1  it could not be done, and the message says why\n"
+    "  2  wrong usage\n";
 
 using Words = std::vector<std::string>;
 
-// One command: its name, how many words it takes behind it, and what it does.
+constexpr std::size_t kOwnWords = ~std::size_t{0};
+
+// One command: its name, how many words it takes behind it, and what it does. With kOwnWords it counts them itself.
 struct Command {
     const char *name;
     std::size_t words;
@@ -36,6 +49,76 @@ struct Command {
 int Help(const Words &)
 {
     std::cout << kHelp;
+    return kGood;
+}
+
+// ---- from-strace
+
+void AddPort(const std::string &text, StraceText::PortPaths &ports)
+{
+    const std::size_t equals = text.find('=');
+    const std::string device = text.substr(0, equals);
+    if (equals == std::string::npos || equals + 1 == text.size() || (device != "micro" && device != "camera"))
+        throw UsageError("--port: the value has to be micro=FILE or camera=FILE");
+    ports[text.substr(equals + 1)] = device == "micro" ? kMicroPort : kCameraPort;
+}
+
+// Copies a stream to a file without a name.
+std::fstream Spool(std::istream &source)
+{
+    std::string path = std::filesystem::temp_directory_path() / "haldencap.XXXXXX";
+    const Descriptor made(Checked(mkstemp(path.data()), path.c_str()));
+    std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+    std::filesystem::remove(path);
+    if (source.peek() != std::char_traits<char>::eof())
+        file << source.rdbuf();
+    if (!file.flush())
+        throw std::runtime_error("cannot write " + path);
+    return file;
+}
+
+// A stream that can be read twice. What is no file is copied to one.
+std::fstream OpenText(const std::string &path)
+{
+    if (path == "-")
+        return Spool(std::cin);
+    std::fstream file(path, std::ios::in | std::ios::binary);
+    if (!file || std::filesystem::is_directory(path))
+        throw std::runtime_error("cannot read " + path);
+    return std::filesystem::is_regular_file(path) ? std::move(file) : Spool(file);
+}
+
+void Convert(std::istream &stream, const StraceText::PortPaths &ports, const std::string &path)
+{
+    StraceText text(stream, ports);
+    std::ofstream file;
+    if (path != "-")
+        file.open(path, std::ios::binary);
+    std::ostream &output = path == "-" ? std::cout : file;
+    if (!output)
+        throw std::runtime_error("cannot write " + path + ": " + std::strerror(errno));
+    CaptureWriter writer(output, text.info());
+    text.HandOut([&writer](const Event &event) { writer.Write(event); });
+    writer.Finish();
+    if (!output.flush())
+        throw std::runtime_error("cannot write " + path + ": " + std::strerror(errno));
+}
+
+int FromStrace(const Words &words)
+{
+    StraceText::PortPaths ports;
+    std::size_t first = 0;
+    for (; first + 1 < words.size() && words[first] == "--port"; first += 2)
+        AddPort(words[first + 1], ports);
+    if (words.size() != first + 2)
+        throw UsageError("from-strace takes 2 words behind its options; see haldencap help");
+    const std::string &path = words[first];
+    std::fstream stream = OpenText(path);
+    try {
+        Convert(stream, ports, words[first + 1]);
+    } catch (const StraceError &error) {
+        throw std::runtime_error((path == "-" ? "standard input" : path) + ": " + error.what());
+    }
     return kGood;
 }
 
@@ -49,6 +132,7 @@ int Images(const Words &words)
 }
 
 constexpr Command kCommands[] = {
+    {"from-strace", kOwnWords, FromStrace},
     {"images", 2, Images},
     {"help", 0, Help},
 };
@@ -59,7 +143,7 @@ int Work(const Words &words)
     for (const Command &command : kCommands) {
         if (name != command.name)
             continue;
-        if (words.size() != command.words + 1)
+        if (command.words != kOwnWords && words.size() != command.words + 1)
             throw UsageError(name + " takes " + std::to_string(command.words) + " words; see haldencap help");
         return command.run({words.begin() + 1, words.end()});
     }
