@@ -1,9 +1,11 @@
 // The command haldencap: makes captures from the field, and shows them.
-#include "bench/capture/capturefile.h"
+#include "bench/capture/show.h"
+#include "bench/capture/timeline.h"
 #include "bench/options.h"
 
 #include <cstdlib>
 #include <iostream>
+#include <sstream>
 
 namespace
 {
@@ -14,14 +16,15 @@ constexpr int kGood = 0;
 constexpr int kBad = 1;
 constexpr int kUsage = 2;
 
-constexpr char kHelp[] =
-    "Usage: haldencap COMMAND ...\n"
-    "Makes captures from the field, and shows them.\n"
-    "  help                      print this\n"
-    "Exit status:\n"
-    "  0  the work is done\n"
-    "  1  it could not be done, and the message says why\n"
-    "  2  wrong usage\n";
+constexpr char kHelp[] = "Usage: haldencap COMMAND ...\n"
+                         "Makes captures from the field, and shows them.\n"
+                         "  show CAPTURE              print the run as text\n"
+                         "  timeline CAPTURE SVG      draw the run as a picture\n"
+                         "  help                      print this\n"
+                         "Exit status:\n"
+                         "  0  the work is done\n"
+                         "  1  it could not be done, and the message says why\n"
+                         "  2  wrong usage\n";
 
 using Words = std::vector<std::string>;
 
@@ -38,7 +41,25 @@ int Help(const Words &)
     return kGood;
 }
 
+int ShowCapture(const Words &words)
+{
+    Show(DigestOf(ReadCapture(words[0])), std::cout);
+    std::cout.flush();
+    return std::cout ? kGood : throw std::runtime_error("cannot write the output");
+}
+
+int DrawTimeline(const Words &words)
+{
+    std::ostringstream picture;
+    Timeline(DigestOf(ReadCapture(words[0])), picture);
+    const std::string text = picture.str();
+    WriteFile(words[1], Bytes(text.begin(), text.end()));
+    return kGood;
+}
+
 constexpr Command kCommands[] = {
+    {"show", 1, ShowCapture},
+    {"timeline", 2, DrawTimeline},
     {"help", 0, Help},
 };
 
