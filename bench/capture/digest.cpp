@@ -127,7 +127,7 @@ void Digester::EndWaits()
                 std::min(anywhere, event.begin + WallTime(ParseNumber(event.note.substr(5), 10, ~0U).value_or(0)));
         else if (step.fate == Fate::kSilence)
             step.until = std::max(here, event.end);
-        if (event.way != Way::kToHost)
+        if (event.way != Way::kToHost && !event.note.starts_with("!"))
             here = anywhere = event.begin;
     }
 }
@@ -141,7 +141,7 @@ void Count(LineTotals &totals, const Step &step)
     ++totals.messages;
     (event.way == Way::kToDevice ? totals.toDevice : totals.toHost) += event.bytes.size();
     totals.retries += step.again;
-    totals.findings += !message.finding.empty() || (event.way == Way::kToDevice && step.fate == Fate::kSilence);
+    totals.noise += message.kind == Kind::kNoise || message.kind == Kind::kPiece;
     if (message.kind != Kind::kBlock)
         return;
     ++totals.blocks;

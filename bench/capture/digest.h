@@ -28,11 +28,11 @@ struct Step {
 };
 
 struct LineTotals {
-    std::size_t messages = 0; // pieces and noise included
+    std::size_t messages = 0; // noise included
     std::size_t blocks = 0;
     std::size_t accepted = 0, unknown = 0, refused = 0, silent = 0; // of the blocks
     std::size_t retries = 0;
-    std::size_t findings = 0;                 // requests in silence included
+    std::size_t noise = 0;                    // pieces and noise
     std::size_t toDevice = 0, toHost = 0;     // bytes as they travel
     std::size_t image = 0, acceptedImage = 0; // bytes of the blocks, without stuffing and numbers
     // Share of the time that a line of 115200 bit/s needs for the bytes, in per cent. 0 if the run took no time.

@@ -58,11 +58,13 @@ void ShowStep(const Digest &digest, const Step &step, std::ostream &stream)
 
 void ShowTotals(const Digest &digest, std::ostream &stream)
 {
-    stream << "\nline     messages  blocks  accepted  refused  unknown  silent  retries  to device   to host   use %\n";
+    stream << "\nline     messages  blocks  accepted  refused  unknown  silent  retries  noise  to device   to host   "
+              "use %\n";
     for (const auto &[port, line] : digest.lines)
-        stream << Format("%-7s  %8zu  %6zu  %8zu  %7zu  %7zu  %6zu  %7zu  %9zu  %8zu  %6.1f\n", PortName(port).c_str(),
-                         line.messages, line.blocks, line.accepted, line.refused, line.unknown, line.silent,
-                         line.retries, line.toDevice, line.toHost, line.Use(digest.duration()));
+        stream << Format("%-7s  %8zu  %6zu  %8zu  %7zu  %7zu  %6zu  %7zu  %5zu  %9zu  %8zu  %6.1f\n",
+                         PortName(port).c_str(), line.messages, line.blocks, line.accepted, line.refused, line.unknown,
+                         line.silent, line.retries, line.noise, line.toDevice, line.toHost,
+                         line.Use(digest.duration()));
     stream << "\nend      " << (digest.ending.empty() ? "not in the capture" : Printable(digest.ending)) << "\n";
 }
 

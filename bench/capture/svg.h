@@ -37,7 +37,7 @@ private:
 };
 
 // About the width of a text, so that labels do not overlap.
-double TextWidth(const std::string &text, double size = 12);
+double TextWidth(const std::string &text, double size = 13);
 
 // The text, shortened at its end with "..." to fit.
 std::string Fitted(const std::string &text, double width, double size);

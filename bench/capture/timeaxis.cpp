@@ -9,11 +9,11 @@ namespace bench
 namespace
 {
 
-constexpr double kFoldWidth = 64;
+constexpr double kFoldWidth = 76;
 constexpr double kUsefulShare = 0.3;        // axes fold until what happens has this share of them
 constexpr double kLeastTime = 50;           // microseconds that are left beside the folds
-constexpr double kTickDistance = 90;        // at least
-constexpr double kLabelWidth = 62;          // of the longest label, with some room
+constexpr double kTickDistance = 100;       // at least
+constexpr double kLabelWidth = 68;          // of the longest label, with some room
 constexpr double kFoldMargin = 4;           // on both sides of a fold's label
 constexpr WallTime kMinutesFrom{120000000}; // a longer axis has minutes
 
@@ -55,6 +55,8 @@ WallTime RoundStep(double least)
 std::string Label(WallTime time, WallTime step, bool minutes)
 {
     const long long us = time.count();
+    if (minutes && step >= WallTime(60000000))
+        return Format("%lld min", us / 60000000);
     if (minutes && step >= WallTime(1000000))
         return Format("%lld:%02lld min", us / 60000000, us / 1000000 % 60);
     int digits = 0;
@@ -134,7 +136,7 @@ std::vector<TimeAxis::Tick> TimeAxis::Ticks(WallTime zero) const
             taken = fold->right - kFoldMargin;
             continue;
         }
-        const double limit = EndOf(piece) + (EndOf(piece) < right() ? kFoldMargin : kLabelWidth);
+        const double limit = &piece == &pieces_.back() ? right() + kLabelWidth : EndOf(piece) + kFoldMargin;
         const WallTime first = (piece.span.begin - zero + step - WallTime(1)) / step * step;
         for (WallTime time = first; time + zero <= piece.span.end; time += step) {
             const double x = At(time + zero);

@@ -20,19 +20,19 @@ using Kind = Message::Kind;
 constexpr double kPageWidth = 1400;
 constexpr double kMargin = 28;
 constexpr double kLeft = 136; // of all axes
-constexpr double kRight = 1316;
-constexpr double kTextSize = 13;
-constexpr double kMarkRow = 16; // beside a lane, for the marks on its messages
+constexpr double kRight = 1296;
+constexpr double kTextSize = 14;
+constexpr double kMarkRow = 15; // beside a lane, for the marks on its messages
 
 constexpr char kStyle[] = R"svg(<style>
-text{font-family:"Helvetica Neue",Helvetica,Arial,"Liberation Sans",sans-serif;font-size:13px;fill:#1d2730}
-.small{font-size:12px}.dim{fill:#55616c}.end{text-anchor:end}.mid{text-anchor:middle}
+text{font-family:"Helvetica Neue",Helvetica,Arial,"Liberation Sans",sans-serif;font-size:14px;fill:#1d2730}
+.small{font-size:13px}.dim{fill:#55616c}.end{text-anchor:end}.mid{text-anchor:middle}
 .head{font-size:22px;font-weight:bold}.part{font-size:16px;font-weight:bold}.bold{font-weight:bold}
-.onbad{fill:#fff}.plate{paint-order:stroke;stroke:#fff;stroke-opacity:.8;stroke-width:4;stroke-linejoin:round}
+.onbad{fill:#fff}.plate{paint-order:stroke;stroke:#fff;stroke-width:5;stroke-linejoin:round}
 .page{fill:#fff}.lane{fill:#f2f4f6}.grid{stroke:#d5dbe0;stroke-width:1}.axis{stroke:#55616c;stroke-width:1}
-.rule{stroke:#1d2730;stroke-width:1.5}
-.other{fill:#8f9ba6}.accepted{fill:#8ccbf0}.unknown{fill:url(#dots);stroke:#6b5600;stroke-width:1}
-.refused{fill:url(#stripes);stroke:#8c2d00;stroke-width:1}.silence{fill:#fff;stroke:#1d2730;stroke-width:1.5}
+.rule{stroke:#1d2730;stroke-width:1.5}.heavy{stroke-width:5}
+.other{fill:#717d88}.accepted{fill:#74b9e8}.unknown{fill:url(#dots);stroke:#6b5600;stroke-width:1}
+.refused{fill:url(#stripes)}.silence{fill:#fff;stroke:#1d2730;stroke-width:1.5}
 .noise{fill:#5d2a6e}.wait{fill:url(#hatch);stroke:#9aa5af;stroke-width:1}
 .gap{fill:#fff;stroke:#1d2730;stroke-width:1.2;stroke-dasharray:4 3}
 .open{fill:#dfe5ea;stroke:#9aa5af;stroke-width:1}
@@ -72,11 +72,13 @@ struct LookRow {
     const char *words;
     double height; // share of the lane
     double leastWidth;
+    const char *labelLook;
 };
 
 constexpr LookRow kLooks[] = {
-    {"other", "other message", 0.5, 2},   {"accepted", "accepted", 0.8, 2}, {"noise", "noise or piece", 1, 3},
-    {"unknown", "unknown verdict", 1, 3}, {"refused", "refused", 1, 3},     {"silence", "no answer", 1, 4},
+    {"other", "other", 0.55, 2, "small mid onbad"},  {"accepted", "accepted", 0.8, 2, "small mid"},
+    {"noise", "noise", 1, 3, "small mid onbad"},     {"unknown", "unknown", 1, 3, "small mid plate"},
+    {"refused", "refused", 1, 3, "small mid plate"}, {"silence", "without answer", 1, 4, "small mid"},
 };
 constexpr std::size_t kLookCount = std::size(kLooks);
 
@@ -118,6 +120,7 @@ std::vector<std::string> LabelsOf(const Message &message)
 struct Shape {
     double left, right;
     Look look;
+    bool slim = false;                    // has the least width
     std::vector<std::string> labels = {}; // the longest one first
     std::string title = {};
     Span span = {};
@@ -125,12 +128,11 @@ struct Shape {
     std::size_t count = 1;
 };
 
-// Whether two neighbours become one shape: they begin on the same pixel, or both are slim and alike.
+// Whether two neighbours become one shape: they begin on the same pixel, or both are as slim as can be and alike.
 bool Meet(const Shape &a, const Shape &b)
 {
-    constexpr double kSlim = 2.05, kWidest = 8;
-    const bool slim =
-        b.right - b.left < kSlim && a.right - a.left < kWidest && (a.count > 1 || a.right - a.left < kSlim);
+    constexpr double kWidest = 8;
+    const bool slim = a.slim && b.slim && a.right - a.left < kWidest;
     return b.left < a.left + 1 || (a.look == b.look && slim && b.left < a.right);
 }
 
@@ -285,13 +287,13 @@ void Painter::DrawHeading()
     const RunInfo &info = digest_.info;
     constexpr double kEndWidth = 180;
     const std::string command = info.command.empty() ? "A run whose command is not known" : info.command;
-    svg_.Text(kMargin, 44, "head", Fitted(command, kPageWidth - 2 * kMargin - kEndWidth, 22), command);
+    svg_.Text(kMargin, 44, "head", Fitted(command, kPageWidth - 2 * kMargin - kEndWidth, 26), command);
     std::string line = digest_.steps.empty() ? "no event" : DateText(digest_.begin) + ", " + Since(digest_.end);
     for (const std::string &fact : {info.program, info.source})
         line += fact.empty() ? "" : "  ·  " + fact;
     svg_.Text(kMargin, 68, "dim", Fitted(line, kPageWidth - 2 * kMargin, kTextSize), line);
     DrawEnd();
-    y_ = 92;
+    y_ = 88;
 }
 
 void Painter::DrawEnd()
@@ -317,10 +319,14 @@ void Painter::DrawOverview()
     for (const int port : PortsByTime(digest_))
         DrawOverviewLine(axis, port);
     DrawProgram(axis);
+    if (!digest_.ending.empty()) {
+        svg_.Line(kRight, lanes, kRight, y_, IsGoodEnd(digest_.ending) ? "rule" : "rule heavy");
+        svg_.Text(kRight + 8, y_ - 10, "small bold", Fitted(digest_.ending, kPageWidth - kRight - 10, 13));
+    }
     DrawAxis(axis, lanes);
     if (digest_.steps.empty())
         svg_.Text((kLeft + kRight) / 2, top + 14, "mid dim", "Nothing was recorded.");
-    y_ += 18;
+    y_ += 12;
 }
 
 void Painter::DrawOverviewLine(const TimeAxis &axis, int port)
@@ -328,8 +334,8 @@ void Painter::DrawOverviewLine(const TimeAxis &axis, int port)
     constexpr double kHeight = 16;
     DrawLane(PortName(port), kHeight);
     const Span span = SpanOf(port);
-    const double left = axis.At(span.begin);
-    svg_.Rect({left, y_, std::max(axis.At(span.end) - left, 3.0), kHeight}, "open",
+    const double width = std::max(axis.At(span.end) - axis.At(span.begin), 3.0);
+    svg_.Rect({std::min(axis.At(span.begin), axis.right() - width), y_, width, kHeight}, "open",
               PortName(port) + ": from " + Since(span.begin) + " to " + Since(span.end));
     DrawShapes(ShapesOf(axis,
                         [&](const Step &step) {
@@ -395,12 +401,16 @@ void Painter::DrawPart(int port)
     DrawPartHeading(port, shown);
     const double lanes = y_;
     DrawCalls(axis, port, shown);
-    DrawWay(axis, port, Way::kToDevice);
-    DrawWay(axis, port, Way::kToHost);
-    DrawAccepted(axis, port);
+    const LineTotals &line = digest_.lines.at(port);
+    if (line.messages != 0) {
+        DrawWay(axis, port, Way::kToDevice);
+        DrawWay(axis, port, Way::kToHost);
+    }
+    if (line.blocks != 0)
+        DrawAccepted(axis, port);
     DrawFolds(axis, lanes);
     DrawAxis(axis, lanes);
-    y_ += 18;
+    y_ += 12;
 }
 
 void Painter::DrawPartHeading(int port, Span shown)
@@ -409,19 +419,17 @@ void Painter::DrawPartHeading(int port, Span shown)
     svg_.Line(kMargin, y_, kPageWidth - kMargin, y_, "grid");
     y_ += 24;
     const std::string name = PortName(port);
-    svg_.Text(kMargin, y_, "part", name);
-    svg_.Text(kLeft, y_, "dim",
-              "serial port " + std::to_string(port) + ", from " + Since(shown.begin) + " to " + Since(shown.end) +
-                  " of the run");
-    svg_.Text(kRight, y_, "end bold", "line use " + Number(line.Use(digest_.duration())) + " % of 115200 bit/s",
+    svg_.Text(kMargin, y_, "part", name, "serial port " + std::to_string(port));
+    std::string counts = "no block";
+    if (line.blocks != 0)
+        counts = Format("%zu blocks: %zu accepted, %zu refused, %zu unknown, %zu without answer  ·  sent again: %zu",
+                        line.blocks, line.accepted, line.refused, line.unknown, line.silent, line.retries);
+    counts += Format("  ·  noise: %zu  ·  %zu bytes to device, %zu to host", line.noise, line.toDevice, line.toHost);
+    svg_.Text(kLeft, y_, "", counts, name + ": from " + Since(shown.begin) + " to " + Since(shown.end));
+    const double use = line.Use(digest_.duration());
+    svg_.Text(kRight, y_, "end bold", "line use " + (use < 100 ? Number(use) : Format("%.0f", use)) + " %",
               "the time that a line of 115200 bit/s needs for all bytes, as a share of the whole run");
-    y_ += 20;
-    svg_.Text(kLeft, y_, "",
-              Format("%zu blocks: %zu accepted, %zu refused, %zu with an unknown verdict, %zu without a verdict.  "
-                     "%zu sent again.  %zu findings.  %zu bytes to the device, %zu to the host.",
-                     line.blocks, line.accepted, line.refused, line.unknown, line.silent, line.retries, line.findings,
-                     line.toDevice, line.toHost));
-    y_ += 14;
+    y_ += 12;
 }
 
 void Painter::DrawCalls(const TimeAxis &axis, int port, Span shown)
@@ -504,11 +512,8 @@ void Painter::DrawSilences(const TimeAxis &axis, int port, double height)
             continue;
         const WallTime begin = step.message.event.end;
         const double left = axis.At(begin), width = std::max(axis.At(step.until) - left, 4.0);
-        const std::string label = "no answer";
         svg_.Rect({left, y_ + 2, width, height - 4}, "gap",
                   step.message.name + ": no answer in " + TimeText(step.until - begin));
-        if (TextWidth(label) + 8 < width)
-            svg_.Text(left + width / 2, y_ + height / 2 + 4, "small mid", label);
     }
 }
 
@@ -593,10 +598,13 @@ std::vector<Shape> Painter::ShapesOf(const TimeAxis &axis, const Filter &filter)
             continue;
         const Message &message = step.message;
         const Look look = LookOf(step);
-        const double left = axis.At(message.event.begin);
+        const double least = RowOf(look).leastWidth;
+        const double left = std::min(axis.At(message.event.begin), axis.right() - least);
+        const double width = axis.At(message.event.end) - left;
         shapes.push_back({.left = left,
-                          .right = std::max(axis.At(message.event.end), left + RowOf(look).leastWidth),
+                          .right = left + std::max(width, least),
                           .look = look,
+                          .slim = width <= least,
                           .labels = LabelsOf(message),
                           .title = TitleOf(step),
                           .span = {message.event.begin, message.event.end}});
@@ -623,7 +631,7 @@ void Painter::DrawShape(const Shape &shape, double height, bool labels)
     for (const std::string &label : shape.labels) {
         if (!labels || TextWidth(label) + 6 > width)
             continue;
-        svg_.Text((shape.left + shape.right) / 2, y_ + height / 2 + 4.5, "small mid plate", label);
+        svg_.Text((shape.left + shape.right) / 2, y_ + height / 2 + 4.5, row.labelLook, label);
         return;
     }
 }
@@ -654,12 +662,12 @@ void Painter::DrawFolds(const TimeAxis &axis, double top)
         const std::string length = TimeText(fold.span.length());
         back_.Rect({fold.left, top, fold.right - fold.left, y_ - top}, "fold", length + " in which nothing happens");
         for (const double x : {fold.left, fold.right}) {
-            if (x <= axis.left() || x >= axis.right())
+            if (x < axis.left() + 1 || x > axis.right() - 1)
                 continue;
             std::string tear = "M" + Number(x) + " " + Number(top);
             for (double y = top, side = 3; y + 6 <= y_; y += 6, side = -side)
                 tear += "l" + Number(side) + " 3l" + Number(-side) + " 3";
-            svg_.Path(tear, "tear");
+            back_.Path(tear, "tear");
         }
         svg_.Text((fold.left + fold.right) / 2, y_ + 18, "small mid", "+" + length);
     }
@@ -671,19 +679,19 @@ void Painter::DrawFolds(const TimeAxis &axis, double top)
 struct LegendRow {
     const char *words;
     const char *look;
-    double height; // of the swatch
+    double height; // share of the lane that the swatch has; 0: it is two lines
     const char *mark;
 };
 
 constexpr LegendRow kLegend[] = {
     {"accepted", "accepted", 0.8, nullptr},
     {"refused", "refused", 1, "refused"},
-    {"unknown verdict", "unknown", 1, "unknown"},
+    {"unknown", "unknown", 1, "unknown"},
     {"no answer", "silence", 1, "silence"},
     {"noise or piece", "noise", 1, "noise"},
     {"other message", "other", 0.5, nullptr},
     {"silence", "gap", 0.9, nullptr},
-    {"wait of the program", "wait", 0.9, nullptr},
+    {"program waits", "wait", 0.9, nullptr},
     {"sent again", nullptr, 0, "again"},
     {"finding or remark", nullptr, 0, "finding"},
     {"open", nullptr, 0, "open"},
@@ -703,11 +711,11 @@ void Painter::DrawLegend()
         const LegendRow &row = kLegend[i];
         double x = kMargin + kColumn * static_cast<double>(i % kColumns);
         const double middle = y_ + 24 + kRow * static_cast<double>(i / kColumns);
-        if (row.look == std::string_view("tear"))
+        if (row.look != nullptr && row.height != 0)
+            svg_.Rect({x, middle - 9 * row.height, kSwatch, 18 * row.height}, row.look);
+        else if (row.look != nullptr)
             for (const double side : {6, 20})
                 svg_.Path("M" + Number(x + side) + " " + Number(middle - 9) + "l3 3l-3 3l3 3l-3 3l3 3l-3 3", row.look);
-        else if (row.look != nullptr)
-            svg_.Rect({x, middle - 9 * row.height, kSwatch, 18 * row.height}, row.look);
         x += row.look != nullptr ? kSwatch + 4 : 0;
         if (row.mark != nullptr)
             svg_.Use(row.mark, x + 7, middle);
