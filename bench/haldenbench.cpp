@@ -1,8 +1,7 @@
 // The command haldenbench: rehearses an update with the binary that ships and two peripherals in software.
+#include "bench/haldenbench.h"
 #include "bench/options.h"
 #include "bench/rig/images.h"
-#include "bench/rig/run.h"
-#include "bench/rig/runcapture.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -15,9 +14,6 @@ namespace
 namespace fs = std::filesystem;
 using namespace bench;
 
-constexpr int kGood = 0;
-constexpr int kBad = 1;
-constexpr int kUsage = 2;
 constexpr unsigned kFastDivisor = 100;
 
 constexpr char kHelp[] =
@@ -37,25 +33,16 @@ constexpr char kHelp[] =
     "  --trace FILE          write the command's output to FILE\n"
     "  --transcript FILE     write the messages between the command and the devices to FILE\n"
     "  --capture FILE        write what passes on the lines to FILE as pcapng, while it passes; -: standard output\n"
+    "  --replay FILE         answer as the devices in the capture FILE did, and compare what the command sends\n"
+    "  --strict              with --replay: compare the order of all messages, driver requests and waits too\n"
     "  --make-images DIR     write sample images to DIR and stop\n"
     "  --help                print this and stop\n"
+    "Without a command a replay runs that of the capture. Without --dir it runs in a folder with the images that were\n"
+    "sent then.\n"
     "Exit status:\n"
-    "  0  the command succeeded, and the devices hold what they should\n"
-    "  1  the command failed, a device holds something else, or the bench could not do its work\n"
+    "  0  the command succeeded, and the devices hold what they should; or a replay agrees with its capture\n"
+    "  1  the command failed, a device holds something else, a replay differs, or the bench could not do its work\n"
     "  2  wrong usage\n";
-
-struct Settings {
-    std::string directory = ".";
-    std::optional<unsigned> microVersion, cameraVersion, systemVersion;
-    std::string configuration;
-    std::optional<std::string> launcherResult;
-    bool fast = false;
-    unsigned baud = 0;
-    Faults microFaults, cameraFaults;
-    bool bar = false;
-    std::string trace, transcript, capture, makeImages;
-    std::vector<std::string> command;
-};
 
 void SetFaults(Settings &settings, const std::string &text)
 {
@@ -63,11 +50,18 @@ void SetFaults(Settings &settings, const std::string &text)
     const std::string device = text.substr(0, colon);
     if (colon == std::string::npos || (device != "micro" && device != "camera"))
         throw UsageError("--faults: the value has to be micro:TEXT or camera:TEXT");
+    settings.hasFaults = true;
     (device == "micro" ? settings.microFaults : settings.cameraFaults) = ParseFaults(text.substr(colon + 1));
 }
 
+void SetDirectory(Settings &settings, const std::string &directory)
+{
+    settings.directory = directory;
+    settings.hasDirectory = true;
+}
+
 constexpr OptionRow<Settings> kOptions[] = {
-    {"dir", true, [](Settings &s, const char *, const std::string &value) { s.directory = value; }},
+    {"dir", true, [](Settings &s, const char *, const std::string &value) { SetDirectory(s, value); }},
     {"micro-version", true,
      [](Settings &s, const char *n, const std::string &value) {
          s.microVersion = OptionNumber(n, value, 16, 0, 0xFF);
@@ -90,6 +84,8 @@ constexpr OptionRow<Settings> kOptions[] = {
     {"trace", true, [](Settings &s, const char *, const std::string &value) { s.trace = value; }},
     {"transcript", true, [](Settings &s, const char *, const std::string &value) { s.transcript = value; }},
     {"capture", true, [](Settings &s, const char *, const std::string &value) { s.capture = value; }},
+    {"replay", true, [](Settings &s, const char *, const std::string &value) { s.replay = value; }},
+    {"strict", false, [](Settings &s, const char *, const std::string &) { s.strict = true; }},
     {"make-images", true, [](Settings &s, const char *, const std::string &value) { s.makeImages = value; }},
     {"help", false,
      [](Settings &, const char *, const std::string &) {
@@ -98,13 +94,28 @@ constexpr OptionRow<Settings> kOptions[] = {
      }},
 };
 
+// A replay has no devices that could be told anything.
+void CheckReplay(const Settings &settings)
+{
+    if (settings.strict && settings.replay.empty())
+        throw UsageError("--strict needs --replay");
+    const bool tells = settings.microVersion || settings.cameraVersion || settings.systemVersion ||
+                       !settings.transcript.empty() || settings.hasFaults;
+    if (tells && !settings.replay.empty())
+        throw UsageError("--replay: its devices take no versions and no faults, and keep no transcript");
+    std::error_code missing;
+    if (!settings.replay.empty() && fs::equivalent(settings.replay, settings.capture, missing))
+        throw UsageError("--capture would write over the capture that --replay reads");
+}
+
 Settings ParseArguments(int argc, char *argv[])
 {
     Settings settings;
     ReadOptions<Settings>(kOptions, argc, argv, settings);
     settings.command.assign(argv + optind, argv + argc);
-    if (settings.command.empty() && settings.makeImages.empty())
+    if (settings.command.empty() && settings.makeImages.empty() && settings.replay.empty())
         throw UsageError("there is no command; see --help");
+    CheckReplay(settings);
     if (!fs::is_directory(settings.directory))
         throw UsageError("--dir: there is no directory " + settings.directory);
     if (!settings.configuration.empty() && !fs::is_directory(settings.configuration))
@@ -115,14 +126,6 @@ Settings ParseArguments(int argc, char *argv[])
 fs::path Beside(const std::string &name)
 {
     return fs::read_symlink("/proc/self/exe").parent_path() / name;
-}
-
-std::string Executable(const std::string &word)
-{
-    const fs::path path = word.find('/') == std::string::npos ? Beside(word) : fs::path(word);
-    if (!fs::exists(path))
-        throw UsageError("there is no file " + path.string());
-    return path;
 }
 
 Micro MakeMicro(const Settings &settings)
@@ -167,7 +170,20 @@ void AddBar(RunOptions &options)
     options.arguments.insert(options.arguments.end(), {"-p", options.fifo, "0", "100"});
 }
 
-RunOptions MakeOptions(const Settings &settings, Line &camera, Line &micro)
+} // namespace
+
+namespace bench
+{
+
+std::string Executable(const std::string &word)
+{
+    const fs::path path = word.find('/') == std::string::npos ? Beside(word) : fs::path(word);
+    if (!fs::exists(path))
+        throw UsageError("there is no file " + path.string());
+    return path;
+}
+
+RunOptions MakeOptions(const Settings &settings)
 {
     RunOptions options;
     options.executable = Executable(settings.command.front());
@@ -175,8 +191,6 @@ RunOptions MakeOptions(const Settings &settings, Line &camera, Line &micro)
     options.directory = settings.directory;
     options.environment = OwnEnvironment();
     options.preload = Beside("haldenbench-preload.so");
-    options.ports[kCameraPort].line = &camera;
-    options.ports[kMicroPort].line = &micro;
     options.configuration = settings.configuration;
     options.waitDivisor = settings.fast ? kFastDivisor : 1;
     options.output = settings.bar || !settings.trace.empty() ? Output::kCapture : Output::kInherit;
@@ -186,7 +200,6 @@ RunOptions MakeOptions(const Settings &settings, Line &camera, Line &micro)
     return options;
 }
 
-// Shows or stores the captured output of the command, and says how the command ended.
 void ShowOutput(const Settings &settings, const RunResult &result)
 {
     std::cerr << (settings.bar ? "\n" : "") << result.errors;
@@ -201,6 +214,21 @@ void ShowOutput(const Settings &settings, const RunResult &result)
     else
         std::cout << "the command ended with status " << result.status << "\n";
 }
+
+void AddCapture(const Settings &settings, const std::string &path, RunOptions &options,
+                std::optional<RunCapture> &capture)
+{
+    capture.emplace(path, DescribeRun(settings.command, options.executable, options.directory));
+    for (const auto &[number, port] : options.ports)
+        if (port.line != nullptr)
+            capture->recorder.Watch(number, *port.line);
+    options.recorder = &capture->recorder;
+}
+
+} // namespace bench
+
+namespace
+{
 
 void WriteTranscript(const std::string &path, const Micro &micro, const Camera &camera)
 {
@@ -230,16 +258,6 @@ bool Report(const std::string &directory, const Micro &micro, const Camera &came
     return good;
 }
 
-// Begins the capture of a run.
-void AddCapture(const Settings &settings, RunOptions &options, std::optional<RunCapture> &capture)
-{
-    capture.emplace(settings.capture, DescribeRun(settings.command, options.executable, options.directory));
-    for (const auto &[number, port] : options.ports)
-        if (port.line != nullptr)
-            capture->recorder.Watch(number, *port.line);
-    options.recorder = &capture->recorder;
-}
-
 int Rehearse(const Settings &settings)
 {
     for (const std::string &path : {settings.trace, settings.transcript})
@@ -251,13 +269,15 @@ int Rehearse(const Settings &settings)
     micro.faults = settings.microFaults;
     camera.faults = settings.cameraFaults;
     Line microLine(micro, settings.baud), cameraLine(camera, settings.baud);
-    RunOptions options = MakeOptions(settings, cameraLine, microLine);
+    RunOptions options = MakeOptions(settings);
+    options.ports[kCameraPort].line = &cameraLine;
+    options.ports[kMicroPort].line = &microLine;
     std::optional<Launcher> launcher;
     if (settings.launcherResult)
         options.launcher = &launcher.emplace(*settings.launcherResult + "\n");
     std::optional<RunCapture> capture;
     if (!settings.capture.empty())
-        AddCapture(settings, options, capture);
+        AddCapture(settings, settings.capture, options, capture);
     const RunResult result = Run(options);
     ShowOutput(settings, result);
     for (const std::string &command : launcher ? launcher->commands() : std::vector<std::string>())
@@ -273,6 +293,8 @@ int Rehearse(const Settings &settings)
 int Work(int argc, char *argv[])
 {
     const Settings settings = ParseArguments(argc, argv);
+    if (!settings.replay.empty())
+        return PlayAgain(settings);
     if (settings.makeImages.empty())
         return Rehearse(settings);
     fs::create_directories(settings.makeImages);

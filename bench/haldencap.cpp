@@ -1,4 +1,5 @@
 // The command haldencap: makes captures from the field, and shows them.
+#include "bench/capture/images.h"
 #include "bench/capture/show.h"
 #include "bench/capture/timeline.h"
 #include "bench/options.h"
@@ -20,6 +21,7 @@ constexpr char kHelp[] = "Usage: haldencap COMMAND ...\n"
                          "Makes captures from the field, and shows them.\n"
                          "  show CAPTURE              print the run as text\n"
                          "  timeline CAPTURE SVG      draw the run as a picture\n"
+                         "  images CAPTURE DIR        rebuild the images and version files of a run in DIR\n"
                          "  help                      print this\n"
                          "Exit status:\n"
                          "  0  the work is done\n"
@@ -57,9 +59,19 @@ int DrawTimeline(const Words &words)
     return kGood;
 }
 
+int Images(const Words &words)
+{
+    const RebuiltFiles files = RebuildFiles(ReadCapture(words[0]));
+    WriteFiles(files, words[1]);
+    for (const std::string &remark : files.remarks)
+        std::cerr << "haldencap: " << remark << "\n";
+    return kGood;
+}
+
 constexpr Command kCommands[] = {
     {"show", 1, ShowCapture},
     {"timeline", 2, DrawTimeline},
+    {"images", 2, Images},
     {"help", 0, Help},
 };
 

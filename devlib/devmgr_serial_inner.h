@@ -16,33 +16,23 @@
 
 // ---- The bits of CtrlBitMask for each family. The first row whose bit is set counts. If there is none, the last row.
 
-struct DataBitsRow {
+template <class FpgaCode> struct SettingRow {
     UInt32 bit;
     tcflag_t lineFlags;
-    fpgaserial_databits_t fpgaCode;
+    FpgaCode fpgaCode;
 };
-constexpr DataBitsRow kDataBits[] = {
+constexpr SettingRow<fpgaserial_databits_t> kDataBits[] = {
     {kSerialDataBits5, CS5, FPGASERIAL_DATABITS_SIZE5},
     {kSerialDataBits6, CS6, FPGASERIAL_DATABITS_SIZE6},
     {kSerialDataBits7, CS7, FPGASERIAL_DATABITS_SIZE7},
     {kSerialDataBits8, CS8, FPGASERIAL_DATABITS_SIZE8},
 };
-struct ParityRow {
-    UInt32 bit;
-    tcflag_t lineFlags;
-    fpgaserial_parity_t fpgaCode;
-};
-constexpr ParityRow kParities[] = {
+constexpr SettingRow<fpgaserial_parity_t> kParities[] = {
     {kSerialParityEven, PARENB, FPGASERIAL_EVEN_PARITY},
     {kSerialParityOdd, PARENB | PARODD, FPGASERIAL_ODD_PARITY},
     {0, 0, FPGASERIAL_PARITY_NONE},
 };
-struct StopBitsRow {
-    UInt32 bit;
-    tcflag_t lineFlags;
-    fpgaserial_stopbits_t fpgaCode;
-};
-constexpr StopBitsRow kStopBits[] = {
+constexpr SettingRow<fpgaserial_stopbits_t> kStopBits[] = {
     {kSerialTwoStopBits, CSTOPB, FPGASERIAL_STOPBITS_2},
     {kSerialOneStopBit, 0, FPGASERIAL_STOPBITS_1},
 };

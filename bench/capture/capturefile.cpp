@@ -135,8 +135,11 @@ PcapPacket::Direction DirectionOf(Way way)
 CaptureWriter::CaptureWriter(std::ostream &stream, const RunInfo &info) : file_(stream)
 {
     PcapSection section = {.application = info.source};
-    section.comments = {kConventionsWord + std::to_string(kConventions), kCommandWord + info.command,
-                        kProgramWord + info.program};
+    section.comments = {kConventionsWord + std::to_string(kConventions)};
+    if (!info.command.empty())
+        section.comments.push_back(kCommandWord + info.command);
+    if (!info.program.empty())
+        section.comments.push_back(kProgramWord + info.program);
     for (const std::string &file : info.files)
         section.comments.push_back(kFileWord + file);
     file_.Write(section);
@@ -146,7 +149,9 @@ CaptureWriter::CaptureWriter(std::ostream &stream, const RunInfo &info) : file_(
 void CaptureWriter::Write(const Event &event)
 {
     Conversation &conversation = conversations_.try_emplace(event.port, event.port).first->second;
-    conversation.Take(event, [this](const Message &message) { Put(message.event); });
+    const auto put = [this](const Message &message) { Put(message.event); };
+    conversation.Take(event, put);
+    conversation.FlushNoise(put);
 }
 
 void CaptureWriter::Finish()
@@ -237,12 +242,13 @@ void CaptureReader::Take(const PcapSection &section)
     bool made = false; // by this bench
     for (const std::string &comment : section.comments) {
         if (const auto number = Behind(comment, kConventionsWord)) {
-            const auto version = ParseNumber(*number, 10, ~0U);
+            // mergecap puts a text of its own behind the first comment.
+            const auto version = ParseNumber(number->substr(0, number->find_first_not_of("0123456789")), 10, ~0U);
             made = made || version.has_value();
             if (version.value_or(0) > kConventions)
-                throw CaptureError("the capture was made by conventions " + *number +
-                                   "; this program knows those up to " + std::to_string(kConventions) +
-                                   ", so a later haldencap is needed");
+                throw CaptureError(Format("the capture was made by conventions %u; this program knows those up to %d, "
+                                          "so a later haldencap is needed",
+                                          *version, kConventions));
         } else if (const auto command = Behind(comment, kCommandWord)) {
             info.command = *command;
         } else if (const auto program = Behind(comment, kProgramWord)) {

@@ -33,7 +33,8 @@ public:
     // Writes the beginning of the file. The caller keeps the stream. Throws std::runtime_error, as the other calls do.
     CaptureWriter(std::ostream &stream, const RunInfo &info);
     // Takes events in the order of their time, port by port. Portions of a message are put together. A message is
-    // written when it is complete, so packets of two ports may be in another order than their times.
+    // written when it is complete, so packets of two ports may be in another order than their times. Noise is written
+    // at once.
     void Write(const Event &event);
     // Writes what is not complete. It is called at the end.
     void Finish();

@@ -14,6 +14,7 @@ namespace
 constexpr std::uint8_t kDelimiter = 0xFF;
 constexpr std::uint8_t kMicroVersionMark = 0x14; // behind the delimiter
 constexpr std::uint8_t kCameraVersionMark = 0xA0;
+constexpr std::size_t kMostNoise = 0x40000; // in one message: other programs refuse packets of more bytes
 
 // A camera reports its versions as characters. A damaged one may be anything.
 std::string Characters(const Bytes &bytes, std::size_t offset, std::size_t count)
@@ -77,7 +78,14 @@ void Conversation::Take(const Event &event, const Sink &sink)
         FlushToHost(sink);
     next_ = &event;
     for (const std::uint8_t byte : event.bytes)
-        fromHost ? TakeFromHost(byte, sink) : TakeFromDevice(byte, sink);
+        TakeByte(fromHost, byte, sink);
+}
+
+void Conversation::TakeByte(bool fromHost, std::uint8_t byte, const Sink &sink)
+{
+    fromHost ? TakeFromHost(byte, sink) : TakeFromDevice(byte, sink);
+    if ((fromHost ? out_ : in_).bytes.size() >= kMostNoise) // no message gets as long
+        fromHost ? FlushToDevice(sink) : FlushToHost(sink);
 }
 
 void Conversation::Flush(const Sink &sink)
@@ -85,6 +93,16 @@ void Conversation::Flush(const Sink &sink)
     FlushToDevice(sink);
     FlushToHost(sink);
     decoder_.Reset();
+    Expect(Kind::kNoise, 0);
+    block_.reset();
+}
+
+void Conversation::FlushNoise(const Sink &sink)
+{
+    if (!InMessage())
+        FlushToDevice(sink);
+    if (!replyBegun_)
+        FlushToHost(sink);
 }
 
 void Conversation::Add(Event &open, std::uint8_t byte)
@@ -182,9 +200,15 @@ void Conversation::EndFrame(const std::string &finding, const Sink &sink)
     Emit(out_, Way::kToDevice, std::move(message), sink);
 }
 
+// Whether out_ is of a message, and not noise.
+bool Conversation::InMessage() const
+{
+    return raw_ || decoder_.InFrame() || !finding_.empty();
+}
+
 void Conversation::FlushToDevice(const Sink &sink, const std::string &finding)
 {
-    const bool piece = raw_ || decoder_.InFrame() || !finding_.empty();
+    const bool piece = InMessage();
     raw_ = false;
     Message message = {.kind = piece ? Kind::kPiece : Kind::kNoise,
                        .name = piece ? "piece of a message" : "noise",

@@ -1,5 +1,6 @@
 // The messages on one line. A conversation takes the bytes of both ways as they come, in any portions, and cuts them
-// into messages: what the host sends by its form, what the device sends by what the host reads at that point.
+// into messages: what the host sends by its form, what the device sends by the reply that is due at that point. Bytes
+// beyond a reply are noise on the line. The host, however, takes them for the beginning of its next reply.
 // Locking: a conversation has no lock.
 #pragma once
 
@@ -51,8 +52,10 @@ public:
     // those of the events that brought its first and its last byte. A note is handed out at once; close ends what is
     // not complete.
     void Take(const Event &event, const Sink &sink);
-    // Hands out what is not complete, as pieces and noise.
+    // Hands out what is not complete, as pieces and noise. No reply is due then.
     void Flush(const Sink &sink);
+    // Hands out the noise that waits for more of its kind, of either way. Noise that comes later is another message.
+    void FlushNoise(const Sink &sink);
     // Whether bytes wait for the rest of their message.
     bool pending() const { return !out_.bytes.empty() || !in_.bytes.empty(); }
 
@@ -60,11 +63,13 @@ private:
     using Kind = Message::Kind;
 
     void Add(Event &open, std::uint8_t byte);
+    void TakeByte(bool fromHost, std::uint8_t byte, const Sink &sink);
     void TakeFromHost(std::uint8_t byte, const Sink &sink);
     void TakeDeviation(const Sink &sink);
     bool TakeRaw(std::uint8_t byte, const Sink &sink);
     void EndRaw(bool query, const Sink &sink);
     void EndFrame(const std::string &finding, const Sink &sink);
+    bool InMessage() const;
     void FlushToDevice(const Sink &sink, const std::string &finding = {});
     void Expect(Kind reply, std::size_t size);
     bool StartsReply(std::uint8_t byte) const;

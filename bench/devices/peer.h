@@ -26,7 +26,7 @@ public:
 
     // Begins a run.
     virtual void PowerOn() = 0;
-    // Takes bytes and returns the replies to them, in order.
+    // Takes bytes and returns the replies to them, in order. The first call of a run has no bytes.
     virtual std::vector<Reply> Receive(std::span<const std::uint8_t> bytes) = 0;
     // Ends a run.
     virtual void PowerOff() = 0;

@@ -76,6 +76,7 @@ void Line::Stop()
 void Line::Work()
 {
     pollfd polls[] = {{master_.get(), POLLIN, 0}, {wake_.get(), POLLIN, 0}};
+    Queue(device_.Receive({})); // what it sends unasked
     while (polls[1].revents == 0) {
         SendDue();
         const bool busy = CarrySome(baud_);

@@ -34,8 +34,8 @@ std::string Shown(const Bytes &bytes)
 {
     std::string text;
     for (const std::uint8_t byte : bytes)
-        text += std::isprint(byte) != 0 && byte != '\\' ? std::string(1, static_cast<char>(byte))
-                                                        : Format("\\x%02X", byte);
+        text +=
+            std::isprint(byte) != 0 && byte != '\\' ? std::string(1, static_cast<char>(byte)) : Format("\\x%02X", byte);
     return text;
 }
 
@@ -45,7 +45,8 @@ std::string DescribeFile(const std::string &directory, const std::string &name, 
     if (!contents)
         return name + " missing";
     if (!asText)
-        return name + " " + std::to_string(contents->size()) + " bytes";
+        return name + Format(" %zu bytes", contents->size()) +
+               (contents->empty() ? "" : Format(" first %02X", contents->front()));
     contents->resize(std::min(contents->size(), kVersionText));
     return name + " text " + Shown(*contents);
 }
@@ -55,8 +56,8 @@ std::string DescribeFile(const std::string &directory, const std::string &name, 
 RunInfo DescribeRun(const std::vector<std::string> &words, const std::string &executable, const std::string &directory)
 {
     RunInfo info = {.command = Quoted(words), .source = "haldenbench " HALDENBENCH_VERSION};
-    info.program = std::filesystem::path(executable).filename().string() + ", " +
-                   Describe(ReadFile(executable).value_or(Bytes()));
+    info.program =
+        std::filesystem::path(executable).filename().string() + ", " + Describe(ReadFile(executable).value_or(Bytes()));
     for (const char *name : {kMicroImage, kCameraImage, kSystemImage})
         info.files.push_back(DescribeFile(directory, name, false));
     for (const char *name : {kCameraVersion, kSystemVersion})
@@ -65,7 +66,7 @@ RunInfo DescribeRun(const std::vector<std::string> &words, const std::string &ex
 }
 
 RunCapture::RunCapture(const std::string &path, const RunInfo &info)
-    : recorder([this](const std::vector<Event> &events) { Store(events); }), path_(path), file_(OpenCapture(path)),
+    : recorder([this](const std::vector<Event> &portion) { Store(portion); }), path_(path), file_(OpenCapture(path)),
       writer_(buffer_, info)
 {
     std::signal(SIGPIPE, SIG_IGN); // a reader that goes away does not end the run
@@ -82,11 +83,13 @@ void RunCapture::Finish()
         throw std::runtime_error(error_);
 }
 
-void RunCapture::Store(const std::vector<Event> &events)
+void RunCapture::Store(const std::vector<Event> &portion)
 {
-    for (const Event &event : events)
+    for (const Event &event : portion)
         writer_.Write(event);
     Flush();
+    if (keeps)
+        events.insert(events.end(), portion.begin(), portion.end());
 }
 
 void RunCapture::Flush()

@@ -31,8 +31,11 @@ constinit Real<int(FILE *)> gRealFclose("fclose"), gRealFileno("fileno");
 constinit Real<int(int, struct stat64 *)> gRealFstat64("fstat64");
 constinit Real<off64_t(int, off64_t, int)> gRealLseek64("lseek64");
 
-int Open(Real<int(const char *, int, ...)> &real, const char *path, int flags, mode_t mode)
+// The mode is there only if the flags ask for it.
+int Open(Real<int(const char *, int, ...)> &real, const char *path, int flags, va_list &arguments)
 {
+    // The analyser overlooks va_start. NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized)
+    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : mode_t{0};
     Board *board = Board::Here();
     const std::optional<int> fd = board != nullptr ? board->Open(path, flags) : std::nullopt;
     return fd ? *fd : real(path, flags, mode);
@@ -60,20 +63,18 @@ int open(const char *path, int flags, ...)
 {
     va_list arguments;
     va_start(arguments, flags);
-    // The analyser overlooks va_start. NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized)
-    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : mode_t{0};
+    const int fd = Open(gRealOpen, path, flags, arguments);
     va_end(arguments);
-    return Open(gRealOpen, path, flags, mode);
+    return fd;
 }
 
 int open64(const char *path, int flags, ...)
 {
     va_list arguments;
     va_start(arguments, flags);
-    // The analyser overlooks va_start. NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized)
-    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : mode_t{0};
+    const int fd = Open(gRealOpen64, path, flags, arguments);
     va_end(arguments);
-    return Open(gRealOpen64, path, flags, mode);
+    return fd;
 }
 
 int close(int fd)

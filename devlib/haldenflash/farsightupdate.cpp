@@ -29,9 +29,7 @@ constexpr Int32 kVersionTextSize = 8;
 constexpr UInt8 tlvrgettypebuffer[3] = {0x82, 0x06, 0x77};
 constexpr UInt8 kTypeReplyStart = 0xA0;
 constexpr Int32 kTypeReplySize = 13;
-constexpr Int32 kReplySystemVersion = 5; // position and size of the versions in the reply
-constexpr Int32 kReplyCameraVersion = 9;
-constexpr Int32 kReplyVersionSize = 4;
+constexpr Int32 kReplyVersionSize = 4; // of each of the two versions in the reply
 constexpr Int32 kFlashModeSize = 8;
 constexpr Int32 kFlashModeReplySize = 4;
 constexpr UInt8 kFlashModeSystem = 1; // what will be sent
@@ -49,6 +47,39 @@ Transfer SystemTransfer(FarSightUpdateInfoS *info)
 }
 
 // ---- Versions
+
+// Where the versions of an image are found, and what is printed about them.
+struct VersionRow {
+    const ImageRow &image;
+    const char *file;    // has the version of the new image
+    Int32 replyPosition; // of the current version in the device-type reply
+    void (*printUpgrade)(UInt32 current, UInt32 newer);
+    const char *upToDate;
+};
+constexpr VersionRow kCameraVersion = {
+    .image = kCamera,
+    .file = "farsightcamver",
+    .replyPosition = 9,
+    .printUpgrade =
+        [](UInt32 current, UInt32 newer) {
+            std::printf("Current FarSight Camera FW Version[%x] -- Newer FarSight Camera FW Version[%x] ... Upgrading "
+                        "FarSight Camera FW ...\n",
+                        current, newer);
+        },
+    .upToDate = "FarSight Camera Firmware is Already up to date ...",
+};
+constexpr VersionRow kSystemVersion = {
+    .image = kSystem,
+    .file = "farsightsysver",
+    .replyPosition = 5,
+    .printUpgrade =
+        [](UInt32 current, UInt32 newer) {
+            std::printf("Current FarSight System FW Version[%x] -- Newer FarSight System FW Version[%x] ... Upgrading "
+                        "FarSight System FW ...\n",
+                        current, newer);
+        },
+    .upToDate = "FarSight System Firmware is Already up to date ...",
+};
 
 // The version that a file names. Returns kNoError, or kFileOpenError (printed) when it cannot be opened or read.
 eErrorT ReadVersionFile(const char *name, Int32 *version)
@@ -73,7 +104,7 @@ eErrorT PrintReplyFailure()
 
 eErrorT SendRawMessage(const UInt8 *message, Int32 size)
 {
-    const int sent = Serial_Write(kCamera.port, reinterpret_cast<const char *>(message), size, kMessageTimeout);
+    const int sent = Serial_Write(kCameraDevice.port, reinterpret_cast<const char *>(message), size, kMessageTimeout);
     if (sent == size)
         return kNoError;
     std::printf("ERROR: flash_farsight() -- driver cannot send all the entire message of [%d] bytes -- It sent [%d] "
@@ -87,7 +118,7 @@ eErrorT SendRawMessage(const UInt8 *message, Int32 size)
 eErrorT FindTypeReply(UInt8 *reply)
 {
     for (;;) {
-        if (ReadReply(kCamera.port, reply, 1, kMessageTimeout) != 1)
+        if (ReadReply(kCameraDevice.port, reply, 1, kMessageTimeout) != 1)
             return PrintReplyFailure();
         if (reply[0] == kTypeReplyStart)
             return kNoError;
@@ -102,7 +133,7 @@ eErrorT ReadTypeReply(UInt8 *reply)
         return kFuncReturnedError;
     std::printf("#### First Byte of Response, readBuff[0]=0x%.2x ... Read the rest of the camera response ...\n",
                 reply[0]);
-    const Int32 count = ReadReply(kCamera.port, reply + 1, kTypeReplySize - 1, kMessageTimeout);
+    const Int32 count = ReadReply(kCameraDevice.port, reply + 1, kTypeReplySize - 1, kMessageTimeout);
     if (count != kTypeReplySize - 1)
         return PrintReplyFailure();
     std::printf("####### GOT THE CORRECT DEVICE TYPE RESPONSE BACK FROM FARSIGHT CAMERA -- byteRead[%d]....\n", count);
@@ -129,44 +160,21 @@ eErrorT ReadCameraVersions(Int32 *camVersion, Int32 *sysVersion)
     UInt8 reply[kTypeReplySize] = {};
     if (ReadTypeReply(reply) != kNoError)
         return kFuncReturnedError;
-    *sysVersion = ReplyVersion(reply, kReplySystemVersion);
-    *camVersion = ReplyVersion(reply, kReplyCameraVersion);
+    *sysVersion = ReplyVersion(reply, kSystemVersion.replyPosition);
+    *camVersion = ReplyVersion(reply, kCameraVersion.replyPosition);
     return kNoError;
 }
 
 // Any difference counts, whether the file is older or newer. An image that is up to date counts as done.
-bool ImageNeeded(const ImageRow &row, Int32 currentVersion, Int32 newVersion, void (*printUpgrade)(UInt32, UInt32),
-                 const char *upToDate)
+bool ImageNeeded(const VersionRow &row, Int32 currentVersion, Int32 newVersion)
 {
     if (currentVersion != newVersion) {
-        printUpgrade(static_cast<UInt32>(currentVersion), static_cast<UInt32>(newVersion));
+        row.printUpgrade(static_cast<UInt32>(currentVersion), static_cast<UInt32>(newVersion));
         return true;
     }
-    std::puts(upToDate);
-    updateProgress(gProgressCtrl.*row.fileSize);
+    std::puts(row.upToDate);
+    updateProgress(gProgressCtrl.*row.image.fileSize);
     return false;
-}
-
-bool CameraImageNeeded(Int32 currentVersion, Int32 newVersion)
-{
-    const auto printUpgrade = [](UInt32 current, UInt32 newer) {
-        std::printf("Current FarSight Camera FW Version[%x] -- Newer FarSight Camera FW Version[%x] ... Upgrading "
-                    "FarSight Camera FW ...\n",
-                    current, newer);
-    };
-    return ImageNeeded(kCamera, currentVersion, newVersion, printUpgrade,
-                       "FarSight Camera Firmware is Already up to date ...");
-}
-
-bool SystemImageNeeded(Int32 currentVersion, Int32 newVersion)
-{
-    const auto printUpgrade = [](UInt32 current, UInt32 newer) {
-        std::printf("Current FarSight System FW Version[%x] -- Newer FarSight System FW Version[%x] ... Upgrading "
-                    "FarSight System FW ...\n",
-                    current, newer);
-    };
-    return ImageNeeded(kSystem, currentVersion, newVersion, printUpgrade,
-                       "FarSight System Firmware is Already up to date ...");
 }
 
 // ---- Images
@@ -190,7 +198,7 @@ eErrorT CountBlocks(const ImageRow &row, Int32 *numBlocks)
         return kFuncReturnedError;
     }
     std::printf("[%s] image size: %d ...\n", row.file, static_cast<Int32>(size));
-    *numBlocks = static_cast<Int32>((size + row.blockSize - 1) / row.blockSize);
+    *numBlocks = static_cast<Int32>((size + row.device.blockSize - 1) / row.device.blockSize);
     return kNoError;
 }
 
@@ -227,7 +235,7 @@ eErrorT EnterFlashMode(bool camNeeded, bool sysNeeded, Int32 camNumBlocks, Int32
     std::puts("############# Trying to read the camera response for flashmode ....");
     Delay(kReplyPause);
     UInt8 reply[kFlashModeReplySize] = {};
-    if (ReadReply(kCamera.port, reply, sizeof reply, kMessageTimeout) != kFlashModeReplySize)
+    if (ReadReply(kCameraDevice.port, reply, sizeof reply, kMessageTimeout) != kFlashModeReplySize)
         return PrintReplyFailure();
     PrintReply(reply, sizeof reply);
     return kNoError;
@@ -282,13 +290,13 @@ int flash_farsight(int argc, char *const argv[])
     os_assert(argv != nullptr || argc == 0, "argv");
     std::puts("########### Flashing Halden FarSight Firmware ....");
     PrintArguments(argc, argv);
-    if (OpenUpdatePort(kCamera.port, PrintOpenFailure, PrintEnableFailure) != 0)
+    if (OpenUpdatePort(kCameraDevice.port, PrintOpenFailure, PrintEnableFailure) != 0)
         return -1;
     const eErrorT err = HaldenSerialProgFarSight(CONTROLLER_FLASH_TYPE_FARSIGT_CAMERA_SYSTEM_FW);
     if (err != kNoError)
         std::printf("ERROR: flash_farsight() -- Failed flashing farsight images -- err:%x ...\n",
                     static_cast<UInt32>(err));
-    const int released = ReleaseUpdatePort(kCamera.port);
+    const int released = ReleaseUpdatePort(kCameraDevice.port);
     return err == kNoError && released == 0 ? 0 : -1;
 }
 
@@ -301,16 +309,16 @@ eErrorT HaldenSerialProgFarSight(CONTROLLER_FLASH_TYPE flashType)
     Int32 newSysVersion = 0;
     Int32 camVersion = 0;
     Int32 sysVersion = 0;
-    eErrorT result = ReadVersionFile("farsightcamver", &newCamVersion);
+    eErrorT result = ReadVersionFile(kCameraVersion.file, &newCamVersion);
     if (result == kNoError)
-        result = ReadVersionFile("farsightsysver", &newSysVersion);
+        result = ReadVersionFile(kSystemVersion.file, &newSysVersion);
     if (result == kNoError)
         result = ReadCameraVersions(&camVersion, &sysVersion);
     if (result != kNoError)
         return result;
     // Both comparisons print and count progress, whatever is to be flashed.
-    bool camNeeded = CameraImageNeeded(camVersion, newCamVersion);
-    bool sysNeeded = SystemImageNeeded(sysVersion, newSysVersion);
+    bool camNeeded = ImageNeeded(kCameraVersion, camVersion, newCamVersion);
+    bool sysNeeded = ImageNeeded(kSystemVersion, sysVersion, newSysVersion);
     const bool both = flashType == CONTROLLER_FLASH_TYPE_FARSIGT_CAMERA_SYSTEM_FW;
     camNeeded &= both || flashType == CONTROLLER_FLASH_TYPE_FARSIGT_CAMERA_FW;
     sysNeeded &= both || flashType == CONTROLLER_FLASH_TYPE_FARSIGT_SYSTEM_FW;
@@ -363,13 +371,11 @@ eErrorT SendNextFarSightDataBlock(FarSightUpdateInfoS *updateInfo)
 
 eErrorT sendFarSightFlashDataBlock(const UInt8 *msgPtr, Int32 msgSize, CONTROLLER_FLASH_TYPE flashType)
 {
-    const bool isCamera = flashType == CONTROLLER_FLASH_TYPE_FARSIGT_CAMERA_FW;
-    const ImageRow &row = isCamera ? kCamera : kSystem;
-    const eErrorT err = AnnounceBlock(row, msgPtr, msgSize);
+    const eErrorT err = AnnounceBlock(kCameraDevice, msgPtr, msgSize);
     if (err != kNoError)
         return err;
-    if (isCamera || flashType == CONTROLLER_FLASH_TYPE_FARSIGT_SYSTEM_FW)
-        return SendAnnouncedBlock(row, msgPtr, msgSize);
+    if (flashType == CONTROLLER_FLASH_TYPE_FARSIGT_CAMERA_FW || flashType == CONTROLLER_FLASH_TYPE_FARSIGT_SYSTEM_FW)
+        return SendAnnouncedBlock(kImages[flashType], msgPtr, msgSize);
     std::printf("Error, sendFarSightFlashDataBlock() -- Wrong flashType:%d ...\n", flashType);
     return kBadParameter;
 }

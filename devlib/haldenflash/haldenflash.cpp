@@ -128,7 +128,7 @@ void SizeWork()
 {
     const char *missing = nullptr;
     for (const ImageRow &image : kImages)
-        if (*image.wanted != 0 && !AddToWork(image))
+        if (*image.device.wanted != 0 && !AddToWork(image))
             missing = image.file;
     if (missing == nullptr)
         return;

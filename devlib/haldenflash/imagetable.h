@@ -1,6 +1,6 @@
-// The three images, one row each. A row has all that tells its device apart from the others. Two rows differ only where
-// the device wants it so, and the comment at the field has the reason. transfer.h sends an image by its row. Each
-// device tells its versions in its own way, so the versions are in microupdate and farsightupdate.
+// The two devices and their three images, one row each. A device's row has what all its images share. The two devices
+// differ only where they want it so, and the comment at the field has the reason. transfer.h sends an image by its row.
+// Each device tells its versions in its own way, so the versions are in microupdate and farsightupdate.
 #pragma once
 
 #include "devlib/haldenflash/messages.h"
@@ -28,12 +28,9 @@ enum class WorkingLine {
 };
 
 // The lines of a row are functions. So each line is whole in the sources, and the compiler checks its conversions.
-struct ImageRow {
-    const char *file;
-    const Boolean *wanted;          // whether the command line asks for it
-    Int32 progressCtrlT::*fileSize; // its part of the work
+struct DeviceRow {
+    const Boolean *wanted; // whether the command line asks for it
     int port;
-    KORA_HALDEN_MESAGE_TYPE messageType;
     Int32 blockSize;   // bytes; what the device programs at once
     Int32 fixedBlocks; // deliberate: number of blocks, whatever the size of the image; 0: as many as the image has
     Int32 verdictTime; // microseconds; the camera programs a block before it answers
@@ -41,15 +38,24 @@ struct ImageRow {
     eErrorT silence; // the result if no verdict comes; supervisors know the microcontroller's silence as a success
     eErrorT allSent; // the result behind the last block; kNoError goes on, because the camera has a second image
     WorkingLine working;
-    void (*printBlock)(Int32 block, Int32 iteration);
-    void (*printWorking)(const char *file, Int32 nextBlock);
     void (*printVerdict)(const UInt8 *reply, Int32 count); // the camera's bytes too; programs search traces for them
-    void (*printUnknownVerdict)(UInt8 verdict);            // names the camera, whatever the device
-    void (*printReadError)(const ImageRow &row, Int32 err);
     // The camera's line names the status request. Programs that search traces know it so.
     void (*printShortWrite)(Int32 block, Int32 sent, Int32 size);
 };
 
+struct ImageRow {
+    const DeviceRow &device;
+    const char *file;
+    Int32 progressCtrlT::*fileSize; // its part of the work
+    KORA_HALDEN_MESAGE_TYPE messageType;
+    void (*printBlock)(Int32 block, Int32 iteration);
+    void (*printWorking)(const char *file, Int32 nextBlock);
+    void (*printUnknownVerdict)(UInt8 verdict); // names the camera, whatever the device
+    void (*printReadError)(const ImageRow &row, Int32 err);
+};
+
+extern const DeviceRow kMicroDevice;
+extern const DeviceRow kCameraDevice;
 extern const ImageRow kImages[3];
 
 // Prints that a status request was written short.

@@ -25,7 +25,9 @@ int main(int argc, char *argv[])
 {
     OccupyStandardDescriptors();
     // A supervisor that goes away must not stop a transfer half-way. Whoever follows the trace sees it line by line.
+    // The buffer is ours: the C library would have to allocate one at every start.
+    static char line[1024];
     std::signal(SIGPIPE, SIG_IGN);
-    std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
+    std::setvbuf(stdout, line, _IOLBF, sizeof line);
     return RunHaldenflash(argc, argv);
 }

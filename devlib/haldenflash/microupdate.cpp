@@ -28,7 +28,7 @@ constexpr Int32 kReplyVersion = 4;   // position of the version
 
 bool ReadByte(UInt8 *byte)
 {
-    return ReadReply(kMicro.port, byte, 1, kReplyTimeout) == 1;
+    return ReadReply(kMicroDevice.port, byte, 1, kReplyTimeout) == 1;
 }
 
 // Reads until the delimiter and the type of the version reply are in reply[0] and reply[1]. The bytes before them are
@@ -73,7 +73,8 @@ eErrorT ReadMicroVersion(UInt8 *version)
     UInt8 reply[kReplySize];
     if (FindVersionReply(reply) != kNoError)
         return kFuncReturnedError;
-    const Int32 count = ReadReply(kMicro.port, reply + kReplyStartSize, kReplySize - kReplyStartSize, kReplyTimeout);
+    const Int32 count =
+        ReadReply(kMicroDevice.port, reply + kReplyStartSize, kReplySize - kReplyStartSize, kReplyTimeout);
     if (count <= 0) {
         std::puts("######### Failed reading the rest of version response from Halden Micro Controller ...");
         return kFuncReturnedError;
@@ -138,11 +139,11 @@ int flash_micro(int argc, char *const argv[])
     os_assert(argv != nullptr || argc == 0, "argv");
     std::printf("########### Flashing Halden Micro Controller ...");
     PrintArguments(argc, argv);
-    if (OpenUpdatePort(kMicro.port, PrintOpenFailure, PrintEnableFailure) != 0)
+    if (OpenUpdatePort(kMicroDevice.port, PrintOpenFailure, PrintEnableFailure) != 0)
         return -1;
     bool updated = false;
     int result = UpdateMicro(&updated);
-    if (ReleaseUpdatePort(kMicro.port) != 0)
+    if (ReleaseUpdatePort(kMicroDevice.port) != 0)
         result = -1;
     if (updated)
         Delay(kRestartTime);
@@ -187,7 +188,7 @@ eErrorT RequestHaldenSystemStatus(HALDEN_SYSTEM_STATUS_TYPE statusType)
                     statusType, static_cast<UInt32>(err), frameSize);
         return err;
     }
-    const int sent = genericWriteRs232Port(kMicro.port, frame, frameSize);
+    const int sent = genericWriteRs232Port(kMicroDevice.port, frame, frameSize);
     if (sent == frameSize)
         return kNoError;
     PrintShortStatusRequest(sent, frameSize);
@@ -201,7 +202,7 @@ eErrorT HaldenSerialProgMicro(CONTROLLER_FLASH_TYPE)
         std::printf("\nCould not open Halden Microcontroller BIN file: %s, Exit programming...\n", kMicro.file);
         return kFileOpenError;
     }
-    gMicroUpdateInfo = {image, -1, kMicro.fixedBlocks, kFreshBlock};
+    gMicroUpdateInfo = {image, -1, kMicroDevice.fixedBlocks, kFreshBlock};
     const Transfer micro[] = {MicroTransfer(&gMicroUpdateInfo)};
     const eErrorT result = SendImages(micro, PrintSendFailure);
     // Deliberately printed after a failure too; the result tells.
@@ -226,6 +227,6 @@ eErrorT SendNextMicroDataBlock(HaldenMicroUpdateInfoS *updateInfo)
 
 eErrorT sendMicroFlashDataBlock(const UInt8 *msgPtr, Int32 msgSize)
 {
-    const eErrorT err = AnnounceBlock(kMicro, msgPtr, msgSize);
+    const eErrorT err = AnnounceBlock(kMicroDevice, msgPtr, msgSize);
     return err == kNoError ? SendAnnouncedBlock(kMicro, msgPtr, msgSize) : err;
 }

@@ -37,12 +37,12 @@ bool EndImage(const Transfer &image)
 eErrorT FinishImage(const Transfer &image)
 {
     const bool closed = EndImage(image);
-    if (image.row.allSent == kNoError)
+    if (image.row.device.allSent == kNoError)
         return kNoError;
     if (!closed)
         std::printf("########## Can't close the file: %s ...\n", image.row.file);
     *image.currentBlock = 0;
-    return image.row.allSent;
+    return image.row.device.allSent;
 }
 
 // Fills a block with its number and the next bytes of the image. Behind the end of the image come zeros. Prints the
@@ -50,14 +50,14 @@ eErrorT FinishImage(const Transfer &image)
 Int32 FillBlock(UInt8 *block, const Transfer &image)
 {
     const ImageRow &row = image.row;
-    std::memset(block, 0, size_t{kNumberSize} + static_cast<size_t>(row.blockSize));
+    std::memset(block, 0, size_t{kNumberSize} + static_cast<size_t>(row.device.blockSize));
     block[0] = static_cast<UInt8>(*image.currentBlock >> 8);
     block[1] = static_cast<UInt8>(*image.currentBlock);
-    const Int32 count = ReadImage(*image.file, block + kNumberSize, row.blockSize);
+    const Int32 count = ReadImage(*image.file, block + kNumberSize, row.device.blockSize);
     std::printf("bytes read: %d ...\n", count);
     if (count < 0)
         row.printReadError(row, count);
-    else if (count < row.blockSize)
+    else if (count < row.device.blockSize)
         std::printf("\nLast block read_cnt: %d of file: %s \n", count, row.file);
     return count;
 }
@@ -67,15 +67,15 @@ Int32 FillBlock(UInt8 *block, const Transfer &image)
 eErrorT SendBlock(const Transfer &image)
 {
     static UInt8 blocks[kPorts][kNumberSize + kMaxBlockSize];
-    UInt8 *block = blocks[image.row.port];
+    UInt8 *block = blocks[image.row.device.port];
     const bool isFresh = *image.retries == kFreshBlock;
     const Int32 count = isFresh ? FillBlock(block, image) : 0;
     const Int32 size = isFresh ? kNumberSize + count : 0;
     bool sent = false;
     if (count >= 0) {
         image.row.printBlock(*image.currentBlock, kFreshBlock + 1 - *image.retries);
-        sent =
-            AnnounceBlock(image.row, block, size) == kNoError && SendAnnouncedBlock(image.row, block, size) == kNoError;
+        sent = AnnounceBlock(image.row.device, block, size) == kNoError &&
+               SendAnnouncedBlock(image.row, block, size) == kNoError;
     }
     if (sent)
         updateProgress(count);
@@ -88,12 +88,12 @@ eErrorT SendBlock(const Transfer &image)
 void ApplyVerdict(const Transfer &image, UInt8 verdict)
 {
     const ImageRow &row = image.row;
-    if (row.working == WorkingLine::kEachVerdict)
+    if (row.device.working == WorkingLine::kEachVerdict)
         row.printWorking(row.file, *image.currentBlock);
     if (verdict == kBlockAck) {
         *image.retries = kFreshBlock;
         ++*image.currentBlock;
-        if (row.working == WorkingLine::kEachBlock)
+        if (row.device.working == WorkingLine::kEachBlock)
             row.printWorking(row.file, *image.currentBlock);
     } else if (verdict == kBlockNack) {
         --*image.retries;
@@ -103,18 +103,18 @@ void ApplyVerdict(const Transfer &image, UInt8 verdict)
     }
 }
 
-// Waits for the verdict on a block. If none comes, the images are closed, and the result is the row's for silence.
+// Waits for the verdict on a block. If none comes, the images are closed, and the result is the device's for silence.
 eErrorT ReadVerdict(Transfers images, UInt8 *verdict)
 {
-    const ImageRow &row = images[0].row;
+    const DeviceRow &device = images[0].row.device;
     UInt8 reply[kVerdictReplySize] = {};
-    const Int32 count = ReadReply(row.port, reply, sizeof reply, row.verdictTime);
+    const Int32 count = ReadReply(device.port, reply, sizeof reply, device.verdictTime);
     if (count != kVerdictReplySize)
         for (const Transfer &image : images)
             EndImage(image);
     *verdict = reply[kVerdict];
-    row.printVerdict(reply, count);
-    return count == kVerdictReplySize ? kNoError : row.silence;
+    device.printVerdict(reply, count);
+    return count == kVerdictReplySize ? kNoError : device.silence;
 }
 
 bool IsOpen(const Transfer &image)
@@ -175,9 +175,9 @@ eErrorT SendNextBlock(Transfers images)
     return kNoError;
 }
 
-eErrorT AnnounceBlock(const ImageRow &row, const UInt8 *msgPtr, Int32 msgSize)
+eErrorT AnnounceBlock(const DeviceRow &device, const UInt8 *msgPtr, Int32 msgSize)
 {
-    if (msgSize == 0 && row.refused == AfterRefusal::kEnd) {
+    if (msgSize == 0 && device.refused == AfterRefusal::kEnd) {
         std::puts("########### zero size data block ....");
         return kBadParameter;
     }
@@ -190,7 +190,7 @@ eErrorT AnnounceBlock(const ImageRow &row, const UInt8 *msgPtr, Int32 msgSize)
 eErrorT SendAnnouncedBlock(const ImageRow &row, const UInt8 *msgPtr, Int32 msgSize)
 {
     static UInt8 frames[kPorts][kMaxFrameSize];
-    UInt8 *frame = frames[row.port];
+    UInt8 *frame = frames[row.device.port];
     Int32 frameSize = 0;
     const eErrorT err = buildKoraToHaldenMsg(row.messageType, msgSize, msgPtr, &frameSize, frame);
     if (err != kNoError) {
@@ -199,9 +199,9 @@ eErrorT SendAnnouncedBlock(const ImageRow &row, const UInt8 *msgPtr, Int32 msgSi
                     row.messageType, BlockNumber(msgPtr), static_cast<UInt32>(err), frameSize);
         return err;
     }
-    const int sent = genericWriteRs232Port(row.port, frame, frameSize);
+    const int sent = genericWriteRs232Port(row.device.port, frame, frameSize);
     if (sent == frameSize)
         return kNoError;
-    row.printShortWrite(BlockNumber(msgPtr), sent, frameSize);
+    row.device.printShortWrite(BlockNumber(msgPtr), sent, frameSize);
     return kFuncReturnedError;
 }

@@ -23,7 +23,7 @@ struct Transfer {
 using Transfers = std::span<const Transfer>;
 
 // Sends the open images until they are done or the update ends. printFailure is called if a block was not sent. Returns
-// the result of the last SendNextBlock, or the row's result for silence. After a failure an image may still be open.
+// the result of the last SendNextBlock, or the device's result for silence. After a failure an image may still be open.
 eErrorT SendImages(Transfers images, void (*printFailure)());
 
 // Moves on as the verdict says: to the next block, or to a retry. An unknown verdict is printed, and the same number is
@@ -32,7 +32,7 @@ void TakeVerdict(Transfers images, UInt8 verdict);
 
 // Sends the current block of the first image that has one, and closes an image whose last block is done.
 // kNoError            sent. Or there is nothing to send: the retries are used up, or no image is open.
-// kEndOfFile          the last block is done, and the row has this result for it. The image is closed.
+// kEndOfFile          the last block is done, and the device has this result for it. The image is closed.
 // kFuncReturnedError  the block was not read or not sent, which is printed. Its image is closed.
 eErrorT SendNextBlock(Transfers images);
 
@@ -41,7 +41,7 @@ eErrorT SendNextBlock(Transfers images);
 // and stops the program.
 // kNoError       the block may be sent.
 // kBadParameter  the frame would be empty, and the device takes no empty frame. This is printed.
-eErrorT AnnounceBlock(const ImageRow &row, const UInt8 *msgPtr, Int32 msgSize);
+eErrorT AnnounceBlock(const DeviceRow &device, const UInt8 *msgPtr, Int32 msgSize);
 
 // Sends an announced block in a frame.
 // kNoError            sent.
