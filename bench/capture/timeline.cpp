@@ -507,11 +507,13 @@ void Painter::DrawWay(const TimeAxis &axis, int port, Way way)
 
 void Painter::DrawSilences(const TimeAxis &axis, int port, double height)
 {
+    constexpr double kLeast = 4;
     for (const Step &step : digest_.steps) {
         if (step.message.event.port != port || step.message.event.way != Way::kToDevice || step.fate != Fate::kSilence)
             continue;
         const WallTime begin = step.message.event.end;
-        const double left = axis.At(begin), width = std::max(axis.At(step.until) - left, 4.0);
+        const double left = std::min(axis.At(begin), axis.right() - kLeast);
+        const double width = std::max(axis.At(step.until) - left, kLeast);
         svg_.Rect({left, y_ + 2, width, height - 4}, "gap",
                   step.message.name + ": no answer in " + TimeText(step.until - begin));
     }
@@ -564,7 +566,7 @@ std::string Painter::TitleOf(const Step &step) const
     const Event &event = step.message.event;
     std::string title = step.message.name;
     if (!step.message.finding.empty())
-        title += "! " + step.message.finding;
+        title += " ! " + step.message.finding;
     title += Format("\n%zu bytes on the line, at ", event.bytes.size()) + Since(event.begin);
     if (event.end > event.begin)
         title += ", for " + TimeText(event.end - event.begin);
