@@ -21,6 +21,7 @@ struct Settings {
     std::optional<std::string> launcherResult;
     bool fast = false;
     unsigned baud = 0;
+    std::map<std::string, std::string> lines, served; // terminals by device
     Faults microFaults, cameraFaults;
     bool hasFaults = false; // some were given
     bool bar = false;
@@ -41,6 +42,12 @@ void AddCapture(const Settings &settings, const std::string &path, RunOptions &o
 
 // Shows or stores the captured output of the command, and says how the command ended.
 void ShowOutput(const Settings &settings, const RunResult &result);
+
+// Runs the command against devices in software, and says what they hold afterwards. Returns an exit status.
+int Rehearse(const Settings &settings);
+
+// Runs no command: real boards reach the devices. Returns an exit status.
+int Serve(const Settings &settings);
 
 // Makes a captured run again, and says where it differs. Returns an exit status.
 int PlayAgain(Settings settings);

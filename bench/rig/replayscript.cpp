@@ -243,6 +243,13 @@ void FailureFinder::TakeWrite(const Message &note, int size)
     orders.cutTo = size;
 }
 
+// The name of a note, without what depends on bytes that were not sent.
+std::string ActOf(const std::string &note)
+{
+    const std::size_t of = note.starts_with("write ") ? note.find(" of ") : std::string::npos;
+    return of == std::string::npos ? note : note.substr(0, of) + " of ? bytes";
+}
+
 } // namespace
 
 ReplayScript ScriptOf(const std::vector<Event> &events, bool fast)
@@ -263,7 +270,7 @@ std::vector<std::string> ActsOf(const std::vector<Event> &events)
         if (!IsFromHost(message) && (!note || message.name.starts_with("!") || IsEnd(message.name)))
             continue;
         const std::string place = message.event.port == kNoPort ? "" : PortName(message.event.port) + ": ";
-        acts.push_back(place + message.name);
+        acts.push_back(place + (note ? ActOf(message.name) : message.name));
     }
     return acts;
 }

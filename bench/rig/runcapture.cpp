@@ -55,7 +55,7 @@ std::string DescribeFile(const std::string &directory, const std::string &name, 
 
 RunInfo DescribeRun(const std::vector<std::string> &words, const std::string &executable, const std::string &directory)
 {
-    RunInfo info = {.command = Quoted(words), .source = "haldenbench " HALDENBENCH_VERSION};
+    RunInfo info = {.command = Quoted(words), .source = kSource};
     info.program =
         std::filesystem::path(executable).filename().string() + ", " + Describe(ReadFile(executable).value_or(Bytes()));
     for (const char *name : {kMicroImage, kCameraImage, kSystemImage})

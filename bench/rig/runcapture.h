@@ -10,6 +10,9 @@
 namespace bench
 {
 
+// What makes these captures.
+inline constexpr char kSource[] = "haldenbench " HALDENBENCH_VERSION;
+
 // What is known of a run ahead of it. directory is that of the program, words are its command line.
 RunInfo DescribeRun(const std::vector<std::string> &words, const std::string &executable, const std::string &directory);
 
