@@ -1,7 +1,8 @@
 // The command haldencap: makes captures from the field, and shows them.
-#include "bench/capture/capturefile.h"
 #include "bench/capture/images.h"
+#include "bench/capture/show.h"
 #include "bench/capture/stracetext.h"
+#include "bench/capture/timeline.h"
 #include "bench/options.h"
 #include "bench/rig/descriptor.h"
 
@@ -10,6 +11,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <sstream>
 
 namespace
 {
@@ -28,6 +30,8 @@ constexpr char kHelp[] =
     "                            DEVICE is micro or camera. FILE is the name by which the program opened it, if that\n"
     "                            was another than /dev/fpgaserial1 or /dev/fpgaserial0. On the appliance:\n"
     "      strace -f -ttt -T -y -xx -s 262144 -o TEXT -e trace=file,desc,process haldenflash all\n"
+    "  show CAPTURE              print the run as text\n"
+    "  timeline CAPTURE SVG      draw the run as a picture\n"
     "  images CAPTURE DIR        rebuild the images and version files of a run in DIR\n"
     "  help                      print this\n"
     "Exit status:\n"
@@ -122,6 +126,24 @@ int FromStrace(const Words &words)
     return kGood;
 }
 
+// ---- The other commands
+
+int ShowCapture(const Words &words)
+{
+    Show(DigestOf(ReadCapture(words[0])), std::cout);
+    std::cout.flush();
+    return std::cout ? kGood : throw std::runtime_error("cannot write the output");
+}
+
+int DrawTimeline(const Words &words)
+{
+    std::ostringstream picture;
+    Timeline(DigestOf(ReadCapture(words[0])), picture);
+    const std::string text = picture.str();
+    WriteFile(words[1], Bytes(text.begin(), text.end()));
+    return kGood;
+}
+
 int Images(const Words &words)
 {
     const RebuiltFiles files = RebuildFiles(ReadCapture(words[0]));
@@ -133,6 +155,8 @@ int Images(const Words &words)
 
 constexpr Command kCommands[] = {
     {"from-strace", kOwnWords, FromStrace},
+    {"show", 1, ShowCapture},
+    {"timeline", 2, DrawTimeline},
     {"images", 2, Images},
     {"help", 0, Help},
 };
