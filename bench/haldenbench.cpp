@@ -1,6 +1,7 @@
 // The command haldenbench: rehearses an update with the binary that ships and two peripherals in software.
 #include "bench/options.h"
 #include "bench/rig/images.h"
+#include "bench/rig/progressbar.h"
 #include "bench/rig/run.h"
 
 #include <cstdio>
@@ -150,10 +151,7 @@ std::map<std::string, std::string> OwnEnvironment()
 
 void DrawBar(const std::string &position)
 {
-    constexpr int kWidth = 50;
-    const int filled = std::min(std::atoi(position.c_str()) * kWidth / 100, kWidth);
-    std::fprintf(stderr, "\r[%s%s] %s %%", std::string(static_cast<std::size_t>(filled), '#').c_str(),
-                 std::string(static_cast<std::size_t>(kWidth - filled), ' ').c_str(), position.c_str());
+    std::cerr << "\r" << ProgressBar(std::atoi(position.c_str()), 0, 100);
 }
 
 // Adds the bar: a progress FIFO for this run, and the words that lead the command to it.
