@@ -156,6 +156,7 @@ private:
 pid_t Start(std::vector<std::string> command, const Signals &signals, const Fifo &fifo)
 {
     std::vector<char *> words;
+    words.reserve(command.size() + 1);
     for (std::string &word : command)
         words.push_back(word.data());
     words.push_back(nullptr);
