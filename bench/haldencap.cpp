@@ -5,7 +5,11 @@
 #include "bench/capture/timeline.h"
 #include "bench/options.h"
 #include "bench/rig/descriptor.h"
+#include "bench/rig/watch.h"
 
+#include <algorithm>
+#include <charconv>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -33,11 +37,14 @@ constexpr char kHelp[] =
     "  show CAPTURE              print the run as text\n"
     "  timeline CAPTURE SVG      draw the run as a picture\n"
     "  images CAPTURE DIR        rebuild the images and version files of a run in DIR\n"
+    "  watch PIPE [LOW HIGH] [-- COMMAND ...]\n"
+    "                            show the progress that an update writes to the FIFO PIPE\n"
     "  help                      print this\n"
     "Exit status:\n"
     "  0  the work is done\n"
     "  1  it could not be done, and the message says why\n"
-    "  2  wrong usage\n";
+    "  2  wrong usage\n"
+    "watch ends with the status of COMMAND, or with 128 + N if signal N ended it.\n";
 
 using Words = std::vector<std::string>;
 
@@ -48,6 +55,7 @@ struct Command {
     const char *name;
     std::size_t words;
     int (*run)(const Words &words);
+    bool more = false; // it takes more words than that, too
 };
 
 int Help(const Words &)
@@ -153,12 +161,37 @@ int Images(const Words &words)
     return kGood;
 }
 
+// ---- watch
+
+int Bound(const std::string &word, std::int64_t above)
+{
+    int bound = 0;
+    const auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), bound);
+    if (error != std::errc() || end != word.data() + word.size() || bound <= above)
+        throw UsageError("watch: \"" + word + "\" is no bound; HIGH is above LOW and above 0");
+    return bound;
+}
+
+int WatchPipe(const Words &words)
+{
+    const auto dashes = std::find(words.begin(), words.end(), "--");
+    const auto count = dashes - words.begin();
+    if ((count != 1 && count != 3) || dashes + 1 == words.end())
+        throw UsageError("watch takes PIPE [LOW HIGH] [-- COMMAND ...]; see haldencap help");
+    WatchOptions options = {.fifo = words[0]};
+    if (count == 3) {
+        options.low = Bound(words[1], INT64_MIN);
+        options.high = Bound(words[2], std::max(options.low, 0));
+    }
+    if (dashes != words.end())
+        options.command.assign(dashes + 1, words.end());
+    return Watch(options);
+}
+
 constexpr Command kCommands[] = {
-    {"from-strace", kOwnWords, FromStrace},
-    {"show", 1, ShowCapture},
-    {"timeline", 2, DrawTimeline},
-    {"images", 2, Images},
-    {"help", 0, Help},
+    {"from-strace", kOwnWords, FromStrace}, {"show", 1, ShowCapture},
+    {"timeline", 2, DrawTimeline},          {"images", 2, Images},
+    {"watch", kOwnWords, WatchPipe},        {"help", 0, Help},
 };
 
 int Work(const Words &words)
