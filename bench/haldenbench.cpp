@@ -2,6 +2,7 @@
 #include "bench/options.h"
 #include "bench/rig/images.h"
 #include "bench/rig/run.h"
+#include "bench/rig/runcapture.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -35,6 +36,7 @@ constexpr char kHelp[] =
     "  --bar                 show a progress bar, and only the last line of the command's output\n"
     "  --trace FILE          write the command's output to FILE\n"
     "  --transcript FILE     write the messages between the command and the devices to FILE\n"
+    "  --capture FILE        write what passes on the lines to FILE as pcapng, while it passes; -: standard output\n"
     "  --make-images DIR     write sample images to DIR and stop\n"
     "  --help                print this and stop\n"
     "Exit status:\n"
@@ -51,7 +53,7 @@ struct Settings {
     unsigned baud = 0;
     Faults microFaults, cameraFaults;
     bool bar = false;
-    std::string trace, transcript, makeImages;
+    std::string trace, transcript, capture, makeImages;
     std::vector<std::string> command;
 };
 
@@ -87,6 +89,7 @@ constexpr OptionRow<Settings> kOptions[] = {
     {"bar", false, [](Settings &s, const char *, const std::string &) { s.bar = true; }},
     {"trace", true, [](Settings &s, const char *, const std::string &value) { s.trace = value; }},
     {"transcript", true, [](Settings &s, const char *, const std::string &value) { s.transcript = value; }},
+    {"capture", true, [](Settings &s, const char *, const std::string &value) { s.capture = value; }},
     {"make-images", true, [](Settings &s, const char *, const std::string &value) { s.makeImages = value; }},
     {"help", false,
      [](Settings &, const char *, const std::string &) {
@@ -227,6 +230,16 @@ bool Report(const std::string &directory, const Micro &micro, const Camera &came
     return good;
 }
 
+// Begins the capture of a run.
+void AddCapture(const Settings &settings, RunOptions &options, std::optional<RunCapture> &capture)
+{
+    capture.emplace(settings.capture, DescribeRun(settings.command, options.executable, options.directory));
+    for (const auto &[number, port] : options.ports)
+        if (port.line != nullptr)
+            capture->recorder.Watch(number, *port.line);
+    options.recorder = &capture->recorder;
+}
+
 int Rehearse(const Settings &settings)
 {
     for (const std::string &path : {settings.trace, settings.transcript})
@@ -242,13 +255,19 @@ int Rehearse(const Settings &settings)
     std::optional<Launcher> launcher;
     if (settings.launcherResult)
         options.launcher = &launcher.emplace(*settings.launcherResult + "\n");
+    std::optional<RunCapture> capture;
+    if (!settings.capture.empty())
+        AddCapture(settings, options, capture);
     const RunResult result = Run(options);
     ShowOutput(settings, result);
     for (const std::string &command : launcher ? launcher->commands() : std::vector<std::string>())
         std::cout << "relayed: " << command;
     if (!settings.transcript.empty())
         WriteTranscript(settings.transcript, micro, camera);
-    return Report(settings.directory, micro, camera) && result.status == 0 ? kGood : kBad;
+    const bool good = Report(settings.directory, micro, camera) && result.status == 0;
+    if (capture)
+        capture->Finish();
+    return good ? kGood : kBad;
 }
 
 int Work(int argc, char *argv[])

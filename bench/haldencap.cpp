@@ -1,5 +1,6 @@
 // The command haldencap: makes captures from the field, and shows them.
 #include "bench/capture/capturefile.h"
+#include "bench/capture/images.h"
 #include "bench/options.h"
 
 #include <cstdlib>
@@ -14,14 +15,14 @@ constexpr int kGood = 0;
 constexpr int kBad = 1;
 constexpr int kUsage = 2;
 
-constexpr char kHelp[] =
-    "Usage: haldencap COMMAND ...\n"
-    "Makes captures from the field, and shows them.\n"
-    "  help                      print this\n"
-    "Exit status:\n"
-    "  0  the work is done\n"
-    "  1  it could not be done, and the message says why\n"
-    "  2  wrong usage\n";
+constexpr char kHelp[] = "Usage: haldencap COMMAND ...\n"
+                         "Makes captures from the field, and shows them.\n"
+                         "  images CAPTURE DIR        rebuild the images and version files of a run in DIR\n"
+                         "  help                      print this\n"
+                         "Exit status:\n"
+                         "  0  the work is done\n"
+                         "  1  it could not be done, and the message says why\n"
+                         "  2  wrong usage\n";
 
 using Words = std::vector<std::string>;
 
@@ -38,7 +39,17 @@ int Help(const Words &)
     return kGood;
 }
 
+int Images(const Words &words)
+{
+    const RebuiltFiles files = RebuildFiles(ReadCapture(words[0]));
+    WriteFiles(files, words[1]);
+    for (const std::string &remark : files.remarks)
+        std::cerr << "haldencap: " << remark << "\n";
+    return kGood;
+}
+
 constexpr Command kCommands[] = {
+    {"images", 2, Images},
     {"help", 0, Help},
 };
 

@@ -60,6 +60,47 @@ std::optional<unsigned> ParseNumber(const std::string &text, int base, unsigned 
     return number;
 }
 
+std::string Quoted(const std::vector<std::string> &words)
+{
+    constexpr char kPlain[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_./,:=+@%-";
+    std::string text;
+    for (const std::string &word : words) {
+        text += text.empty() ? "" : " ";
+        const bool plain = !word.empty() && word.find_first_not_of(kPlain) == std::string::npos;
+        text += plain ? "" : "'";
+        for (const char c : word)
+            c == '\'' ? text += "'\\''" : text += c;
+        text += plain ? "" : "'";
+    }
+    return text;
+}
+
+std::vector<std::string> Unquoted(const std::string &text)
+{
+    std::vector<std::string> words;
+    bool inWord = false;
+    char quote = 0; // the open quotation mark
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        if (quote == 0 && (c == ' ' || c == '\t' || c == '\n')) {
+            inWord = false;
+            continue;
+        }
+        if (!inWord)
+            words.emplace_back();
+        inWord = true;
+        if (c == quote)
+            quote = 0;
+        else if (quote == 0 && (c == '\'' || c == '"'))
+            quote = c;
+        else if (quote != '\'' && c == '\\' && i + 1 < text.size())
+            words.back() += text[++i];
+        else
+            words.back() += c;
+    }
+    return words;
+}
+
 std::string LastLine(std::string text)
 {
     text.erase(text.find_last_not_of("\r\n") + 1);

@@ -21,6 +21,11 @@ std::string Describe(const Bytes &bytes);
 // Reads the whole text as a number. Returns nothing if it is no number, or if the number is above the limit.
 std::optional<unsigned> ParseNumber(const std::string &text, int base, unsigned limit);
 
+// The words of a command line as a shell would need them: with quotes where something in them means more to a shell.
+std::string Quoted(const std::vector<std::string> &words);
+// The words of such a text. A quotation mark that is not closed ends with the text.
+std::vector<std::string> Unquoted(const std::string &text);
+
 // The last line that is not empty.
 std::string LastLine(std::string text);
 

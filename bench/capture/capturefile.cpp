@@ -26,11 +26,6 @@ constexpr char kFileWord[] = "file ";
 constexpr char kEndsWord[] = "ends ";
 constexpr char kEndsUnit[] = " us later";
 
-std::string PortName(int port)
-{
-    return port == kMicroPort ? "micro" : port == kCameraPort ? "camera" : "port " + std::to_string(port);
-}
-
 // Nothing if that is no name of a port.
 std::optional<int> PortOf(const std::string &name)
 {

@@ -15,6 +15,11 @@ constexpr std::size_t kChecksumSize = 3;
 
 } // namespace
 
+std::size_t FrameDecoder::dataSize() const
+{
+    return length_ < kChecksumSize ? 0 : length_ - kChecksumSize;
+}
+
 FrameDecoder::Event FrameDecoder::Feed(std::uint8_t byte)
 {
     if (byte == kDelimiter)

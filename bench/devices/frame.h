@@ -34,6 +34,8 @@ public:
     void Reset() { *this = FrameDecoder(); }
 
     const Frame &frame() const { return frame_; }
+    // Announced size of the data, once the header is there.
+    std::size_t dataSize() const;
     const std::string &deviation() const { return deviation_; }
     bool InFrame() const { return stage_ >= Stage::kType; }
     // Neither in a frame nor in the rest of a bad one.

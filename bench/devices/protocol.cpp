@@ -3,6 +3,11 @@
 namespace bench
 {
 
+std::string PortName(int port)
+{
+    return port == kMicroPort ? "micro" : port == kCameraPort ? "camera" : "port " + std::to_string(port);
+}
+
 bool IsBlockType(int port, std::uint8_t type)
 {
     return port == kMicroPort ? type == kMicroBlockType : type == kCameraBlockType || type == kSystemBlockType;

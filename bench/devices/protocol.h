@@ -34,6 +34,9 @@ inline constexpr std::size_t kVerdictSize = 2; // the second byte is the verdict
 inline constexpr std::uint8_t kAck = 0x06;
 inline constexpr std::uint8_t kNack = 0x0F;
 
+// "camera", "micro" or "port 7": how people and captures call the far end of a line.
+std::string PortName(int port);
+
 // Whether a frame of that type carries a block of an image, or asks for it again.
 bool IsBlockType(int port, std::uint8_t type);
 

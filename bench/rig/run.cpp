@@ -5,13 +5,11 @@
 #include <algorithm>
 #include <array>
 #include <csignal>
-#include <cstddef>
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
 #include <memory>
 #include <spawn.h>
-#include <sstream>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -41,29 +39,6 @@ private:
     Descriptor fd_;
 };
 
-// The events that the preload library notes.
-class Events
-{
-public:
-    Events() : fd_(Checked(memfd_create("haldenbench", MFD_CLOEXEC), "memfd"))
-    {
-        Checked(ftruncate(fd_.get(), sizeof(EventLog)), "memfd");
-    }
-    // The path by which another process opens them.
-    std::string Path() const { return Format("/proc/%d/fd/%d", static_cast<int>(getpid()), fd_.get()); }
-    std::string Text() const
-    {
-        std::uint32_t used = 0;
-        Checked(static_cast<int>(pread(fd_.get(), &used, sizeof used, offsetof(EventLog, used))), "memfd");
-        std::string text(std::min<std::size_t>(used, sizeof(EventLog::text)), '\0');
-        Checked(static_cast<int>(pread(fd_.get(), text.data(), text.size(), offsetof(EventLog, text))), "memfd");
-        return text;
-    }
-
-private:
-    Descriptor fd_;
-};
-
 // The lines of a run, started for as long as this lives.
 class StartedLines
 {
@@ -85,15 +60,6 @@ private:
     std::vector<std::unique_ptr<Line, Stop>> lines_;
 };
 
-std::vector<std::string> Lines(const std::string &text)
-{
-    std::vector<std::string> lines;
-    std::istringstream stream(text);
-    for (std::string line; std::getline(stream, line);)
-        lines.push_back(line);
-    return lines;
-}
-
 void AddPort(std::map<std::string, std::string> &environment, int number, const Port &port)
 {
     const std::string suffix = std::to_string(number);
@@ -107,12 +73,12 @@ void AddPort(std::map<std::string, std::string> &environment, int number, const 
         std::to_string(port.cutWrite) + (port.cutTo < 0 ? "" : ":" + std::to_string(port.cutTo));
 }
 
-std::vector<std::string> Environment(const RunOptions &options, const Events &events)
+std::vector<std::string> Environment(const RunOptions &options, const CallLog &log)
 {
     std::map<std::string, std::string> environment = options.environment;
     if (!options.preload.empty()) {
         environment["LD_PRELOAD"] = std::filesystem::absolute(options.preload);
-        environment[kPreloadLog] = events.Path();
+        environment[kPreloadLog] = log.Path();
         environment[kPreloadWaitDivisor] = std::to_string(options.waitDivisor);
         if (!options.configuration.empty())
             environment[kPreloadOpt] = std::filesystem::absolute(options.configuration);
@@ -255,22 +221,33 @@ void Reap(pid_t pid, RunResult &result)
         result.signal = WTERMSIG(status);
 }
 
+// How the program ended, for the recorder.
+void NoteEnd(Recorder &recorder, const RunResult &result)
+{
+    if (result.killed)
+        recorder.Note(kNoPort, "! killed at the limit");
+    recorder.Note(kNoPort, result.signal != 0 ? Format("signal %d", result.signal) : Format("exit %d", result.status));
+    recorder.Finish();
+}
+
 } // namespace
 
 RunResult Run(const RunOptions &options)
 {
     RunResult result;
     const Sink output, errors;
-    const Events events;
+    const CallLog log;
     std::unique_ptr<ProgressReader> reader;
     if (!options.fifo.empty())
         reader =
             std::make_unique<ProgressReader>(std::filesystem::path(options.directory) / options.fifo, options.progress);
     {
+        if (options.recorder != nullptr)
+            options.recorder->Start(&log);
         const StartedLines lines(options.ports);
         Preparations preparations(options, output, errors);
         const auto begin = Line::Clock::now();
-        const pid_t pid = Spawn(options, preparations, Environment(options, events));
+        const pid_t pid = Spawn(options, preparations, Environment(options, log));
         preparations.ClosePipe();
         Await(pid, options, result);
         result.seconds = std::chrono::duration<double>(Line::Clock::now() - begin).count();
@@ -280,7 +257,12 @@ RunResult Run(const RunOptions &options)
         result.progress = reader->Finish();
     result.output = output.Text();
     result.errors = errors.Text();
-    result.events = Lines(events.Text());
+    std::size_t position = 0;
+    for (CallLog::Entry &entry : log.Read(position, true))
+        if (!entry.event.empty())
+            result.events.push_back(std::move(entry.event));
+    if (options.recorder != nullptr)
+        NoteEnd(*options.recorder, result);
     return result;
 }
 

@@ -7,6 +7,7 @@
 #include "bench/rig/launcher.h"
 #include "bench/rig/line.h"
 #include "bench/rig/progress.h"
+#include "bench/rig/recorder.h"
 
 #include <map>
 
@@ -52,6 +53,7 @@ struct RunOptions {
     std::vector<Signal> signals = {};
     std::string fifo = {}; // path of a progress FIFO to make, relative to directory; empty: there is no FIFO
     ProgressOptions progress = {};
+    Recorder *recorder = nullptr;           // watches the lines; gets the program's calls, and its end
     std::chrono::milliseconds limit{30000}; // from the last signal on; then the program is killed
 };
 
@@ -60,7 +62,7 @@ struct RunResult {
     int status = -1;     // exit status, 0 to 255; -1: a signal ended the program
     int signal = 0;
     std::string output, errors;
-    std::vector<std::string> events; // lines of the preload library's log
+    std::vector<std::string> events; // of the preload library's log, without their times and additions
     std::vector<std::string> progress;
     double seconds = 0;
 };

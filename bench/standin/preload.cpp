@@ -71,19 +71,30 @@ constinit Real<ssize_t(int, const void *, std::size_t)> gRealWrite("write");
 constinit Real<int(int, unsigned long, ...)> gRealIoctl("ioctl");
 constinit Real<int(int, fd_set *, fd_set *, fd_set *, timeval *)> gRealSelect("select");
 
-// Does not change errno.
+// Notes an event with its time, which the C library tells without a system call. Does not change errno.
 [[gnu::format(printf, 1, 2)]] void Log(const char *format, ...)
 {
     const int error = errno;
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
     char line[160];
+    const int head = snprintf(line, sizeof line, "%lld ", now.tv_sec * 1000000LL + now.tv_nsec / 1000);
     va_list arguments;
     va_start(arguments, format);
-    const auto size = static_cast<std::uint32_t>(vsnprintf(line, sizeof line, format, arguments));
+    const auto size = static_cast<std::uint32_t>(
+        head + vsnprintf(line + head, sizeof line - static_cast<std::size_t>(head), format, arguments));
     va_end(arguments);
     const std::uint32_t at = gLog->used.fetch_add(size);
     if (at + size <= sizeof gLog->text)
         memcpy(gLog->text + at, line, size);
     errno = error;
+}
+
+// The name of the latest error. It is looked at before anything else is called.
+const char *ErrorName()
+{
+    const char *name = strerrorname_np(errno);
+    return name == nullptr ? "?" : name;
 }
 
 // Returns null if the file is no event log.
@@ -168,7 +179,10 @@ int OpenPort(int port, int flags)
         errno = EBUSY;
     else
         fd = gRealOpen(orders.path, flags | O_NOCTTY, mode_t{0});
-    Log(fd < 0 ? "open %d refused\n" : "open %d\n", port);
+    if (fd < 0)
+        Log("open %d refused\t%s\n", port, ErrorName());
+    else
+        Log("open %d\n", port);
     if (fd >= 0 && fd < kDescriptors)
         gPortOf[fd] = static_cast<unsigned char>(port + 1);
     return fd;
@@ -178,7 +192,7 @@ int OpenPort(int port, int flags)
 int RequestPort(int port, std::uint32_t request, const void *argument)
 {
     const bool refused = ++gCounts[port].requests == gOrders.ports[port].refusedRequest;
-    const char *ending = refused ? " refused" : "";
+    const char *ending = refused ? " refused\tEIO" : "";
     if (request == bench::kSetConfig) {
         std::uint32_t field[6];
         memcpy(field, argument, sizeof field);
@@ -207,12 +221,23 @@ timeval TimeOf(std::int64_t microseconds)
     return time;
 }
 
-// Writes, and returns when a line of that speed has carried all bytes.
-ssize_t WriteLine(int fd, const void *data, std::size_t size, long baud)
+// Notes what the system did with a write, if that is less than it was asked for.
+void LogShort(int port, ssize_t written, std::size_t size)
 {
+    if (written < 0)
+        Log("\twrite %d refused %s\n", port, ErrorName());
+    else if (static_cast<std::size_t>(written) < size)
+        Log("\twrite %d: %zd of %zu bytes\n", port, written, size);
+}
+
+// Writes, and returns when the line has carried all bytes.
+ssize_t WriteLine(int port, int fd, const void *data, std::size_t size)
+{
+    const long baud = gOrders.ports[port].baud;
     timespec until = {};
     clock_gettime(CLOCK_MONOTONIC, &until);
     const ssize_t written = gRealWrite(fd, data, size);
+    LogShort(port, written, size);
     if (baud <= 0 || written <= 0)
         return written;
     const std::int64_t nanoseconds = until.tv_nsec + std::int64_t{written} * 11 * 1000000000 / baud;
@@ -252,8 +277,10 @@ int Open(Real<int(const char *, int, ...)> &real, const char *path, int flags, v
     const bool creates = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
     char place[kPlace];
     const int fd = real(PlaceOf(path, place), flags, creates ? va_arg(arguments, mode_t) : mode_t{0});
-    if (IsRelay(path))
-        Log(fd < 0 ? "open relay refused\n" : "open relay\n");
+    if (IsRelay(path) && fd < 0)
+        Log("open relay refused\t%s\n", ErrorName());
+    else if (IsRelay(path))
+        Log("open relay\n");
     return fd;
 }
 
@@ -320,7 +347,10 @@ extern "C" int close(int fd)
         gPortOf[fd] = 0;
         Log("close %d\n", port);
     }
-    return Closed(gRealClose(fd));
+    const int result = Closed(gRealClose(fd));
+    if (port >= 0 && result < 0)
+        Log("\tclose %d refused %s\n", port, ErrorName());
+    return result;
 }
 
 extern "C" int fclose(FILE *stream)
@@ -334,7 +364,10 @@ extern "C" ssize_t read(int fd, void *data, std::size_t size)
         size = (size + 1) / 2;
         Log("half read\n");
     }
-    return gRealRead(fd, data, size);
+    const ssize_t count = gRealRead(fd, data, size);
+    if (const int port = PortOfDescriptor(fd); port >= 0 && count < 0)
+        Log("\tread %d refused %s\n", port, ErrorName());
+    return count;
 }
 
 extern "C" ssize_t write(int fd, const void *data, std::size_t size)
@@ -346,18 +379,19 @@ extern "C" ssize_t write(int fd, const void *data, std::size_t size)
     const int port = PortOfDescriptor(fd);
     if (port < 0)
         return gRealWrite(fd, data, size);
+    Log("\twrite %d\n", port);
     const auto &orders = gOrders.ports[port];
     if (++gCounts[port].writes != orders.cutWrite)
-        return WriteLine(fd, data, size, orders.baud);
+        return WriteLine(port, fd, data, size);
     if (orders.cutTo < 0) {
-        Log("write %d refused\n", port);
+        Log("write %d refused\tEIO\n", port);
         errno = EIO;
         return -1;
     }
     const std::size_t kept =
         size < static_cast<std::size_t>(orders.cutTo) ? size : static_cast<std::size_t>(orders.cutTo);
     Log("write %d: %zu of %zu bytes\n", port, kept, size);
-    return WriteLine(fd, data, kept, orders.baud);
+    return WriteLine(port, fd, data, kept);
 }
 
 extern "C" int ioctl(int fd, unsigned long request, ...)

@@ -2,7 +2,8 @@
 // HALDENBENCH_LOG it changes nothing. <N> is the number in "/dev/fpgaserial<N>", 0 to 9; ordinals count from 1, per
 // port and over the whole process.
 //
-//   HALDENBENCH_LOG           file that holds an EventLog, to which one line per event is appended:
+//   HALDENBENCH_LOG           file that holds an EventLog, to which one line per event is appended. In front of each
+//                             stand its microseconds of the monotonic clock and a space:
 //                               open <N> | open <N> refused | close <N>
 //                               open relay | open relay refused      (the command relay)
 //                               config <N>: mask <n> baud <n> parity <n> stop <n> flow <n> data <n>
@@ -10,6 +11,11 @@
 //                               write <N>: <n> of <n> bytes | write <N> refused
 //                               half read | half write | lost close
 //                               wait <microseconds asked for>           (of the main thread)
+//                             Behind " refused" follow a tab and the name of the error. A line whose event is empty has
+//                             only that addition, which is for captures:
+//                               write <N> | write <N>: <n> of <n> bytes | write <N> refused <error>
+//                               read <N> refused <error> | close <N> refused <error>
+//                             Here the first is noted in front of each write.
 //   HALDENBENCH_PORT<N>       file that "/dev/fpgaserial<N>" leads to; an open of a port without one gives ENOENT
 //   HALDENBENCH_RELAY         FIFO that "/tmp/plaunch" leads to; without one an open gives ENOENT
 //   HALDENBENCH_OPT           directory that "/opt/talvora" leads to when a file below it is opened
