@@ -184,7 +184,8 @@ end
 
 -- Names a whole frame.
 local function name_frame(line, item, data)
-    if DEVICES[item.type] ~= line.device then
+    local device = DEVICES[item.type]
+    if not device or device ~= line.device then
         item.name = string.format("frame of type %02X", item.type)
         find(item, X.type, item.name .. ", which the updater does not send")
     elseif item.type == STATUS_REQUEST then
