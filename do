@@ -4,7 +4,7 @@ set -euo pipefail
 cd "$(dirname "$0")"
 
 readonly build_packages="g++ cmake ninja-build"
-readonly test_packages="$build_packages libgtest-dev"
+readonly test_packages="$build_packages libgtest-dev socat"
 readonly speed_packages="$build_packages libbenchmark-dev valgrind strace python3 binutils"
 readonly coverage_packages="$test_packages gcovr python3"
 readonly lint_packages="$test_packages libbenchmark-dev clang clang-tidy clang-format cppcheck mandoc python3"
@@ -181,7 +181,7 @@ lint() {
     for page in docs/*.1; do
         mandoc -Tlint -Wwarning "$page"
     done
-    for script in do .ci/run target/board packaging/package tests/accept; do
+    for script in do .ci/run target/board packaging/package tests/accept tests/socat; do
         bash -n "$script"
     done
     echo "lint: clean"

@@ -1,8 +1,7 @@
 // The command haldenbench: rehearses an update with the binary that ships and two peripherals in software.
+#include "bench/haldenbench.h"
 #include "bench/options.h"
 #include "bench/rig/images.h"
-#include "bench/rig/run.h"
-#include "bench/rig/runcapture.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -14,11 +13,6 @@ namespace
 
 namespace fs = std::filesystem;
 using namespace bench;
-
-constexpr int kGood = 0;
-constexpr int kBad = 1;
-constexpr int kUsage = 2;
-constexpr unsigned kFastDivisor = 100;
 
 constexpr char kHelp[] =
     "Usage: haldenbench [options] -- haldenflash all ...\n"
@@ -32,30 +26,24 @@ constexpr char kHelp[] =
     "  --launcher RESULT     answer every relayed command with RESULT, and print the commands after the run\n"
     "  --fast                shorten the command's pauses to a hundredth\n"
     "  --baud N              carry bytes at most at N bit/s (default: as fast as they come)\n"
+    "  --line DEVICE=TTY     use a real DEVICE, behind the terminal TTY; DEVICE is micro or camera\n"
+    "  --serve DEVICE=TTY    run no command; be DEVICE for a real board behind the terminal TTY, until a signal\n"
+    "                        or a hang-up. --baud is then the speed of the terminal (default: 115200)\n"
     "  --faults DEVICE:TEXT  faults that DEVICE plays; DEVICE is micro or camera\n"
     "  --bar                 show a progress bar, and only the last line of the command's output\n"
     "  --trace FILE          write the command's output to FILE\n"
     "  --transcript FILE     write the messages between the command and the devices to FILE\n"
     "  --capture FILE        write what passes on the lines to FILE as pcapng, while it passes; -: standard output\n"
+    "  --replay FILE         answer as the devices in the capture FILE did, and compare what the command sends\n"
+    "  --strict              with --replay: compare the order of all messages, driver requests and waits too\n"
     "  --make-images DIR     write sample images to DIR and stop\n"
     "  --help                print this and stop\n"
+    "Without a command a replay runs that of the capture. Without --dir it runs in a folder with the images that were\n"
+    "sent then.\n"
     "Exit status:\n"
-    "  0  the command succeeded, and the devices hold what they should\n"
-    "  1  the command failed, a device holds something else, or the bench could not do its work\n"
+    "  0  the command succeeded, and the devices hold what they should; or a replay agrees with its capture\n"
+    "  1  the command failed, a device holds something else, a replay differs, or the bench could not do its work\n"
     "  2  wrong usage\n";
-
-struct Settings {
-    std::string directory = ".";
-    std::optional<unsigned> microVersion, cameraVersion, systemVersion;
-    std::string configuration;
-    std::optional<std::string> launcherResult;
-    bool fast = false;
-    unsigned baud = 0;
-    Faults microFaults, cameraFaults;
-    bool bar = false;
-    std::string trace, transcript, capture, makeImages;
-    std::vector<std::string> command;
-};
 
 void SetFaults(Settings &settings, const std::string &text)
 {
@@ -63,11 +51,27 @@ void SetFaults(Settings &settings, const std::string &text)
     const std::string device = text.substr(0, colon);
     if (colon == std::string::npos || (device != "micro" && device != "camera"))
         throw UsageError("--faults: the value has to be micro:TEXT or camera:TEXT");
+    settings.hasFaults = true;
     (device == "micro" ? settings.microFaults : settings.cameraFaults) = ParseFaults(text.substr(colon + 1));
 }
 
+void SetDirectory(Settings &settings, const std::string &directory)
+{
+    settings.directory = directory;
+    settings.hasDirectory = true;
+}
+
+void SetTerminal(std::map<std::string, std::string> &terminals, const char *name, const std::string &text)
+{
+    const std::size_t equals = text.find('=');
+    const std::string device = text.substr(0, equals);
+    if (equals == std::string::npos || (device != "micro" && device != "camera"))
+        throw UsageError(std::string("--") + name + ": the value has to be micro=TTY or camera=TTY");
+    terminals[device] = text.substr(equals + 1);
+}
+
 constexpr OptionRow<Settings> kOptions[] = {
-    {"dir", true, [](Settings &s, const char *, const std::string &value) { s.directory = value; }},
+    {"dir", true, [](Settings &s, const char *, const std::string &value) { SetDirectory(s, value); }},
     {"micro-version", true,
      [](Settings &s, const char *n, const std::string &value) {
          s.microVersion = OptionNumber(n, value, 16, 0, 0xFF);
@@ -85,11 +89,15 @@ constexpr OptionRow<Settings> kOptions[] = {
     {"fast", false, [](Settings &s, const char *, const std::string &) { s.fast = true; }},
     {"baud", true,
      [](Settings &s, const char *n, const std::string &value) { s.baud = OptionNumber(n, value, 10, 0, 10000000); }},
+    {"line", true, [](Settings &s, const char *n, const std::string &value) { SetTerminal(s.lines, n, value); }},
+    {"serve", true, [](Settings &s, const char *n, const std::string &value) { SetTerminal(s.served, n, value); }},
     {"faults", true, [](Settings &s, const char *, const std::string &value) { SetFaults(s, value); }},
     {"bar", false, [](Settings &s, const char *, const std::string &) { s.bar = true; }},
     {"trace", true, [](Settings &s, const char *, const std::string &value) { s.trace = value; }},
     {"transcript", true, [](Settings &s, const char *, const std::string &value) { s.transcript = value; }},
     {"capture", true, [](Settings &s, const char *, const std::string &value) { s.capture = value; }},
+    {"replay", true, [](Settings &s, const char *, const std::string &value) { s.replay = value; }},
+    {"strict", false, [](Settings &s, const char *, const std::string &) { s.strict = true; }},
     {"make-images", true, [](Settings &s, const char *, const std::string &value) { s.makeImages = value; }},
     {"help", false,
      [](Settings &, const char *, const std::string &) {
@@ -98,13 +106,37 @@ constexpr OptionRow<Settings> kOptions[] = {
      }},
 };
 
+// A replay has no devices that could be told anything.
+void CheckReplay(const Settings &settings)
+{
+    if (settings.strict && settings.replay.empty())
+        throw UsageError("--strict needs --replay");
+    const bool tells = settings.microVersion || settings.cameraVersion || settings.systemVersion ||
+                       !settings.transcript.empty() || settings.hasFaults || !settings.lines.empty();
+    if (tells && !settings.replay.empty())
+        throw UsageError("--replay: its devices are not real, take no versions and no faults, and keep no transcript");
+    std::error_code missing;
+    if (!settings.replay.empty() && fs::equivalent(settings.replay, settings.capture, missing))
+        throw UsageError("--capture would write over the capture that --replay reads");
+}
+
+void CheckServe(const Settings &settings)
+{
+    if (settings.served.empty())
+        return;
+    if (!settings.command.empty() || !settings.lines.empty() || !settings.replay.empty())
+        throw UsageError("--serve: there can be no command, no --line and no --replay with it");
+}
+
 Settings ParseArguments(int argc, char *argv[])
 {
     Settings settings;
     ReadOptions<Settings>(kOptions, argc, argv, settings);
     settings.command.assign(argv + optind, argv + argc);
-    if (settings.command.empty() && settings.makeImages.empty())
+    if (settings.command.empty() && settings.makeImages.empty() && settings.replay.empty() && settings.served.empty())
         throw UsageError("there is no command; see --help");
+    CheckReplay(settings);
+    CheckServe(settings);
     if (!fs::is_directory(settings.directory))
         throw UsageError("--dir: there is no directory " + settings.directory);
     if (!settings.configuration.empty() && !fs::is_directory(settings.configuration))
@@ -112,169 +144,13 @@ Settings ParseArguments(int argc, char *argv[])
     return settings;
 }
 
-fs::path Beside(const std::string &name)
-{
-    return fs::read_symlink("/proc/self/exe").parent_path() / name;
-}
-
-std::string Executable(const std::string &word)
-{
-    const fs::path path = word.find('/') == std::string::npos ? Beside(word) : fs::path(word);
-    if (!fs::exists(path))
-        throw UsageError("there is no file " + path.string());
-    return path;
-}
-
-Micro MakeMicro(const Settings &settings)
-{
-    const std::optional<Bytes> image = ReadFile(settings.directory + "/" + kMicroImage);
-    const unsigned older = image && !image->empty() ? image->front() - 1U : 0;
-    return Micro(static_cast<std::uint8_t>(settings.microVersion.value_or(older)));
-}
-
-Camera::Image MakeImage(const std::string &versionFile, std::optional<unsigned> version)
-{
-    const std::string newVersion = ReadVersion(versionFile).value_or("0001");
-    const unsigned older = ParseNumber(newVersion, 16, 0xFFFF).value_or(1) - 1;
-    return {Format("%04X", version.value_or(older) & 0xFFFF), newVersion};
-}
-
-std::map<std::string, std::string> OwnEnvironment()
-{
-    std::map<std::string, std::string> environment;
-    for (char **word = environ; *word != nullptr; ++word) {
-        const std::string text = *word;
-        const std::size_t equals = text.find('=');
-        environment[text.substr(0, equals)] = equals == std::string::npos ? "" : text.substr(equals + 1);
-    }
-    environment.emplace("TALVORA_BOARDID", "KORA"); // the board that has these ports
-    return environment;
-}
-
-void DrawBar(const std::string &position)
-{
-    constexpr int kWidth = 50;
-    const int filled = std::min(std::atoi(position.c_str()) * kWidth / 100, kWidth);
-    std::fprintf(stderr, "\r[%s%s] %s %%", std::string(static_cast<std::size_t>(filled), '#').c_str(),
-                 std::string(static_cast<std::size_t>(kWidth - filled), ' ').c_str(), position.c_str());
-}
-
-// Adds the bar: a progress FIFO for this run, and the words that lead the command to it.
-void AddBar(RunOptions &options)
-{
-    options.fifo = fs::temp_directory_path() / ("haldenbench." + std::to_string(getpid()));
-    options.progress.seen = DrawBar;
-    options.arguments.insert(options.arguments.end(), {"-p", options.fifo, "0", "100"});
-}
-
-RunOptions MakeOptions(const Settings &settings, Line &camera, Line &micro)
-{
-    RunOptions options;
-    options.executable = Executable(settings.command.front());
-    options.arguments = settings.command;
-    options.directory = settings.directory;
-    options.environment = OwnEnvironment();
-    options.preload = Beside("haldenbench-preload.so");
-    options.ports[kCameraPort].line = &camera;
-    options.ports[kMicroPort].line = &micro;
-    options.configuration = settings.configuration;
-    options.waitDivisor = settings.fast ? kFastDivisor : 1;
-    options.output = settings.bar || !settings.trace.empty() ? Output::kCapture : Output::kInherit;
-    options.limit = std::chrono::hours(1); // a big image on a slow line takes its time
-    if (settings.bar)
-        AddBar(options);
-    return options;
-}
-
-// Shows or stores the captured output of the command, and says how the command ended.
-void ShowOutput(const Settings &settings, const RunResult &result)
-{
-    std::cerr << (settings.bar ? "\n" : "") << result.errors;
-    if (!settings.trace.empty())
-        WriteFile(settings.trace, Bytes(result.output.begin(), result.output.end()));
-    if (settings.bar)
-        std::cout << LastLine(result.output) << "\n";
-    if (result.killed)
-        std::cout << "the command had to be stopped\n";
-    else if (result.signal != 0)
-        std::cout << "the command was ended by signal " << result.signal << "\n";
-    else
-        std::cout << "the command ended with status " << result.status << "\n";
-}
-
-void WriteTranscript(const std::string &path, const Micro &micro, const Camera &camera)
-{
-    std::string text;
-    const std::pair<const char *, const Device *> devices[] = {{"micro\n", &micro}, {"camera\n", &camera}};
-    for (const auto &[name, device] : devices) {
-        text += name;
-        for (const std::string &line : device->transcript())
-            text += line + "\n";
-    }
-    WriteFile(path, Bytes(text.begin(), text.end()));
-}
-
-// Prints a line for each image and one for each finding.
-bool Report(const std::string &directory, const Micro &micro, const Camera &camera)
-{
-    bool good = true;
-    for (const Verdict &verdict :
-         {Judge(micro, directory), JudgeCamera(camera, directory), JudgeSystem(camera, directory)}) {
-        std::cout << verdict.text << "\n";
-        good = good && verdict.good;
-    }
-    for (const Device *device : {static_cast<const Device *>(&micro), static_cast<const Device *>(&camera)}) {
-        for (const std::string &finding : device->findings())
-            std::cout << "! " << finding << "\n";
-    }
-    return good;
-}
-
-// Begins the capture of a run.
-void AddCapture(const Settings &settings, RunOptions &options, std::optional<RunCapture> &capture)
-{
-    capture.emplace(settings.capture, DescribeRun(settings.command, options.executable, options.directory));
-    for (const auto &[number, port] : options.ports)
-        if (port.line != nullptr)
-            capture->recorder.Watch(number, *port.line);
-    options.recorder = &capture->recorder;
-}
-
-int Rehearse(const Settings &settings)
-{
-    for (const std::string &path : {settings.trace, settings.transcript})
-        if (!path.empty())
-            WriteFile(path, {}); // a bad path is refused before the run, not after it
-    Micro micro = MakeMicro(settings);
-    Camera camera(MakeImage(settings.directory + "/" + kCameraVersion, settings.cameraVersion),
-                  MakeImage(settings.directory + "/" + kSystemVersion, settings.systemVersion));
-    micro.faults = settings.microFaults;
-    camera.faults = settings.cameraFaults;
-    Line microLine(micro, settings.baud), cameraLine(camera, settings.baud);
-    RunOptions options = MakeOptions(settings, cameraLine, microLine);
-    std::optional<Launcher> launcher;
-    if (settings.launcherResult)
-        options.launcher = &launcher.emplace(*settings.launcherResult + "\n");
-    std::optional<RunCapture> capture;
-    if (!settings.capture.empty())
-        AddCapture(settings, options, capture);
-    const RunResult result = Run(options);
-    ShowOutput(settings, result);
-    for (const std::string &command : launcher ? launcher->commands() : std::vector<std::string>())
-        std::cout << "relayed: " << command;
-    if (!settings.transcript.empty())
-        WriteTranscript(settings.transcript, micro, camera);
-    const bool good = Report(settings.directory, micro, camera) && result.status == 0;
-    if (capture)
-        capture->Finish();
-    return good ? kGood : kBad;
-}
-
 int Work(int argc, char *argv[])
 {
     const Settings settings = ParseArguments(argc, argv);
+    if (!settings.replay.empty())
+        return PlayAgain(settings);
     if (settings.makeImages.empty())
-        return Rehearse(settings);
+        return settings.served.empty() ? Rehearse(settings) : Serve(settings);
     fs::create_directories(settings.makeImages);
     WriteSamples(settings.makeImages, {});
     return kGood;

@@ -54,10 +54,10 @@ struct RunInfo {
     std::string command = {}; // the words of the command line, with quotes where a shell needs them
     std::string program = {}; // name, size and CRC-32 of the file: "haldenflash, 90112 bytes, CRC-32 1A2B3C4D"
     // What the program finds in its directory: "haldenmicro.bin 6144 bytes first 21" with the first byte of the file,
-    // which is its version; "farsightsys.bin missing"; "farsightcamver text 0204\x0A", with "\x0A" for a byte that is no
-    // printable character, and for a backslash.
+    // which is its version; "farsightsys.bin missing"; "farsightcamver text 0204\x0A", with "\x0A" for a byte that is
+    // no printable character, and for a backslash.
     std::vector<std::string> files = {};
-    std::string source = {};             // what made the list: "haldenbench 1.0.0"
+    std::string source = {}; // what made the list: "haldenbench 1.0.0"
 
     bool operator==(const RunInfo &) const = default;
 };

@@ -221,8 +221,8 @@ void Rebuilder::RebuildUnsent(const ImageRow &row, const Told &told)
     if (first && !bytes.empty())
         bytes.front() = *first;
     if (HasPart(row.port) && !bytes.empty())
-        Remark(row.file, Format("was not sent; its contents are not known, and are zero here%s",
-                                first ? Format(", behind the version %02X", *first).c_str() : ""));
+        Remark(row.file, std::string("was not sent; its contents are not known, and are zero here") +
+                             (first ? " behind the first byte" : ""));
     files_.contents[row.file] = std::move(bytes);
 }
 

@@ -35,6 +35,12 @@ private:
     int fd_ = -1;
 };
 
+// Whether that result of a read of a non-blocking terminal says that the terminal is gone.
+inline bool HungUp(ssize_t count)
+{
+    return count == 0 || (count < 0 && errno != EAGAIN && errno != EINTR);
+}
+
 // Returns the result of a system call; throws std::system_error when it is negative.
 inline int Checked(int result, const char *what)
 {

@@ -1,5 +1,7 @@
 #include "bench/rig/line.h"
 
+#include "bench/rig/terminal.h"
+
 #include <algorithm>
 #include <cstdlib>
 #include <fcntl.h>
@@ -37,7 +39,7 @@ std::size_t PortionSize(unsigned baud)
 
 Line::Line(Peer &device, unsigned baud)
     : device_(device), baud_(baud), master_(Checked(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC | O_NONBLOCK), "pty")),
-      wake_(Checked(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd"))
+      host_(master_.get()), wake_(Checked(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd"))
 {
     char path[64];
     Checked(grantpt(master_.get()), "grantpt");
@@ -51,10 +53,17 @@ Line::Line(Peer &device, unsigned baud)
     Checked(tcsetattr(slave_.get(), TCSANOW, &settings), path);
 }
 
+Line::Line(Peer &device, const Terminal &host)
+    : device_(device), baud_(0), host_(host.fd()), wake_(Checked(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd")),
+      path_(host.path())
+{
+}
+
 void Line::Start()
 {
-    Checked(tcflush(slave_.get(), TCIOFLUSH), "flush");
-    Checked(tcflush(master_.get(), TCIOFLUSH), "flush");
+    if (slave_.get() >= 0)
+        Checked(tcflush(slave_.get(), TCIOFLUSH), "flush");
+    Checked(tcflush(host_, TCIOFLUSH), "flush");
     eventfd_t wakes = 0;
     eventfd_read(wake_.get(), &wakes);
     due_.clear();
@@ -75,16 +84,22 @@ void Line::Stop()
 
 void Line::Work()
 {
-    pollfd polls[] = {{master_.get(), POLLIN, 0}, {wake_.get(), POLLIN, 0}};
-    while (polls[1].revents == 0) {
+    pollfd polls[] = {{host_, POLLIN, 0}, {wake_.get(), POLLIN, 0}, {device_.descriptor(), POLLIN, 0}};
+    Queue(device_.Receive({})); // what it sends unasked
+    while (polls[1].revents == 0 && !gone_) {
         SendDue();
         const bool busy = CarrySome(baud_);
-        poll(polls, 2, busy ? 0 : MillisecondsToDue());
+        FetchSome();
+        polls[0].events = device_.full() ? 0 : POLLIN;
+        polls[2].events = device_.full() ? POLLIN | POLLOUT : POLLIN;
+        poll(polls, 3, busy || gone_ ? 0 : MillisecondsToDue());
         if (!busy)
-            clear_ = Clock::now();
+            clear_ = std::max(clear_, Clock::now());
     }
     while (CarrySome(0)) // nobody waits for the rest any more
         ;
+    if (gone_)
+        master_.Close();
 }
 
 // Hands bytes on to the sink. If the fault is at one of them, it is played.
@@ -121,18 +136,22 @@ void Line::Pass(LineFault::Way way, std::span<const std::uint8_t> bytes, const S
 }
 
 // Takes a portion of bytes off the line and gives it to the device when its time on the line is over. Returns false if
-// there was no byte.
+// there was no byte, or if the device takes none.
 bool Line::CarrySome(unsigned baud)
 {
     std::uint8_t portion[kChunk];
-    const ssize_t count = read(master_.get(), portion, PortionSize(baud));
+    if (gone_ || device_.full())
+        return false;
+    const ssize_t count = read(host_, portion, PortionSize(baud));
+    gone_ = HungUp(count);
     if (count <= 0)
         return false;
-    const Clock::time_point begin = baud == 0 ? Clock::now() : clear_;
-    clear_ += LineTime(static_cast<std::uint64_t>(count), baud);
-    std::this_thread::sleep_until(clear_);
+    const Clock::time_point begin = baud == 0 ? std::max(clear_, Clock::now()) : clear_;
+    clear_ = begin + LineTime(static_cast<std::uint64_t>(count), baud == 0 ? device_.speed() : baud);
+    if (baud != 0)
+        std::this_thread::sleep_until(clear_);
     if (tap)
-        tap(LineFault::kToDevice, {portion, static_cast<std::size_t>(count)}, begin, std::max(begin, Clock::now()));
+        tap(LineFault::kToDevice, {portion, static_cast<std::size_t>(count)}, begin, std::max(clear_, Clock::now()));
     std::vector<Reply> replies;
     Pass(LineFault::kToDevice, {portion, static_cast<std::size_t>(count)}, [&](auto bytes) {
         for (Reply &reply : device_.Receive(bytes))
@@ -143,6 +162,16 @@ bool Line::CarrySome(unsigned baud)
         Queue(replies);
     }
     return true;
+}
+
+// Takes what a real device has sent.
+void Line::FetchSome()
+{
+    std::optional<Bytes> bytes = device_.Fetch();
+    if (!bytes)
+        gone_ = true;
+    else if (!bytes->empty())
+        Queue({{std::move(*bytes)}});
 }
 
 void Line::Queue(const std::vector<Reply> &replies)
@@ -161,7 +190,7 @@ void Line::SendDue()
             if (tap)
                 tap(LineFault::kToHost, bytes, Clock::now(), Clock::now());
             // A few bytes fit into an empty buffer. If it is not empty, nobody reads, and nobody misses these bytes.
-            [[maybe_unused]] const ssize_t sent = write(master_.get(), bytes.data(), bytes.size());
+            [[maybe_unused]] const ssize_t sent = write(host_, bytes.data(), bytes.size());
         });
     }
 }

@@ -67,7 +67,9 @@ void AddPort(std::map<std::string, std::string> &environment, int number, const 
         environment[kPreloadPort + suffix] = port.line->path();
         environment[kPreloadBaud + suffix] = std::to_string(port.line->baud());
     }
-    environment[kPreloadOpens + suffix] = std::to_string(port.refusedOpens);
+    if (port.terminal >= 0)
+        environment[kPreloadTerminal + suffix] = std::to_string(kTerminalDescriptor + number);
+    environment[kPreloadOpens + suffix] = Format("%u:%d", port.refusedOpens, port.openError);
     environment[kPreloadRequest + suffix] = std::to_string(port.refusedRequest);
     environment[kPreloadWrite + suffix] =
         std::to_string(port.cutWrite) + (port.cutTo < 0 ? "" : ":" + std::to_string(port.cutTo));
@@ -122,6 +124,9 @@ public:
         if (options.output != Output::kInherit)
             posix_spawn_file_actions_adddup2(&actions_, errors.fd(), STDERR_FILENO);
         Redirect(options, output);
+        for (const auto &[number, port] : options.ports)
+            if (port.terminal >= 0)
+                posix_spawn_file_actions_adddup2(&actions_, port.terminal, kTerminalDescriptor + number);
     }
     ~Preparations() { posix_spawn_file_actions_destroy(&actions_); }
     Preparations(const Preparations &) = delete;

@@ -17,7 +17,9 @@ namespace bench
 // What "/dev/fpgaserial<N>" is in a run. Ordinals count from 1; 0: none.
 struct Port {
     Line *line = nullptr;        // null: the device file does not exist
+    int terminal = -1;           // descriptor of a real terminal that fulfils the driver's requests; -1: none
     unsigned refusedOpens = 0;   // number of opens that fail before the first success
+    int openError = EBUSY;       // the error of these opens
     unsigned refusedRequest = 0; // the driver request of this ordinal fails
     unsigned cutWrite = 0;       // the write of this ordinal fails or is short
     int cutTo = -1;              // number of bytes that this write still writes; -1: it fails

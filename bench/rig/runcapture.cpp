@@ -55,7 +55,7 @@ std::string DescribeFile(const std::string &directory, const std::string &name, 
 
 RunInfo DescribeRun(const std::vector<std::string> &words, const std::string &executable, const std::string &directory)
 {
-    RunInfo info = {.command = Quoted(words), .source = "haldenbench " HALDENBENCH_VERSION};
+    RunInfo info = {.command = Quoted(words), .source = kSource};
     info.program =
         std::filesystem::path(executable).filename().string() + ", " + Describe(ReadFile(executable).value_or(Bytes()));
     for (const char *name : {kMicroImage, kCameraImage, kSystemImage})
@@ -66,7 +66,7 @@ RunInfo DescribeRun(const std::vector<std::string> &words, const std::string &ex
 }
 
 RunCapture::RunCapture(const std::string &path, const RunInfo &info)
-    : recorder([this](const std::vector<Event> &events) { Store(events); }), path_(path), file_(OpenCapture(path)),
+    : recorder([this](const std::vector<Event> &portion) { Store(portion); }), path_(path), file_(OpenCapture(path)),
       writer_(buffer_, info)
 {
     std::signal(SIGPIPE, SIG_IGN); // a reader that goes away does not end the run
@@ -83,11 +83,13 @@ void RunCapture::Finish()
         throw std::runtime_error(error_);
 }
 
-void RunCapture::Store(const std::vector<Event> &events)
+void RunCapture::Store(const std::vector<Event> &portion)
 {
-    for (const Event &event : events)
+    for (const Event &event : portion)
         writer_.Write(event);
     Flush();
+    if (keeps)
+        events.insert(events.end(), portion.begin(), portion.end());
 }
 
 void RunCapture::Flush()

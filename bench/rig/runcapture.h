@@ -10,6 +10,9 @@
 namespace bench
 {
 
+// What makes these captures.
+inline constexpr char kSource[] = "haldenbench " HALDENBENCH_VERSION;
+
 // What is known of a run ahead of it. directory is that of the program, words are its command line.
 RunInfo DescribeRun(const std::vector<std::string> &words, const std::string &executable, const std::string &directory);
 
@@ -25,13 +28,16 @@ public:
 
     // The caller lets it watch the lines, and the run starts it.
     Recorder recorder;
+    // Whether the events are kept here as well. It is set before the recorder starts.
+    bool keeps = false;
+    std::vector<Event> events;
 
     // Writes what is not complete. It is called when the recorder is finished. Throws std::runtime_error if this write
     // or one before it failed. A failure does not stop the run.
     void Finish();
 
 private:
-    void Store(const std::vector<Event> &events);
+    void Store(const std::vector<Event> &portion);
     void Flush();
 
     const std::string path_;

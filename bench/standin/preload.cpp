@@ -44,9 +44,10 @@ struct Orders {
     long halfRead, halfWrite, lostClose; // ordinals
     struct {
         const char *path;
+        int terminal; // 0: none
         long refusedOpens, refusedRequest, cutWrite;
+        int openError;
         long cutTo; // bytes; -1: the write is refused
-        long baud;  // 0: writes return as soon as they can
     } ports[kPorts];
 };
 Orders gOrders;
@@ -56,6 +57,7 @@ struct Counts {
     std::atomic<long> opens, requests, writes;
 };
 Counts gCounts[kPorts];
+std::atomic<long> gBaud[kPorts];            // bit/s of the line; 0: writes return as soon as they can
 std::atomic<long> gReads, gWrites, gCloses; // of all files
 
 // Port of a redirected descriptor plus one; 0 for any other descriptor.
@@ -91,9 +93,9 @@ constinit Real<int(int, fd_set *, fd_set *, fd_set *, timeval *)> gRealSelect("s
 }
 
 // The name of the latest error. It is looked at before anything else is called.
-const char *ErrorName()
+const char *ErrorName(int error)
 {
-    const char *name = strerrorname_np(errno);
+    const char *name = strerrorname_np(error);
     return name == nullptr ? "?" : name;
 }
 
@@ -106,6 +108,15 @@ bench::EventLog *MapLog(const char *path)
     void *log = mmap(nullptr, sizeof(bench::EventLog), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     gRealClose(fd);
     return log == MAP_FAILED ? nullptr : static_cast<bench::EventLog *>(log);
+}
+
+// Reads "<number>" or "<number>:<second>". Returns the first number. The second one stays if it is not there.
+template <class Second> long Numbers(const char *text, Second &second)
+{
+    const char *colon = strchr(text, ':');
+    if (colon != nullptr)
+        second = static_cast<Second>(strtol(colon + 1, nullptr, 10));
+    return strtol(text, nullptr, 10);
 }
 
 // The value of a variable, or "" if there is no such variable. The text stays there for the life of the process.
@@ -144,12 +155,15 @@ long PortNumber(const char *name, int port)
     for (int port = 0; port < kPorts; ++port) {
         auto &orders = gOrders.ports[port];
         orders.path = PortVariable(bench::kPreloadPort, port);
-        orders.refusedOpens = PortNumber(bench::kPreloadOpens, port);
+        orders.terminal = static_cast<int>(PortNumber(bench::kPreloadTerminal, port));
+        if (orders.terminal != 0)
+            fcntl(orders.terminal, F_SETFD, FD_CLOEXEC);
+        orders.openError = EBUSY;
+        orders.refusedOpens = Numbers(PortVariable(bench::kPreloadOpens, port), orders.openError);
         orders.refusedRequest = PortNumber(bench::kPreloadRequest, port);
-        orders.cutWrite = PortNumber(bench::kPreloadWrite, port);
-        orders.baud = PortNumber(bench::kPreloadBaud, port);
-        const char *bytes = strchr(PortVariable(bench::kPreloadWrite, port), ':');
-        orders.cutTo = bytes == nullptr ? -1 : strtol(bytes + 1, nullptr, 10);
+        orders.cutTo = -1;
+        orders.cutWrite = Numbers(PortVariable(bench::kPreloadWrite, port), orders.cutTo);
+        gBaud[port] = PortNumber(bench::kPreloadBaud, port);
     }
     gOrders.on = true;
 }
@@ -176,11 +190,11 @@ int OpenPort(int port, int flags)
     const auto &orders = gOrders.ports[port];
     int fd = -1;
     if (++gCounts[port].opens <= orders.refusedOpens)
-        errno = EBUSY;
+        errno = orders.openError;
     else
         fd = gRealOpen(orders.path, flags | O_NOCTTY, mode_t{0});
     if (fd < 0)
-        Log("open %d refused\t%s\n", port, ErrorName());
+        Log("open %d refused\t%s\n", port, ErrorName(errno));
     else
         Log("open %d\n", port);
     if (fd >= 0 && fd < kDescriptors)
@@ -188,24 +202,53 @@ int OpenPort(int port, int flags)
     return fd;
 }
 
-// The driver's own requests; the record is six 32-bit fields.
-int RequestPort(int port, std::uint32_t request, const void *argument)
+// Answer the driver's own requests with an error, or with 0. terminal is 0 if there is none.
+int ConfigurePort(int port, const bench::DriverConfig &config, int terminal, int error)
 {
+    if (error == 0 && terminal != 0)
+        error = bench::ConfigureTerminal(terminal, config);
+    if (error == 0 && terminal != 0 && (config.mask & 1) != 0)
+        gBaud[port] = static_cast<long>(config.baud);
+    Log("config %d: mask %u baud %u parity %u stop %u flow %u data %u%s%s\n", port, config.mask, config.baud,
+        config.parity, config.stop, config.flow, config.data, error != 0 ? " refused\t" : "",
+        error != 0 ? ErrorName(error) : "");
+    return error;
+}
+
+int EnablePort(int port, bool enable, int terminal, int error)
+{
+    if (error == 0 && terminal != 0)
+        error = bench::SwitchReceiver(terminal, enable);
+    Log("rx %d %s%s%s\n", port, enable ? "enabled" : "disabled", error != 0 ? " refused\t" : "",
+        error != 0 ? ErrorName(error) : "");
+    return error;
+}
+
+// When the bench has gone, the line has hung up. The terminal is then no longer ours, although it is still open.
+bool HasHungUp(int fd)
+{
+    termios settings;
+    return tcgetattr(fd, &settings) != 0;
+}
+
+int RequestPort(int fd, int port, std::uint32_t request, const void *argument)
+{
+    const int terminal = gOrders.ports[port].terminal;
     const bool refused = ++gCounts[port].requests == gOrders.ports[port].refusedRequest;
-    const char *ending = refused ? " refused\tEIO" : "";
+    int error = refused || (terminal != 0 && HasHungUp(fd)) ? EIO : 0;
     if (request == bench::kSetConfig) {
-        std::uint32_t field[6];
-        memcpy(field, argument, sizeof field);
-        Log("config %d: mask %u baud %u parity %u stop %u flow %u data %u%s\n", port, field[0], field[1], field[2],
-            field[3], field[4], field[5], ending);
+        bench::DriverConfig config = {};
+        memcpy(&config, argument, sizeof config);
+        error = ConfigurePort(port, config, terminal, error);
     } else {
-        // Callers pass a 32-bit integer. The bits above it may be anything.
-        const bool disable = static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(argument)) != 0;
-        Log("rx %d %s%s\n", port, disable ? "disabled" : "enabled", ending);
+        // Callers pass a 32-bit integer, which is 0 to enable. The bits above it may be anything.
+        const bool enable = static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(argument)) == 0;
+        error = EnablePort(port, enable, terminal, error);
     }
-    if (refused)
-        errno = EIO;
-    return refused ? -1 : 0;
+    if (error == 0)
+        return 0;
+    errno = error;
+    return -1;
 }
 
 std::int64_t Microseconds(const timeval &time)
@@ -225,15 +268,16 @@ timeval TimeOf(std::int64_t microseconds)
 void LogShort(int port, ssize_t written, std::size_t size)
 {
     if (written < 0)
-        Log("\twrite %d refused %s\n", port, ErrorName());
+        Log("\twrite %d refused %s\n", port, ErrorName(errno));
     else if (static_cast<std::size_t>(written) < size)
         Log("\twrite %d: %zd of %zu bytes\n", port, written, size);
 }
 
-// Writes, and returns when the line has carried all bytes.
+// Writes, and returns when the line has carried all bytes. A real terminal gets them through the bench, so it does not
+// have all of them from the start.
 ssize_t WriteLine(int port, int fd, const void *data, std::size_t size)
 {
-    const long baud = gOrders.ports[port].baud;
+    const long baud = gBaud[port];
     timespec until = {};
     clock_gettime(CLOCK_MONOTONIC, &until);
     const ssize_t written = gRealWrite(fd, data, size);
@@ -245,6 +289,8 @@ ssize_t WriteLine(int port, int fd, const void *data, std::size_t size)
     until.tv_nsec = static_cast<decltype(until.tv_nsec)>(nanoseconds % 1000000000);
     while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr) == EINTR)
         ;
+    if (gOrders.ports[port].terminal != 0)
+        tcdrain(gOrders.ports[port].terminal);
     return written;
 }
 
@@ -278,7 +324,7 @@ int Open(Real<int(const char *, int, ...)> &real, const char *path, int flags, v
     char place[kPlace];
     const int fd = real(PlaceOf(path, place), flags, creates ? va_arg(arguments, mode_t) : mode_t{0});
     if (IsRelay(path) && fd < 0)
-        Log("open relay refused\t%s\n", ErrorName());
+        Log("open relay refused\t%s\n", ErrorName(errno));
     else if (IsRelay(path))
         Log("open relay\n");
     return fd;
@@ -349,7 +395,7 @@ extern "C" int close(int fd)
     }
     const int result = Closed(gRealClose(fd));
     if (port >= 0 && result < 0)
-        Log("\tclose %d refused %s\n", port, ErrorName());
+        Log("\tclose %d refused %s\n", port, ErrorName(errno));
     return result;
 }
 
@@ -366,7 +412,7 @@ extern "C" ssize_t read(int fd, void *data, std::size_t size)
     }
     const ssize_t count = gRealRead(fd, data, size);
     if (const int port = PortOfDescriptor(fd); port >= 0 && count < 0)
-        Log("\tread %d refused %s\n", port, ErrorName());
+        Log("\tread %d refused %s\n", port, ErrorName(errno));
     return count;
 }
 
@@ -403,7 +449,7 @@ extern "C" int ioctl(int fd, unsigned long request, ...)
     const int port = PortOfDescriptor(fd);
     const auto code = static_cast<std::uint32_t>(request); // may come with its sign extended
     if (port >= 0 && (code == bench::kSetConfig || code == bench::kDisableRx))
-        return RequestPort(port, code, argument);
+        return RequestPort(fd, port, code, argument);
     return gRealIoctl(fd, request, argument);
 }
 

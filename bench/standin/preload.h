@@ -17,10 +17,14 @@
 //                               read <N> refused <error> | close <N> refused <error>
 //                             Here the first is noted in front of each write.
 //   HALDENBENCH_PORT<N>       file that "/dev/fpgaserial<N>" leads to; an open of a port without one gives ENOENT
+//   HALDENBENCH_TERMINAL<N>   descriptor of a real terminal behind that file. The program inherits it. The driver's
+//                             requests become its settings, with the errors of SetTerminal. A write returns when a
+//                             line of the configured speed has carried its bytes, and the terminal is drained
 //   HALDENBENCH_RELAY         FIFO that "/tmp/plaunch" leads to; without one an open gives ENOENT
 //   HALDENBENCH_OPT           directory that "/opt/talvora" leads to when a file below it is opened
 //                             or looked for; without one each such call gives ENOENT
-//   HALDENBENCH_OPENS<N>      number of opens that are refused (EBUSY) before the first success
+//   HALDENBENCH_OPENS<N>      number of opens that are refused (EBUSY) before the first success; with
+//                             ":<number>" behind it they are refused with that error
 //   HALDENBENCH_REQUEST<N>    the driver request of this ordinal is refused (EIO)
 //   HALDENBENCH_WRITE<N>      the write of this ordinal is refused (EIO); with ":<bytes>" behind the
 //                             ordinal it writes at most that many bytes instead
@@ -32,6 +36,8 @@
 //   HALDENBENCH_WAIT_DIVISOR  the main thread's waits without descriptors last only this part of
 //                             the time asked for
 #pragma once
+
+#include "bench/standin/driver.h"
 
 #include <atomic>
 #include <cstdint>
@@ -46,12 +52,12 @@ struct EventLog {
     char text[1 << 20];
 };
 
-// Requests of the ports' driver.
-constexpr std::uint32_t kSetConfig = 0x80260001;
-constexpr std::uint32_t kDisableRx = 0x80260002;
+// The terminal of port N gets this number plus N in the program. The program's own numbers do not come so far.
+constexpr int kTerminalDescriptor = 200;
 
 constexpr char kPreloadLog[] = "HALDENBENCH_LOG";
 constexpr char kPreloadPort[] = "HALDENBENCH_PORT";
+constexpr char kPreloadTerminal[] = "HALDENBENCH_TERMINAL";
 constexpr char kPreloadRelay[] = "HALDENBENCH_RELAY";
 constexpr char kPreloadOpt[] = "HALDENBENCH_OPT";
 constexpr char kPreloadOpens[] = "HALDENBENCH_OPENS";

@@ -1,0 +1,149 @@
+// Lines to real devices. A line of the bench stands for the adapter: its pseudo-terminal is the terminal, and a device
+// in software is behind it. tests/socat has what needs two processes.
+#include "bench/rig/realline.h"
+#include "bench/rig/images.h"
+#include "bench/standin/driver.h"
+
+#include <fcntl.h>
+#include <filesystem>
+#include <future>
+#include <gtest/gtest.h>
+#include <sys/ioctl.h>
+
+namespace
+{
+
+using namespace bench;
+using std::string;
+
+TEST(Driver, RequestsBecomeSettings)
+{
+    constexpr tcflag_t kFormat = CSIZE | PARENB | PARODD | CSTOPB | CRTSCTS, kRefused = 1U << 31;
+    const struct {
+        DriverConfig config;
+        tcflag_t format;
+        speed_t speed;
+    } cases[] = {
+        {{3, 115200, 2, 1, 1, 0}, CS8 | PARENB, B115200}, // only speed and parity
+        {{31, 9600, 1, 1, 1, 2}, CS7 | PARENB | PARODD | CSTOPB | CRTSCTS, B9600},
+        {{30, 1, 0, 0, 0, 0}, CS5, B38400},
+        {{1, 14400, 0, 0, 0, 0}, kRefused, 0},
+        {{2, 0, 3, 0, 0, 0}, kRefused, 0},
+        {{8, 0, 0, 0, 2, 0}, kRefused, 0},
+    };
+    for (const auto &[config, format, speed] : cases) {
+        termios settings = {};
+        settings.c_cflag = CS8;
+        cfsetospeed(&settings, B38400);
+        EXPECT_EQ(ApplyConfig(config, settings), format != kRefused);
+        if (format != kRefused) {
+            EXPECT_EQ(settings.c_cflag & kFormat, format);
+            EXPECT_EQ(cfgetospeed(&settings), speed);
+        }
+    }
+}
+
+class RealLines : public testing::Test
+{
+protected:
+    RealLines()
+    {
+        char path[] = "/tmp/reallineXXXXXX";
+        options.directory = mkdtemp(path);
+        options.executable = HALDENFLASH_BINARY;
+        options.arguments = {"haldenflash", "micro"};
+        options.preload = HALDENBENCH_PRELOAD;
+        options.environment = {{"TALVORA_BOARDID", "KORA"}};
+        options.waitDivisor = 100;
+        WriteSamples(options.directory, {});
+        adapter.emplace(micro);
+        adapter->Start();
+    }
+    ~RealLines() override { std::filesystem::remove_all(options.directory); }
+
+    Port &port() { return options.ports[kMicroPort]; }
+
+    Micro micro{0x20};
+    std::optional<Line> adapter;
+    RunOptions options;
+};
+
+TEST_F(RealLines, FlashTheDeviceAndGiveTheTerminalBack)
+{
+    const Descriptor terminal(open(adapter->path().c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC));
+    termios before = {}, during = {}, after = {};
+    tcgetattr(terminal.get(), &before);
+    {
+        RealLine line(adapter->path(), port());
+        std::uint64_t tapped[2] = {};
+        port().line->tap = [&](LineFault::Way way, auto bytes, auto, auto) { tapped[way] += bytes.size(); };
+        RunResult result = bench::Run(options);
+        for (int again = 0; again < 3 && result.status != 0; again++) // a busy machine makes the device late
+            result = bench::Run(options);
+        EXPECT_EQ(result.status, 0) << result.output;
+        EXPECT_EQ(Judge(micro, options.directory).text,
+                  "micro: version 21, 12 blocks, 6144 bytes, 0 findings: holds haldenmicro.bin");
+        EXPECT_EQ(line.Complaint(), "");
+        EXPECT_EQ(tapped[LineFault::kToDevice], adapter->carried(LineFault::kToDevice));
+        EXPECT_EQ(tapped[LineFault::kToHost], adapter->carried(LineFault::kToHost));
+        tcgetattr(terminal.get(), &during);
+    }
+    tcgetattr(terminal.get(), &after);
+    EXPECT_EQ(cfgetospeed(&during), B115200);
+    EXPECT_EQ(cfgetospeed(&after), cfgetospeed(&before));
+    EXPECT_EQ(after.c_cflag, before.c_cflag);
+}
+
+TEST_F(RealLines, RefuseWhatADriverWouldRefuse)
+{
+    const string file = options.directory + "/" + kMicroImage;
+    const auto complaint = [this](const string &path, int error) {
+        options.ports.clear();
+        const RealLine line(path, port());
+        EXPECT_EQ(port().openError, error);
+        EXPECT_EQ(bench::Run(options).status, 255);
+        return line.Complaint();
+    };
+    EXPECT_EQ(complaint("nowhere", ENOENT), "nowhere: there is no such device");
+    EXPECT_EQ(complaint(file, ENOTTY), file + ": this is not a terminal");
+    {
+        const Terminal other(adapter->path());
+        EXPECT_EQ(complaint(adapter->path(), EBUSY), adapter->path() + ": another program uses it");
+    }
+    const Descriptor other(open(adapter->path().c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC));
+    ASSERT_EQ(ioctl(other.get(), TIOCEXCL), 0);
+    EXPECT_EQ(complaint(adapter->path(), EBUSY), adapter->path() + ": another program uses it");
+    EXPECT_THROW(ServedLine(micro, "nowhere", 115200), TerminalError);
+}
+
+TEST_F(RealLines, RefuseASpeedAndKeepTheSettings)
+{
+    const Terminal terminal(adapter->path());
+    EXPECT_EQ(ConfigureTerminal(terminal.fd(), {1, 57600, 0, 0, 0, 0}), 0);
+    EXPECT_EQ(ConfigureTerminal(terminal.fd(), {3, 14400, 2, 0, 0, 0}), EINVAL);
+    EXPECT_EQ(terminal.speed(), 57600U);
+    EXPECT_EQ(SwitchReceiver(terminal.fd(), true), 0);
+    adapter.reset();
+    EXPECT_EQ(SwitchReceiver(terminal.fd(), false), EIO);
+}
+
+TEST_F(RealLines, ThatHangUpEndTheRunByTheProgramsOwnMeans)
+{
+    std::atomic<std::uint64_t> carried = 0;
+    adapter->Stop();
+    adapter->tap = [&](LineFault::Way, auto bytes, auto, auto) { carried += bytes.size(); };
+    adapter->Start();
+    const RealLine line(adapter->path(), port());
+    std::future<RunResult> run = std::async(std::launch::async, bench::Run, options);
+    while (carried < 3000 && run.wait_for(std::chrono::milliseconds(1)) != std::future_status::ready)
+        ;
+    const string path = adapter->path();
+    adapter.reset();
+    const RunResult result = run.get();
+    EXPECT_EQ(line.Complaint(), path + " hung up");
+    EXPECT_FALSE(result.killed);
+    EXPECT_LT(result.seconds, 10);
+    EXPECT_EQ(result.status, 255) << result.output;
+}
+
+} // namespace
