@@ -9,6 +9,9 @@
 -- lines wait for a reply at the same time. In the second pass the packets are learned again, with interfaces and
 -- comments. Only the places of the replies are those of the first pass, because they are in the future then.
 
+-- luacheck: std lua52, read globals Proto ProtoField ProtoExpert Field Listener DissectorTable ByteArray NSTime
+-- luacheck: read globals base expert frametype wtap P2P_DIR_RECV P2P_DIR_SENT
+
 local DELIMITER, ESCAPE = "\255", "\254"
 local CHECKSUM_SIZE = 3
 local ACK, NACK = 0x06, 0x0F
@@ -150,8 +153,7 @@ end
 --   block      of a block, a retry, and the verdict on either
 --   way        TO_HOST or TO_DEVICE
 --   response   frame number of the reply to a request
---   request    frame number of the request of a reply
---   waited     microseconds between the two
+--   request    packet with the request of a reply
 
 local function new_item(at, size, kind, name)
     return { at = at, size = size, kind = kind, name = name, findings = {} }
@@ -343,15 +345,13 @@ local function cut_reply(line, bytes, at)
     local size = reply.size(line.device)
     local item = new_item(at, math.min(size, #bytes - at + 1), line.expected, reply.piece)
     item.reply = true
-    if line.expected == "verdict" then
-        item.block, item.image = line.block, line.image
-    end
     if item.size < size then
         item.kind = "piece"
         return item
     end
     item.name = reply.name(line.device, bytes, at)
     if line.expected == "verdict" then
+        item.block, item.image = line.block, line.image
         judge(item, bytes)
     end
     line.expected = nil
@@ -427,7 +427,10 @@ end
 -- A whole or partial message of the host begins something new. Noise does not.
 local function take_request(line, packet, item)
     if item.kind == "frame" or item.expects then
-        line.expected, line.block, line.image = item.expects, item.block or line.block, item.image
+        line.expected = item.expects
+        if item.expects == "verdict" then
+            line.block, line.image = item.block, item.image
+        end
         line.asked = item.expects and { item = item, packet = packet }
     end
 end
@@ -436,21 +439,19 @@ local function take_reply(line, packet, item)
     local asked = line.asked
     if item.reply and asked then
         asked.item.response = packet.number
-        item.request = asked.packet.number
-        item.waited = packet.begin - asked.packet.finish
+        item.request = asked.packet
     end
 end
 
 local function take_bytes(packet, source, bytes)
     packet.way = source.way or (host_message(bytes) and TO_DEVICE or TO_HOST)
     local line = line_of(source, packet.way, bytes)
-    packet.gap = line.finish and packet.begin - line.finish
-    line.finish = math.max(line.finish or packet.finish, packet.finish)
+    line.last, packet.before_on_line = packet, line.last
     if packet.way == TO_DEVICE then
         latest[source.tree] = line
     end
     packet.items = (packet.way == TO_DEVICE and cut_to_device or cut_to_host)(line, bytes)
-    packet.device = KNOWN[source.name] or line.device or source.name
+    packet.device = source.name ~= "program" and source.name or line.device
     for _, item in ipairs(packet.items) do
         (packet.way == TO_DEVICE and take_request or take_reply)(line, packet, item)
     end
@@ -466,6 +467,10 @@ local function take_note(packet, source)
     if source.name == "program" and device then
         packet.device, packet.note = device, note
     end
+end
+
+-- A line that is closed begins anew.
+local function close_line(packet, source)
     if packet.note == "close" and source.interface then
         lines[source.tree][source.interface] = nil
     end
@@ -497,33 +502,45 @@ local function source_of(pinfo)
     return source
 end
 
--- A packet that was learned with a tree stays. One without is learned again if the packet before it was.
-local function is_learned(packet, source)
-    if not packet or packet.tree or not source.tree then
-        return packet ~= nil
-    end
+-- Whether the packet stays as it was learned. One that was learned without a tree is learned again if there is a tree
+-- now, and the packet before it was learned with one.
+local function stays(packet, source)
     local before = packets[packet.before]
-    return before ~= nil and not before.tree
+    return packet.tree or not source.tree or before ~= nil and not before.tree
 end
 
--- Takes the packet into the list, with these fields:
---   number, begin, finish   frame number; times in microseconds
---   before                  number of the packet that was learned before it
---   tree                    whether there was a tree
---   items, way, device      messages in it; none in a note
---   gap                     microseconds since the message before on its line
---   note                    text of a note
+-- Takes what is known with a tree only, and takes no part in what is learned of other packets.
+local function complete(packet, source, bytes)
+    if not source.tree then
+        return
+    end
+    packet.finish = packet.begin + duration_of(source)
+    if bytes == "" then
+        take_note(packet, source)
+    end
+end
+
+-- Returns the packet from the list. It takes it into the list first if need be. A packet has these fields:
+--   number           frame number
+--   begin, finish    microseconds; the end is known with a tree only
+--   before           number of the packet that was learned before it
+--   before_on_line   the packet with bytes before it on its line
+--   tree             whether there was a tree
+--   items, way       messages in it, and their way; none in a note
+--   note             text of a note
+--   device           name
 local function learn(pinfo, bytes)
     local number, source = pinfo.number, source_of(pinfo)
     local old = packets[number]
-    if is_learned(old, source) then
+    if old and stays(old, source) then
+        complete(old, source, bytes)
         return old
     end
-    local begin = math.floor(pinfo.abs_ts * 1000000 + 0.5)
-    local packet = { number = number, begin = begin, finish = begin + duration_of(source), tree = source.tree,
+    local packet = { number = number, begin = math.floor(pinfo.abs_ts * 1000000 + 0.5), tree = source.tree,
                      before = old and old.before or last_learned, items = {} }
+    complete(packet, source, bytes)
     if bytes == "" then
-        take_note(packet, source)
+        close_line(packet, source)
     else
         take_bytes(packet, source, bytes)
     end
@@ -548,7 +565,8 @@ end
 
 local LONGEST = 2 ^ 31 * 1000000 -- microseconds; a damaged time stamp may be anything
 
-local function add_time(tree, field, microseconds)
+local function add_time(tree, field, from, to)
+    local microseconds = from and to and to - from
     if microseconds and math.abs(microseconds) < LONGEST then
         local seconds = microseconds < 0 and math.ceil(microseconds / 1000000) or math.floor(microseconds / 1000000)
         add_generated(tree, field, NSTime.new(seconds, (microseconds - seconds * 1000000) * 1000))
@@ -667,8 +685,10 @@ local function show_item(tree, packet, item, range, pinfo)
     end
     add_generated(tree, F.retry, item.retry)
     add_generated(tree, F.response_in, item.response)
-    add_generated(tree, F.request_in, item.request)
-    add_time(tree, F.response_time, item.waited)
+    if item.request then
+        add_generated(tree, F.request_in, item.request.number)
+        add_time(tree, F.response_time, item.request.finish, packet.begin)
+    end
     show_findings(tree, item, pinfo)
 end
 
@@ -712,8 +732,8 @@ function proto.dissector(tvb, pinfo, tree)
         local range = tvb(item.at - 1, item.size)
         local subtree = tree:add(proto, range)
         show_item(subtree, packet, item, range, pinfo)
-        add_time(subtree, F.duration, packet.finish - packet.begin)
-        add_time(subtree, F.gap, packet.gap)
+        add_time(subtree, F.duration, packet.begin, packet.finish)
+        add_time(subtree, F.gap, packet.before_on_line and packet.before_on_line.finish, packet.begin)
         table.insert(infos, info_of(item))
     end
     if packet.note then
