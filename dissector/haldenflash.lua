@@ -4,12 +4,13 @@
 -- A packet is taken for a message, a piece of one, or noise. What a reply is follows from the request before it on that
 -- line. So packets are learned in their order, once. What was learned is kept by frame number, and shown in any order.
 --
--- Wireshark tells the interface and the comments of a packet only where it builds a tree. In the first of the two
--- passes of "tshark -2" it builds none. There the form of the messages tells the lines apart, which is right if no two
--- lines wait for a reply at the same time. In the second pass the packets are learned again, with interfaces and
--- comments. Only the places of the replies are those of the first pass, because they are in the future then.
+-- Wireshark tells the interface and the comments of a packet only where it builds a tree. It builds one when it loads a
+-- file, and so does tshark. The first of the two passes of "tshark -2" has none, unless -R is given. There the form of
+-- the messages tells the lines apart, which is right if no two lines wait for a reply at the same time. In the second
+-- pass the packets are learned again, with interfaces and comments. Only the places of the replies are those of the
+-- first pass, because they are in the future then.
 
--- luacheck: std lua52, read globals Proto ProtoField ProtoExpert Field Listener DissectorTable ByteArray NSTime
+-- luacheck: std lua52, read globals Proto ProtoField ProtoExpert Field DissectorTable ByteArray NSTime
 -- luacheck: read globals base expert frametype wtap P2P_DIR_RECV P2P_DIR_SENT
 
 local DELIMITER, ESCAPE = "\255", "\254"
@@ -96,10 +97,6 @@ local interface_name = Field.new("frame.interface_name")
 local interface_id = Field.new("frame.interface_id")
 local section_number = Field.new("frame.section_number")
 local comments = Field.new("frame.comment")
-
--- With a listener Wireshark builds a tree in its first pass too.
-local listener = Listener.new("frame", "frame.interface_name")
-function listener.packet() end
 
 -- ---- Numbers and bytes
 

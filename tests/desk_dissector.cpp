@@ -219,6 +219,20 @@ TEST_F(DeskDissector, RequestAndReplyPointAtEachOther)
         EXPECT_EQ(replies[i].substr(0, replies[i].rfind('|')), requests[i].substr(0, requests[i].rfind('|')));
 }
 
+TEST(Dissector, HasItsFieldsInTheDocumentation)
+{
+    const auto text = [](const char *path) {
+        std::ifstream file(string(TESTS_DIR) + path);
+        return string(std::istreambuf_iterator<char>(file), {});
+    };
+    const string source = text("/../dissector/haldenflash.lua"), page = text("/../docs/wireshark.md");
+    const std::regex field("\\.\\w+\\(\"(haldenflash\\.[a-z_.]+)\"");
+    int fields = 0;
+    for (std::sregex_iterator i(source.begin(), source.end(), field), end; i != end; ++i, ++fields)
+        EXPECT_NE(page.find("\n| `" + (*i)[1].str() + "` |"), string::npos) << (*i)[1];
+    EXPECT_GT(fields, 40);
+}
+
 // ---- Any bytes
 
 TEST_P(DeskDissector, TakesAnyBytes)
