@@ -7,7 +7,7 @@ readonly build_packages="g++ cmake ninja-build"
 readonly test_packages="$build_packages libgtest-dev socat tshark strace python3 systemd" # tshark brings editcap, mergecap and capinfos
 readonly speed_packages="$build_packages libbenchmark-dev valgrind strace python3 binutils"
 readonly coverage_packages="$test_packages gcovr python3"
-readonly lint_packages="$test_packages libbenchmark-dev clang clang-tidy clang-format cppcheck mandoc python3"
+readonly lint_packages="$test_packages libbenchmark-dev clang clang-tidy clang-format cppcheck mandoc lua-check python3"
 readonly cross_packages="$test_packages g++-powerpc-linux-gnu googletest python3"
 readonly board_packages="$cross_packages linux-source-6.1 qemu-system-ppc make flex bison bc xz-utils dpkg-dev"
 readonly footprint_packages="$board_packages qemu-user-static"
@@ -36,8 +36,8 @@ usage: ./do COMMAND
   faults [quick]   play every fault at every step of an update, let allocations fail, stress the tasks;
                    with quick only a fixed part of that
   speed            measure speed and size, and compare them with their bars
-  lint             check the includes, the warnings of both compilers, clang-format, clang-tidy, cppcheck and
-                   the manual pages
+  lint             check the includes, the warnings of both compilers, clang-format, clang-tidy, cppcheck,
+                   luacheck and the manual pages
   format           format the sources
   clean            remove build/
 EOF
@@ -181,6 +181,7 @@ lint() {
     for page in docs/*.1; do
         mandoc -Tlint -Wwarning "$page"
     done
+    luacheck --quiet dissector/haldenflash.lua
     for script in do .ci/run target/board packaging/package tests/accept tests/socat tests/strace; do
         bash -n "$script"
     done
