@@ -4,7 +4,7 @@ set -euo pipefail
 cd "$(dirname "$0")"
 
 readonly build_packages="g++ cmake ninja-build"
-readonly test_packages="$build_packages libgtest-dev socat strace"
+readonly test_packages="$build_packages libgtest-dev socat strace tshark" # tshark brings editcap, mergecap and capinfos
 readonly speed_packages="$build_packages libbenchmark-dev valgrind strace python3 binutils"
 readonly coverage_packages="$test_packages gcovr python3"
 readonly lint_packages="$test_packages libbenchmark-dev clang clang-tidy clang-format cppcheck mandoc python3"
