@@ -9,7 +9,7 @@ readonly speed_packages="$build_packages libbenchmark-dev valgrind strace python
 readonly coverage_packages="$test_packages gcovr python3"
 readonly lint_packages="$test_packages libbenchmark-dev clang clang-tidy clang-format cppcheck mandoc lua-check python3"
 readonly cross_packages="$test_packages g++-powerpc-linux-gnu googletest python3"
-readonly board_packages="$cross_packages linux-source-6.1 qemu-system-ppc make flex bison bc xz-utils dpkg-dev"
+readonly board_packages="$cross_packages linux-source-6.1 qemu-system-ppc make flex bison bc xz-utils dpkg-dev socat"
 readonly footprint_packages="$board_packages qemu-user-static"
 readonly package_packages="$cross_packages dpkg-dev binutils"
 readonly fuzz_packages="$build_packages clang libclang-rt-dev llvm"
@@ -26,7 +26,8 @@ usage: ./do COMMAND
                    and write the new records to that file
   demo             flash a virtual microcontroller and a virtual camera with the binary that ships
   board            run the whole suite on an emulated board; "board shell" gives a prompt there,
-                   "board run -- haldenflash ..." runs one command
+                   "board run -- haldenflash ..." runs one command; "board lines" flashes virtual devices of
+                   this machine over the serial ports of the emulated one
   footprint        measure sizes, memory and system calls on the board; write docs/footprint.md
   package          make the static binary, archive, Debian package and bill of materials in build/package/
   coverage         count the lines and branches of the shipped code that the suite reaches; fail below 97 and
@@ -213,8 +214,10 @@ board)
     shift
     need $board_packages
     build powerpc
-    if [ $# -eq 0 ]; then # the board's tests and records are compared with those of this build
+    if [ $# -eq 0 ] || [ "$1" = lines ]; then # its results are compared, or its lines served, with this build
         build default
+    fi
+    if [ $# -eq 0 ]; then
         [ -d build/default/records ] || run_tests default
     fi
     exec target/board "$@"
