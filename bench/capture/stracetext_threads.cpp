@@ -73,6 +73,8 @@ void Follower::Take(std::string_view text, std::size_t number)
     if (back > WallTime{0})
         Remark(kNoPort, Format("the clock was set back by %lld us; the times here do not follow it",
                                static_cast<long long>(back.count())));
+    if (line.kind == StraceLine::Kind::kOther)
+        return;
     Thread &thread = ThreadOf(line);
     thread_ = &thread;
     switch (line.kind) {
