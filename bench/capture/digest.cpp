@@ -3,7 +3,7 @@
 #include "bench/rig/line.h"
 
 #include <algorithm>
-#include <ranges>
+#include <cmath>
 
 namespace bench
 {
@@ -119,7 +119,8 @@ void Digester::EndWaits()
 {
     WallTime anywhere = digest_.end;
     std::map<int, WallTime> next;
-    for (Step &step : std::views::reverse(digest_.steps)) {
+    for (auto at = digest_.steps.rbegin(); at != digest_.steps.rend(); ++at) {
+        Step &step = *at;
         const Event &event = step.message.event;
         WallTime &here = next.try_emplace(event.port, digest_.end).first->second;
         if (event.note.starts_with("wait "))
@@ -224,10 +225,11 @@ Digest DigestOf(const Capture &capture)
 std::string DateText(WallTime time)
 {
     using namespace std::chrono;
+    constexpr days kEnd{2932897}; // of the year 9999
     const auto day = floor<days>(time);
     const year_month_day date{sys_days(day)};
     const hh_mm_ss clock{floor<seconds>(time - day)};
-    if (!date.ok())
+    if (day < days(0) || day >= kEnd)
         return "date unknown";
     return Format("%04d-%02u-%02u %02d:%02d:%02d UTC", static_cast<int>(date.year()),
                   static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
@@ -246,7 +248,7 @@ std::string TimeText(WallTime time)
         return Trimmed(us / 1e3) + " ms";
     if (us < 119.5e6)
         return Trimmed(us / 1e6) + " s";
-    const auto seconds = static_cast<long long>(us / 1e6 + 0.5);
+    const auto seconds = std::llround(us / 1e6);
     return Format("%lld min %lld s", seconds / 60, seconds % 60);
 }
 

@@ -11,6 +11,7 @@ namespace
 
 constexpr double kFoldWidth = 76;
 constexpr double kUsefulShare = 0.3;        // axes fold until what happens has this share of them
+constexpr double kSecond = 1e6;             // microseconds
 constexpr double kLeastTime = 50;           // microseconds that are left beside the folds
 constexpr double kTickDistance = 100;       // at least
 constexpr double kLabelWidth = 68;          // of the longest label, with some room
@@ -70,7 +71,7 @@ std::string Label(WallTime time, WallTime step, bool minutes)
 TimeAxis::TimeAxis(Span shown, std::vector<Span> busy, double left, double width, bool mayFold)
     : left_(left), width_(width)
 {
-    double rest = std::max(Count(shown.length()), 1.0);
+    double rest = shown.length() > WallTime(0) ? Count(shown.length()) : kSecond;
     double room = width;
     std::vector<Span> quiet = mayFold ? QuietSpans(shown, std::move(busy)) : std::vector<Span>();
     double least = rest / kUsefulShare; // a time of which what happens would be the useful share

@@ -712,7 +712,7 @@ void Painter::DrawLegend()
     for (std::size_t i = 0; i < std::size(kLegend); ++i) {
         const LegendRow &row = kLegend[i];
         double x = kMargin + kColumn * static_cast<double>(i % kColumns);
-        const double middle = y_ + 24 + kRow * static_cast<double>(i / kColumns);
+        const double middle = y_ + 24 + kRow * (i < kColumns ? 0 : 1);
         if (row.look != nullptr && row.height != 0)
             svg_.Rect({x, middle - 9 * row.height, kSwatch, 18 * row.height}, row.look);
         else if (row.look != nullptr)
