@@ -4,7 +4,7 @@ set -euo pipefail
 cd "$(dirname "$0")"
 
 readonly build_packages="g++ cmake ninja-build"
-readonly test_packages="$build_packages libgtest-dev socat tshark"
+readonly test_packages="$build_packages libgtest-dev socat tshark strace python3 systemd" # tshark brings editcap, mergecap and capinfos
 readonly speed_packages="$build_packages libbenchmark-dev valgrind strace python3 binutils"
 readonly coverage_packages="$test_packages gcovr python3"
 readonly lint_packages="$test_packages libbenchmark-dev clang clang-tidy clang-format cppcheck mandoc lua-check python3"
@@ -182,7 +182,7 @@ lint() {
         mandoc -Tlint -Wwarning "$page"
     done
     luacheck --quiet dissector/haldenflash.lua
-    for script in do .ci/run target/board packaging/package tests/accept tests/socat; do
+    for script in do .ci/run target/board packaging/package tests/accept tests/socat tests/strace; do
         bash -n "$script"
     done
     echo "lint: clean"

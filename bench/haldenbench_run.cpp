@@ -1,8 +1,8 @@
 // One run of haldenbench, whoever answers on its lines.
 #include "bench/haldenbench.h"
 #include "bench/options.h"
+#include "bench/rig/progressbar.h"
 
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
@@ -36,10 +36,7 @@ std::map<std::string, std::string> OwnEnvironment()
 
 void DrawBar(const std::string &position)
 {
-    constexpr int kWidth = 50;
-    const int filled = std::min(std::atoi(position.c_str()) * kWidth / 100, kWidth);
-    std::fprintf(stderr, "\r[%s%s] %s %%", std::string(static_cast<std::size_t>(filled), '#').c_str(),
-                 std::string(static_cast<std::size_t>(kWidth - filled), ' ').c_str(), position.c_str());
+    std::cerr << "\r" << ProgressBar(std::atoi(position.c_str()), 0, 100);
 }
 
 // Adds the bar: a progress FIFO for this run, and the words that lead the command to it.

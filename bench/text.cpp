@@ -1,5 +1,6 @@
 #include "bench/text.h"
 
+#include <cctype>
 #include <charconv>
 #include <cstdarg>
 #include <cstdio>
@@ -47,6 +48,15 @@ std::string Describe(const Bytes &bytes)
         return text + Format(", CRC-32 %08X", Crc32(bytes));
     for (std::size_t i = 0; i < bytes.size(); ++i)
         text += Format("%s%02X", i == 0 ? ": " : " ", bytes[i]);
+    return text;
+}
+
+std::string Printable(const Bytes &bytes)
+{
+    std::string text;
+    for (const std::uint8_t byte : bytes)
+        text +=
+            std::isprint(byte) != 0 && byte != '\\' ? std::string(1, static_cast<char>(byte)) : Format("\\x%02X", byte);
     return text;
 }
 

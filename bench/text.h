@@ -18,6 +18,9 @@ using Bytes = std::vector<std::uint8_t>;
 // "3 bytes: 82 06 77" up to sixteen bytes, "527 bytes, CRC-32 1A2B3C4D" above.
 std::string Describe(const Bytes &bytes);
 
+// The bytes as text on one line. Other bytes than printable characters, and backslashes, are as in "\x0A".
+std::string Printable(const Bytes &bytes);
+
 // Reads the whole text as a number. Returns nothing if it is no number, or if the number is above the limit.
 std::optional<unsigned> ParseNumber(const std::string &text, int base, unsigned limit);
 

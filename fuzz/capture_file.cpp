@@ -73,11 +73,11 @@ string Options(Input &input)
 string Part(Input &input)
 {
     static constexpr const char *kNames[] = {"program", "micro", "camera", "port 3", "eth0"};
-    const string head = Number(2, bench::kLinkType) + Number(6, 0);
+    const string head = Number(2, bench::kLinkType) + string(6, '\0');
     string bytes;
     switch (input.Byte() % 6) {
     case 0:
-        return Block(0x0A0D0D0A, Number(4, 0x1A2B3C4D) + Number(2, 1) + Number(10, 0) + Options(input));
+        return Block(0x0A0D0D0A, Number(4, 0x1A2B3C4D) + Number(2, 1) + string(10, '\0') + Options(input));
     case 1:
         return Block(1, head + Option(2, kNames[input.Byte() % std::size(kNames)]) + Options(input));
     case 2:

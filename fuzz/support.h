@@ -9,10 +9,9 @@
 #include "Common/OS/logmsg.h"
 #include "Common/OS/osassert.h"
 #include "Common/framework/config.h"
+#include "bench/standin/folders.h"
 
 #include <algorithm>
-#include <filesystem>
-#include <fstream>
 #include <string>
 #include <string_view>
 
@@ -33,13 +32,7 @@ inline std::string FirstLine(std::string_view text, std::size_t size)
 
 extern "C" [[gnu::used]] inline int LLVMFuzzerInitialize(int * /*argc*/, char *** /*argv*/)
 {
-    CHECK(!std::filesystem::exists("/opt/talvora")); // the appliance's own folders would be used
-    std::string root = std::filesystem::temp_directory_path() / "haldenfuzz.XXXXXX";
-    std::filesystem::current_path(mkdtemp(root.data()));
-    for (const char *folder : {"dat", "choice", "choice.gen", "work"})
-        std::filesystem::create_directory(folder);
-    std::filesystem::current_path("work");
-    std::atexit([] { std::filesystem::remove_all(std::filesystem::current_path().parent_path()); });
+    static const ConfigFolders folders;
     CHECK(std::freopen("/dev/null", "w", stdout) != nullptr);
     CHECK(t_attach("fuzz", 10) == 0);
     logmsg_print("reads the settings", 1);

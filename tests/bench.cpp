@@ -1,11 +1,11 @@
+#include "bench/devices/host.h"
+#include "bench/standin/folders.h"
 #include "bench/sweeps/runner.h"
 
 #include <algorithm>
 #include <csignal>
 #include <fcntl.h>
-#include <filesystem>
 #include <gtest/gtest.h>
-#include <numeric>
 #include <poll.h>
 
 namespace
@@ -18,40 +18,6 @@ using Texts = std::vector<std::string>;
 bool Has(const string &text, const string &part)
 {
     return text.find(part) != string::npos;
-}
-
-// A frame as the host sends it, made without the updater's own builder.
-Bytes FrameOf(std::uint8_t type, const Bytes &data)
-{
-    const std::size_t length = data.size() + 3;
-    const std::uint32_t checksum = 0x1000000U - std::accumulate(data.begin(), data.end(), 0U);
-    Bytes plain = {type, static_cast<std::uint8_t>(length >> 8), static_cast<std::uint8_t>(length)};
-    plain.insert(plain.end(), data.begin(), data.end());
-    for (const int shift : {16, 8, 0})
-        plain.push_back(static_cast<std::uint8_t>(checksum >> shift));
-    Bytes wire = {0xFF};
-    for (const std::uint8_t byte : plain) {
-        wire.push_back(byte < 0xFE ? byte : 0xFE);
-        if (byte >= 0xFE)
-            wire.push_back(byte == 0xFF);
-    }
-    return wire;
-}
-
-Bytes BlockOf(std::uint8_t type, unsigned number, std::size_t size, std::uint8_t fill = 0xFE)
-{
-    Bytes data(size + 2, fill);
-    data[0] = static_cast<std::uint8_t>(number >> 8);
-    data[1] = static_cast<std::uint8_t>(number);
-    return FrameOf(type, data);
-}
-
-Bytes Ask(Device &device, const Bytes &message)
-{
-    Bytes answer;
-    for (const Reply &reply : device.Receive(message))
-        answer.insert(answer.end(), reply.bytes.begin(), reply.bytes.end());
-    return answer;
 }
 
 const Bytes kStatusRequest = FrameOf(0x44, {1}), kQuery = {0x82, 0x06, 0x77}, kRetry = FrameOf(0x48, {});
@@ -121,10 +87,6 @@ TEST(Script, NamesTheItemItRefuses)
 
 // ---- Devices
 
-Bytes FlashMode(std::uint8_t mode, std::uint8_t cameraBlocks, std::uint8_t systemBlocks)
-{
-    return {0x87, 0x43, 0x72, mode, 0, cameraBlocks, 0, systemBlocks};
-}
 Bytes MicroBlock(unsigned number, std::size_t size = Micro::kBlockSize)
 {
     return BlockOf(0x48, number, size);
@@ -154,18 +116,18 @@ TEST_F(Devices, FindWhatTheHostMayNotDo)
         {{MicroBlock(0, 511), MicroBlock(1, 1)}, "block 1 has data behind a short block", micro},
         {{{0xFF, 0x48, 0x00}}, "message broken off, 3 bytes: FF 48 00", micro},
         {{BlockOf(0x88, 0, Camera::kBlockSize)}, "camera block 0, but 0 were announced", camera},
-        {{FlashMode(3, 1, 0), BlockOf(0x89, 0, 5)}, "system block 0, but 0 were announced", camera},
-        {{FlashMode(5, 1, 1), BlockOf(0x89, 0, 5)}, "system block 0 before camera block 0", camera},
-        {{FlashMode(3, 2, 0), BlockOf(0x88, 1, 5)}, "camera block 1 where 0 is due", camera},
-        {{FlashMode(3, 2, 0), BlockOf(0x88, 0, 5)}, "camera block 0 of 2 with 5 bytes", camera},
-        {{FlashMode(3, 1, 0), BlockOf(0x88, 0, 0)}, "camera block 0 of 1 with 0 bytes", camera},
-        {{FlashMode(3, 1, 0), BlockOf(0x88, 0, 5), BlockOf(0x88, 1, 5)},
+        {{FlashModeOf(3, 1, 0), BlockOf(0x89, 0, 5)}, "system block 0, but 0 were announced", camera},
+        {{FlashModeOf(5, 1, 1), BlockOf(0x89, 0, 5)}, "system block 0 before camera block 0", camera},
+        {{FlashModeOf(3, 2, 0), BlockOf(0x88, 1, 5)}, "camera block 1 where 0 is due", camera},
+        {{FlashModeOf(3, 2, 0), BlockOf(0x88, 0, 5)}, "camera block 0 of 2 with 5 bytes", camera},
+        {{FlashModeOf(3, 1, 0), BlockOf(0x88, 0, 0)}, "camera block 0 of 1 with 0 bytes", camera},
+        {{FlashModeOf(3, 1, 0), BlockOf(0x88, 0, 5), BlockOf(0x88, 1, 5)},
          "camera block 1, but 1 were announced",
          camera},
-        {{FlashMode(3, 1, 1)}, "flash mode 3 does not go with 1 camera blocks and 1 system blocks", camera},
-        {{FlashMode(2, 0, 0)}, "unknown flash mode 2", camera},
+        {{FlashModeOf(3, 1, 1)}, "flash mode 3 does not go with 1 camera blocks and 1 system blocks", camera},
+        {{FlashModeOf(2, 0, 0)}, "unknown flash mode 2", camera},
         {{{0x82, 0x06, 0x78}, kQuery}, "unknown message, 3 bytes: 82 06 78", camera},
-        {{{0x12}, kQuery, FlashMode(3, 0xFF, 0)}, "byte 12 outside a frame", camera},
+        {{{0x12}, kQuery, FlashModeOf(3, 0xFF, 0)}, "byte 12 outside a frame", camera},
         {{kStatusRequest}, "a frame of type 44 is none of its messages", camera},
     };
     for (const auto &[messages, finding, device] : cases) {
@@ -182,122 +144,24 @@ TEST_F(Devices, FindWhatTheHostMayNotDo)
 // ---- Runs
 
 // A bench with sample images in a directory of its own.
-class BenchRun : public testing::Test
-{
-protected:
+struct BenchRun : testing::Test {
     BenchRun()
     {
-        char path[] = "/tmp/benchXXXXXX";
-        options.directory = mkdtemp(path);
-        options.executable = HALDENFLASH_BINARY;
-        options.preload = HALDENBENCH_PRELOAD;
-        options.environment = {{"TALVORA_BOARDID", "KORA"}};
-        options.ports[0].line = &cameraLine;
-        options.ports[1].line = &microLine;
-        options.waitDivisor = 20;
+        options.directory = std::filesystem::current_path();
         WriteSamples(options.directory, {});
-    }
-    ~BenchRun() override { std::filesystem::remove_all(options.directory); }
-
-    // A busy machine may make a device too late, and the updater goes on without its verdict: such a run is made
-    // again.
-    RunResult Flash(const Texts &words)
-    {
-        options.arguments = {"haldenflash"};
-        options.arguments.insert(options.arguments.end(), words.begin(), words.end());
-        RunResult result = bench::Run(options);
-        for (int again = 0; again < 3 && NoVerdict(result.output); again++)
-            result = bench::Run(options);
-        return result;
     }
     RunResult Shell(const string &script)
     {
-        options.preload = "";
         options.executable = "/bin/sh";
         options.arguments = {"sh", "-c", script};
         return bench::Run(options);
     }
-    string MicroVerdict() const { return Judge(micro, options.directory).text; }
 
+    const ConfigFolders folders;
     Micro micro{0x20};
-    Camera camera{{"0203", "0204"}, {"0306", "0307"}};
-    Line microLine{micro}, cameraLine{camera};
+    Line microLine{micro};
     RunOptions options;
 };
-
-const Texts kMicroEvents = {"open 1",       "config 1: mask 3 baud 115200 parity 2 stop 0 flow 0 data 0",
-                            "rx 1 enabled", "rx 1 disabled",
-                            "close 1",      "wait 3000000"};
-
-long OpenDescriptors()
-{
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), std::filesystem::directory_iterator());
-}
-
-TEST_F(BenchRun, FlashesBothDevicesAndLeavesNothingBehind)
-{
-    const long descriptors = OpenDescriptors();
-    options.fifo = "bar";
-    const RunResult result = Flash({"all", "-p", "bar", "0", "100"});
-    EXPECT_EQ(result.status, 0) << result.output << result.errors;
-    EXPECT_EQ(result.progress.back(), "100");
-    EXPECT_EQ(Texts(result.events.begin(), result.events.begin() + 6), kMicroEvents);
-    EXPECT_EQ(std::count(result.events.begin(), result.events.end(), "wait 3000000"), 4);
-    EXPECT_GE(result.seconds, 12.0 / options.waitDivisor);
-    EXPECT_LT(result.seconds, 12.0 / 2) << "the pauses are most of what an update takes";
-    EXPECT_TRUE(Has(MicroVerdict(), "findings: holds")) << MicroVerdict();
-    EXPECT_TRUE(Has(JudgeCamera(camera, options.directory).text, "findings: holds"));
-    EXPECT_TRUE(Has(JudgeSystem(camera, options.directory).text, "findings: holds"));
-    EXPECT_EQ(OpenDescriptors(), descriptors);
-    EXPECT_FALSE(std::filesystem::exists(options.directory + "/bar"));
-}
-
-TEST_F(BenchRun, DevicesKeepWhatTheyHoldFromRunToRun)
-{
-    micro.faults = ParseFaults("cut=4");
-    Flash({"micro"});
-    EXPECT_TRUE(Has(MicroVerdict(), "differs from haldenmicro.bin"));
-    EXPECT_EQ(micro.flash().size(), 4 * 512U);
-    micro.faults = {};
-    EXPECT_EQ(Flash({"micro"}).status, 0);
-    EXPECT_TRUE(Has(MicroVerdict(), "holds")) << MicroVerdict();
-    EXPECT_EQ(Flash({"micro"}).status, 0);
-    EXPECT_TRUE(Has(MicroVerdict(), "was sent nothing"));
-}
-
-TEST_F(BenchRun, RefusesAndCutsWhatItIsAskedTo)
-{
-    options.ports[1].refusedOpens = 1;
-    Texts expected = kMicroEvents;
-    expected.insert(expected.begin(), {"open 1 refused", "wait 20000"});
-    EXPECT_EQ(Flash({"micro"}).events, expected);
-
-    options.ports[1] = {.line = &microLine, .refusedRequest = 2};
-    EXPECT_EQ(Flash({"micro"}).events, (Texts{"open 1", kMicroEvents[1], "rx 1 enabled refused", "close 1"}));
-
-    options.ports[1] = {.line = &microLine, .cutWrite = 1, .cutTo = 5};
-    EXPECT_EQ(Flash({"micro"}).events.at(3), "write 1: 5 of 11 bytes");
-    EXPECT_EQ(micro.findings(), (Texts{"message broken off, 5 bytes: FF 44 00 04 01"}));
-
-    options.ports[1] = {};
-    EXPECT_EQ(Flash({"micro"}).events.back(), "open 1 refused") << "a port without a line";
-}
-
-// How long the machine takes for what is not the line is what the same update takes on a line without a speed.
-TEST_F(BenchRun, APacedLineTakesItsTime)
-{
-    options.waitDivisor = 1000;
-    const double unpaced = Flash({"micro"}).seconds;
-    Micro next(0x20);
-    Line slow(next, 115200);
-    options.ports[1].line = &slow;
-    const double paced = Flash({"micro"}).seconds;
-    EXPECT_TRUE(Judge(next, options.directory).good);
-    EXPECT_GT(slow.carried(LineFault::kToDevice), 12 * 520U);
-    const double least = 12 * 520 * Line::kBitsPerByte / 115200;
-    EXPECT_GE(paced, least);
-    EXPECT_LT(paced, 4 * (least + unpaced));
-}
 
 // The first four bytes of the status reply as they come over the line, or all that come before a pause.
 Bytes HeardOf(Line &line)
@@ -347,6 +211,7 @@ TEST_F(BenchRun, ALineSpoilsOneByte)
 
 TEST_F(BenchRun, TellsHowAProgramEnded)
 {
+    options.environment = {{"TALVORA_BOARDID", "KORA"}};
     const RunResult result = Shell("echo out; echo err >&2; echo $PATH$TALVORA_BOARDID; kill -TERM $$");
     EXPECT_EQ(result.signal, SIGTERM);
     EXPECT_EQ(result.status, -1);
@@ -435,8 +300,6 @@ TEST(Recovery, KnowsEveryEndAndIsWrittenDown)
 TEST_F(BenchRun, CommandJudgesTheUpdate)
 {
     options.executable = HALDENBENCH_BINARY;
-    options.preload = "";
-    options.ports.clear();
     const auto command = [this](const Texts &words) {
         options.arguments = {"haldenbench", "--fast", "--trace", "trace", "--transcript", "transcript"};
         options.arguments.insert(options.arguments.end(), words.begin(), words.end());

@@ -1,6 +1,5 @@
 #include "Common/framework/config.h"
-#include "tests/folders.h"
-#include "tests/fullpipe.h"
+#include "bench/standin/folders.h"
 #include "tests/logwriter.h"
 
 #include <csignal>
@@ -21,10 +20,13 @@ std::string Read(const std::string &name, Int32 instance = 0)
     return result == kNoError ? value : std::to_string(result) + value;
 }
 
-// Also one whose name begins with no ASCII character.
-TEST(Config, DumpsTheItemsOfABucketInTheOrderInWhichTheyCame)
-{
+struct Config : testing::Test {
     const ConfigFolders folders;
+};
+
+// Also one whose name begins with no ASCII character.
+TEST_F(Config, DumpsTheItemsOfABucketInTheOrderInWhichTheyCame)
+{
     ConfigInit();
     for (const char *name : {"k2", "\xC4", "k1"})
         ConfigWrite(name, 0, "x");
@@ -40,9 +42,8 @@ void LimitFiles(rlim_t size)
     setrlimit(RLIMIT_FSIZE, &limit);
 }
 
-TEST(Config, KeepsItemsInTheCache)
+TEST_F(Config, KeepsItemsInTheCache)
 {
-    const ConfigFolders folders;
     for (const auto &[text, value] : {std::pair{"", ""}, {"first", "first"}, {"second", "first"}}) {
         folders.Put("dat/item.dat", text);
         EXPECT_EQ(Read("Item"), value);
@@ -59,9 +60,8 @@ TEST(Config, KeepsItemsInTheCache)
     }
 }
 
-TEST(Config, CutsNamesAndValues)
+TEST_F(Config, CutsNamesAndValues)
 {
-    const ConfigFolders folders;
     const std::string longest(32, 'n'), x(5000, 'x'), file = "dat/" + longest + "2.dat";
     EXPECT_EQ(ConfigWrite((longest + "more").c_str(), 2, x.c_str()), kNoError);
     EXPECT_EQ(Read(longest, 2), x.substr(0, 370));
@@ -72,9 +72,8 @@ TEST(Config, CutsNamesAndValues)
     EXPECT_EQ(Read(longest + "MORE", 2), x.substr(0, 369)) << "of a line as long as it can be";
 }
 
-TEST(Config, DeletesAndRestores)
+TEST_F(Config, DeletesAndRestores)
 {
-    const ConfigFolders folders;
     folders.Put("choice/item.choice", "default");
     EXPECT_EQ(ConfigWrite("item", 0, "mine"), kNoError);
     EXPECT_EQ(ConfigRestore("ITEM", 0), kNoError);
@@ -92,9 +91,8 @@ TEST(Config, DeletesAndRestores)
     EXPECT_EQ(ConfigDelete("folder", 0), kBadParameter);
 }
 
-TEST(Config, KeepsTheFileThatItCannotReplace)
+TEST_F(Config, KeepsTheFileThatItCannotReplace)
 {
-    const ConfigFolders folders;
     const std::string x(5000, 'x');
     folders.Put("dat/item.dat", "default\n");
     std::signal(SIGXFSZ, SIG_IGN);
@@ -126,9 +124,8 @@ void EndAtOnce(useconds_t pause)
     _exit(t_ident("csyn", 0, &task) == 9 && gConfigInitialized == 0 && configSemaphore == 0 ? 0 : 1);
 }
 
-TEST(Config, EndsWithItsFlushTask)
+TEST_F(Config, EndsWithItsFlushTask)
 {
-    const ConfigFolders folders;
     for (useconds_t pause = 0; pause < 500; pause += 50) // the task's first log line starts the database as well
         EXPECT_EXIT(EndAtOnce(pause), testing::ExitedWithCode(0), "");
     for (int i = 0; i < 2; i++) {
@@ -138,32 +135,19 @@ TEST(Config, EndsWithItsFlushTask)
     }
 }
 
-// A thread that prints waits for a pipe that is full. Nobody else waits for that thread.
-void PrintWhileOthersWrite(int output, void (*print)())
+TEST_F(Config, PrintsWithoutHoldingAnybodyUp)
 {
-    std::fflush(stdout);
-    const FullPipe full(output);
-    std::atomic<bool> printed = false, written = false;
-    const std::jthread printing([&] { print(), printed = true; });
-    usleep(100000);
-    const std::jthread writing([&] { written = ConfigWrite("n", output, "new") == kNoError; });
-    EXPECT_TRUE(Eventually([&] { return written.load(); })) << output;
-    EXPECT_FALSE(printed);
-    EXPECT_TRUE(Eventually([&] { return full.Drain(), printed.load(); }));
-}
-
-TEST(Config, PrintsWithoutHoldingAnybodyUp)
-{
-    const ConfigFolders folders;
     ConfigWriteCacheOnly("n", 0, "v");
     std::filesystem::create_directory("../dat/folder.dat");
-    PrintWhileOthersWrite(STDOUT_FILENO, [] { setlinebuf(stdout), ConfigDumpAll(); });
-    PrintWhileOthersWrite(STDERR_FILENO, [] { ConfigWrite("folder", 0, "fails"); });
+    const auto work = [] { EXPECT_EQ(ConfigWrite("n", 0, "new"), kNoError); };
+    PrintWhileOthersWork(
+        STDOUT_FILENO, [] { setlinebuf(stdout), ConfigDumpAll(); }, work);
+    PrintWhileOthersWork(
+        STDERR_FILENO, [] { ConfigWrite("folder", 0, "fails"); }, work);
 }
 
-TEST(Config, ReadsNumbers)
+TEST_F(Config, ReadsAndWritesNumbersAndInstances)
 {
-    const ConfigFolders folders;
     const struct {
         std::string text;
         Int32 word;
@@ -191,11 +175,6 @@ TEST(Config, ReadsNumbers)
     Int32 number = 9;
     EXPECT_EQ(ConfigReadInt32("none", 0, &number), kItemNotFound);
     EXPECT_EQ(number, 9);
-}
-
-TEST(Config, WritesNumbersAndInstances)
-{
-    const ConfigFolders folders;
     char value[kConfigValueSize];
     EXPECT_EQ(ConfigWriteInt32("a", 0, INT32_MIN), kNoError);
     EXPECT_EQ(Read("a"), "-2147483648");
@@ -219,9 +198,8 @@ void Tell(ModT *pMod, UInt32, void *userDefined, void *pArgs)
             change.name, change.instance, change.flags, change.access, change.value);
 }
 
-TEST(Config, LogsChangesAndNotifiesTheTasksThatAsked)
+TEST_F(Config, LogsChangesAndNotifiesTheTasksThatAsked)
 {
-    const ConfigFolders folders;
     LogWriter writer(0);
     syslogSetLogLevel(kLogInfo);
     std::istringstream secrets(
@@ -272,9 +250,8 @@ TEST(Config, LogsChangesAndNotifiesTheTasksThatAsked)
     EXPECT_EQ(writer.Drained(), "\nConfig item                         value\nhere[2]                             v\n");
 }
 
-TEST(Config, TriesTheFileOfAValueAgainAndTellsOnce)
+TEST_F(Config, TriesTheFileOfAValueAgainAndTellsOnce)
 {
-    const ConfigFolders folders;
     LogWriter writer(0);
     syslogSetLogLevel(kLogInfo);
     t_attach("here", 10);
@@ -351,9 +328,8 @@ const NullT kNulls[] = {
     {"pFunc", [] { ConfigDeleteCallback("a", 0, nullptr, nullptr); }},
 };
 
-TEST(Config, StopsOnNullArguments)
+TEST_F(Config, StopsOnNullArguments)
 {
-    const ConfigFolders folders;
     for (const NullT &row : kNulls)
         EXPECT_DEATH(row.call(), "failed: "s + row.text + ", file .*Common/framework/");
 }

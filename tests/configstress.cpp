@@ -1,6 +1,6 @@
 // The database in new processes, which are killed.
 #include "Common/framework/config.h"
-#include "tests/folders.h"
+#include "bench/standin/folders.h"
 #include "tests/tasks.h"
 
 #include <barrier>

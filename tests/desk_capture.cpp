@@ -13,11 +13,12 @@ namespace
 using namespace bench;
 using std::string;
 
+constexpr WallTime kStart(1700000000000000);
 const std::vector<Event> kEvents = {
-    {WallTime(1700000000000001), WallTime(1700000000000001), kCameraPort, Way::kNone, {}, "open refused EBUSY"},
-    {WallTime(1700000000000002), WallTime(1700000000000250), kCameraPort, Way::kToDevice, {0x82, 0x06, 0x77}, ""},
-    {WallTime(1700000000000251), WallTime(1700000000000251), kCameraPort, Way::kToHost, {0x31}, ""},
-    {WallTime(1700000000000300), WallTime(1700000000000300), kNoPort, Way::kNone, {}, "exit 0"},
+    {.begin = kStart, .end = kStart, .port = kCameraPort, .note = "open refused EBUSY"},
+    {kStart + WallTime(2), kStart + WallTime(250), kCameraPort, Way::kToDevice, {0x82, 0x06, 0x77}},
+    {kStart + WallTime(251), kStart + WallTime(251), kCameraPort, Way::kToHost, {0x31}},
+    {.begin = kStart + WallTime(300), .end = kStart + WallTime(300), .note = "exit 0"},
 };
 const RunInfo kRun = {"haldenflash camera", "haldenflash, 9 bytes", {"farsight.bin missing"}, "test 1"};
 
@@ -56,9 +57,15 @@ constexpr ToolCase kTools[] = {
      "editcap a.pcapng 1.pcapng 1 2 && editcap a.pcapng 2.pcapng 3 4 && mergecap -w b.pcapng 1.pcapng 2.pcapng"},
     {"MergecapWithInterfacesApart", "editcap a.pcapng 1.pcapng 1 2 && editcap a.pcapng 2.pcapng 3 4 && "
                                     "mergecap -I none -w b.pcapng 1.pcapng 2.pcapng"},
+    {"DumpcapFromAPipe", "cat a.pcapng | dumpcap -q -i - -w b.pcapng"},
     {"Tshark", "tshark -r a.pcapng -w b.pcapng"},
     {"Sections", "editcap a.pcapng 1.pcapng 1 2 && editcap a.pcapng 2.pcapng 3 4 && cat 1.pcapng 2.pcapng >b.pcapng"},
 };
+
+void PrintTo(const ToolCase &test, std::ostream *stream)
+{
+    *stream << test.name;
+}
 
 class DeskTool : public Desk, public testing::WithParamInterface<ToolCase>
 {

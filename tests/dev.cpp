@@ -1,31 +1,16 @@
 // The device layer on a driver that counts its calls.
-#include "Common/OS/dev.h"
-
-#include "Common/OS/linux/psosapi/ptimer.h"
+#include "bench/standin/countingdriver.h"
 #include "tests/tasks.h"
-
-#include <unistd.h>
 
 namespace
 {
 
-int opens, closes, writes, ioctls;
-std::atomic<int> reads, completions;
-UInt32 openResult, closeResult;
-
-struct Driver {
-    static UInt32 Open(DEVCB * /*pDev*/) { return opens++, openResult; }
-    static UInt32 Close(DEVCB * /*pDev*/) { return closes++, closeResult; }
-    static void Read(DEVCB *pDev, IORB *p) { reads++, p->actLen = read(pDev->fd, p->pBuffer, p->reqLen) == 1; }
-    static void Write(DEVCB * /*pDev*/, IORB * /*pIORB*/) { writes++; }
-    static void Ioctl(DEVCB * /*pDev*/, IORB * /*pIORB*/) { ioctls++; }
-    static void Completed(IORB * /*pIORB*/) { completions++; }
-};
+using namespace countingdriver;
 
 DEVCB *AddDevice(UInt32 instance)
 {
     auto *pDev = static_cast<struct DeviceControlBlock *>(low_calloc(sizeof(DEVCB)));
-    dev_init(pDev, "Ser", instance, Driver::Open, Driver::Close, Driver::Read, Driver::Write, Driver::Ioctl);
+    dev_init(pDev, "Ser", instance, Open, Close, Read, Write, Ioctl);
     dev_add(pDev);
     return pDev;
 }
@@ -115,7 +100,7 @@ TEST(Requests, WithACompletionAreQueuedButForWritesAndTheFirstControl)
 {
     DEVCB *pDev = AddDevice(1);
     const UInt32 devid = OpenDevice(1);
-    const IORB request = Request(Driver::Completed);
+    const IORB request = Request(Completed);
     IORB read = request, write = request, first = request, second = request;
     dev_read(devid, &read);
     dev_write(devid, &write);
@@ -173,7 +158,7 @@ TEST(CompletionTask, ServesQueuedReadsWhenDataArrives)
     AddDevice(2); // which is not served
     const UInt32 devid = OpenDevice(1);
     pDev->fd = ends[0];
-    struct DeviceIORequestBlock first = Request(Driver::Completed), second = Request(Driver::Completed);
+    struct DeviceIORequestBlock first = Request(Completed), second = Request(Completed);
     dev_read(devid, &first);
     add_dev_to_comp_task(pDev);
     add_dev_to_comp_task(pDev); // no second task

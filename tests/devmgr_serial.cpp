@@ -2,13 +2,10 @@
 #include "devlib/devmgr_serial.h"
 
 #include "Common/OS/linux/oslinux.h"
-#include "Common/OS/linux/psosapi/ptimer.h"
 #include "bench/standin/ptyboard.h"
 #include "tests/tasks.h"
 
-#include <cstring>
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <map>
 #include <unistd.h>
 #include <utility>

@@ -1,13 +1,12 @@
 #include "Common/framework/list.h"
 
 #include "Common/OS/linux/oslinux.h"
+#include "bench/standin/screen.h"
 
 #include <gtest/gtest.h>
 #include <optional>
 #include <string>
 #include <vector>
-
-extern pthread_mutex_t intsoffmutex;
 
 namespace
 {
@@ -130,15 +129,6 @@ TEST_P(Lists, InsertAtAnyPlace)
     EXPECT_EQ(Names(), "cba");
 }
 
-// In place of standard output: passes text on to standard error, unless the interrupt lock is held.
-ssize_t Show(void * /*cookie*/, const char *text, std::size_t size)
-{
-    if (pthread_mutex_trylock(&intsoffmutex) != 0)
-        return static_cast<ssize_t>(size);
-    pthread_mutex_unlock(&intsoffmutex);
-    return write(STDERR_FILENO, text, size);
-}
-
 TEST_P(Lists, StopOnMisuse)
 {
     hold.reset();
@@ -149,10 +139,11 @@ TEST_P(Lists, StopOnMisuse)
     const auto word = [](const void *p) { return static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(p)); };
     std::snprintf(line, sizeof(line), "InsertAfter: element 0x%x already on another list! .next 0x%x prev 0x0.",
                   word(&a.link), word(&b.link));
-    const auto print = [](auto misuse) {
-        stdout = fopencookie(nullptr, "w", {nullptr, Show, nullptr, nullptr});
-        std::setvbuf(stdout, nullptr, _IONBF, 0);
-        misuse();
+    const auto print = [](const std::function<void()> &misuse) {
+        bench::PrintedWhile(misuse, [](const std::string &text) {
+            const InterruptsOffHold isFree;
+            std::fputs(text.c_str(), stderr);
+        });
     };
     const std::string after = "LIST: " + std::string(line) + "\nAssertion failed: 0,";
     const std::string before = "LIST: InsertBefore: element already on another list!\nAssertion failed: 0,";

@@ -1,8 +1,5 @@
-#include "tests/folders.h"
+#include "bench/standin/folders.h"
 #include "tests/logwriter.h"
-
-#include <atomic>
-#include <thread>
 
 namespace
 {

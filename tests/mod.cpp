@@ -1,9 +1,9 @@
 #include "Common/framework/mod.h"
 
+#include "bench/standin/screen.h"
 #include "tests/logwriter.h"
 
 #include <sys/mman.h>
-#include <utility>
 
 // What the module shares with the whole process.
 extern std::atomic<ModT *> gMods[4000];
@@ -19,6 +19,8 @@ extern const char *ModExceptionString[1];
 namespace
 {
 
+using bench::PrintedWhile;
+
 struct Mod : testing::Test { // where tasks end, and the test's own must still find itself
     void SetUp() override { gLibPThreadNPTL = 1, t_attach("main", 10), ModInit(&mod, "cfg", 3, nullptr); }
     void TearDown() override { EXPECT_EQ((ModExit(&mod), mod.flags & kModFlagListed), 0u); }
@@ -26,28 +28,6 @@ struct Mod : testing::Test { // where tasks end, and the test's own must still f
 };
 
 const CallbackFuncPtrT count = [](ModT *, UInt32, void *user, void *) { ++*static_cast<std::atomic<int> *>(user); };
-
-using MeanwhileT = std::function<void(const std::string &)>;
-
-// What is printed. Each time something is, another thread sees it first, and its work is waited for: nothing that it
-// needs may be locked.
-std::string PrintedWhile(const std::function<void()> &print, const MeanwhileT &meanwhile)
-{
-    std::pair<const MeanwhileT &, std::string> cookie(meanwhile, "");
-    const auto take = [](void *pCookie, const char *text, std::size_t size) {
-        auto &[work, all] = *static_cast<decltype(cookie) *>(pCookie);
-        all.append(text, size);
-        std::thread(work, std::string(text, size)).join();
-        return static_cast<ssize_t>(size);
-    };
-    std::FILE *file = fopencookie(&cookie, "w", {nullptr, take, nullptr, nullptr});
-    std::setvbuf(file, nullptr, _IONBF, 0);
-    std::FILE *const before = std::exchange(stdout, file);
-    print();
-    stdout = before;
-    std::fclose(file);
-    return cookie.second;
-}
 
 bool Matches(const std::string &text, const std::string &pattern)
 {
@@ -174,7 +154,7 @@ TEST_F(Mod, NullArgumentsStop)
     EXPECT_DEATH(ModGetDeferredFunctionStats(0, nullptr), "failed: pStats,");
 }
 
-TEST_F(Mod, LogLinesAreWhatIsWritten)
+TEST_F(Mod, LogLinesAreWhatIsWrittenAndNameTheOwnerOnRequest)
 {
     LogWriter writer(kLogFormatLevel);
     const struct {
@@ -209,11 +189,6 @@ TEST_F(Mod, LogLinesAreWhatIsWritten)
         expected = "INFO  pc[0]: cfg[3]: ";
         EXPECT_EQ(writer.Drained(), expected.append(text).append(number).append("cfg[3]: 2\n")) << size;
     }
-}
-
-TEST_F(Mod, LogLinesNameTheOwnerOnRequest)
-{
-    LogWriter writer(kLogFormatLevel);
     ModInit(&owner, "%s", 0, nullptr);
     EXPECT_EQ(mod.SetOwner(&mod, &owner), kNoError);
     ModLog(&mod, kLogError, "x\n");
@@ -252,7 +227,7 @@ void NoteLast(void *pArgs, Int32 argLen)
     ran += static_cast<char *>(pArgs)[argLen - 1];
 }
 
-TEST_F(Mod, DeferredFunctionsMayBeRefused)
+TEST_F(Mod, DeferredFunctionsMayBeRefusedAndRunInTheirOrder)
 {
     LogWriter writer(kLogFormatLevel);
     EXPECT_EQ(ModDeferFunctionCall(0, NoteLast, nullptr, kModMaxArgs + 1), kBadParameter);
@@ -264,11 +239,6 @@ TEST_F(Mod, DeferredFunctionsMayBeRefused)
     EXPECT_EQ(ModSearchDeferredFunction(64, NoteLast), kItemNotFound);
     EXPECT_EQ(ModGetDeferredFunctionStats(64, &stats), kItemNotFound);
     EXPECT_EQ(ModGetDeferredFunctionStats(0, &stats), kItemNotFound);
-}
-
-TEST_F(Mod, DeferredFunctionsRunInTheirOrder)
-{
-    LogWriter writer(kLogFormatLevel);
     std::string expected = "#";
     EXPECT_EQ(ModDeferFunctionCall(0, NoteLast, std::string(kModMaxArgs, '#').data(), kModMaxArgs), kNoError);
     for (char c = 0; ModDeferFunctionCall(0, NoteLast, &c, 1) == kNoError; c++)
@@ -282,7 +252,6 @@ TEST_F(Mod, DeferredFunctionsRunInTheirOrder)
     usleep(2000), ModProcessDeferredFunctions(); // all have waited
     EXPECT_EQ(ran, expected);
     ModDeferFunctionCall(t_name(0), NoteLast, "x", 1), ModProcessDeferredFunctions(); // this one has not
-    DeferredFuncStatsT stats{};
     EXPECT_EQ(ModGetDeferredFunctionStats(t_name(0), &stats), kNoError);
     EXPECT_EQ(stats.runCount, 385u);
     EXPECT_GE(stats.maxTime, 2u);

@@ -4,26 +4,23 @@
 
 #include "Common/OS/dev.h"
 #include "Common/OS/linux/oslinux.h"
-#include "Common/OS/linux/psosapi/ptimer.h"
 #include "Common/OS/linux/psosapi/semaphore.h"
 #include "Common/OS/logmsg.h"
 #include "Common/OS/syslog.h"
 #include "Common/framework/config.h"
 #include "Common/framework/list.h"
 #include "Common/framework/remmsg.h"
+#include "bench/standin/folders.h"
+#include "bench/standin/processor.h"
 #include "bench/standin/ptyboard.h"
 #include "devlib/serialapi.h"
-#include "tests/folders.h"
 #include "tests/tasks.h"
 
 #include <array>
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
-
-extern "C" UInt32 __wrap__Z15GetProcessorNumv(); // NOLINT(bugprone-reserved-identifier): the linker's name for it
 
 extern std::atomic<Int32> gsConfigWriteOutstanding;
 extern std::atomic<UInt32> gstLastConfigWrite;
@@ -31,7 +28,6 @@ extern std::atomic<UInt32> gstLastConfigWrite;
 namespace
 {
 
-std::atomic<UInt32> processor;
 bool synced;         // the file systems
 UInt32 ids[2];       // of the tasks that play the parts
 std::string printed; // on standard output, during the run
@@ -211,15 +207,12 @@ template <unsigned index> void StartWith()
 const PairT kTasks[] = {
     {"TwoCreateAndDelete", MakeAndDelete, MakeAndDelete, Nothing},
     {"CreateAndFind", MakeAndDelete, [] { t_ident("chld", 0, &results[1]); }, Nothing},
-    {"DeleteAndName", DeleteChild, [] { t_copy_name(child, ignored); }},
-    {"DeleteAndLookUp", DeleteChild, [] { t_name_from_pid(-2, ignored); }},
-    {"DeleteAndDump", DeleteChild, osTaskDump},
-    {"DeleteAndUsage", DeleteChild, osTaskUsage},
-    {"DeleteAndSelf", DeleteChild, [] { FindTcbThread(pthread_self()); }},
-    {"DeleteAndListedEvent", DeleteChild, [] { ev_send_listed(child, 1); }},
+    {"DeleteAndName", DeleteChild, [] { t_copy_name(child, ignored), t_name_from_pid(-2, ignored); }},
+    {"DeleteAndReport", DeleteChild, [] { osTaskDump(), osTaskUsage(); }},
+    {"DeleteAndSelf", DeleteChild, [] { FindTcbThread(pthread_self()), ev_send_listed(child, 1); }},
     {"TwoDeleteUnstarted", DeleteChild, DeleteChild},
-    {"PriorityAndDump", SetPriority, osTaskDump, Nothing},
-    {"PriorityAndLookUp", SetPriority, [] { t_name_and_pri_from_pid(getpid(), ignored, &results[1]); }, Nothing},
+    {"PriorityAndLookUp", SetPriority, [] { osTaskDump(), t_name_and_pri_from_pid(getpid(), ignored, &results[1]); },
+     Nothing},
     {"TwoDelete", DeleteAndLook<0>, DeleteAndLook<1>, [] { child = StartTask("chld", [] { tm_wkafter(10000); }); },
      [] {
          EXPECT_EQ(results[0], kTaskNotFound);
@@ -256,14 +249,6 @@ void WaitFor(UInt32 ticks)
     ev_receive(1, kEvAny, ticks, &events);
 }
 constexpr auto PrepareTicks = [] { Once([] { StartSystemTimer(), schedule::TakeTicks(); }); };
-void TimersAreFree()
-{
-    UInt32 pool[kMaxTimers];
-    for (UInt32 &tmid : pool) // one that is not there stops the program
-        tm_callback_after(
-            100000, &tmid, [](void *) { return 0; }, nullptr);
-    std::for_each(pool, std::end(pool), tm_cancel);
-}
 void NothingIsLeftOfTheVictim()
 {
     EXPECT_TRUE(Eventually([] { return NumTasks() == 3; })) << NumTasks();
@@ -707,8 +692,7 @@ const PairT kConfig[] = {
     {"DropAndWatch", Drop, Watch, CacheItem,
      [] { EXPECT_EQ(ConfigDeleteCallback("item", 0, Heard, nullptr), kNoError); }},
     {"DropAndUnwatch", Drop, Unwatch, CacheItem},
-    {"DropAndLookUp", Drop, [] { LookupItemInCache("item", 0); }, CacheItem},
-    {"DropAndDump", Drop, ConfigDumpAll, CacheItem},
+    {"DropAndLookUp", Drop, [] { LookupItemInCache("item", 0), ConfigDumpAll(); }, CacheItem},
     {"WriteAndReadAnother", // of the same bucket
      Write, [] { ConfigRead("iota", 0, ignored); }, [] { PutItem(), Put("iota"); }, ItemIsNew},
     {"WriteAndDump", Write, [] { ConfigDumpByName("item"); }, CacheItem, ItemIsNew},
@@ -745,7 +729,6 @@ template <decltype(RemMsgPathT::SendCmd) send> void BeRemote()
     gRemMsgPaths[kMasterProcessor] = &master;
     master.SendCmd = send;
     answerTo = nullptr;
-    shared = schedule::Ticks();
 }
 void Answer()
 {
@@ -764,12 +747,6 @@ template <unsigned index> void ReadRemotely()
 const PairT kRemote[] = {
     {"ReadAndAnswer", ReadRemotely<0>, Answer, nullptr,
      [] { EXPECT_TRUE(answers[0].empty() || answers[0] == "answer") << answers[0]; }},
-    {"WaitForAnswer", ReadRemotely<0>, Nothing, nullptr,
-     [] {
-         EXPECT_GE(schedule::Ticks() - shared, 300u);
-         EXPECT_LT(schedule::Ticks() - shared, 600u); // ticks go on while the task wakes on a busy machine
-     },
-     kTwoTasks, 16},
     {"TwoRead", ReadRemotely<0>, ReadRemotely<1>, BeRemote<AnswerAtOnce>,
      [] {
          EXPECT_EQ(answers[0], "answer");
@@ -829,9 +806,10 @@ void ProcessTwo()
     for (ModProcessDeferredFunctions(); results[1] < 2; ModProcessDeferredFunctions())
         ev_receive(kModDeferredEvent, kEvAny, 0, &events);
 }
-void Search()
+void LookAtDeferred()
 {
     DeferredFuncStatsT stats;
+    ModDumpDeferredFunctions();
     ModSearchDeferredFunction(ids[0], DoNothing);
     ModGetDeferredFunctionStats(ids[0], &stats);
 }
@@ -880,8 +858,7 @@ const PairT kMods[] = {
     {"DumpAndAdd", [] { ModDump(&mods[0], 0); }, AddMany},
     {"DeferAndProcess", DeferTwo, ProcessTwo, [] { results[1] = 0; }, Nothing},
     {"TwoDefer", DeferToSelf, DeferToSelf, InitModOnce, Nothing},
-    {"DeferAndDump", DeferToSelf, ModDumpDeferredFunctions, InitModOnce, Nothing},
-    {"DeferAndSearch", DeferToSelf, Search, InitModOnce, Nothing},
+    {"DeferAndLook", DeferToSelf, LookAtDeferred, InitModOnce, Nothing},
     {"FilterAndTrace", [] { ModTraceFilterAdd("other"), ModTraceFilterDelete("other"); },
      [] { ModTraceFilterAdd("another"), ModTrace(&mods[0], "line\n"), ModTraceFilterDelete("another"); }, InitModOnce,
      [] { EXPECT_EQ(ModTraceFilterDelete("other"), kBadParameter); }},
@@ -1092,12 +1069,14 @@ void FillRingForGood()
         }),
     Deleted("CommandAndDelete", Command, TellNobody),
     Deleted(
-        "OutputAndDelete", [] { read_command("echo", ignored, sizeof ignored); }, Nothing, NoVictimIsLeft),
-    Deleted(
-        "FindAndDelete", [] { find_pid(""); }, Nothing, NoVictimIsLeft),
-    Deleted("UsageAndDelete", osTaskUsage, Nothing, NoVictimIsLeft),
-    Deleted(
-        "ReadAndDelete", [] { ConfigStoreRead("item", 0, ignored, 8); }, PutItem, NoVictimIsLeft),
+        "ReadsAndDelete",
+        [] {
+            read_command("echo", ignored, sizeof ignored);
+            find_pid("");
+            osTaskUsage();
+            ConfigStoreRead("item", 0, ignored, 8);
+        },
+        PutItem, NoVictimIsLeft),
     Deleted(
         "WriteAndDelete", [] { ConfigWrite("item", 0, shared++ % 2 == 0 ? "even" : "odd"); }, Nothing, ItemIsWhole),
     Deleted(
@@ -1137,11 +1116,6 @@ INSTANTIATE_TEST_SUITE_P(Cancels, Orders, testing::ValuesIn(Group(kCancels, Noth
 #endif
 
 } // namespace
-
-UInt32 __wrap__Z15GetProcessorNumv()
-{
-    return processor;
-}
 
 void sync() noexcept
 {

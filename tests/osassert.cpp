@@ -1,103 +1,76 @@
 #include "Common/OS/osassert.h"
 
-#include "tests/fullpipe.h"
+#include "bench/standin/fullpipe.h"
 
 #include <chrono>
-#include <functional>
+#include <csignal>
+#include <gtest/gtest.h>
 #include <string>
-#include <sys/wait.h>
 #include <thread>
 
 namespace
 {
 
-// What a process says on both outputs, after it has prepared itself and met an assertion. It has to end by an abort, in
-// less than 20 s.
-std::string Fail(const std::function<void()> &prepare)
+// Both outputs go where the test looks. The program has 20 s to end.
+[[noreturn]] void Fail(void (*prepare)())
+{
+    dup2(STDERR_FILENO, STDOUT_FILENO);
+    alarm(20);
+    prepare();
+    os_assert_failed("a == b", "file.cpp", 7, "Name");
+}
+
+// Prints in two parts, without letting anybody else print between them.
+void PrintSlowly()
+{
+    flockfile(stdout);
+    std::printf("before ");
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    funlockfile(stdout);
+    pause();
+}
+
+// Standard output leads to a pipe whose reader has gone.
+void LoseReader()
 {
     int ends[2];
     EXPECT_EQ(pipe(ends), 0);
-    const pid_t child = fork();
-    if (child == 0) {
-        dup2(ends[1], STDOUT_FILENO);
-        dup2(ends[1], STDERR_FILENO);
-        close(ends[0]);
-        alarm(20);
-        prepare();
-        os_assert_failed("a == b", "file.cpp", 7, "Name");
-    }
-    close(ends[1]);
-    std::string said;
-    char bytes[4096];
-    for (ssize_t count = 0; (count = read(ends[0], bytes, sizeof bytes)) > 0;)
-        said.append(bytes, static_cast<std::size_t>(count));
+    dup2(ends[1], STDOUT_FILENO);
     close(ends[0]);
-    int status = 0;
-    waitpid(child, &status, 0);
-    EXPECT_TRUE(WIFSIGNALED(status));
-    EXPECT_EQ(WTERMSIG(status), SIGABRT);
-    return said;
 }
 
-const std::string kMessage = "Assertion failed: a == b, file file.cpp, line 7, function Name\n";
-
-TEST(Assertion, FlushesOutputBeforeItsMessage)
+// A descriptor leads to a pipe that nobody reads, to the end of the process.
+void Stall(int fd)
 {
-    EXPECT_EQ(Fail([] { std::printf("before "); }), "before " + kMessage);
+    static const bench::FullPipe full(fd);
 }
 
-TEST(Assertion, WaitsForAThreadThatIsPrinting)
+void StartThread(void (*body)())
 {
-    EXPECT_EQ(Fail([] {
-                  std::thread([] {
-                      flockfile(stdout);
-                      std::printf("before ");
-                      std::this_thread::sleep_for(std::chrono::milliseconds(100));
-                      funlockfile(stdout);
-                      pause();
-                  }).detach();
-                  std::this_thread::sleep_for(std::chrono::milliseconds(50));
-              }),
-              "before " + kMessage);
+    std::thread(body).detach();
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
 }
 
-TEST(Assertion, StopsWhileNobodyReadsTheOutput)
+TEST(Assertion, StopsWhateverTheOutputDoes)
 {
-    EXPECT_EQ(Fail([] {
-                  static const FullPipe full(STDOUT_FILENO);
-                  std::printf("before ");
-              }),
-              kMessage);
-}
-
-TEST(Assertion, StopsWhileAThreadWaitsInTheOutput)
-{
-#ifdef __SANITIZE_THREAD__
-    GTEST_SKIP() << "ThreadSanitizer's abort flushes all streams";
+    const std::string message = "Assertion failed: a == b, file file.cpp, line 7, function Name\n$";
+    const struct {
+        const char *name;
+        void (*prepare)();
+        std::string said;
+    } rows[] = {
+        {"output is flushed first", [] { std::printf("before "); }, "^before " + message},
+        {"a thread that prints is waited for", [] { StartThread(PrintSlowly); }, "^before " + message},
+        {"nobody reads the output", [] { Stall(STDOUT_FILENO), std::printf("before "); }, "^" + message},
+        {"the reader has gone", [] { LoseReader(), std::printf("before "); }, "^" + message},
+        {"nobody reads the message", [] { Stall(STDERR_FILENO); }, "^$"},
+#ifndef __SANITIZE_THREAD__ // its abort flushes all streams
+        {"a thread waits in the output", [] { Stall(STDOUT_FILENO), StartThread([] { std::printf("%05000d", 1); }); },
+         "^" + message},
 #endif
-    EXPECT_EQ(Fail([] {
-                  static const FullPipe full(STDOUT_FILENO);
-                  std::thread([] { std::printf("%05000d", 1); }).detach();
-                  std::this_thread::sleep_for(std::chrono::milliseconds(100));
-              }),
-              kMessage);
-}
-
-TEST(Assertion, StopsWhenTheReaderHasGone)
-{
-    EXPECT_EQ(Fail([] {
-                  int ends[2];
-                  EXPECT_EQ(pipe(ends), 0);
-                  dup2(ends[1], STDOUT_FILENO);
-                  close(ends[0]);
-                  std::printf("before ");
-              }),
-              kMessage);
-}
-
-TEST(Assertion, StopsWhileNobodyReadsTheMessage)
-{
-    EXPECT_EQ(Fail([] { static const FullPipe full(STDERR_FILENO); }), "");
+    };
+    for (const auto &row : rows)
+        EXPECT_EXIT(Fail(row.prepare), testing::KilledBySignal(SIGABRT), row.said) << row.name;
 }
 
 } // namespace

@@ -1,11 +1,9 @@
 #include "Common/OS/linux/oslinux.h"
 
 #include "bench/rig/launcher.h"
-#include "tests/folders.h"
+#include "bench/standin/folders.h"
 #include "tests/tasks.h"
 
-#include <algorithm>
-#include <cstring>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/prctl.h>
@@ -97,15 +95,23 @@ TEST(Commands, DoNotWaitForEachOther)
     close(gate);
 }
 
-TEST(Commands, StopOnANullPointer)
+TEST(CommandsAndStrings, StopOnANullPointer)
 {
-    char out[8] = "";
+    char out[34] = "", *const nowhere = std::strchr(out, 'x');
+    const char *volatile none = nullptr; // tools refuse plain ones
     EXPECT_DEATH(system_pthread(nullptr), "failed: command,");
     EXPECT_DEATH(read_command(nullptr, out, sizeof out), "failed: command,");
     EXPECT_DEATH(read_command("echo", nullptr, 8), "failed: out,");
     EXPECT_DEATH(find_pid(nullptr), "failed: name,");
     EXPECT_DEATH(read_env(nullptr, out, sizeof out), "failed: name,");
     EXPECT_DEATH(read_env("HOME", nullptr, 8), "failed: out,");
+    for (auto *change : {strlwr, strupr, trim_leading, trim_trailing, trim_str})
+        EXPECT_DEATH(change(nullptr), "failed: s,");
+    EXPECT_DEATH(stricmp(nullptr, ""), "failed: left,");
+    EXPECT_DEATH(stricmp("", nullptr), "failed: right,");
+    EXPECT_DEATH(itoa(1, nowhere, 10), "failed: out,");
+    EXPECT_DEATH(sp_printf(nullptr, 8, "%d", 1), "failed: out,");
+    EXPECT_DEATH(sp_printf(out, sizeof out, none, 1), "failed: format,");
 }
 
 TEST(Strings, AreChangedInPlace)
@@ -134,19 +140,6 @@ TEST(Strings, AreChangedInPlace)
     EXPECT_EQ(sp_printf(line, sizeof line, "%d", 123), 5);
     EXPECT_EQ(sp_printf(line, sizeof line, "%s", "cutoff"), 7);
     EXPECT_STREQ(line, "ab123cu");
-}
-
-TEST(Strings, StopOnANullPointer)
-{
-    for (auto *change : {strlwr, strupr, trim_leading, trim_trailing, trim_str})
-        EXPECT_DEATH(change(nullptr), "failed: s,");
-    char out[34] = "", *const nowhere = std::strchr(out, 'x');
-    const char *volatile none = nullptr; // tools refuse plain ones
-    EXPECT_DEATH(stricmp(nullptr, ""), "failed: left,");
-    EXPECT_DEATH(stricmp("", nullptr), "failed: right,");
-    EXPECT_DEATH(itoa(1, nowhere, 10), "failed: out,");
-    EXPECT_DEATH(sp_printf(nullptr, 8, "%d", 1), "failed: out,");
-    EXPECT_DEATH(sp_printf(out, sizeof out, none, 1), "failed: format,");
 }
 
 TEST(InterruptLock, IsThereForAnotherUnit)

@@ -1,14 +1,10 @@
 #include "tests/tasks.h"
 
-#include "Common/OS/linux/psosapi/ptimer.h"
 #include "Common/framework/config.h"
-
-#include "tests/fullpipe.h"
 
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/times.h>
-#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -35,14 +31,12 @@ UInt32 Self()
     return tid;
 }
 
-struct ReceiveRow {
-    UInt32 sent, wanted, flags, result, received;
-};
-
 TEST(Events, AreMatchedAndTakenOneByOne)
 {
     constexpr UInt32 kNothing = 0xAAAA; // a receive that fails stores nothing
-    const ReceiveRow rows[] = {
+    const struct {
+        UInt32 sent, wanted, flags, result, received;
+    } rows[] = {
         {0, 0x3, kEvNoWait | kEvAny, kEvNotPending, kNothing},
         {0x1, 0x3, kEvNoWait, kEvNotPending, kNothing},
         {0, 0, 0, 0, 0x1},            // reports and takes nothing
@@ -51,7 +45,7 @@ TEST(Events, AreMatchedAndTakenOneByOne)
         {0, 0, 0, 0, 0},
     };
     RunTask([&] {
-        for (const ReceiveRow &row : rows) {
+        for (const auto &row : rows) {
             UInt32 events = kNothing;
             ev_send(Self(), row.sent);
             EXPECT_EQ(ev_receive(row.wanted, row.flags, 0, &events), row.result) << &row - rows;
@@ -119,26 +113,21 @@ TEST(Tasks, AreFoundByTheirFourNameBytes)
     EXPECT_EQ(NumTasks(), 0) << "tasks that were never started are freed";
 }
 
-TEST(Tasks, GetTheirArguments)
+TEST(Tasks, GetTheirArgumentsAndEndThemselves)
 {
     static std::vector<UInt32> got;
-    const auto take = [](UInt32 a, UInt32 b, UInt32 c, UInt32 d) { got = {a, b, c, d}; };
-    UInt32 tid = 0, args[4] = {1, 2, 3, 4};
-    t_create("args", 0, 1, 2, 3, &tid);
-    EXPECT_EQ(t_start(tid, 9, take, args), 0u);
-    args[0] = 0; // was copied
-    EXPECT_TRUE(Eventually([] { return NumTasks() == 0; }));
-    EXPECT_EQ(got, (std::vector<UInt32>{1, 2, 3, 4}));
-}
-
-TEST(Tasks, EndThemselves)
-{
-    std::atomic<bool> returned = false;
-    const std::function<void()> ends[] = {[] { pthread_exit(nullptr); }, [] { t_delete(0); }};
-    for (const auto &end : ends) {
-        StartTask("self", [&] { end(), returned = true; });
+    const TaskStartT ends[] = {[](UInt32 a, UInt32 b, UInt32 c, UInt32 d) {
+                                   got = {a, b, c, d}, pthread_exit(nullptr), got = {};
+                               },
+                               [](UInt32 a, UInt32 b, UInt32 c, UInt32 d) {
+                                   got = {a, b, c, d}, t_delete(0), got = {};
+                               }};
+    for (const TaskStartT end : ends) {
+        UInt32 args[4] = {1, 2, 3, 4};
+        EXPECT_EQ(t_start(NewTask("args"), 9, end, args), 0u);
+        args[0] = 0; // was copied
         EXPECT_TRUE(Eventually([] { return NumTasks() == 0; }));
-        EXPECT_FALSE(returned);
+        EXPECT_EQ(got, (std::vector<UInt32>{1, 2, 3, 4}));
     }
 }
 
@@ -295,24 +284,19 @@ TEST(Tasks, ThatAreDetachedAreDeletedAtTheirEnd)
 // A thread on a block that is not a new task's would end up in a list that it is not in.
 TEST(Tasks, AreStartedOnceAndNotAfterTheirEnd)
 {
-    std::atomic<UInt32> runs = 0;
     std::atomic<bool> over = false;
-    const UInt32 tid = NewTask("once");
-    const auto body = [&] {
-        runs++;
+    const UInt32 tid = StartTask("once", [&] {
         while (!over)
             tm_wkafter(1);
-    };
-    StartBody(tid, body);
+    });
     const auto start = [tid] {
         return t_start(
-            tid, 0, [](UInt32, UInt32, UInt32, UInt32) {}, nullptr);
+            tid, 0, [](auto...) { ADD_FAILURE(); }, nullptr);
     };
     EXPECT_EQ(start(), kTaskNotStarted);
     over = true;
     ASSERT_TRUE(Eventually([] { return NumTasks() == 0; }));
     EXPECT_EQ(start(), kTaskNotStarted);
-    EXPECT_EQ(runs, 1u);
 }
 
 INSTANTIATE_TEST_SUITE_P(ThreadLibrary, Deletion, testing::Values(0, 1));
@@ -345,7 +329,7 @@ TEST_F(Report, CountsTheTimeSinceTheLastOne)
     EXPECT_LE(usage(), 2);
 }
 
-TEST_F(Report, FindsTheNameOfAKernelThread)
+TEST_F(Report, FindsTheTaskOfAKernelThreadAndWhatWasSet)
 {
     char name[5] = "";
     UInt32 priority = 0;
@@ -354,10 +338,6 @@ TEST_F(Report, FindsTheNameOfAKernelThread)
     EXPECT_STREQ(name, "dump");
     EXPECT_EQ(t_name_and_pri_from_pid(getpid(), name, &priority), 0u);
     EXPECT_EQ(priority, 42u);
-}
-
-TEST_F(Report, OfPriorityAndContextIsWhatWasSet)
-{
     UInt32 previous = 0, refcon = 0;
     EXPECT_EQ(t_setpri(tid, 99, &previous), 0u);
     EXPECT_EQ(t_setpri(tid, 99, nullptr), 0u);
@@ -404,18 +384,7 @@ TEST(Tasks, AreStartedWhileAReportStalls)
 {
     for (int i = 0; i < 300; i++) // more than a buffer holds
         t_create("many", 1, 0, 0, 0, nullptr);
-    const FullPipe output(STDOUT_FILENO);
-    std::atomic<bool> reported = false;
-    std::thread reporter([&] { osTaskUsage(), reported = true; });
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    std::atomic<bool> created = false;
-    std::thread creator([&] { created = t_create("new ", 1, 0, 0, 0, nullptr) == 0; });
-    EXPECT_TRUE(Eventually([&] { return created.load(); }));
-    EXPECT_FALSE(reported);
-    EXPECT_TRUE(Eventually([&] { return output.Drain(), reported.load(); }));
-    reporter.join();
-    creator.join();
-    std::fflush(stdout);
+    PrintWhileOthersWork(STDOUT_FILENO, osTaskUsage, [] { NewTask("new "); });
 }
 
 TEST(Tasks, WithoutMemoryNothingChanges)
@@ -446,12 +415,7 @@ TEST(TasksDeathTest, RefuseNullArguments)
     EXPECT_DEATH(t_getRefCon(tid, nullptr), "failed: refcon_out,");
     EXPECT_DEATH(t_name_from_pid(getpid(), nullptr), "failed: name_out,");
     EXPECT_DEATH(ev_receive_timeout(nullptr), "failed: pTask,");
-    EXPECT_DEATH(
-        {
-            t_attach("null", 1);
-            ev_receive(0, 0, 0, nullptr);
-        },
-        "failed: events_out,");
+    EXPECT_DEATH((t_attach("null", 1), ev_receive(0, 0, 0, nullptr)), "failed: events_out,");
 }
 
 TEST(TasksDeathTest, RefuseImpossiblePriorities)

@@ -1,10 +1,9 @@
 #include "Common/OS/linux/psosapi/ptimer.h"
 
+#include "bench/standin/mpc8349.h"
 #include "tests/tasks.h"
 
 #include <ctime>
-#include <map>
-#include <sys/mman.h>
 
 extern UInt32 timerid;
 extern Int32 timesrun;
@@ -14,47 +13,11 @@ extern volatile rtclk8349 *rtcp;
 namespace
 {
 
-std::map<std::string, std::string> fakeFiles; // what the kernel says of the machine
-rtclk8349 fakeClock[256];                     // a page of the machine's registers
-int mapped;                                   // times that it was asked for
-constexpr int kFakeMemory = 1000;             // descriptor of the machine's memory
 #ifdef __powerpc__
 constexpr bool kPowerPc = true;
 #else
 constexpr bool kPowerPc = false;
 #endif
-
-} // namespace
-
-// The linker puts these in front of the C library's calls.
-// NOLINTBEGIN(bugprone-reserved-identifier)
-extern "C" FILE *__real_fopen(const char *path, const char *mode);
-extern "C" FILE *__wrap_fopen(const char *path, const char *mode)
-{
-    if (fakeFiles.empty())
-        return __real_fopen(path, mode);
-    std::string &text = fakeFiles[path];
-    return text.empty() ? nullptr : fmemopen(text.data(), text.size(), mode);
-}
-extern "C" int __real_open(const char *path, int flags, ...);
-extern "C" int __wrap_open(const char *path, int flags, ...)
-{
-    return std::strcmp(path, "/dev/mem") == 0 ? kFakeMemory : __real_open(path, flags);
-}
-extern "C" void *__real_mmap(void *where, std::size_t size, int access, int flags, int fd, off_t offset);
-extern "C" void *__wrap_mmap(void *where, std::size_t size, int access, int flags, int fd, off_t offset)
-{
-    if (fd != kFakeMemory)
-        return __real_mmap(where, size, access, flags, fd, offset);
-    EXPECT_EQ(offset, static_cast<off_t>(0xE0000000));
-    mapped++;
-    return fakeClock;
-}
-// NOLINTEND(bugprone-reserved-identifier)
-
-namespace
-{
-
 std::atomic<int> calls[2];
 int zeroth = 0;
 
@@ -172,13 +135,14 @@ using Machine = testing::TestWithParam<MachineCase>;
 TEST_P(Machine, HasAClockOrNot)
 {
     const bool hasClock = kPowerPc && GetParam().isMpc8349;
-    rtclk8349 &clock = fakeClock[0x300 / sizeof(rtclk8349)];
+    rtclk8349 &clock = mpc8349::registers[0x300 / sizeof(rtclk8349)];
     clock.ctr = 4711;
     clock.ldr = 7;
-    fakeFiles = {{GetParam().path, GetParam().text}};
+    mpc8349::files = {{GetParam().path, GetParam().text}};
     const UInt32 now = RealTimeMilliSeconds();
-    fakeFiles.clear();
-    EXPECT_EQ(mapped, hasClock ? 1 : 0);
+    mpc8349::files.clear();
+    EXPECT_EQ(mpc8349::mapped, hasClock ? 1 : 0);
+    EXPECT_EQ(mpc8349::mappedAt, static_cast<off_t>(hasClock ? 0xE0000000 : 0));
     EXPECT_EQ(clock.psr, hasClock ? 266666u : 0u);
     EXPECT_EQ(clock.ldr, hasClock ? 0u : 7u);
     EXPECT_EQ(clock.cnr, hasClock ? 128u : 0u);

@@ -162,6 +162,14 @@ TEST_F(Replaying, NamesWhatIsMissingOrTooMuch)
     }
 }
 
+TEST_F(Replaying, ACommandLineIsTheSameBehindItsQuotes)
+{
+    const Texts words = {"a b", "", "it's", "\"x\"", "back\\slash", "plain-1.0"};
+    EXPECT_EQ(Quoted(words), R"('a b' '' 'it'\''s' '"x"' 'back\slash' plain-1.0)");
+    EXPECT_EQ(Unquoted(Quoted(words)), words);
+    EXPECT_EQ(Unquoted(R"( a\ b "c \"d" )"), (Texts{"a b", "c \"d"}));
+}
+
 TEST_F(Replaying, RefusesCallsThatNoRunCanRepeat)
 {
     Capture capture = ReadCapture(kGoodRun);
@@ -177,7 +185,7 @@ TEST_F(Replaying, AKilledBenchLeavesAReadableCapture)
 {
     WriteSamples(folder_, {});
     const RunResult result = Command({"--dir", folder_, "--capture", "-", "--", HALDENFLASH_BINARY, "micro"},
-                                     {{std::chrono::milliseconds(1500), SIGKILL}});
+                                     {{std::chrono::milliseconds(2500), SIGKILL}});
     std::istringstream stream(result.output);
     const Capture capture = ReadCapture(stream);
     EXPECT_TRUE(Has(capture.info.command, "haldenflash micro"));

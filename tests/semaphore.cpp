@@ -1,12 +1,10 @@
 #include "Common/OS/linux/psosapi/semaphore.h"
 
 #include "Common/OS/linux/oslinux.h"
-#include "Common/OS/linux/psosapi/ptimer.h"
 
 #include "tests/tasks.h"
 
 #include <cerrno>
-#include <cstring>
 
 // The misuse of mutexes is what is tested here.
 extern "C" const char *__tsan_default_options() // NOLINT(bugprone-reserved-identifier)
@@ -59,37 +57,32 @@ TEST(Semaphores, WaitWithoutLimitWhateverTheyAreTold)
     EXPECT_TRUE(taken);
 }
 
-TEST(Semaphores, AnswerNotFoundForAnythingElse)
+void ExpectNotFound(UInt32 smid)
 {
-    UInt32 smid = 0;
+    for (const UInt32 result : {sm_p(smid, 0, 0), sm_p(smid, kSmNoWait, 0), sm_v(smid), sm_delete(smid)})
+        ASSERT_EQ(result, kSmNotFound);
+}
+
+TEST(Semaphores, AreNotFoundByAnIdentifierOfAnythingElse)
+{
+    UInt32 smid = 0, other = 0;
     ASSERT_EQ(sm_create("good", 1, 0, &smid), 0u);
     auto *smcb = low_pointer<SMCB>(smid);
     smcb->signature = FourCharacters("AMES");
-    for (const UInt32 bad : {0u, smid})
-        for (const UInt32 result : {sm_p(bad, 0, 0), sm_p(bad, kSmNoWait, 0), sm_v(bad), sm_delete(bad)})
-            EXPECT_EQ(result, kSmNotFound);
+    ExpectNotFound(0);
+    ExpectNotFound(smid);
     EXPECT_EQ(SemaphoreHold(smid).result(), kSmNotFound);
     smcb->signature = FourCharacters("SEMA");
-    EXPECT_EQ(sm_p(smid, kSmNoWait, 0), 0u) << "it was neither taken nor deleted";
-}
-
-TEST(Semaphores, LeaveTheirIdentifierToNobodyForLong)
-{
-    UInt32 stale = 0;
-    ASSERT_EQ(sm_create("gone", 1, 0, &stale), 0u);
-    ASSERT_EQ(sm_delete(stale), 0u);
-    for (int i = 0; i < 1024; i++) {
-        UInt32 stranger = 0;
-        ASSERT_EQ(sm_create("strg", 1, 0, &stranger), 0u);
-        for (const UInt32 result : {sm_p(stale, 0, 0), sm_p(stale, kSmNoWait, 0), sm_v(stale), sm_delete(stale)})
-            ASSERT_EQ(result, kSmNotFound);
-        ASSERT_EQ(sm_delete(stranger), 0u);
+    EXPECT_EQ(sm_delete(smid), 0u) << "it was neither taken nor deleted";
+    for (int i = 0; i < 1024; i++) { // for so long nobody gets the identifier
+        ASSERT_EQ(sm_create("strg", 1, 0, &other), 0u);
+        ExpectNotFound(smid);
+        ASSERT_EQ(sm_delete(other), 0u);
     }
-    UInt32 next = 0;
-    ASSERT_EQ(sm_create("n", 1, 0, &next), 0u);
-    EXPECT_EQ(next, stale);
-    EXPECT_EQ(std::memcmp(low_pointer<char>(next), "SEMAn\0\0", 8), 0);
-    EXPECT_EQ(sm_p(next, kSmNoWait, 0), 0u);
+    ASSERT_EQ(sm_create("n", 1, 0, &other), 0u);
+    EXPECT_EQ(other, smid);
+    EXPECT_EQ(std::memcmp(low_pointer<char>(other), "SEMAn\0\0", 8), 0);
+    EXPECT_EQ(sm_p(other, kSmNoWait, 0), 0u);
 }
 
 TEST(SemaphoresDeathTest, StopOnMisuse)
@@ -119,12 +112,8 @@ TEST(InterruptLockDeathTest, StopsOnMisuse)
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(interruptsRestore(0), "Assertion failed: 0, .*function interruptsRestore");
     EXPECT_DEATH(interruptsRestore(interruptsOff() + 1), "failed: intsoffcount == oldie,");
-    EXPECT_DEATH(
-        {
-            const UInt32 depth = interruptsOff();
-            InAThread([&] { interruptsRestore(depth); });
-        },
-        "failed: intsoffthread == pthread_self\\(\\),");
+    EXPECT_DEATH(InAThread([depth = interruptsOff()] { interruptsRestore(depth); }),
+                 "failed: intsoffthread == pthread_self\\(\\),");
 }
 
 } // namespace

@@ -2,15 +2,12 @@
 #include "devlib/serialapi.h"
 
 #include "Common/OS/linux/oslinux.h"
-#include "Common/OS/linux/psosapi/ptimer.h"
 #include "Common/OS/linux/psosapi/semaphore.h"
 #include "bench/standin/ptyboard.h"
 #include "devlib/haldenflash/updateport.h"
 #include "tests/tasks.h"
 
-#include <cstring>
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 namespace

@@ -1,14 +1,9 @@
-#include "Common/OS/syslog.h"
 
 #include "Common/OS/linux/oslinux.h"
-#include "Common/OS/linux/psosapi/ptimer.h"
 
-#include "tests/folders.h"
-#include "tests/fullpipe.h"
+#include "bench/standin/folders.h"
 #include "tests/logwriter.h"
 
-#include <algorithm>
-#include <chrono>
 #include <cstdarg>
 #include <ctime>
 #include <sstream>
@@ -145,7 +140,7 @@ TEST(LogRing, OverflowHoldsNobodyElseUp)
     AwaitStuckWriter(); // from now on it makes no room
     for (int i = 1; i < 50; i++)
         syslogAdd(Line(i, 10000).c_str(), 0);
-    const FullPipe stalled(STDERR_FILENO);
+    const bench::FullPipe stalled(STDERR_FILENO);
     std::atomic<int> logged = 0;
     const UInt32 task = StartTask("dele", [&] {
         for (; logged < 100000; logged++)

@@ -3,7 +3,10 @@
 
 #include "Common/OS/linux/mutexhold.h"
 #include "Common/OS/linux/psosapi/pthreadapi.h"
+#include "Common/OS/linux/psosapi/ptimer.h"
+#include "bench/standin/fullpipe.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstring>
@@ -62,12 +65,37 @@ inline int NumTasks()
     return count;
 }
 
+// A timer that is not in the pool stops the program.
+inline void TimersAreFree()
+{
+    UInt32 pool[kMaxTimers];
+    for (UInt32 &tmid : pool)
+        tm_callback_after(
+            100000, &tmid, [](void *) { return 0; }, nullptr);
+    std::for_each(pool, std::end(pool), tm_cancel);
+}
+
 // What work prints on standard output.
 inline std::string Printed(const std::function<void()> &work)
 {
     testing::internal::CaptureStdout();
     work();
     return testing::internal::GetCapturedStdout();
+}
+
+// A thread that prints waits for a pipe that is full. Nobody else waits for that thread.
+inline void PrintWhileOthersWork(int output, void (*print)(), const std::function<void()> &work)
+{
+    std::fflush(stdout);
+    const bench::FullPipe full(output);
+    std::atomic<bool> printed = false, worked = false;
+    const std::jthread printing([&] { print(), printed = true; });
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    const std::jthread working([&] { work(), worked = true; });
+    EXPECT_TRUE(Eventually([&] { return worked.load(); })) << output;
+    EXPECT_FALSE(printed);
+    EXPECT_TRUE(Eventually([&] { return full.Drain(), printed.load(); }));
+    std::fflush(stdout);
 }
 
 inline std::chrono::milliseconds::rep MillisecondsOf(const std::function<void()> &work)

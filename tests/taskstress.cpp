@@ -1,12 +1,10 @@
 // Tasks, events, timers, semaphores and deferred calls all at once, then the log's ring at its ends: each for
 // STRESS_SECONDS or 1, from STRESS_SEED or the clock.
-#include "Common/OS/linux/psosapi/ptimer.h"
 #include "Common/OS/linux/psosapi/semaphore.h"
 #include "Common/framework/config.h"
-#include "tests/folders.h"
+#include "bench/standin/folders.h"
 #include "tests/logwriter.h"
 
-#include <algorithm>
 #include <ctime>
 #include <sstream>
 #include <utility>
@@ -168,11 +166,7 @@ TEST(TaskStress, LosesNothing)
     over = true;
     EXPECT_TRUE(Eventually([=] { return NumTasks() == 1 && NumThreads() == before; })) << "the timers' task stays";
     EXPECT_EQ(taken, takes);
-    UInt32 pool[kMaxTimers];
-    for (UInt32 &tmid : pool) // one that is not there stops the program
-        tm_callback_after(
-            100000, &tmid, [](void *) { return 0; }, nullptr);
-    std::for_each(pool, std::end(pool), tm_cancel);
+    TimersAreFree();
     std::printf("taskstress: seed %u, %u events, %u timers, %u time-outs, %u tasks, %u takes, %u calls\n", seed,
                 events.load(), timers.load(), timeouts.load(), tasks.load(), takes.load(), ran.load());
 }

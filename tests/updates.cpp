@@ -1,16 +1,17 @@
 // What the calls of both updates promise to callers that the program does not have, and the small pieces they share.
+#include "bench/standin/folders.h"
 #include "devlib/haldenflash/delay.h"
 #include "devlib/haldenflash/farsightupdate.h"
 #include "devlib/haldenflash/hextext.h"
 #include "devlib/haldenflash/imagefile.h"
 #include "devlib/haldenflash/microupdate.h"
 #include "devlib/haldenflash/updateport.h"
-#include "tests/folders.h"
 
 #include <chrono>
 #include <csignal>
 #include <fcntl.h>
 #include <functional>
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 namespace

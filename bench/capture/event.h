@@ -31,7 +31,7 @@ inline constexpr int kNoPort = -1;
 //   a port  rx enabled | rx disabled             the receiver; " refused EIO" as above
 //   a port  write 10 of 527 bytes                a write took only a part. The bytes themselves are another event
 //   a port  write refused EIO | read refused EIO a call that failed
-//   a port  close
+//   a port  close | close refused EIO            the second follows a close that failed
 //   none    wait 500000                          the program only waited, for so many microseconds
 //   none    open relay | open relay refused ENOENT
 //   none    exit 0 | signal 9                    the end of the program

@@ -247,7 +247,7 @@ void Rebuilder::InventVersion(const VersionRow &row)
                     reply->event.bytes.begin() + static_cast<std::ptrdiff_t>(row.reportedAt + kReportedSize));
     if (reply != nullptr && (Announced(row.image, {}) > 0 || needed_))
         text = Format("%04lX", (std::strtoul(text.c_str(), nullptr, 16) ^ 1) & 0xFFFF);
-    Remark(row.file, "its text is not known; " + text + " has the same effect");
+    Remark(row.file, Format("its text is not known; %s has the same effect", text.c_str()));
     files_.contents[row.file] = Bytes(text.begin(), text.end());
 }
 

@@ -191,6 +191,7 @@ void Line::SendDue()
                 tap(LineFault::kToHost, bytes, Clock::now(), Clock::now());
             // A few bytes fit into an empty buffer. If it is not empty, nobody reads, and nobody misses these bytes.
             [[maybe_unused]] const ssize_t sent = write(host_, bytes.data(), bytes.size());
+            clear_ = Clock::now(); // what the host sends next came behind this
         });
     }
 }

@@ -226,14 +226,36 @@ void Reap(pid_t pid, RunResult &result)
         result.signal = WTERMSIG(status);
 }
 
-// How the program ended, for the recorder.
-void NoteEnd(Recorder &recorder, const RunResult &result)
+// A recorder, if there is one, started for as long as this lives.
+class StartedRecorder
 {
-    if (result.killed)
-        recorder.Note(kNoPort, "! killed at the limit");
-    recorder.Note(kNoPort, result.signal != 0 ? Format("signal %d", result.signal) : Format("exit %d", result.status));
-    recorder.Finish();
-}
+public:
+    StartedRecorder(Recorder *recorder, const CallLog &log) : recorder_(recorder)
+    {
+        if (recorder_ != nullptr)
+            recorder_->Start(&log);
+    }
+    ~StartedRecorder()
+    {
+        if (recorder_ != nullptr)
+            recorder_->Finish();
+    }
+    StartedRecorder(const StartedRecorder &) = delete;
+    StartedRecorder &operator=(const StartedRecorder &) = delete;
+
+    void NoteEnd(const RunResult &result)
+    {
+        if (recorder_ == nullptr)
+            return;
+        if (result.killed)
+            recorder_->Note(kNoPort, "! killed at the limit");
+        recorder_->Note(kNoPort,
+                        result.signal != 0 ? Format("signal %d", result.signal) : Format("exit %d", result.status));
+    }
+
+private:
+    Recorder *const recorder_;
+};
 
 } // namespace
 
@@ -242,13 +264,12 @@ RunResult Run(const RunOptions &options)
     RunResult result;
     const Sink output, errors;
     const CallLog log;
+    StartedRecorder recorder(options.recorder, log);
     std::unique_ptr<ProgressReader> reader;
     if (!options.fifo.empty())
         reader =
             std::make_unique<ProgressReader>(std::filesystem::path(options.directory) / options.fifo, options.progress);
     {
-        if (options.recorder != nullptr)
-            options.recorder->Start(&log);
         const StartedLines lines(options.ports);
         Preparations preparations(options, output, errors);
         const auto begin = Line::Clock::now();
@@ -266,8 +287,7 @@ RunResult Run(const RunOptions &options)
     for (CallLog::Entry &entry : log.Read(position, true))
         if (!entry.event.empty())
             result.events.push_back(std::move(entry.event));
-    if (options.recorder != nullptr)
-        NoteEnd(*options.recorder, result);
+    recorder.NoteEnd(result);
     return result;
 }
 

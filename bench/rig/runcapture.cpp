@@ -2,7 +2,6 @@
 
 #include "bench/rig/images.h"
 
-#include <cctype>
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
@@ -29,16 +28,6 @@ Descriptor OpenCapture(const std::string &path)
     return file;
 }
 
-// Text of a version file on one line. Other bytes than printable characters are "\x0A".
-std::string Shown(const Bytes &bytes)
-{
-    std::string text;
-    for (const std::uint8_t byte : bytes)
-        text +=
-            std::isprint(byte) != 0 && byte != '\\' ? std::string(1, static_cast<char>(byte)) : Format("\\x%02X", byte);
-    return text;
-}
-
 std::string DescribeFile(const std::string &directory, const std::string &name, bool asText)
 {
     std::optional<Bytes> contents = ReadFile(directory + "/" + name);
@@ -48,7 +37,7 @@ std::string DescribeFile(const std::string &directory, const std::string &name, 
         return name + Format(" %zu bytes", contents->size()) +
                (contents->empty() ? "" : Format(" first %02X", contents->front()));
     contents->resize(std::min(contents->size(), kVersionText));
-    return name + " text " + Shown(*contents);
+    return name + " text " + Printable(*contents);
 }
 
 } // namespace

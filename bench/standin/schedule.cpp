@@ -63,7 +63,6 @@ struct TickerT {
     pthread_t thread;
     bool taken;
     int parked;
-    unsigned passes;
 } ticker;
 
 thread_local PlayerT *player;
@@ -259,7 +258,6 @@ void AwaitTick()
 {
     thread_local int playedIn = 0;
     Leave();
-    ticker.passes++;
     Give();
     Store(&ticker.parked, 1);
     for (;;) {
@@ -357,12 +355,6 @@ void TakeTicks()
     ticker.taken = true;
     while (Load(&ticker.parked) == 0)
         Await(&ticker.parked, 0);
-    ticker.passes = 0;
-}
-
-unsigned Ticks()
-{
-    return ticker.passes;
 }
 
 } // namespace schedule

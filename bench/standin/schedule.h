@@ -44,7 +44,6 @@ void Play(unsigned index);
 // Takes the ticks away from the timer task, which has to be running. From then on it makes passes only during a run:
 // one at once if it plays a part, then ten for each millisecond.
 void TakeTicks();
-unsigned Ticks(); // number of passes since TakeTicks
 
 // While it is set, no thread can be created.
 extern bool refuseThreads;

@@ -1,10 +1,12 @@
-// Configuration folders for one test, and a working directory beside them.
+// Configuration folders of their own for a test or a fuzz target, and a working directory beside them. They stand in
+// for those of the appliance, and go with the object.
 #pragma once
+
+#include "Common/OS/osassert.h"
 
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <gtest/gtest.h>
 #include <iterator>
 #include <string>
 
@@ -13,7 +15,7 @@ class ConfigFolders
 public:
     ConfigFolders()
     {
-        EXPECT_FALSE(std::filesystem::exists("/opt/talvora")) << "the appliance's own folders would be used";
+        os_assert(!std::filesystem::exists("/opt/talvora"), "the appliance's own folders would be used");
         std::string root = std::filesystem::temp_directory_path() / "haldenflash.XXXXXX";
         root_ = mkdtemp(root.data());
         for (const char *folder : {"dat", "choice", "choice.gen", "work"})

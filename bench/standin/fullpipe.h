@@ -1,9 +1,13 @@
-// A full pipe: whoever writes to it waits.
+// A full pipe: whoever writes to it waits. It stands in for a reader that reads nothing.
 #pragma once
 
+#include "bench/rig/descriptor.h"
+
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <unistd.h>
+
+namespace bench
+{
 
 // Leads a descriptor of this process into a pipe that is full, for the length of a scope.
 class FullPipe
@@ -11,10 +15,10 @@ class FullPipe
 public:
     explicit FullPipe(int fd) : fd_(fd), before_(dup(fd))
     {
-        EXPECT_EQ(pipe2(ends_, O_NONBLOCK), 0);
+        Checked(pipe2(ends_, O_NONBLOCK), "pipe");
         for (char bytes[4096] = {}; write(ends_[1], bytes, sizeof bytes) > 0;) {
         }
-        EXPECT_EQ(fcntl(ends_[1], F_SETFL, 0), 0); // whoever writes waits
+        Checked(fcntl(ends_[1], F_SETFL, 0), "pipe"); // whoever writes waits
         dup2(ends_[1], fd_);
     }
     ~FullPipe()
@@ -35,3 +39,5 @@ public:
 private:
     int fd_, before_, ends_[2] = {-1, -1};
 };
+
+} // namespace bench
