@@ -66,12 +66,15 @@ INSTANTIATE_TEST_SUITE_P(Passes, DeskDissector, testing::Values("-r ", "-2 -r ")
 const std::vector<std::pair<Way, Bytes>> kDamaged = {
     {Way::kToDevice, {0xFF, 0x48, 0, 5, 0, 5, 0xFE, 1, 0xFE, 1, 0xFC}}, // checksum
     {Way::kToHost, {0x15, 0x06}},
+    {Way::kToHost, {0x06}},                        // one too many
     {Way::kToDevice, {0xFF, 0x48, 0, 0xFE, 2, 0}}, // escape
     {Way::kToDevice, {0xFF, 0x48, 0, 2, 0, 0}},    // length
     {Way::kToDevice, {0xFF, 0x41, 0, 3, 0, 0, 0}}, // type
     {Way::kToHost, {0x15, 0x06}},
     {Way::kToDevice, {0xFF, 0x48, 0, 4, 7, 0xFE, 1, 0xFE, 1, 0xF9}}, // block without a number
     {Way::kToHost, {0x15}},
+    {Way::kNone, {}}, // a close
+    {Way::kToHost, {0x06}},
     {Way::kToDevice, {0xFF, 0x44, 0, 4, 1, 0xFE, 1, 0xFE, 1, 0xFE, 1}},
     {Way::kToHost, {0x31, 0xFF, 0x13, 0xFF, 0xFF, 0x14, 0xFF}}, // "FF FF" hides the 14
     {Way::kToDevice, {0x32, 0xFF, 0x48, 0, 9, 1}},              // the end is missing
@@ -83,7 +86,8 @@ void WriteDamaged(const string &path)
     CaptureWriter writer(file, {});
     WallTime time(1700000000000000);
     for (const auto &[way, bytes] : kDamaged)
-        writer.Write({++time, ++time, kMicroPort, way, bytes, ""});
+        writer.Write(
+            {time += WallTime(2), time += WallTime(30), kMicroPort, way, bytes, way == Way::kNone ? "close" : ""});
     writer.Finish();
 }
 
@@ -125,6 +129,10 @@ TEST_P(DeskDissector, TellsWhatTheBenchTells)
 {
     WriteDamaged("damaged.pcapng");
     CompareWithBench(GetParam(), "damaged.pcapng");
+    EXPECT_EQ(Dissect(string(GetParam()) + "damaged.pcapng -e haldenflash.duration -e haldenflash.gap "
+                                           "-e haldenflash.response_time")[1]
+                  .substr(0, 36),
+              "0.000030000|0.000002000|0.000002000|");
     for (const auto &entry : fs::directory_iterator(TESTS_DIR "/captures"))
         CompareWithBench(GetParam(), entry.path());
 }
@@ -210,13 +218,20 @@ TEST_F(DeskDissector, FiltersFindPackets)
 TEST_F(DeskDissector, RequestAndReplyPointAtEachOther)
 {
     MakeRun();
-    const Rows replies =
-        Dissect("-2 -r run.pcapng -Y haldenflash.request_in -e haldenflash.request_in -e frame.number");
-    const Rows requests =
-        Dissect("-2 -r run.pcapng -Y haldenflash.response_in -e frame.number -e haldenflash.response_in");
-    ASSERT_EQ(replies.size(), requests.size());
-    for (std::size_t i = 0; i < requests.size(); ++i)
-        EXPECT_EQ(replies[i].substr(0, replies[i].rfind('|')), requests[i].substr(0, requests[i].rfind('|')));
+    std::vector<std::pair<string, string>> fromRequests, fromReplies;
+    for (const string &row : Dissect("-2 -r run.pcapng -e frame.number -e haldenflash.response_in -e "
+                                     "haldenflash.request_in")) {
+        string number, response, request;
+        std::istringstream words(row);
+        for (string *word : {&number, &response, &request})
+            std::getline(words, *word, '|');
+        if (!response.empty())
+            fromRequests.emplace_back(number, response);
+        if (!request.empty())
+            fromReplies.emplace_back(request, number);
+    }
+    EXPECT_EQ(fromRequests, fromReplies);
+    EXPECT_EQ(fromReplies.size(), 16U);
 }
 
 TEST(Dissector, HasItsFieldsInTheDocumentation)
