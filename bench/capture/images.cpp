@@ -262,7 +262,7 @@ void WriteFiles(const RebuiltFiles &files, const std::string &directory)
 {
     std::filesystem::create_directories(directory);
     for (const auto &[name, contents] : files.contents)
-        WriteFile(directory + "/" + name, contents);
+        WriteFile(std::filesystem::path(directory) / name, contents);
 }
 
 } // namespace bench

@@ -26,6 +26,13 @@ bool IsEnd(const std::string &note)
     return note.starts_with("exit ") || note.starts_with("signal ");
 }
 
+// A capture that was made from calls may say that a message ended when the driver had taken it.
+WallTime LineTime(std::size_t bytes)
+{
+    constexpr double kBaud = 115200;
+    return WallTime(static_cast<std::int64_t>(static_cast<double>(bytes) * Line::kBitsPerByte * 1e6 / kBaud));
+}
+
 struct Pause {
     WallTime begin, time;
 };
@@ -64,6 +71,7 @@ private:
     ReplayScript script_;
     std::map<int, std::size_t> last_; // by port: index of the latest message
     std::map<int, WallTime> ended_;   // by port: the end of that message
+    std::map<int, WallTime> carried_; // by port: when a line of the devices' speed has carried it, at the earliest
     std::map<int, unsigned> counts_;  // by port
     WallTime previousEnd_{0};
 };
@@ -94,6 +102,7 @@ void ScriptMaker::Add(const Message &message)
     previousEnd_ = event.end;
     last_[event.port] = script_.messages.size();
     ended_[event.port] = event.end;
+    carried_[event.port] = event.begin + LineTime(event.bytes.size());
     script_.messages.push_back({.port = event.port,
                                 .name = Format("message %u to %s, %s", ++counts_[event.port],
                                                PortName(event.port).c_str(), message.name.c_str()),
@@ -110,8 +119,10 @@ void ScriptMaker::AddReply(const Message &message)
     const bool asked = last != last_.end();
     const WallTime from = asked ? ended_[event.port] : events_.front().begin;
     const bool late = asked && ClosedBetween(event.port, from, event.begin);
-    const WallTime sent = late ? event.begin : SendTime(from, event.begin);
-    const WallTime delay = fast_ && !late ? WallTime{0} : std::max(sent - from, WallTime{0});
+    WallTime delay = event.begin - from;
+    if (!late)
+        delay = fast_ ? WallTime{0} : SendTime(from, event.begin) - std::max(from, carried_[event.port]);
+    delay = std::max(delay, WallTime{0});
     (asked ? script_.messages[last->second].replies : script_.unasked[event.port]).push_back({event.bytes, delay});
 }
 
