@@ -166,8 +166,8 @@ Rows TranscriptRows()
         const string name = parts[2];
         if (parts[1] == ">")
             number = std::regex_match(name, numbers, block) ? numbers[1].str() : "";
-        rows.push_back(device + "|" + name + "|");
-        rows.back() += parts[1] == ">" || std::regex_match(name, verdict) ? number + "|" : "|";
+        const bool counts = parts[1] == ">" || std::regex_match(name, verdict);
+        rows.push_back(Format("%s|%s|%s|", device.c_str(), name.c_str(), counts ? number.c_str() : ""));
     }
     return rows;
 }
