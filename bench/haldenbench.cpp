@@ -65,7 +65,7 @@ void SetTerminal(std::map<std::string, std::string> &terminals, const char *name
 {
     const std::size_t equals = text.find('=');
     const std::string device = text.substr(0, equals);
-    if (equals == std::string::npos || (device != "micro" && device != "camera"))
+    if (equals == std::string::npos || equals + 1 == text.size() || (device != "micro" && device != "camera"))
         throw UsageError(std::string("--") + name + ": the value has to be micro=TTY or camera=TTY");
     terminals[device] = text.substr(equals + 1);
 }
