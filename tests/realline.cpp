@@ -63,6 +63,19 @@ protected:
 
     Port &port() { return options.ports[kMicroPort]; }
 
+    // Runs the update, and again if a busy machine makes the device late. The adapter has stopped then.
+    RunResult RunToTheEnd(std::uint64_t (&tapped)[2])
+    {
+        for (int left = 3;; --left) {
+            tapped[0] = tapped[1] = 0;
+            const RunResult result = bench::Run(options);
+            adapter->Stop();
+            if (micro.version() == 0x21 || left == 0)
+                return result;
+            adapter->Start();
+        }
+    }
+
     Micro micro{0x20};
     std::optional<Line> adapter;
     RunOptions options;
@@ -77,9 +90,7 @@ TEST_F(RealLines, FlashTheDeviceAndGiveTheTerminalBack)
         RealLine line(adapter->path(), port());
         std::uint64_t tapped[2] = {};
         port().line->tap = [&](LineFault::Way way, auto bytes, auto, auto) { tapped[way] += bytes.size(); };
-        RunResult result = bench::Run(options);
-        for (int again = 0; again < 3 && result.status != 0; again++) // a busy machine makes the device late
-            result = bench::Run(options);
+        const RunResult result = RunToTheEnd(tapped);
         EXPECT_EQ(result.status, 0) << result.output;
         EXPECT_EQ(Judge(micro, options.directory).text,
                   "micro: version 21, 12 blocks, 6144 bytes, 0 findings: holds haldenmicro.bin");
@@ -129,7 +140,7 @@ TEST_F(RealLines, RefuseASpeedAndKeepTheSettings)
 
 TEST_F(RealLines, ThatHangUpEndTheRunByTheProgramsOwnMeans)
 {
-    std::atomic<std::uint64_t> carried = 0;
+    std::atomic<std::size_t> carried = 0;
     adapter->Stop();
     adapter->tap = [&](LineFault::Way, auto bytes, auto, auto) { carried += bytes.size(); };
     adapter->Start();
