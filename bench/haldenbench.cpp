@@ -5,8 +5,10 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <fcntl.h>
 #include <filesystem>
 #include <iostream>
+#include <unistd.h>
 
 namespace
 {
@@ -156,10 +158,20 @@ int Work(int argc, char *argv[])
     return kGood;
 }
 
+// A line must not get the number of a standard descriptor that is closed: what is printed would go to its device.
+void OccupyStandardDescriptors()
+{
+    int last = 0;
+    while ((last = open("/dev/null", O_RDWR)) >= 0 && last <= STDERR_FILENO)
+        ;
+    close(last);
+}
+
 } // namespace
 
 int main(int argc, char *argv[])
 {
+    OccupyStandardDescriptors();
     try {
         return Work(argc, argv);
     } catch (const UsageError &error) {
