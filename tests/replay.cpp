@@ -221,9 +221,11 @@ TEST(ARecorder, BeginsNoMessageBeforeTheReplyInFront)
     pass(LineFault::kToDevice, 50us, 150us);
     pass(LineFault::kToHost, 500us, 500us);
     pass(LineFault::kToDevice, 400us, 600us);
+    pass(LineFault::kToHost, 650us, 650us);
+    pass(LineFault::kToHost, 720us, 720us); // this one was not waited for
     pass(LineFault::kToDevice, 800us, 900us);
     recorder.Finish();
-    EXPECT_EQ(begins, (std::vector<WallTime>{0us, 400us, 400us, 600us}));
+    EXPECT_EQ(begins, (std::vector<WallTime>{0us, 400us, 400us, 550us, 600us, 620us}));
 }
 
 TEST_F(Replaying, RefusesCallsThatNoRunCanRepeat)

@@ -145,7 +145,7 @@ void Recorder::GatherCalls(bool ended)
 
 void Recorder::TakeCall(Event event)
 {
-    std::vector<WallTime> &writes = writes_[event.port];
+    std::vector<WallTime> &writes = traffic_[event.port].writes;
     if (event.note == kWrite)
         return writes.push_back(event.begin);
     if (event.note.starts_with("write refused") && !writes.empty())
@@ -155,19 +155,23 @@ void Recorder::TakeCall(Event event)
 }
 
 // A message begins when the program writes it. The line sees the bytes a little later, maybe behind the program's next
-// call. On a busy machine it may see two writes at once, or a write whose bytes never come. So bytes never begin before
-// the end of the bytes in front of them, of either way.
+// call. On a busy machine it may see two writes at once, or a write whose bytes never come. So no message begins before
+// the end of the one in front of it, or before the first reply to that.
 void Recorder::TakeBytes(Event &event)
 {
-    WallTime &clear = clear_[event.port];
-    if (event.way == Way::kToDevice) {
-        std::vector<WallTime> &writes = writes_[event.port];
-        std::erase_if(writes, [&](WallTime time) { return time < clear; });
-        const auto later = std::find_if(writes.begin(), writes.end(), [&](WallTime time) { return time > event.end; });
-        event.begin = later == writes.begin() ? std::max(event.begin, clear) : writes.front();
-        writes.erase(writes.begin(), later);
+    Traffic &traffic = traffic_[event.port];
+    if (event.way == Way::kToHost) {
+        if (!std::exchange(traffic.answered, true))
+            traffic.clear = event.begin;
+        return;
     }
-    clear = event.end;
+    std::vector<WallTime> &writes = traffic.writes;
+    std::erase_if(writes, [&](WallTime time) { return time < traffic.clear; });
+    const auto later = std::find_if(writes.begin(), writes.end(), [&](WallTime time) { return time > event.end; });
+    event.begin = later == writes.begin() ? std::max(event.begin, traffic.clear) : writes.front();
+    writes.erase(writes.begin(), later);
+    traffic.clear = event.end;
+    traffic.answered = false;
 }
 
 void Recorder::HandOut(bool all)

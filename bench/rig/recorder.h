@@ -43,6 +43,12 @@ public:
     void Finish();
 
 private:
+    struct Traffic {
+        std::vector<WallTime> writes; // those whose bytes have not arrived yet
+        WallTime clear{0};            // no message to the device begins before that
+        bool answered = false;        // since the latest bytes to the device
+    };
+
     WallTime WallOf(std::chrono::steady_clock::duration sinceBoot) const;
     void Add(Event event);
     void Work();
@@ -61,8 +67,7 @@ private:
     bool ending_ = false;        // under mutex_
     // Only the thread uses these.
     std::size_t logPosition_ = 0;
-    std::map<int, std::vector<WallTime>> writes_; // by port; those whose bytes have not arrived yet
-    std::map<int, WallTime> clear_;               // by port; the end of the latest bytes
+    std::map<int, Traffic> traffic_; // by port
     std::vector<Event> pending_;
     std::thread thread_;
 };
