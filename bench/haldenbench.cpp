@@ -5,8 +5,10 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <fcntl.h>
 #include <filesystem>
 #include <iostream>
+#include <unistd.h>
 
 namespace
 {
@@ -65,7 +67,7 @@ void SetTerminal(std::map<std::string, std::string> &terminals, const char *name
 {
     const std::size_t equals = text.find('=');
     const std::string device = text.substr(0, equals);
-    if (equals == std::string::npos || (device != "micro" && device != "camera"))
+    if (equals == std::string::npos || equals + 1 == text.size() || (device != "micro" && device != "camera"))
         throw UsageError(std::string("--") + name + ": the value has to be micro=TTY or camera=TTY");
     terminals[device] = text.substr(equals + 1);
 }
@@ -156,10 +158,20 @@ int Work(int argc, char *argv[])
     return kGood;
 }
 
+// A line must not get the number of a standard descriptor that is closed: what is printed would go to its device.
+void OccupyStandardDescriptors()
+{
+    int last = 0;
+    while ((last = open("/dev/null", O_RDWR)) >= 0 && last <= STDERR_FILENO)
+        ;
+    close(last);
+}
+
 } // namespace
 
 int main(int argc, char *argv[])
 {
+    OccupyStandardDescriptors();
     try {
         return Work(argc, argv);
     } catch (const UsageError &error) {

@@ -110,10 +110,16 @@ void Convert(std::istream &stream, const StraceText::PortPaths &ports, const std
     if (!output)
         throw std::runtime_error("cannot write " + path + ": " + std::strerror(errno));
     CaptureWriter writer(output, text.info());
-    text.HandOut([&writer](const Event &event) { writer.Write(event); });
+    bool hasLine = false;
+    text.HandOut([&](const Event &event) {
+        hasLine = hasLine || event.port != kNoPort;
+        writer.Write(event);
+    });
     writer.Finish();
     if (!output.flush())
         throw std::runtime_error("cannot write " + path + ": " + std::strerror(errno));
+    if (!hasLine)
+        throw StraceError("the program opens no serial line there; --port tells by which file it opens one");
 }
 
 int FromStrace(const Words &words)

@@ -1,6 +1,9 @@
 #include "bench/capture/images.h"
+#include "bench/devices/micro.h"
 #include "bench/options.h"
 #include "bench/rig/images.h"
+#include "bench/rig/recorder.h"
+#include "bench/rig/replayscript.h"
 #include "bench/rig/run.h"
 
 #include <algorithm>
@@ -170,6 +173,59 @@ TEST_F(Replaying, ACommandLineIsTheSameBehindItsQuotes)
     EXPECT_EQ(Unquoted(R"( a\ b "c \"d" )"), (Texts{"a b", "c \"d"}));
 }
 
+// The line is faster than the devices' one, and the program has stopped to wait when the reply comes.
+TEST_F(Replaying, KeepsAVerdictTooLate)
+{
+    WriteSamples(folder_, {});
+    Command({"--dir", folder_, "--fast", "--faults", "camera:block1=late:4500", "--capture", At("run"), "--",
+             HALDENFLASH_BINARY, "farsight"});
+    const RunResult result = Command({"--replay", At("run"), "--fast"});
+    EXPECT_EQ(result.status, 0) << result.output << result.errors;
+}
+
+// The captured run had shorter pauses. The reply came in the second one.
+TEST(AScript, CountsTimesInThePausesOfTheReplay)
+{
+    using namespace std::chrono_literals;
+    const auto wait = [](WallTime begin) { return Event{.begin = begin, .end = begin, .note = "wait 3000000"}; };
+    const std::vector<Event> events = {
+        {.begin = 1s, .end = 1s, .port = 0, .way = Way::kToDevice, .bytes = {1}},
+        wait(1s + 100us),
+        wait(1s + 40ms),
+        {.begin = 1s + 55ms, .end = 1s + 55ms, .port = 0, .way = Way::kToHost, .bytes = {2}}};
+    EXPECT_EQ(ScriptOf(events, false).messages[0].replies[0].delay, 3s + 10ms + 1500ms - 95us);
+    EXPECT_EQ(ScriptOf(events, true).messages[0].replies[0].delay, 55ms - 95us);
+}
+
+// A busy machine sees the bytes of the first write before the log has it, and those of the others with some delay.
+TEST(ARecorder, BeginsNoMessageBeforeTheReplyInFront)
+{
+    using namespace std::chrono_literals;
+    const CallLog log;
+    std::ofstream file(log.Path(), std::ios::binary | std::ios::in);
+    const string lines = "100 \twrite 1\n200 \twrite 1\n700 \twrite 1\n"; // the bytes of the second never come
+    const auto used = static_cast<std::uint32_t>(lines.size());
+    file.write(reinterpret_cast<const char *>(&used), sizeof used) << lines << std::flush;
+    Micro micro(1);
+    Line line(micro);
+    std::vector<WallTime> begins;
+    Recorder recorder([&](const std::vector<Event> &events) {
+        for (const Event &event : events)
+            begins.push_back(event.begin - events.front().begin);
+    });
+    recorder.Watch(1, line);
+    recorder.Start(&log);
+    const auto pass = [&](LineFault::Way way, std::chrono::microseconds begin, std::chrono::microseconds end) {
+        line.tap(way, Bytes{1}, Line::Clock::time_point(begin), Line::Clock::time_point(end));
+    };
+    pass(LineFault::kToDevice, 50us, 150us);
+    pass(LineFault::kToHost, 500us, 500us);
+    pass(LineFault::kToDevice, 400us, 600us);
+    pass(LineFault::kToDevice, 800us, 900us);
+    recorder.Finish();
+    EXPECT_EQ(begins, (std::vector<WallTime>{0us, 400us, 400us, 600us}));
+}
+
 TEST_F(Replaying, RefusesCallsThatNoRunCanRepeat)
 {
     Capture capture = ReadCapture(kGoodRun);
@@ -178,6 +234,9 @@ TEST_F(Replaying, RefusesCallsThatNoRunCanRepeat)
     EXPECT_EQ(result.errors,
               "haldenbench: the capture cannot be replayed: no run can repeat \"read refused EIO\" of micro\n");
     EXPECT_EQ(result.status, 1);
+    std::erase_if(capture.events, [](const Event &event) { return !event.note.starts_with("wait"); });
+    EXPECT_EQ(Command({"--replay", Write(capture)}).errors,
+              "haldenbench: the capture cannot be replayed: it has no message of a program, and no end of one\n");
 }
 
 // The bench is killed in the first pause of the program, behind the microcontroller's update.

@@ -121,8 +121,8 @@ void Recorder::Gather(bool ended)
     }
     GatherCalls(ended);
     for (Event &event : arrived) {
-        if (event.way == Way::kToDevice)
-            BeginAtWrite(event);
+        if (event.way != Way::kNone)
+            TakeBytes(event);
         pending_.push_back(std::move(event));
     }
     std::stable_sort(pending_.begin(), pending_.end(),
@@ -155,15 +155,19 @@ void Recorder::TakeCall(Event event)
 }
 
 // A message begins when the program writes it. The line sees the bytes a little later, maybe behind the program's next
-// call.
-void Recorder::BeginAtWrite(Event &event)
+// call. On a busy machine it may see two writes at once, or a write whose bytes never come. So bytes never begin before
+// the end of the bytes in front of them, of either way.
+void Recorder::TakeBytes(Event &event)
 {
-    std::vector<WallTime> &writes = writes_[event.port];
-    const auto later = std::find_if(writes.begin(), writes.end(), [&](WallTime time) { return time > event.begin; });
-    if (later == writes.begin())
-        return;
-    event.begin = writes.front();
-    writes.erase(writes.begin(), later);
+    WallTime &clear = clear_[event.port];
+    if (event.way == Way::kToDevice) {
+        std::vector<WallTime> &writes = writes_[event.port];
+        std::erase_if(writes, [&](WallTime time) { return time < clear; });
+        const auto later = std::find_if(writes.begin(), writes.end(), [&](WallTime time) { return time > event.end; });
+        event.begin = later == writes.begin() ? std::max(event.begin, clear) : writes.front();
+        writes.erase(writes.begin(), later);
+    }
+    clear = event.end;
 }
 
 void Recorder::HandOut(bool all)

@@ -1,6 +1,7 @@
 // Gathers the events of a run while it goes on: the bytes of the lines, and the calls and waits that the preload
-// library notes. Owner:   the caller keeps the recorder as long as its lines carry bytes. Locking: Note may be called
-// at any time from any thread. The sink runs in a thread of the recorder.
+// library notes.
+// Owner:   the caller keeps the recorder as long as its lines carry bytes.
+// Locking: Note may be called at any time from any thread. The sink runs in a thread of the recorder.
 #pragma once
 
 #include "bench/capture/event.h"
@@ -48,7 +49,7 @@ private:
     void Gather(bool ended);
     void GatherCalls(bool ended);
     void TakeCall(Event event);
-    void BeginAtWrite(Event &event);
+    void TakeBytes(Event &event);
     void HandOut(bool all);
 
     const Sink sink_;
@@ -61,6 +62,7 @@ private:
     // Only the thread uses these.
     std::size_t logPosition_ = 0;
     std::map<int, std::vector<WallTime>> writes_; // by port; those whose bytes have not arrived yet
+    std::map<int, WallTime> clear_;               // by port; the end of the latest bytes
     std::vector<Event> pending_;
     std::thread thread_;
 };

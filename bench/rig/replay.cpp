@@ -187,6 +187,8 @@ std::string Replay::Watcher::Overdue()
 Replay::Replay(const Capture &capture, bool fast) : capture_(capture), state_(std::make_unique<State>())
 {
     state_->script = ScriptOf(capture_.events, fast);
+    if (state_->script.messages.empty() && state_->script.end.empty())
+        throw std::runtime_error("the capture cannot be replayed: it has no message of a program, and no end of one");
     state_->taken.resize(state_->script.messages.size());
     state_->script.ports.insert({kCameraPort, kMicroPort});
     for (const int port : state_->script.ports)

@@ -1,7 +1,7 @@
 // Plays a captured run again: the devices answer as the captured ones did, each answer when the message that it
-// answered has come whole. The bytes of the program are compared with the captured ones, line by line. Owner:   the
-// caller keeps the replay as long as the lines of its peers. Locking: the peers run in the threads of their lines. The
-// rest is the caller's, before and after the run.
+// answered has come whole. The bytes of the program are compared with the captured ones, line by line.
+// Owner:   the caller keeps the replay as long as the lines of its peers.
+// Locking: the peers run in the threads of their lines. The rest is the caller's, before and after the run.
 #pragma once
 
 #include "bench/rig/replayscript.h"
@@ -14,8 +14,9 @@ namespace bench
 class Replay
 {
 public:
-    // fast: answers come at once, and the program's pauses are shortened. An answer that came when the port was closed
-    // keeps its delay. Throws std::runtime_error if the capture has a failed call that no run can repeat.
+    // fast: answers come at once, and the program's pauses are shortened. An answer that came too late for the program
+    // stays too late. Throws std::runtime_error if the capture has a failed call that no run can repeat, or if there is
+    // nothing in it to compare a run with.
     Replay(const Capture &capture, bool fast);
     ~Replay();
     Replay(const Replay &) = delete;

@@ -15,6 +15,9 @@ using namespace std::chrono_literals;
 constexpr int kFastDivisor = 100;
 // A reply that was read so soon behind a pause may have come at any time in the pause.
 constexpr WallTime kReadBehindPause = 20ms;
+constexpr unsigned kLongestPause = 3'600'000'000; // microseconds; no run takes longer
+// A pause that begins so soon behind a message belongs to it.
+constexpr WallTime kBehindMessage = 20ms;
 
 bool IsFromHost(const Message &message)
 {
@@ -42,37 +45,105 @@ std::vector<Pause> PausesOf(const std::vector<Event> &events)
     std::vector<Pause> pauses;
     for (const Event &event : events) {
         std::istringstream words(event.note);
-        std::string word;
-        std::int64_t microseconds = 0;
-        if (event.way == Way::kNone && words >> word >> microseconds && word == "wait")
-            pauses.push_back({event.begin, WallTime(microseconds)});
+        std::string word, microseconds;
+        words >> word >> microseconds;
+        const std::optional<unsigned> time = ParseNumber(microseconds, 10, kLongestPause);
+        if (event.way == Way::kNone && word == "wait" && time)
+            pauses.push_back({event.begin, WallTime(*time)});
     }
     return pauses;
+}
+
+// How much shorter the pauses of the captured run were. A program that did something in half the time was not pausing
+// any more.
+int PauseDivisor(const std::vector<Event> &events, const std::vector<Pause> &pauses)
+{
+    for (const Pause &pause : pauses)
+        for (const Event &event : events)
+            if (event.begin > pause.begin && event.begin < pause.begin + pause.time / 2 && event.way == Way::kNone &&
+                !event.note.starts_with("signal") && !event.note.starts_with("!"))
+                return kFastDivisor;
+    return 1;
+}
+
+// When things happen in the replay. Pauses may be longer or shorter there than in the captured run.
+class Clockwork
+{
+public:
+    Clockwork(const std::vector<Event> &events, bool fast)
+        : pauses_(PausesOf(events)), then_(PauseDivisor(events, pauses_)), now_(fast ? kFastDivisor : 1)
+    {
+    }
+    // How long the replay takes from one time of the capture to another.
+    WallTime Between(WallTime first, WallTime last) const { return InReplay(last) - InReplay(first); }
+    // Whether a pause began in this time.
+    bool PausedBetween(WallTime first, WallTime last) const
+    {
+        return std::any_of(pauses_.begin(), pauses_.end(),
+                           [&](const Pause &pause) { return pause.begin > first && pause.begin < last; });
+    }
+    WallTime SendTime(WallTime asked, WallTime came) const;
+
+private:
+    WallTime InReplay(WallTime time) const;
+
+    const std::vector<Pause> pauses_;
+    const int then_, now_; // divisors of the pauses
+};
+
+WallTime Clockwork::InReplay(WallTime time) const
+{
+    WallTime result = time;
+    for (const Pause &pause : pauses_) {
+        const WallTime passed = std::clamp(time - pause.begin, WallTime{0}, pause.time / then_);
+        result += passed * then_ / now_ - passed;
+    }
+    return result;
+}
+
+// When a reply is sent. A program that pauses before it reads sees nothing of the time at which a reply came, and nor
+// does a capture that was made from its calls.
+WallTime Clockwork::SendTime(WallTime asked, WallTime came) const
+{
+    WallTime sent = came;
+    for (const auto &[begin, time] : pauses_)
+        if (begin >= asked && begin < came)
+            sent = came >= begin + time / then_ && came < begin + time / then_ + kReadBehindPause
+                       ? begin + time / then_ / 2
+                       : came;
+    return sent;
 }
 
 class ScriptMaker
 {
 public:
-    ScriptMaker(const std::vector<Event> &events, bool fast) : events_(events), pauses_(PausesOf(events)), fast_(fast)
+    ScriptMaker(const std::vector<Event> &events, bool fast)
+        : events_(events), messages_(MessagesOf(events)), clockwork_(events, fast), fast_(fast)
     {
     }
     ReplayScript Make();
 
 private:
+    // The latest message of a port.
+    struct Asked {
+        std::size_t index = 0;
+        WallTime begin{0}, end{0};
+        WallTime carried{0}; // when a line of the devices' speed has carried it, at the earliest
+    };
+
+    void FindFastLines();
     void Add(const Message &message);
     void AddReply(const Message &message);
-    WallTime SendTime(WallTime asked, WallTime came) const;
-    bool ClosedBetween(int port, WallTime first, WallTime last) const;
-    WallTime Gap(WallTime first, WallTime last) const;
+    bool TooLate(int port, WallTime asked, WallTime came) const;
 
     const std::vector<Event> &events_;
-    const std::vector<Pause> pauses_;
+    const std::vector<Message> messages_;
+    const Clockwork clockwork_;
     const bool fast_;
     ReplayScript script_;
-    std::map<int, std::size_t> last_; // by port: index of the latest message
-    std::map<int, WallTime> ended_;   // by port: the end of that message
-    std::map<int, WallTime> carried_; // by port: when a line of the devices' speed has carried it, at the earliest
-    std::map<int, unsigned> counts_;  // by port
+    std::set<int> fastLines_; // their messages ended when the capture says so
+    std::map<int, Asked> last_;
+    std::map<int, unsigned> counts_; // by port
     WallTime previousEnd_{0};
 };
 
@@ -80,9 +151,10 @@ ReplayScript ScriptMaker::Make()
 {
     if (events_.empty())
         return {};
+    FindFastLines();
     previousEnd_ = events_.front().begin;
-    script_.duration = Gap(events_.front().begin, events_.back().end);
-    for (const Message &message : MessagesOf(events_)) {
+    script_.duration = clockwork_.Between(events_.front().begin, events_.back().end);
+    for (const Message &message : messages_) {
         if (message.event.port != kNoPort)
             script_.ports.insert(message.event.port);
         if (IsFromHost(message))
@@ -95,14 +167,27 @@ ReplayScript ScriptMaker::Make()
     return std::move(script_);
 }
 
+// A line is fast if a reply comes before a line of the devices' speed can have carried the message.
+void ScriptMaker::FindFastLines()
+{
+    std::map<int, WallTime> carried;
+    for (const Message &message : messages_) {
+        const Event &event = message.event;
+        if (IsFromHost(message))
+            carried[event.port] = event.begin + LineTime(event.bytes.size());
+        else if (message.kind >= Message::Kind::kVersion && message.kind <= Message::Kind::kVerdict &&
+                 event.begin < carried[event.port])
+            fastLines_.insert(event.port);
+    }
+}
+
 void ScriptMaker::Add(const Message &message)
 {
     const Event &event = message.event;
-    const WallTime gap = Gap(previousEnd_, event.begin);
+    const WallTime gap = clockwork_.Between(previousEnd_, event.begin);
     previousEnd_ = event.end;
-    last_[event.port] = script_.messages.size();
-    ended_[event.port] = event.end;
-    carried_[event.port] = event.begin + LineTime(event.bytes.size());
+    const WallTime lineTime = fastLines_.contains(event.port) ? WallTime{0} : LineTime(event.bytes.size());
+    last_[event.port] = {script_.messages.size(), event.begin, event.end, event.begin + lineTime};
     script_.messages.push_back({.port = event.port,
                                 .name = Format("message %u to %s, %s", ++counts_[event.port],
                                                PortName(event.port).c_str(), message.name.c_str()),
@@ -116,42 +201,25 @@ void ScriptMaker::AddReply(const Message &message)
 {
     const Event &event = message.event;
     const auto last = last_.find(event.port);
-    const bool asked = last != last_.end();
-    const WallTime from = asked ? ended_[event.port] : events_.front().begin;
-    const bool late = asked && ClosedBetween(event.port, from, event.begin);
-    WallTime delay = event.begin - from;
-    if (!late)
-        delay = fast_ ? WallTime{0} : SendTime(from, event.begin) - std::max(from, carried_[event.port]);
-    delay = std::max(delay, WallTime{0});
-    (asked ? script_.messages[last->second].replies : script_.unasked[event.port]).push_back({event.bytes, delay});
+    if (last == last_.end()) {
+        const WallTime delay = clockwork_.Between(events_.front().begin, event.begin);
+        return script_.unasked[event.port].push_back({event.bytes, fast_ ? WallTime{0} : delay});
+    }
+    const auto &[index, begin, end, carried] = last->second;
+    WallTime delay{0};
+    if (!fast_ || TooLate(event.port, end, event.begin))
+        delay = clockwork_.Between(std::max(end, carried), clockwork_.SendTime(begin, event.begin));
+    script_.messages[index].replies.push_back({event.bytes, std::max(delay, WallTime{0})});
 }
 
-// When a reply is sent. A program that pauses before it reads sees nothing of the time at which a reply came, and nor
-// does a capture that was made from its calls.
-WallTime ScriptMaker::SendTime(WallTime asked, WallTime came) const
+// Whether the program has stopped to wait for a reply before it came. A program that still waits makes no other pause
+// than that behind its message.
+bool ScriptMaker::TooLate(int port, WallTime asked, WallTime came) const
 {
-    for (const auto &[begin, time] : pauses_)
-        if (begin >= asked && came >= begin + time && came < begin + time + kReadBehindPause)
-            return begin;
-    return came;
-}
-
-bool ScriptMaker::ClosedBetween(int port, WallTime first, WallTime last) const
-{
-    return std::any_of(events_.begin(), events_.end(), [&](const Event &event) {
-        return event.port == port && event.note == "close" && event.begin >= first && event.begin <= last;
+    const bool closed = std::any_of(events_.begin(), events_.end(), [&](const Event &event) {
+        return event.port == port && event.note == "close" && event.begin >= asked && event.begin <= came;
     });
-}
-
-// How long a run takes from one time to another. The pauses of the captured run may have been shortened.
-WallTime ScriptMaker::Gap(WallTime first, WallTime last) const
-{
-    WallTime paused{0};
-    for (const auto &[begin, time] : pauses_)
-        if (begin >= first && begin <= last)
-            paused += time;
-    const WallTime full = std::max(last - first, paused);
-    return fast_ ? full - paused + paused / kFastDivisor : full;
+    return closed || clockwork_.PausedBetween(asked + kBehindMessage, came);
 }
 
 // ---- Calls that fail
