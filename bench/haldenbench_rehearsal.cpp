@@ -152,10 +152,10 @@ int Serve(const Settings &settings)
     const EndSignals signals;
     ServedLines lines;
     for (const auto &[device, path] : settings.served) {
-        Peer &peer = device == "micro" ? static_cast<Peer &>(devices.micro) : devices.camera;
-        Line &line = lines.emplace_back(peer, path, settings.baud == 0 ? kServedBaud : settings.baud).line;
+        Peer *const peer = device == "micro" ? static_cast<Peer *>(&devices.micro) : &devices.camera;
+        ServedLine &served = lines.emplace_back(*peer, path, settings.baud == 0 ? kServedBaud : settings.baud);
         if (capture)
-            capture->recorder.Watch(PortOf(device), line);
+            capture->recorder.Watch(PortOf(device), served.line);
         std::cout << "serving " << device << " on " << path << std::endl;
     }
     if (capture)
