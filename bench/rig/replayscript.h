@@ -28,9 +28,9 @@ struct ReplayScript {
     std::chrono::microseconds duration{0};
 };
 
-// Delays are those of the replay, whose pauses have their full length, or a hundredth of it with fast. The pauses of the
-// captured run may have been shortened too.
-// With fast, replies have no delay. But a reply that came when the program had given up waiting for it stays too late.
+// Delays are those of the replay, whose pauses have their full length, or a hundredth of it with fast. The pauses of
+// the captured run may have been shortened too. With fast, replies have no delay. But a reply that came when the
+// program had given up waiting for it stays too late.
 ReplayScript ScriptOf(const std::vector<Event> &events, bool fast);
 
 // The calls of a port that failed, as orders for a run. The orders have no line.
