@@ -68,7 +68,7 @@ protected:
     {
         for (int left = 3;; --left) {
             tapped[0] = tapped[1] = 0;
-            const RunResult result = bench::Run(options);
+            RunResult result = bench::Run(options);
             adapter->Stop();
             if (micro.version() == 0x21 || left == 0)
                 return result;
