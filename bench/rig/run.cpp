@@ -81,6 +81,8 @@ std::vector<std::string> Environment(const RunOptions &options, const CallLog &l
     if (!options.preload.empty()) {
         environment["LD_PRELOAD"] = std::filesystem::absolute(options.preload);
         environment[kPreloadLog] = log.Path();
+        if (options.recorder != nullptr)
+            environment[kPreloadCapture] = "1";
         environment[kPreloadWaitDivisor] = std::to_string(options.waitDivisor);
         if (!options.configuration.empty())
             environment[kPreloadOpt] = std::filesystem::absolute(options.configuration);
@@ -287,6 +289,7 @@ RunResult Run(const RunOptions &options)
     for (CallLog::Entry &entry : log.Read(position, true))
         if (!entry.event.empty())
             result.events.push_back(std::move(entry.event));
+    result.lostEvents = log.overflown();
     recorder.NoteEnd(result);
     return result;
 }

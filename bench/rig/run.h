@@ -65,6 +65,7 @@ struct RunResult {
     int signal = 0;
     std::string output, errors;
     std::vector<std::string> events; // of the preload library's log, without their times and additions
+    bool lostEvents = false;         // the log had no room for all of them
     std::vector<std::string> progress;
     double seconds = 0;
 };

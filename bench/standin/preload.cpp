@@ -38,7 +38,7 @@ constexpr std::size_t kPlace = PATH_MAX + 1;
 // The orders from the environment. They are written once, before main. A path that is not ordered is "". The system
 // answers that with ENOENT.
 struct Orders {
-    bool on;
+    bool on, capture;
     const char *relay, *opt;
     std::int64_t waitDivisor;
     long halfRead, halfWrite, lostClose; // ordinals
@@ -73,9 +73,12 @@ constinit Real<ssize_t(int, const void *, std::size_t)> gRealWrite("write");
 constinit Real<int(int, unsigned long, ...)> gRealIoctl("ioctl");
 constinit Real<int(int, fd_set *, fd_set *, fd_set *, timeval *)> gRealSelect("select");
 
-// Notes an event with its time, which the C library tells without a system call. Does not change errno.
+// Notes an event with its time, which the C library tells without a system call. Leaves out what only a capture needs
+// if there is none. Does not change errno.
 [[gnu::format(printf, 1, 2)]] void Log(const char *format, ...)
 {
+    if (format[0] == '\t' && !gOrders.capture)
+        return;
     const int error = errno;
     timespec now = {};
     clock_gettime(CLOCK_MONOTONIC, &now);
@@ -144,6 +147,7 @@ long PortNumber(const char *name, int port)
     gLog = log[0] != '\0' ? MapLog(log) : nullptr;
     if (gLog == nullptr)
         return;
+    gOrders.capture = getenv(bench::kPreloadCapture) != nullptr;
     gOrders.relay = Variable(bench::kPreloadRelay);
     gOrders.opt = Variable(bench::kPreloadOpt);
     gOrders.waitDivisor = strtol(Variable(bench::kPreloadWaitDivisor), nullptr, 10);

@@ -11,8 +11,9 @@
 //                               write <N>: <n> of <n> bytes | write <N> refused
 //                               half read | half write | lost close
 //                               wait <microseconds asked for>           (of the main thread)
-//                             Behind " refused" follow a tab and the name of the error. A line whose event is empty has
-//                             only that addition, which is for captures:
+//                             Behind " refused" follow a tab and the name of the error
+//   HALDENBENCH_CAPTURE       if it is set, the log also has lines for a capture: their event is empty, and they have
+//                             only an addition. A long run has so many of them that the log may get full
 //                               write <N> | write <N>: <n> of <n> bytes | write <N> refused <error>
 //                               read <N> refused <error> | close <N> refused <error>
 //                             Here the first is noted in front of each write.
@@ -56,6 +57,7 @@ struct EventLog {
 constexpr int kTerminalDescriptor = 200;
 
 constexpr char kPreloadLog[] = "HALDENBENCH_LOG";
+constexpr char kPreloadCapture[] = "HALDENBENCH_CAPTURE";
 constexpr char kPreloadPort[] = "HALDENBENCH_PORT";
 constexpr char kPreloadTerminal[] = "HALDENBENCH_TERMINAL";
 constexpr char kPreloadRelay[] = "HALDENBENCH_RELAY";

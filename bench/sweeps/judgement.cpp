@@ -151,7 +151,9 @@ void JudgeTime(Outcome &outcome)
 void JudgeSignal(const Trial &trial, Outcome &outcome)
 {
     const RunResult &run = outcome.run;
-    if (run.signal == 0)
+    if (run.lostEvents)
+        outcome.findings.emplace_back("made more calls than its log can hold");
+    else if (run.signal == 0)
         for (const std::string &port : PortsLeftOpen(run))
             outcome.findings.push_back("left port " + port + " open");
     if (run.signal != 0 && !run.killed && !Killed(trial, run.signal))
