@@ -1,10 +1,8 @@
 #include "bench/capture/timeline.h"
 
-#include "bench/capture/svg.h"
-#include "bench/capture/timeaxis.h"
+#include "bench/capture/timeline_inner.h"
 
 #include <algorithm>
-#include <array>
 #include <functional>
 
 namespace bench
@@ -13,200 +11,14 @@ namespace bench
 namespace
 {
 
-using Kind = Message::Kind;
+using namespace timeline;
 
 // ---- What the page looks like
 
-constexpr double kPageWidth = 1400;
-constexpr double kMargin = 28;
 constexpr double kLeft = 136; // of all axes
 constexpr double kRight = 1296;
 constexpr double kTextSize = 14;
 constexpr double kMarkRow = 15; // beside a lane, for the marks on its messages
-
-constexpr char kStyle[] = R"svg(<style>
-text{font-family:"Helvetica Neue",Helvetica,Arial,"Liberation Sans",sans-serif;font-size:14px;fill:#1d2730}
-.small{font-size:13px}.dim{fill:#55616c}.end{text-anchor:end}.mid{text-anchor:middle}
-.head{font-size:22px;font-weight:bold}.part{font-size:16px;font-weight:bold}.bold{font-weight:bold}
-.onbad{fill:#fff}.plate{paint-order:stroke;stroke:#fff;stroke-width:5;stroke-linejoin:round}
-.page{fill:#fff}.lane{fill:#f2f4f6}.grid{stroke:#d5dbe0;stroke-width:1}.axis{stroke:#55616c;stroke-width:1}
-.rule{stroke:#1d2730;stroke-width:1.5}.heavy{stroke-width:5}
-.other{fill:#717d88}.accepted{fill:#74b9e8}.unknown{fill:url(#dots);stroke:#6b5600;stroke-width:1}
-.refused{fill:url(#stripes)}.silence{fill:#fff;stroke:#1d2730;stroke-width:1.5}
-.noise{fill:#5d2a6e}.wait{fill:url(#hatch);stroke:#9aa5af;stroke-width:1}
-.gap{fill:#fff;stroke:#1d2730;stroke-width:1.2;stroke-dasharray:4 3}
-.open{fill:#dfe5ea;stroke:#9aa5af;stroke-width:1}
-.fold{fill:#fff;fill-opacity:.75}.tear{fill:none;stroke:#9aa5af;stroke-width:1}
-.area{fill:#d3e8f5}.curve{fill:none;stroke:#0f5c8c;stroke-width:2}
-.good{fill:#fff;stroke:#1d2730;stroke-width:1.5}.bad{fill:#1d2730;stroke:#1d2730;stroke-width:1.5}
-.none{fill:#fff;stroke:#1d2730;stroke-width:1.5;stroke-dasharray:4 3}
-.ink{fill:#1d2730}.pen{fill:none;stroke:#1d2730;stroke-width:2}.thin{fill:#fff;stroke:#1d2730;stroke-width:1.5}
-</style>
-<defs>
-<pattern id="stripes" width="6" height="6" patternUnits="userSpaceOnUse" patternTransform="rotate(45)">
-<rect width="6" height="6" fill="#d9480f"/><rect width="2" height="6" fill="#7a2600"/></pattern>
-<pattern id="dots" width="6" height="6" patternUnits="userSpaceOnUse">
-<rect width="6" height="6" fill="#f7d75c"/><circle cx="3" cy="3" r="1.4" fill="#6b5600"/></pattern>
-<pattern id="hatch" width="7" height="7" patternUnits="userSpaceOnUse" patternTransform="rotate(-45)">
-<rect width="7" height="7" fill="#fff"/><rect width="1.2" height="7" fill="#c3cbd2"/></pattern>
-<path id="refused" class="pen" d="M-4-4L4 4M-4 4L4-4"/>
-<path id="unknown" class="pen" d="M-3-2.5A3 3 0 1 1 1.5 0.4Q0 1 0 2.5M0 3.6V5.6"/>
-<circle id="silence" class="pen" r="4"/>
-<path id="noise" class="pen" d="M-6 2L-3-3L0 3L3-3L6 2"/>
-<path id="again" class="pen" d="M4.2-1.5A4.5 4.5 0 1 0 4.2 1.8M5.4-5V-1H1.4"/>
-<path id="finding" class="pen" d="M0-5.5V1M0 2.8V5.2"/>
-<path id="open" class="ink" d="M-4-5L5 0L-4 5Z"/>
-<path id="close" class="ink" d="M-4-5H4V5H-4Z"/>
-<path id="setting" class="thin" d="M0-5L5 0L0 5L-5 0Z"/>
-<g id="failed"><circle class="ink" r="7"/><path d="M-3-3L3 3M-3 3L3-3" stroke="#fff" stroke-width="2"/></g>
-</defs>
-)svg";
-
-// ---- Shapes: messages in a lane
-
-// How a message is drawn. Of several on one pixel the last one counts.
-enum class Look { kOther, kAccepted, kNoise, kUnknown, kRefused, kSilence };
-
-struct LookRow {
-    const char *name; // also the class
-    const char *words;
-    double height; // share of the lane
-    double leastWidth;
-    const char *labelLook;
-};
-
-constexpr LookRow kLooks[] = {
-    {"other", "other", 0.55, 2, "small mid onbad"},  {"accepted", "accepted", 0.8, 2, "small mid"},
-    {"noise", "noise", 1, 3, "small mid onbad"},     {"unknown", "unknown", 1, 3, "small mid plate"},
-    {"refused", "refused", 1, 3, "small mid plate"}, {"silence", "without answer", 1, 4, "small mid"},
-};
-constexpr std::size_t kLookCount = std::size(kLooks);
-
-const LookRow &RowOf(Look look)
-{
-    return kLooks[static_cast<std::size_t>(look)];
-}
-
-Look LookOf(const Step &step)
-{
-    if (step.message.kind == Kind::kNoise || step.message.kind == Kind::kPiece)
-        return Look::kNoise;
-    switch (step.fate) {
-    case Fate::kNone:
-    case Fate::kAnswered:
-        return Look::kOther;
-    case Fate::kAccepted:
-        return Look::kAccepted;
-    case Fate::kUnknown:
-        return Look::kUnknown;
-    case Fate::kRefused:
-        return Look::kRefused;
-    case Fate::kSilence:
-        return Look::kSilence;
-    }
-    return Look::kOther;
-}
-
-// What may be written on a message.
-std::vector<std::string> LabelsOf(const Message &message)
-{
-    const std::string name = message.name.substr(0, message.name.find(" with "));
-    if (message.kind != Kind::kBlock || !message.block)
-        return {name};
-    const std::string number = std::to_string(*message.block);
-    return {name, ImagePrefix(message.type.value_or(0)) + number, number};
-}
-
-struct Shape {
-    double left, right;
-    Look look;
-    bool slim = false;                    // has the least width
-    std::vector<std::string> labels = {}; // the longest one first
-    std::string title = {};
-    Span span = {};
-    std::array<std::size_t, kLookCount> counts = {}; // of the messages in it
-    std::size_t count = 1;
-};
-
-// Whether two neighbours become one shape: they begin on the same pixel, or both are as slim as can be and alike.
-bool Meet(const Shape &a, const Shape &b)
-{
-    constexpr double kWidest = 8;
-    const bool slim = a.slim && b.slim && a.right - a.left < kWidest;
-    return b.left < a.left + 1 || (a.look == b.look && slim && b.left < a.right);
-}
-
-std::vector<Shape> Merged(std::vector<Shape> shapes)
-{
-    std::vector<Shape> merged;
-    for (Shape &shape : shapes) {
-        shape.counts[static_cast<std::size_t>(shape.look)] = 1;
-        if (merged.empty() || !Meet(merged.back(), shape)) {
-            merged.push_back(std::move(shape));
-            continue;
-        }
-        Shape &last = merged.back();
-        last.right = std::max(last.right, shape.right);
-        last.span.end = std::max(last.span.end, shape.span.end);
-        last.look = std::max(last.look, shape.look);
-        ++last.counts[static_cast<std::size_t>(shape.look)];
-        ++last.count;
-        last.labels.clear();
-    }
-    return merged;
-}
-
-// ---- Marks: calls, and what is worth a look
-
-// Of several marks in one place the last one counts.
-enum class Mark { kSetting, kOpen, kClose, kAgain, kFinding, kNoise, kUnknown, kRefused, kSilence, kFailed };
-
-constexpr const char *kMarkIds[] = {"setting", "open",    "close",   "again",   "finding",
-                                    "noise",   "unknown", "refused", "silence", "failed"};
-
-struct Sign {
-    double x;
-    Mark mark;
-    std::string title;
-    std::size_t count = 1;
-};
-
-void Add(std::vector<Sign> &signs, Sign sign)
-{
-    constexpr double kApart = 14;
-    constexpr std::size_t kLines = 6;
-    if (signs.empty() || sign.x - signs.back().x >= kApart) {
-        signs.push_back(std::move(sign));
-        return;
-    }
-    Sign &last = signs.back();
-    last.mark = std::max(last.mark, sign.mark);
-    if (++last.count <= kLines)
-        last.title += "\n" + sign.title;
-    else if (last.count == kLines + 1)
-        last.title += "\nand more";
-}
-
-bool Is(const std::string &note, const char *word)
-{
-    return note.starts_with(word);
-}
-
-// The mark of a call. Waits and the end of the program have none.
-std::optional<Mark> CallMarkOf(const std::string &note)
-{
-    if (Is(note, "!"))
-        return Mark::kFinding;
-    if (Is(note, "write ") || note.find(" refused ") != std::string::npos)
-        return Mark::kFailed;
-    if (Is(note, "open"))
-        return Mark::kOpen;
-    if (Is(note, "close"))
-        return Mark::kClose;
-    if (Is(note, "config") || Is(note, "rx"))
-        return Mark::kSetting;
-    return std::nullopt;
-}
 
 // ---- Drawing
 
@@ -238,7 +50,6 @@ private:
     void DrawAccepted(const TimeAxis &axis, int port);
     void DrawAxis(const TimeAxis &axis, double top);
     void DrawFolds(const TimeAxis &axis, double top);
-    void DrawLegend();
 
     void DrawLane(const std::string &name, double height);
     void DrawShapes(const std::vector<Shape> &shapes, double height, bool labels);
@@ -273,7 +84,7 @@ std::string Painter::Draw()
     DrawOverview();
     for (const int port : PortsByTime(digest_))
         DrawPart(port);
-    DrawLegend();
+    y_ += DrawLegend(svg_, y_);
     const std::string size = Number(kPageWidth) + " " + Number(y_);
     return "<svg xmlns=\"http://www.w3.org/2000/svg\" viewBox=\"0 0 " + size + "\" role=\"img\" aria-label=\"" +
            Escaped("Timeline of " + digest_.info.command) + "\">\n" + kStyle +
@@ -354,7 +165,7 @@ void Painter::DrawProgram(const TimeAxis &axis)
         const Event &event = step.message.event;
         if (event.port != kNoPort)
             continue;
-        if (Is(event.note, "wait "))
+        if (event.note.starts_with("wait "))
             DrawWait(axis, step, kHeight);
         else if (const std::optional<Mark> mark = CallMarkOf(event.note))
             Add(signs, {axis.At(event.begin), *mark, event.note + ", at " + Since(event.begin)});
@@ -439,38 +250,13 @@ void Painter::DrawCalls(const TimeAxis &axis, int port, Span shown)
     std::vector<Sign> signs;
     for (const Step &step : digest_.steps) {
         const Event &event = step.message.event;
-        if (Is(event.note, "wait ") && event.begin < shown.end && step.until > shown.begin)
+        if (event.note.starts_with("wait ") && event.begin < shown.end && step.until > shown.begin)
             DrawWait(axis, step, kHeight);
         else if (const std::optional<Mark> mark = CallMarkOf(event.note); mark && event.port == port)
             Add(signs, {axis.At(event.begin), *mark, event.note + ", at " + Since(event.begin)});
     }
     DrawSigns(signs, y_ + kHeight / 2);
     y_ += kHeight + 2;
-}
-
-// What is worth a look at a message; nothing: it is good.
-std::optional<Mark> MessageMarkOf(const Step &step)
-{
-    const bool toDevice = step.message.event.way == Way::kToDevice;
-    switch (LookOf(step)) {
-    case Look::kNoise:
-        return Mark::kNoise;
-    case Look::kUnknown:
-        return toDevice ? std::optional(Mark::kUnknown) : std::nullopt;
-    case Look::kRefused:
-        return toDevice ? std::optional(Mark::kRefused) : std::nullopt;
-    case Look::kSilence:
-        return Mark::kSilence;
-    case Look::kOther:
-    case Look::kAccepted:
-        break;
-    }
-    return step.message.finding.empty() ? std::nullopt : std::optional(Mark::kFinding);
-}
-
-std::optional<Mark> AgainMarkOf(const Step &step)
-{
-    return step.again ? std::optional(Mark::kAgain) : std::nullopt;
 }
 
 void Painter::DrawMarks(const TimeAxis &axis, const Filter &filter, MarkFunction markOf, double y)
@@ -534,7 +320,7 @@ void Painter::DrawAccepted(const TimeAxis &axis, int port)
     };
     for (const Step &step : digest_.steps) {
         const Message &message = step.message;
-        if (message.event.port != port || message.kind != Kind::kBlock || step.fate != Fate::kAccepted)
+        if (message.event.port != port || message.kind != Message::Kind::kBlock || step.fate != Fate::kAccepted)
             continue;
         const double x = axis.At(message.event.end + step.answerTime.value_or(WallTime(0)));
         if (x >= drawn + 0.5) { // else the steps on one pixel are one step
@@ -587,7 +373,8 @@ std::string Painter::TitleOf(const Shape &shape) const
     std::string counts;
     for (std::size_t i = 0; i < kLookCount; ++i)
         if (shape.counts[i] != 0)
-            counts += (counts.empty() ? "" : ", ") + std::to_string(shape.counts[i]) + " " + kLooks[i].words;
+            counts += (counts.empty() ? "" : ", ") + std::to_string(shape.counts[i]) + " " +
+                      RowOf(static_cast<Look>(i)).words;
     return std::to_string(shape.count) + " messages, from " + Since(shape.span.begin) + " to " + Since(shape.span.end) +
            "\n" + counts;
 }
@@ -641,7 +428,7 @@ void Painter::DrawShape(const Shape &shape, double height, bool labels)
 void Painter::DrawSigns(const std::vector<Sign> &signs, double y)
 {
     for (const Sign &sign : signs)
-        svg_.Use(kMarkIds[static_cast<std::size_t>(sign.mark)], sign.x, y, sign.title);
+        svg_.Use(IdOf(sign.mark), sign.x, y, sign.title);
 }
 
 // ---- Axes
@@ -673,58 +460,6 @@ void Painter::DrawFolds(const TimeAxis &axis, double top)
         }
         svg_.Text((fold.left + fold.right) / 2, y_ + 18, "small mid", "+" + length);
     }
-}
-
-// ---- Legend
-
-// One entry of the legend: a swatch, or a mark, or both.
-struct LegendRow {
-    const char *words;
-    const char *look;
-    double height; // share of the lane that the swatch has; 0: it is two lines
-    const char *mark;
-};
-
-constexpr LegendRow kLegend[] = {
-    {"accepted", "accepted", 0.8, nullptr},
-    {"refused", "refused", 1, "refused"},
-    {"unknown", "unknown", 1, "unknown"},
-    {"no answer", "silence", 1, "silence"},
-    {"noise or piece", "noise", 1, "noise"},
-    {"other message", "other", 0.5, nullptr},
-    {"silence", "gap", 0.9, nullptr},
-    {"program waits", "wait", 0.9, nullptr},
-    {"sent again", nullptr, 0, "again"},
-    {"finding or remark", nullptr, 0, "finding"},
-    {"open", nullptr, 0, "open"},
-    {"driver setting", nullptr, 0, "setting"},
-    {"failed call", nullptr, 0, "failed"},
-    {"close", nullptr, 0, "close"},
-    {"time drawn shorter", "tear", 0, nullptr},
-};
-
-void Painter::DrawLegend()
-{
-    constexpr std::size_t kColumns = 8;
-    constexpr double kRow = 26, kSwatch = 26;
-    constexpr double kColumn = (kPageWidth - 2 * kMargin) / kColumns;
-    svg_.Line(kMargin, y_, kPageWidth - kMargin, y_, "grid");
-    for (std::size_t i = 0; i < std::size(kLegend); ++i) {
-        const LegendRow &row = kLegend[i];
-        double x = kMargin + kColumn * static_cast<double>(i % kColumns);
-        const double middle = y_ + 24 + kRow * (i < kColumns ? 0 : 1);
-        if (row.look != nullptr && row.height != 0)
-            svg_.Rect({x, middle - 9 * row.height, kSwatch, 18 * row.height}, row.look);
-        else if (row.look != nullptr)
-            for (const double side : {6, 20})
-                svg_.Path("M" + Number(x + side) + " " + Number(middle - 9) + "l3 3l-3 3l3 3l-3 3l3 3l-3 3", row.look);
-        x += row.look != nullptr ? kSwatch + 4 : 0;
-        if (row.mark != nullptr)
-            svg_.Use(row.mark, x + 7, middle);
-        x += row.mark != nullptr ? 18 : 2;
-        svg_.Text(x, middle + 4.5, "small", row.words);
-    }
-    y_ += 24 + 2 * kRow;
 }
 
 } // namespace
