@@ -151,6 +151,20 @@ TEST(Updates, StopOnAnArgumentThatCannotBe)
     EXPECT_EQ(CloseImage(&none), 1u);
 }
 
+TEST(Images, AreReadOnAfterAnInterruption)
+{
+    static int pipeEnds[2];
+    ASSERT_EQ(pipe(pipeEnds), 0);
+    struct sigaction action = {}; // a read that it interrupts does not start again by itself
+    action.sa_handler = [](int) { EXPECT_EQ(write(pipeEnds[1], "late", 4), 4); };
+    sigaction(SIGALRM, &action, nullptr);
+    FILE *image = fdopen(pipeEnds[0], "r");
+    char buffer[5] = {};
+    ualarm(20000, 0);
+    EXPECT_EQ(ReadBytes(image, buffer, 4), 4);
+    EXPECT_STREQ(buffer, "late");
+}
+
 TEST(Delays, StartOverWhenInterrupted)
 {
     std::signal(SIGALRM, [](int) {});
