@@ -47,14 +47,10 @@ constexpr char kHelp[] =
     "  1  the command failed, a device holds something else, a replay differs, or the bench could not do its work\n"
     "  2  wrong usage\n";
 
-void SetFaults(Settings &settings, const std::string &text)
+void SetFaults(Settings &settings, const char *name, const std::string &value)
 {
-    const std::size_t colon = text.find(':');
-    const std::string device = text.substr(0, colon);
-    if (colon == std::string::npos || (device != "micro" && device != "camera"))
-        throw UsageError("--faults: the value has to be micro:TEXT or camera:TEXT");
-    settings.hasFaults = true;
-    (device == "micro" ? settings.microFaults : settings.cameraFaults) = ParseFaults(text.substr(colon + 1));
+    const auto [device, text] = DeviceOption(name, value, ':', "TEXT");
+    settings.faults[device] = ParseFaults(text);
 }
 
 void SetDirectory(Settings &settings, const std::string &directory)
@@ -63,13 +59,10 @@ void SetDirectory(Settings &settings, const std::string &directory)
     settings.hasDirectory = true;
 }
 
-void SetTerminal(std::map<std::string, std::string> &terminals, const char *name, const std::string &text)
+void SetTerminal(std::map<std::string, std::string> &terminals, const char *name, const std::string &value)
 {
-    const std::size_t equals = text.find('=');
-    const std::string device = text.substr(0, equals);
-    if (equals == std::string::npos || equals + 1 == text.size() || (device != "micro" && device != "camera"))
-        throw UsageError(std::string("--") + name + ": the value has to be micro=TTY or camera=TTY");
-    terminals[device] = text.substr(equals + 1);
+    const auto [device, path] = DeviceOption(name, value, '=', "TTY");
+    terminals[device] = path;
 }
 
 constexpr OptionRow<Settings> kOptions[] = {
@@ -93,7 +86,7 @@ constexpr OptionRow<Settings> kOptions[] = {
      [](Settings &s, const char *n, const std::string &value) { s.baud = OptionNumber(n, value, 10, 0, 10000000); }},
     {"line", true, [](Settings &s, const char *n, const std::string &value) { SetTerminal(s.lines, n, value); }},
     {"serve", true, [](Settings &s, const char *n, const std::string &value) { SetTerminal(s.served, n, value); }},
-    {"faults", true, [](Settings &s, const char *, const std::string &value) { SetFaults(s, value); }},
+    {"faults", true, [](Settings &s, const char *n, const std::string &value) { SetFaults(s, n, value); }},
     {"bar", false, [](Settings &s, const char *, const std::string &) { s.bar = true; }},
     {"trace", true, [](Settings &s, const char *, const std::string &value) { s.trace = value; }},
     {"transcript", true, [](Settings &s, const char *, const std::string &value) { s.transcript = value; }},
@@ -114,7 +107,7 @@ void CheckReplay(const Settings &settings)
     if (settings.strict && settings.replay.empty())
         throw UsageError("--strict needs --replay");
     const bool tells = settings.microVersion || settings.cameraVersion || settings.systemVersion ||
-                       !settings.transcript.empty() || settings.hasFaults || !settings.lines.empty();
+                       !settings.transcript.empty() || !settings.faults.empty() || !settings.lines.empty();
     if (tells && !settings.replay.empty())
         throw UsageError("--replay: its devices are not real, take no versions and no faults, and keep no transcript");
     std::error_code missing;
@@ -130,6 +123,17 @@ void CheckServe(const Settings &settings)
         throw UsageError("--serve: there can be no command, no --line and no --replay with it");
 }
 
+// A device that is real, or that nobody serves, can be told nothing.
+void CheckDevices(const Settings &settings)
+{
+    const std::pair<const char *, bool> versions[] = {{"micro", settings.microVersion.has_value()},
+                                                      {"camera", settings.cameraVersion || settings.systemVersion}};
+    for (const auto &[device, hasVersion] : versions)
+        if ((hasVersion || settings.faults.contains(device)) && !settings.InSoftware(device))
+            throw UsageError(std::string("the device ") + device +
+                             " is not one in software: it takes no version and no faults");
+}
+
 Settings ParseArguments(int argc, char *argv[])
 {
     Settings settings;
@@ -139,6 +143,7 @@ Settings ParseArguments(int argc, char *argv[])
         throw UsageError("there is no command; see --help");
     CheckReplay(settings);
     CheckServe(settings);
+    CheckDevices(settings);
     if (!fs::is_directory(settings.directory))
         throw UsageError("--dir: there is no directory " + settings.directory);
     if (!settings.configuration.empty() && !fs::is_directory(settings.configuration))

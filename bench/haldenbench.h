@@ -22,12 +22,16 @@ struct Settings {
     bool fast = false;
     unsigned baud = 0;
     std::map<std::string, std::string> lines, served; // terminals by device
-    Faults microFaults, cameraFaults;
-    bool hasFaults = false; // some were given
+    std::map<std::string, Faults> faults;             // by device
     bool bar = false;
     std::string trace, transcript, capture, replay, makeImages;
     bool strict = false;
     std::vector<std::string> command;
+
+    bool InSoftware(const std::string &device) const
+    {
+        return served.empty() ? !lines.contains(device) : served.contains(device);
+    }
 };
 
 // The file of the command's first word. Throws UsageError if there is none.

@@ -39,18 +39,12 @@ struct Devices {
           camera(MakeImage(settings.directory + "/" + kCameraVersion, settings.cameraVersion),
                  MakeImage(settings.directory + "/" + kSystemVersion, settings.systemVersion))
     {
-        micro.faults = settings.microFaults;
-        camera.faults = settings.cameraFaults;
+        for (const auto &[device, faults] : settings.faults)
+            (device == "micro" ? static_cast<Device &>(micro) : camera).faults = faults;
     }
     Micro micro;
     Camera camera;
 };
-
-// Whether the device is one in software.
-bool TakesPart(const Settings &settings, const std::string &device)
-{
-    return settings.served.empty() ? !settings.lines.contains(device) : settings.served.contains(device);
-}
 
 void WriteTranscript(const std::string &path, const Micro &micro, const Camera &camera)
 {
@@ -68,9 +62,9 @@ void WriteTranscript(const std::string &path, const Micro &micro, const Camera &
 bool Report(const Settings &settings, const Devices &devices)
 {
     std::vector<Verdict> verdicts;
-    if (TakesPart(settings, "micro"))
+    if (settings.InSoftware("micro"))
         verdicts.push_back(Judge(devices.micro, settings.directory));
-    if (TakesPart(settings, "camera")) {
+    if (settings.InSoftware("camera")) {
         verdicts.push_back(JudgeCamera(devices.camera, settings.directory));
         verdicts.push_back(JudgeSystem(devices.camera, settings.directory));
     }

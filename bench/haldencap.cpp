@@ -66,13 +66,10 @@ int Help(const Words &)
 
 // ---- from-strace
 
-void AddPort(const std::string &text, StraceText::PortPaths &ports)
+void AddPort(const std::string &value, StraceText::PortPaths &ports)
 {
-    const std::size_t equals = text.find('=');
-    const std::string device = text.substr(0, equals);
-    if (equals == std::string::npos || equals + 1 == text.size() || (device != "micro" && device != "camera"))
-        throw UsageError("--port: the value has to be micro=FILE or camera=FILE");
-    ports[text.substr(equals + 1)] = device == "micro" ? kMicroPort : kCameraPort;
+    const auto [device, path] = DeviceOption("port", value, '=', "FILE");
+    ports[path] = device == "micro" ? kMicroPort : kCameraPort;
 }
 
 // Copies a stream to a file without a name.

@@ -8,6 +8,7 @@
 #include <span>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace bench
@@ -47,6 +48,19 @@ inline unsigned OptionNumber(const char *name, const std::string &text, int base
     if (!number || *number < first)
         throw UsageError(std::string("--") + name + ": \"" + text + "\" is no number that this option takes");
     return *number;
+}
+
+// Reads the value of an option that is for one device: "micro", the separator, and the text that is left. Returns both
+// texts. Throws UsageError if it has another form. meaning names the text for the message.
+inline std::pair<std::string, std::string> DeviceOption(const char *name, const std::string &value, char separator,
+                                                        const std::string &meaning)
+{
+    const std::size_t end = value.find(separator);
+    const std::string device = value.substr(0, end);
+    if (end == std::string::npos || end + 1 == value.size() || (device != "micro" && device != "camera"))
+        throw UsageError(std::string("--") + name + ": the value has to be micro" + separator + meaning + " or camera" +
+                         separator + meaning);
+    return {device, value.substr(end + 1)};
 }
 
 } // namespace bench

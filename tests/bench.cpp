@@ -315,6 +315,7 @@ TEST_F(BenchRun, CommandJudgesTheUpdate)
     EXPECT_EQ(command({"--faults", "micro:block2=none", "--", HALDENFLASH_BINARY, "micro"}).status, 1)
         << "the updater takes silence for success, the bench does not";
     EXPECT_EQ(command({"--faults", "micro:cut", "--", HALDENFLASH_BINARY, "micro"}).status, 2);
+    EXPECT_EQ(command({"--line", "micro=no", "--faults", "micro:cut=1", "--", HALDENFLASH_BINARY, "micro"}).status, 2);
     EXPECT_EQ(command({}).status, 2);
 }
 
