@@ -140,6 +140,8 @@ TEST(Filters, TablesHoldTen)
 TEST(LogFormat, Words)
 {
     EXPECT_EQ(logmsg_get_format(), kLogFormatProc);
+    logmsg_print("reads the settings", 1); // otherwise the first line of a task reads them at any time
+    logmsg_set_format(kLogFormatLevel);
     logmsg_format_load();
     EXPECT_EQ(logmsg_get_format(), 0) << "the setting is missing";
     for (const auto &[bits, text] : {std::pair{0, "\n"}, {5, "date level \n"}, {15, "date time level proc \n"}}) {
