@@ -78,7 +78,7 @@ run_tests() {
     local preset=${1:-default}
     need $test_packages
     build "$preset"
-    ctest --test-dir "build/$preset" -j "$jobs" --no-tests=error --output-on-failure --timeout 60
+    ctest --test-dir "build/$preset" -j $((2 * jobs)) --no-tests=error --output-on-failure --timeout 60
 }
 
 coverage() {
