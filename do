@@ -70,8 +70,12 @@ build() {
     powerpc) need $cross_packages ;;
     clang | fuzz) need $fuzz_packages ;;
     esac
-    cmake --preset "$preset" >/dev/null || die "preset $preset: there is no such preset, or the configuration failed"
-    cmake --build "build/$preset" -j "$jobs" "${@:2}"
+    mkdir -p build
+    (
+        flock 9 # another command may build the same folder
+        cmake --preset "$preset" >/dev/null || die "preset $preset: there is no such preset, or the configuration failed"
+        cmake --build "build/$preset" -j "$jobs" "${@:2}"
+    ) 9>"build/$preset.lock"
 }
 
 run_tests() {
