@@ -60,13 +60,14 @@ const Case kCases[] = {
      kOpen + R"(9 1.1 write(3, "\xff\x00A\"\\\0011\n\1\377", 10) = 10)" + "\n" + kExit,
      {kOpened, "100000 p1 > FF 00 41 22 5C 01 31 0A 01 FF", kExited}},
     {"Durations",
-     kOpen + "9 1.1 write(3, \"ab\", 2) = 2 <0.000007>\n9 1.2 read(3, \"c\", 1) = 1 <0.5>\n" + kExit,
+     kOpen + "9 1.1 write(3, \"ab\", 2) = 2 <0.000007>\n9 1.2 (+     0.1) read(3, \"c\", 1) = 1 <0.5>\n" + kExit,
      {kOpened, "100000+7 p1 > 61 62", "700000 p1 < 63", kExited}},
     {"InterleavedThreads",
      kOpen +
          "9 1.1 clone3({flags=CLONE_VM|CLONE_FILES|CLONE_THREAD, tls=0x1} => {parent_tid=[10]}, 88) = 10\n"
          "9 1.2 write(3, \"ab\", 2 <unfinished ...>\n10 1.3 read(3,  <unfinished ...>\n"
-         "10 1.4 <... read resumed>\"c\", 1) = 1\n9 1.5 <... write resumed>) = 2\n" +
+         "10 1.4 <... read resumed>\"c\", 1) = 1\n10 1.4 select(0, NULL, NULL, NULL, {1, 0}) = 0 (Timeout)\n"
+         "9 1.5 <... write resumed>) = 2\n10 1.6 +++ exited with 1 +++\n" +
          kExit,
      {kOpened, "200000+300000 p1 > 61 62", "400000 p1 < 63", kExited}},
     {"ChildBeforeItsForkEnds",
@@ -84,17 +85,30 @@ const Case kCases[] = {
          kExit,
      {kOpened, "200000 p1 close", "300000 p0 open", "500000 p0 > 61", kExited}},
     {"Copies",
-     kOpen + "9 1.1 dup2(3, 5) = 5\n9 1.1 fcntl64(5, F_DUPFD_CLOEXEC, 7) = 8\n9 1.1 close_range(3, 5, 0) = 0\n"
+     kOpen + "9 1.1 dup2(3, 5) = 5\n9 1.1 fcntl(5, F_DUPFD, 6) = 6\n9 1.1 fcntl64(6, F_DUPFD_CLOEXEC, 7) = 8\n9 1.1 "
+             "close_range(3, 6, 0) = 0\n"
+             "9 1.1 close_range(8, 9, CLOSE_RANGE_CLOEXEC) = 0\n"
              "9 1.2 write(8, \"a\", 1) = 1\n9 1.3 execve(\"/x\", [\"x\"], 0x7f /* 3 vars */) = 0\n",
      {kOpened, "200000 p1 > 61", "300000 p1 close", "300000 ! the text does not show the end of the program"}},
     {"OtherFileWithTheNumber",
      kOpen + "9 1.1 close(3) = 0\n9 1.2 openat(AT_FDCWD, \"/etc/x\", 0) = 3\n9 1.3 write(3, \"a\", 1) = 1\n" + kExit,
      {kOpened, "100000 p1 close", kExited}},
+    {"OtherFileThatIsShown",
+     kOpen + "9 1.1 write(3</dev/fpgaserial1>, \"b\", 1) = 1\n9 1.2 write(3</etc/x>, \"a\", 1) = 1\n" + kExit,
+     {kOpened, "100000 p1 > 62", kExited}},
+    {"FilesWithoutTheirEnd",
+     kOpen +
+         "9 1.1 open(\"haldenmicro.bin\", 0) = 4\n9 1.1 read(4, \"x\"..., 6144) = 6144\n"
+         "9 1.1 open(\"farsightcam.bin\", 0) = 5\n9 1.1 read(5, \"x\"..., 64) = 64\n9 1.1 read(5, \"\", 64) = 0\n"
+         "9 1.1 open(\"farsightsys.bin\", 0) = 6\n9 1.1 read(6, \"x\"..., 64) = 64\n" +
+         kExit,
+     {"0 ! the text does not show the end of farsightsys.bin, which may be longer", kOpened, kExited}},
     {"Link",
      "9 1.0 open(\"/dev/link\", O_RDWR) = -1 EBUSY (Device or resource busy)\n9 1.0 open(\"/dev/link\", 2) = ?\n"
-     "9 1.1 open(\"/dev/link\", 02) = 3\n",
+     "9 1.1 open(\"/dev/link\", 02) = 3\n9 1.2 read(3,  <unfinished ...>\n",
      {"0 p0 open refused EBUSY", "0 p0 ! line 2: the result of this open is not known", "100000 p0 open",
-      "100000 ! the text does not show the end of the program"}},
+      "200000 p0 ! line 4: the end of this read is missing, so its result is not known",
+      "200000 ! the text does not show the end of the program"}},
     {"BigEndianBoard",
      kOpen +
          "9 1.1 ioctl(3, _IOC(_IOC_WRITE, 0, 0x1, 0x26), 0xbf8) = 0\n"
@@ -117,19 +131,30 @@ const Case kCases[] = {
      kOpen +
          "9 1.1 write(3, \"abc\", 3) = 1\n9 1.2 write(3, \"bc\", 2) = -1 EIO (Input/output error)\n"
          "9 1.3 writev(3, [{iov_base=\"a\", iov_len=1}, {\"bc\", 2}], 2) = 3\n9 1.4 read(3, \"\", 5) = 0\n"
-         "9 1.5 read(3, \"\", 5) = 0\n9 1.6 pread64(3, \"ab\", 2, 0) = 2\n" +
+         "9 1.5 read(3, \"\", 5) = 0\n9 1.5 read(3, 0x7f, 5) = ? ERESTARTSYS (To be restarted)\n9 1.6 pread64(3, "
+         "\"ab\", 2, 0) = 2\n"
+         "9 1.7 write(3, \"a\", 1) = -1\n" +
          kExit,
      {kOpened, "100000 p1 > 61", "100000 p1 write 1 of 3 bytes", "200000 p1 write refused EIO", "300000 p1 > 61 62 63",
       "400000 p1 ! line 5: this read brought no byte; later ones that bring no byte either are left out",
-      "600000 p1 ! line 7: the 2 bytes of this pread64 are left out, because other reads may bring them again",
-      kExited}},
+      "600000 p1 ! line 8: the 2 bytes of this pread64 are left out, because other reads may bring them again",
+      "700000 p1 write refused ?", kExited}},
     {"Killed",
-     kOpen + "9 1.5 write(3, \"ab\", 2 <unfinished ...>\n9 2.0 +++ killed by SIGKILL (core dumped) +++\n",
+     kOpen + "9 1.5 write(3, \"ab\", 2 <unfinished ...>\n9 2.0 +++ killed by SIGKILL (core dumped) +++\r\n",
      {kOpened, "500000 p1 ! line 2: the end of this write is missing, so its result is not known", "1000000 signal 9"}},
     {"TextIsCut",
-     "8\", 1) = 1\n" + kOpen + "9 1.1 exit_group(3) = ?\n9 1.2 write(3, \"a",
+     "8\", 1) = 1\n" + kOpen + "9 1.1 exit_group(131) = ?\n9 1.2 write(3, \"a",
      {"0 ! line 1: this line has no beginning", "1000000 p1 open",
-      "1200000 p1 ! line 4: the end of this write is missing, so its result is not known", "1200000 exit 3"}},
+      "1200000 p1 ! line 4: the end of this write is missing, so its result is not known", "1200000 exit 131"}},
+    {"AThreadExecutes",
+     kOpen +
+         "9 1.1 clone(flags=CLONE_FILES|CLONE_THREAD) = 10\n10 1.2 execve(\"/x\", [\"x\"], 0x7f <unfinished ...>\n"
+         "9 1.2 +++ superseded by execve in pid 10 +++\n9 1.2 <... execve resumed>) = 0\n9 1.3 close(3) = 0\n" +
+         kExit,
+     {kOpened, "300000 p1 close", "1000000 ! the text does not show the end of the program"}},
+    {"WholeSeconds",
+     "9 1 open(\"/dev/fpgaserial1\", 2) = 3\n9 2 +++ exited with 0 +++\n",
+     {"0 ! the times are whole seconds (strace -ttt has microseconds)", kOpened, kExited}},
     {"OpenBeforeTheText",
      "9 1.0 write(3</dev/fpgaserial1>, \"a\", 1) = 1\n9 1.1 read(4, \"b\", 1) = 1\n"
      "9 1.2 <... write resumed>) = 3\n9 2.0 +++ exited with 0 +++\n",
@@ -142,17 +167,17 @@ const Case kCases[] = {
      "1.5 write(3, \"b\", 1) = 1\n2.0 +++ exited with 0 +++\n",
      {kOpened, "300000 p1 > 61", "500000 p1 > 62", kExited}},
     {"Midnight",
-     "9 23:59:59.9 open(\"/dev/fpgaserial1\", O_RDWR) = 3\n9 00:00:00.1 close(3) = 0\n9 00:00:00.9 +++ exited with 0 "
-     "+++\n",
+     "9 23:59:59.9 open(\"/dev/fpgaserial1\", O_RDWR) = 3\n9 00:00:00.1 close(3) = 0\n9 23:00:00.0 close(3) = 0\n"
+     "9 00:00:00.9 +++ exited with 0 +++\n",
      {"0 ! the text has no date (strace -ttt): its first day is called 1970-01-01", "0 p1 open", "200000 p1 close",
-      "1000000 exit 0"}},
+      "86401000000 exit 0"}},
     {"RelativeTimes",
      "9      0.000000 execve(\"/x\", [\"x\"], 0x7f) = 0\n9      0.5 open(\"/dev/fpgaserial1\", O_RDWR) = 3\n"
      "9      0.000100 close(3) = 0\n9      0.000300 +++ exited with 0 +++\n",
      {"0 ! the text has no date (strace -ttt): its beginning is called 1970-01-01 00:00:00", "0 p1 open",
       "100 p1 close", "400 exit 0"}},
     {"NoTimes",
-     "open(\"/dev/fpgaserial1\", O_RDWR) = 3\nclose(3) = 0\n+++ exited with 0 +++\n",
+     "open(\"/dev/fpgaserial1\", O_RDWR) = 3\nclose(3) = 0\n+++ exited with 0 +++",
      {"0 ! the text has no times (strace -ttt): the events are numbered a microsecond apart", "1 p1 open", "2 p1 close",
       "3 exit 0"}},
     {"ClockIsSetBack",
@@ -196,6 +221,7 @@ TEST(StraceRun, IsKnownFromItsCalls)
         "8 execve(\"/bin/sh\", [\"sh\"], 0x7f) = 0\n8 vfork( <unfinished ...>\n"
         "9 execve(\"/usr/bin/haldenflash\", [\"haldenflash\", \"it's\", \"a b\"], 0x7f) = 0\n" +
         string("9 open(\"/dev/fpgaserial1\", O_RDWR) = 3\n"
+               "9 stat(\"haldenmicro.bin\", 0x7f) = -1 ENOENT (No such file or directory)\n"
                "9 open(\"haldenmicro.bin\", O_RDONLY) = 4\n9 _llseek(4, 0, [6144], SEEK_END) = 0\n"
                "9 open(\"./farsightcam.bin\", O_RDONLY) = 5\n9 fstat64(5, {st_size=70000, ...}) = 0\n"
                "9 open(\"farsightsys.bin\", O_RDONLY) = -1 ENOENT (No such file or directory)\n"
