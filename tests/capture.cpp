@@ -88,9 +88,10 @@ const TalkCase kTalks[] = {
       "close, 0", "< noise, 2"}},
     {"Verdicts",
      kMicroPort,
-     {"> FF 48 00 05 00 06 FE 01 FE 01 FA", "< 15 0F 15 06 15", "> FF 48 00 03 00 00 00", "< 15 77"},
+     {"> FF 48 00 05 00 06 FE 01 FE 01 FA", "< 15 0F 15 06 15", "> FF 48 00 03 00 00 00", "< 15 77", "close",
+      "> FF 48 00 03 00 00 00"},
      {"> block 6 with 0 bytes, 11", "< nack, 2", "< noise, 3", "> retry of block 6, 7",
-      "< unknown verdict, 2 ! unknown verdict 77"}},
+      "< unknown verdict, 2 ! unknown verdict 77", "close, 0", "> retry of block 0, 7"}},
     {"BadFrames",
      kMicroPort,
      {"> 01 02 FF 48 00 FF 48 00 02 00 FF 48 FE 07 00 FF 48 00 05 00 05 00 00 00 33 FF 48 00 04 09 00 00 00 FF"},
@@ -145,7 +146,8 @@ const std::vector<Event> kEvents = {
     EventOf(kMicroPort, "config mask 3 baud 115200 parity 2 stop 1 flow 0 data 0", kStart + 2),
     EventOf(7, "config mask 31 baud ? parity 0 stop 1 flow 0 data 9", kStart + 2),
     EventOf(kMicroPort, "> FF 44 00 04 01 FE 01 FE 01 FE 01", kStart + 3, 955),
-    EventOf(kCameraPort, "< 01 02", kStart + 100, 100),
+    EventOf(kCameraPort, "< 01 02", kStart + 100, 2000000),
+    EventOf(7, "> FF 44", kStart + 1999),
     EventOf(kMicroPort, "close", kStart + 2000),
     EventOf(kNoPort, "! remark: of ours", kStart + 2000),
 };
@@ -173,6 +175,16 @@ TEST(CaptureFile, GivesBackWhatWasWritten)
     EXPECT_EQ(capture.info, kRun);
     const std::vector<Event> message = {kEvents[5]};
     EXPECT_EQ(Read(Written(BytewiseOf(message))).events, message);
+}
+
+TEST(CaptureFile, HasNoiseBeforeTheEnd)
+{
+    std::ostringstream stream;
+    CaptureWriter writer(stream, kRun);
+    writer.Write(kEvents[6]);
+    EXPECT_EQ(Read(stream.str()).events.size(), 1U);
+    stream.setstate(std::ios::badbit);
+    EXPECT_THROW(writer.Write(kEvents[6]), std::runtime_error);
 }
 
 TEST(CaptureFile, CutsATextThatIsTooLong)
@@ -316,12 +328,14 @@ TEST(CaptureFile, LeavesOutWhatIsOfOthers)
     const string micro = make.Interface(make.Option(2, "micro")), out = make.Option(2, make.N(4, 2));
     const string later = make.Option(1, "ends 5 us later"), human = make.Option(1, "ends 7 us later, I think");
     const string section =
-        make.Section(make.Option(1, "look here") + make.Option(1, "conventions 1 \nFile created by"));
+        make.Section(make.Option(1, "look here") + make.Option(1, "conventions 1 \nFile created by") +
+                     make.Option(1, "command of ours"));
     const Capture capture =
         Read(section + make.Interface(make.Option(2, "eth0")) + micro + make.Interface(make.Option(2, "micro"), 1) +
              make.Packet(1, "x", out, 0) + make.Packet(2, "x", out + human + later, 1) + make.Packet(3, "x", out, 2) +
              make.Packet(4, "x", "", 1) + make.Section() + micro + make.Packet(1, "", make.Option(1, "close") + human));
     EXPECT_EQ(capture.events, (std::vector<Event>{EventOf(kMicroPort, "close", 1), EventOf(kMicroPort, "> 78", 2, 5)}));
+    EXPECT_EQ(capture.info.command, "of ours");
 }
 
 // ---- Files that are refused

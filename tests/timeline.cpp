@@ -1,5 +1,6 @@
 #include "bench/capture/timeline.h"
 #include "bench/capture/show.h"
+#include "bench/capture/svg.h"
 #include "bench/capture/timeaxis.h"
 
 #include <gtest/gtest.h>
@@ -123,23 +124,67 @@ TEST(Timeline, ShowsOneRefusalAmongTenThousandMessages)
     Story run;
     for (int i = 0; i < 5000; ++i) {
         run.Send(BlockOf(static_cast<std::uint8_t>(3 + i % 100)));
-        run.Answer(i == 2500 ? kRefused : kAcked);
+        run.Answer(i == 2486 ? kRefused : kAcked);
     }
     const auto begin = std::chrono::steady_clock::now();
     const string picture = run.Picture();
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(20)); // a slow board is given time
     EXPECT_LT(picture.size(), 2000000U);
-    EXPECT_NE(picture.find("class=\"refused\"><title>"), string::npos);
+    const std::size_t refused = picture.find("class=\"refused\"><title>");
+    const std::regex shape(R"(class="refused"><title>)");
+    EXPECT_EQ(std::distance(std::sregex_iterator(picture.begin(), picture.end(), shape), {}), 3) << "one in each lane";
+    EXPECT_NE(picture.compare(picture.find("class=", refused + 1), 16, "class=\"accepted\""), 0) << "it is on top";
+    EXPECT_NE(run.Text().find("    4999        1        0 "), string::npos);
+}
+
+// A camera block is accepted, a system block with the same number gets a piece of an answer.
+TEST(Timeline, DrawsWhatIsAcceptedAndHowLongNothingCame)
+{
+    Story run;
+    const auto block = [](std::uint8_t type) { return Bytes{0xFF, type, 0, 6, 0, 0, 33, 0xFE, 1, 0xFE, 1, 223}; };
+    run.Note(kNoPort, "wait 5000");
+    run.Add({.port = kCameraPort, .way = Way::kToDevice, .bytes = block(0x88)}, 500);
+    run.Add({.port = kCameraPort, .way = Way::kToHost, .bytes = kAcked}, 100);
+    run.Add({.port = kCameraPort, .way = Way::kToDevice, .bytes = block(0x89)}, 500);
+    run.Add({.port = kCameraPort, .way = Way::kToHost, .bytes = {0x15}}, 0);
+    run.Note(kCameraPort, "! no act of the program");
+    run.now += WallTime(993600);
+    run.Note(kNoPort, "exit 0");
+    const string picture = run.Picture();
+    for (const char *part : {"the program waits 1 ms, from 0 s", "camera: from 1 ms to 1 s", "no answer in 996 ms",
+                             "V376H1296\" class=\"curve\"><title>1 of the 2 bytes"})
+        EXPECT_NE(picture.find(part), string::npos) << part;
+    EXPECT_EQ(picture.find("class=\"wait\"><title>", picture.rfind(">camera<")), string::npos) << "it was before";
+    const LineTotals line = DigestOf(run.capture).lines.at(kCameraPort);
+    EXPECT_EQ(line.retries, 0U);
+    EXPECT_EQ(line.noise, 1U);
+}
+
+TEST(Timeline, EndsWithTheLastByte)
+{
+    Story run;
+    run.Add({.port = kMicroPort, .way = Way::kToDevice, .bytes = kRequest}, 5000);
+    run.Note(kNoPort, "exit 0");
+    EXPECT_EQ(DigestOf(run.capture).duration(), WallTime(5000));
+    EXPECT_EQ(Number(-0.5), "-0.5");
 }
 
 TEST(Timeline, EscapesWhatXmlCannotHave)
 {
     Story run;
-    run.capture.info.command = "<a> & \"\xC3\xA4\xFF\x01\"";
-    run.Note(kMicroPort, "! <b>");
+    run.capture.info.command = "<a> & \"\xC3\xA4\xFF\x01\x7F\xC2\x85\"";
+    for (const char *note : {"! <b>", "! 2", "! 3", "! 4", "! 5", "! 6", "open relay"}) // marks at one place
+        run.Note(kNoPort, note);
+    run.Note(kMicroPort, "write 1 of 3 bytes");
+    run.now += WallTime(10000000);
+    run.Note(kNoPort, "exit 1");
     const string picture = run.Picture();
-    EXPECT_NE(picture.find(">&lt;a&gt; &amp; &quot;\xC3\xA4??&quot;<"), string::npos);
+    EXPECT_NE(picture.find(">&lt;a&gt; &amp; &quot;\xC3\xA4?????&quot;<"), string::npos);
     EXPECT_EQ(picture.find("<b>"), string::npos);
+    EXPECT_NE(picture.find("href=\"#finding\" x=\"136\""), string::npos);
+    EXPECT_NE(picture.find("href=\"#failed\" x=\"136\""), string::npos);
+    EXPECT_NE(picture.find("\nand more</title>"), string::npos);
+    EXPECT_NE(picture.find("class=\"bad\""), string::npos);
 }
 
 TEST(Timeline, DrawsARunWithoutEvents)
@@ -157,10 +202,18 @@ TEST(Axis, FoldsOnlyIfLittleHappens)
     EXPECT_EQ(folded.folds()[0].span.begin, WallTime(1000));
     EXPECT_NEAR(folded.At(WallTime(500000)), 500, 1e-6);
     EXPECT_GT(folded.At(WallTime(1000)), 400);
-    const TimeAxis scaled(shown, {span(0, 500000)}, 0, 1000, true);
+    const TimeAxis scaled(shown, {span(0, 500000), span(100, 200)}, 0, 1000, true);
     EXPECT_TRUE(scaled.folds().empty());
     EXPECT_NEAR(scaled.At(WallTime(250000)), 250, 1e-6);
     EXPECT_EQ(scaled.Ticks(WallTime(0))[1].label, "0.1 s");
+    const TimeAxis twice(shown, {span(0, 1000), span(300100, 301100), span(999000, 1000000)}, 0, 1000, true);
+    ASSERT_EQ(twice.folds().size(), 2U);
+    EXPECT_EQ(twice.folds()[0].span.end, WallTime(300100));
+    for (const TimeAxis::Tick &tick : twice.Ticks(WallTime(0)))
+        EXPECT_FALSE(tick.x > twice.folds()[0].left && tick.x < twice.folds()[0].right);
+    EXPECT_EQ(TimeAxis(shown, {span(0, 1000)}, 0, 1000, true).folds().size(), 1U);
+    const TimeAxis minutes({WallTime(0), WallTime(200000000)}, {}, 0, 1000, false);
+    EXPECT_EQ(minutes.Ticks(WallTime(0))[3].label, "1:30 min");
 }
 
 } // namespace
