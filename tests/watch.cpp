@@ -32,6 +32,7 @@ TEST(Watch, PartsNumbersThatCameTogether)
         {"12345678910", 0, 12345678, {12345, 678910}},
         {"2147483647", 0, 2147483647, {2147483647}},
         {"101", 0, 100, {}},
+        {"05", 0, 100, {}},
         {"x", 0, 100, {}},
         {"", 0, 100, {}},
     };
@@ -79,8 +80,8 @@ TEST(Watch, LosesNoNumberAndEndsAsItShould)
     const std::pair<string, string> rows[] = {
         {"$w p 100 200 -- sh -c '" + all + "exit 7'; echo $?", lines + "7\n"},
         {"$w p 100 200 -- sh -c 'kill $PPID; while :; do :; done'; echo $?", "143\n"},
-        {"$w p 100 200 -- sh -c 'kill -KILL $PPID; " + all +
-             "echo on >end' & until [ -s end ]; do :; done; cat end; rm p",
+        {"$w p 100 200 -- sh -c 'kill -KILL $PPID; while grep -q \"^PPid:.$PPID$\" /proc/$$/status; do :; done; " +
+             all + "echo on >end' & until [ -s end ]; do :; done; cat end; rm p",
          "on\n"}, // what was killed does not stop the update
         {"$w p -- ./nothing 2>/dev/null; echo $?", "127\n"},
         {"$w p 100 200 & " + ready + all + "wait $!; echo $?", lines + "0\n"},
@@ -88,6 +89,9 @@ TEST(Watch, LosesNoNumberAndEndsAsItShould)
         {"mkfifo p; $w p 100 200 & printf 150 >p; printf 200 >p; wait $!; [ -p p ]; echo $?; rm p", "150\n200\n0\n"},
         {"{ $w p 100 200; echo $? >s; } | head -n 1 & " + ready + all + "wait $!; until [ -s s ]; do :; done; cat s",
          "100\n0\n"},
+        {"trap '' HUP; $w p 100 200 & " + ready + "kill -HUP $!; " + all + "wait $!; echo $?", lines + "0\n"},
+        {"$w p & " + ready + "printf x >p; kill $!; wait $!; echo $?",
+         "haldencap: \"x\" is no position up to 100\n143\n"},
         {"touch p; $w p 2>/dev/null; echo $?; rm p", "1\n"},
         {"$w p 5 5 2>/dev/null; echo $?; $w p 0 100 -- 2>/dev/null; echo $?", "2\n2\n"},
     };
