@@ -1,4 +1,5 @@
 #include "bench/devices/host.h"
+#include "bench/rig/realline.h"
 #include "bench/standin/folders.h"
 #include "bench/sweeps/runner.h"
 
@@ -141,6 +142,25 @@ TEST_F(Devices, FindWhatTheHostMayNotDo)
     }
 }
 
+TEST_F(Devices, CutAReplyAndTakeAFrameBehindABrokenMessage)
+{
+    camera.PowerOn();
+    camera.faults = ParseFaults("mode=first:3");
+    EXPECT_EQ(Ask(camera, FlashModeOf(3, 1, 0)), (Bytes{0x87, 0x61, 0x62}));
+    Ask(camera, {0x82, 0x06});
+    EXPECT_EQ(Ask(camera, BlockOf(0x88, 0, 5)), kAcked);
+}
+
+TEST_F(Devices, CountBlocksAnewInEachRun)
+{
+    micro.faults = ParseFaults("block0=noise:55");
+    for (const std::size_t size : {5U, 0U}) {
+        micro.PowerOn();
+        EXPECT_EQ(Ask(micro, MicroBlock(0, size)), (Bytes{0x55, 0x15, 0x06}));
+        EXPECT_EQ(micro.flash().size(), size);
+    }
+}
+
 // ---- Runs
 
 // A bench with sample images in a directory of its own.
@@ -203,14 +223,21 @@ TEST_F(BenchRun, ALineSpoilsOneByte)
         microLine.fault = fault;
         EXPECT_EQ(HeardOf(microLine), heard);
     }
+    EXPECT_EQ(micro.findings(), Texts{"message broken off, 10 bytes: FF 44 00 04 FE 01 FE 01 FE 01"});
+    microLine.fault = {Kind::kNone, LineFault::kToDevice};
+    micro.faults = ParseFaults("version=late:1000"); // the next run has no reply of this one
+    EXPECT_EQ(HeardOf(microLine), Bytes());
+    micro.faults = ParseFaults("noise=55");
     microLine.fault = {Kind::kDelay, LineFault::kToHost, 2, 0, 300};
     const auto begin = Line::Clock::now();
-    EXPECT_EQ(HeardOf(microLine), (Bytes{0xFF, 0x14, 0x72, 0x73}));
+    EXPECT_EQ(HeardOf(microLine), (Bytes{0x55, 0xFF, 0x14, 0x72}));
     EXPECT_GE(Line::Clock::now() - begin, std::chrono::milliseconds(300));
 }
 
 TEST_F(BenchRun, TellsHowAProgramEnded)
 {
+    const EndSignals blocked;
+    std::signal(SIGPIPE, SIG_IGN);
     options.environment = {{"TALVORA_BOARDID", "KORA"}};
     const RunResult result = Shell("echo out; echo err >&2; echo $PATH$TALVORA_BOARDID; kill -TERM $$");
     EXPECT_EQ(result.signal, SIGTERM);
@@ -225,8 +252,19 @@ TEST_F(BenchRun, TellsHowAProgramEnded)
     EXPECT_EQ(Shell("echo out || exit 8").status, 8);
     options.output = Output::kBroken;
     EXPECT_EQ(Shell("echo out").signal, SIGPIPE);
+    options.output = Output::kCapture;
+    options.preload = HALDENBENCH_PRELOAD;
+    options.ports[kMicroPort] = {.line = &microLine, .refusedOpens = 1, .openError = ENXIO};
+    EXPECT_TRUE(Has(Shell(": </dev/fpgaserial1").errors, "No such device or address"));
+    Texts notes;
+    Recorder recorder([&notes](const std::vector<Event> &events) {
+        for (const Event &event : events)
+            notes.push_back(event.note);
+    });
+    options.recorder = &recorder;
     options.limit = std::chrono::milliseconds(100);
-    EXPECT_TRUE(Shell("while :; do :; done").killed);
+    EXPECT_TRUE(Shell("trap '' TERM; while :; do :; done").killed);
+    EXPECT_EQ(notes, (Texts{"! killed at the limit", "signal 9"}));
     options.executable = "/nowhere";
     EXPECT_THROW(bench::Run(options), std::system_error);
 }
@@ -234,7 +272,7 @@ TEST_F(BenchRun, TellsHowAProgramEnded)
 TEST_F(BenchRun, ReadsOneNumberPerOpen)
 {
     options.fifo = "bar";
-    const string write = "for i in 1 2 3 4 5 6 7 8 9; do printf $i >bar || echo lost $i; done";
+    const string write = "sleep 0.1 >bar; for i in 1 2 3 4 5 6 7 8 9; do printf $i >bar || echo lost $i; done";
     EXPECT_EQ(Shell(write).progress, (Texts{"1", "2", "3", "4", "5", "6", "7", "8", "9"}));
 
     options.progress = {ProgressOptions::Reader::kDies, 2, {}};
@@ -247,6 +285,22 @@ TEST_F(BenchRun, ReadsOneNumberPerOpen)
     const RunResult leaves = Shell(write);
     EXPECT_EQ(leaves.progress, (Texts{"1", "2"}));
     EXPECT_TRUE(leaves.killed);
+}
+
+// A program that is slow to read its answer. The command comes in two parts.
+TEST_F(BenchRun, ALauncherAnswersEachCommand)
+{
+    std::filesystem::path path;
+    {
+        const Launcher launcher("0\n");
+        path = launcher.path();
+        EXPECT_THROW(Launcher("", path), std::system_error);
+        const string ask =
+            "printf %0300d 7 >" + launcher.path() + "; exec 3<" + launcher.path() + "; sleep 0.1; cat <&3; exec 3<&-; ";
+        EXPECT_EQ(Shell(ask + ask).output, "0\n0\n");
+        EXPECT_EQ(launcher.commands(), Texts(2, string(299, '0') + "7"));
+    }
+    EXPECT_FALSE(std::filesystem::exists(path.parent_path()));
 }
 
 // ---- Fault sweeps
@@ -314,9 +368,39 @@ TEST_F(BenchRun, CommandJudgesTheUpdate)
     EXPECT_EQ(std::count(transcript.begin(), transcript.end(), '\n'), 2 + 2 * (1 + 12 + 2 + 6));
     EXPECT_EQ(command({"--faults", "micro:block2=none", "--", HALDENFLASH_BINARY, "micro"}).status, 1)
         << "the updater takes silence for success, the bench does not";
+    EXPECT_EQ(command({"--faults", "camera:version=none", "--", HALDENFLASH_BINARY, "farsight"}).status, 1);
     EXPECT_EQ(command({"--faults", "micro:cut", "--", HALDENFLASH_BINARY, "micro"}).status, 2);
     EXPECT_EQ(command({"--line", "micro=no", "--faults", "micro:cut=1", "--", HALDENFLASH_BINARY, "micro"}).status, 2);
     EXPECT_EQ(command({}).status, 2);
+}
+
+// Each row has the words, and a part of what is printed. Behind it stands the status.
+TEST_F(BenchRun, CommandTakesItsWords)
+{
+    options.environment = {{"TALVORA_BOARDID", "of mine"}};
+    const std::pair<string, string> rows[] = {
+        {"--strict -- sh", "--strict needs --replay\n2\n"},
+        {"--replay haldenmicro.bin --capture haldenmicro.bin", "would write over the capture that --replay reads\n2\n"},
+        {"--serve micro=a --line micro=b", "there can be no command, no --line and no --replay with it\n2\n"},
+        {"--faults engine:cut=1 -- sh", "the value has to be micro:TEXT or camera:TEXT\n2\n"},
+        {"--config nowhere -- sh", "--config: there is no directory nowhere\n2\n"},
+        {"--transcript no/where -- /bin/touch ran", "cannot write no/where\n1\n"},
+        {"-- ran", "/ran\n2\n"},
+        {"-- /bin/sh -c 'echo $TALVORA_BOARDID'", "of mine\n"},
+        {"-- /bin/sh -c 'read a || echo none' <farsightcamver", "none\n"},
+        {"-- /bin/sh -c 'echo >/dev/fpgaserial1' 2>/dev/null", "\n! byte 0A outside a frame\n1\n"},
+        {"--config . -- /bin/sh -c 'read a </opt/talvora/farsightcamver && echo $a'", "0204\n"},
+        {"--capture - -- /bin/sleep 0.2 | head -c 1 >/dev/null", "haldenbench: cannot write -: Broken pipe\n0\n"},
+        {"-- /bin/sh -c 'kill $$'", "the command was ended by signal 15\n"},
+        {"-- /bin/false", "system image: version 0306, 0 blocks, 0 bytes, 0 findings: had no part in the run\n1\n"},
+        {"--line micro=nowhere -- /bin/true", "haldenbench: nowhere: there is no such device\n1\n"},
+        {"--launcher 5 -- /bin/sh -c 'echo >/tmp/plaunch; read a </tmp/plaunch && echo $a'", "5\n"},
+    };
+    for (const auto &[words, text] : rows) {
+        const RunResult result = Shell("exec 2>&1; " HALDENBENCH_BINARY " " + words + "; echo $?; [ ! -e ran ]");
+        EXPECT_TRUE(Has(result.output, text)) << result.output;
+        EXPECT_EQ(result.status, 0) << words;
+    }
 }
 
 } // namespace
