@@ -1,9 +1,10 @@
+#include "bench/rig/replay.h"
 #include "bench/capture/images.h"
+#include "bench/devices/host.h"
 #include "bench/devices/micro.h"
 #include "bench/options.h"
 #include "bench/rig/images.h"
 #include "bench/rig/recorder.h"
-#include "bench/rig/replayscript.h"
 #include "bench/rig/run.h"
 
 #include <algorithm>
@@ -160,7 +161,7 @@ TEST_F(Replaying, NamesWhatIsMissingOrTooMuch)
         all.insert(all.end(), words.begin(), words.end());
         const RunResult result = Command(all);
         EXPECT_TRUE(Has(result.output, output)) << result.output;
-        EXPECT_TRUE(Has(result.errors, errors)) << result.errors;
+        EXPECT_EQ(result.errors, errors);
         EXPECT_EQ(result.status, 1);
     }
 }
@@ -173,10 +174,31 @@ TEST_F(Replaying, ACommandLineIsTheSameBehindItsQuotes)
     EXPECT_EQ(Unquoted(R"( a\ b "c \"d" )"), (Texts{"a b", "c \"d"}));
 }
 
+// The microcontroller runs the last version there is, and one block came to it.
+TEST(RebuiltImages, HaveTheSameEffect)
+{
+    Bytes version(15, 0xFF);
+    version[1] = 0x14;
+    Capture capture = {{"haldenflash micro q", "", {"farsightsys.bin missing"}, ""},
+                       {{.port = kMicroPort, .way = Way::kToDevice, .bytes = FrameOf(0x44, {1})},
+                        {.port = kMicroPort, .way = Way::kToHost, .bytes = version},
+                        {.port = kCameraPort, .note = "open"},
+                        {.note = "exit 1"}}};
+    EXPECT_EQ(RebuildFiles(capture).contents[kMicroImage], Bytes{1});
+    capture.events.back().note = "exit 0";
+    EXPECT_EQ(RebuildFiles(capture).contents[kMicroImage], Bytes{0xFF});
+    capture.events.push_back({.port = kMicroPort, .way = Way::kToDevice, .bytes = BlockOf(0x48, 0, 512)});
+    const Texts remarks = RebuildFiles(capture).remarks;
+    EXPECT_EQ(remarks[0], "haldenmicro.bin: 512 of 6144 bytes were sent; the others are not known, and are zero here; "
+                          "its size is not known either");
+    EXPECT_EQ(remarks.size(), 4U);
+}
+
 // The line is faster than the devices' one, and the program has stopped to wait when the reply comes.
 TEST_F(Replaying, KeepsAVerdictTooLate)
 {
     WriteSamples(folder_, {});
+    WriteFile(At("run"), Bytes(1000000)); // which goes
     Command({"--dir", folder_, "--fast", "--faults", "camera:block1=late:4500", "--capture", At("run"), "--",
              HALDENFLASH_BINARY, "farsight"});
     const RunResult result = Command({"--replay", At("run"), "--fast"});
@@ -197,15 +219,59 @@ TEST(AScript, CountsTimesInThePausesOfTheReplay)
     EXPECT_EQ(ScriptOf(events, true).messages[0].replies[0].delay, 55ms - 95us);
 }
 
+TEST(AScript, KeepsOnlyRepliesTooLate)
+{
+    using namespace std::chrono_literals;
+    const auto script = [](const char *note) {
+        return ScriptOf(
+            {{.begin = 1s, .end = 1s + 1ms, .port = 0, .way = Way::kToDevice, .bytes = {0x82, 6, 0x77}},
+             {.begin = 1s + 2ms, .end = 1s + 2ms, .port = 0, .note = note},
+             {.begin = 1s + 5ms, .end = 1s + 5ms, .port = 0, .way = Way::kToHost, .bytes = {2}},
+             {.begin = 1s + 9ms, .end = 1s + 9ms, .port = 0, .way = Way::kToDevice, .bytes = {0x82, 6, 0x77}}},
+            true);
+    };
+    EXPECT_EQ(script("close").messages[0].replies[0].delay, 4ms);
+    EXPECT_EQ(script("wait 1000").messages[0].replies[0].delay, 0ms);
+    EXPECT_EQ(script("close").messages[1].gap, 8ms);
+}
+
+// The program leaves the capture. What it sends on another line then does not count.
+TEST(AReplay, TellsWhereTheProgramLeft)
+{
+    Capture capture = {{},
+                       {{.port = 1, .way = Way::kToHost, .bytes = {8}},
+                        {.port = 1, .way = Way::kToDevice, .bytes = {1, 2, 3}},
+                        {.port = 7, .note = "open refused ENOENT"}}};
+    Replay replay(capture, true), same(capture, true);
+    EXPECT_EQ(replay.peer(1).Receive({}).size(), 1U);
+    replay.peer(1).Receive(Bytes{1, 2, 7});
+    replay.peer(0).Receive(Bytes{5});
+    EXPECT_EQ(replay.Differences({}).back(), "  now:  01 02 [07]");
+    same.peer(1).Receive(Bytes{1, 2, 3, 4}); // the capture may have been cut off there
+    RunResult stopped;
+    stopped.killed = true;
+    EXPECT_EQ(same.Differences(stopped), Texts{"the program had to be stopped"});
+    Line line(same.peer(7));
+    RunOptions options;
+    options.ports[7].line = &line;
+    same.Order(options);
+    EXPECT_EQ(options.ports[7].line, nullptr);
+}
+
 // A busy machine sees the bytes of the first write before the log has it, and those of the others with some delay.
 TEST(ARecorder, BeginsNoMessageBeforeTheReplyInFront)
 {
     using namespace std::chrono_literals;
     const CallLog log;
     std::ofstream file(log.Path(), std::ios::binary | std::ios::in);
-    const string lines = "100 \twrite 1\n200 \twrite 1\n700 \twrite 1\n"; // the bytes of the second never come
+    string lines = "100 \twrite 1\n200 \twrite 1\n660 \twrite 1\n661 \twrite 1 refused EIO\n"
+                   "70__0 \twrite 1\n";     // the bytes of the second never come
+    std::ranges::replace(lines, '_', '\0'); // and a program that was killed left a hole
     const auto used = static_cast<std::uint32_t>(lines.size());
     file.write(reinterpret_cast<const char *>(&used), sizeof used) << lines << std::flush;
+    std::size_t position = 0;
+    EXPECT_EQ(log.Read(position, false).size(), 4U);
+    EXPECT_EQ(NoteOf({{}, "lost close", ""}).note, "");
     Micro micro(1);
     Line line(micro);
     std::vector<WallTime> begins;
@@ -224,8 +290,9 @@ TEST(ARecorder, BeginsNoMessageBeforeTheReplyInFront)
     pass(LineFault::kToHost, 650us, 650us);
     pass(LineFault::kToHost, 720us, 720us); // this one was not waited for
     pass(LineFault::kToDevice, 800us, 900us);
+    pass(LineFault::kToDevice, 850us, 950us);
     recorder.Finish();
-    EXPECT_EQ(begins, (std::vector<WallTime>{0us, 400us, 400us, 550us, 600us, 620us}));
+    EXPECT_EQ(begins, (std::vector<WallTime>{0us, 400us, 400us, 550us, 561us, 600us, 620us, 800us}));
 }
 
 TEST_F(Replaying, RefusesCallsThatNoRunCanRepeat)
@@ -236,6 +303,11 @@ TEST_F(Replaying, RefusesCallsThatNoRunCanRepeat)
     EXPECT_EQ(result.errors,
               "haldenbench: the capture cannot be replayed: no run can repeat \"read refused EIO\" of micro\n");
     EXPECT_EQ(result.status, 1);
+    for (const auto &[first, second] : std::initializer_list<std::pair<const char *, const char *>>{
+             {"open", "open refused ENOENT"},
+             {"open", "open refused EBUSY"},
+             {"rx enabled refused EIO", "rx disabled refused EIO"}})
+        EXPECT_THROW(FailedCallsOf({{.port = 0, .note = first}, {.port = 0, .note = second}}), std::runtime_error);
     std::erase_if(capture.events, [](const Event &event) { return !event.note.starts_with("wait"); });
     EXPECT_EQ(Command({"--replay", Write(capture)}).errors,
               "haldenbench: the capture cannot be replayed: it has no message of a program, and no end of one\n");
@@ -250,6 +322,7 @@ TEST_F(Replaying, AKilledBenchLeavesAReadableCapture)
     std::istringstream stream(result.output);
     const Capture capture = ReadCapture(stream);
     EXPECT_TRUE(Has(capture.info.command, "haldenflash micro"));
+    EXPECT_EQ(capture.info.files.back(), "farsightsysver text 0307\\x0A");
     EXPECT_EQ(capture.events.back().note, "wait 3000000");
     EXPECT_TRUE(Has(result.errors, "########### Flashing Halden Micro Controller")) << "the rest is not in the stream";
 }
