@@ -1,6 +1,7 @@
 // Lines to real devices. A line of the bench stands for the adapter: its pseudo-terminal is the terminal, and a device
 // in software is behind it. tests/socat has what needs two processes.
 #include "bench/rig/realline.h"
+#include "bench/devices/host.h"
 #include "bench/rig/images.h"
 #include "bench/standin/driver.h"
 
@@ -8,6 +9,7 @@
 #include <filesystem>
 #include <future>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 
 namespace
@@ -136,6 +138,40 @@ TEST_F(RealLines, RefuseASpeedAndKeepTheSettings)
     EXPECT_EQ(SwitchReceiver(terminal.fd(), true), 0);
     adapter.reset();
     EXPECT_EQ(SwitchReceiver(terminal.fd(), false), EIO);
+}
+
+TEST_F(RealLines, TakeAsMuchAsTheTerminalCan)
+{
+    const Descriptor other(open(adapter->path().c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC));
+    const Bytes request = FrameOf(0x44, {1});
+    ASSERT_GT(write(other.get(), request.data(), request.size()), 0);
+    pollfd answered = {other.get(), POLLIN, 0};
+    ASSERT_EQ(poll(&answered, 1, 5000), 1);
+    const Terminal terminal(adapter->path());
+    TerminalPeer peer(terminal);
+    EXPECT_EQ(peer.Fetch(), Bytes()) << "it came before";
+    adapter->Stop();
+    peer.Receive(Bytes(100000, 0x12));
+    EXPECT_TRUE(peer.full());
+    adapter->Start();
+    for (int tries = 5000; tries > 0 && peer.full() && peer.Fetch(); --tries)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    EXPECT_FALSE(peer.full());
+}
+
+TEST_F(RealLines, AreServedWithEvenParityUntilASignal)
+{
+    const Descriptor other(open(adapter->path().c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC));
+    std::signal(SIGINT, SIG_IGN);
+    const EndSignals signals;
+    ServedLines lines;
+    lines.emplace_back(micro, adapter->path(), 57600);
+    termios settings = {};
+    tcgetattr(other.get(), &settings);
+    EXPECT_EQ(settings.c_cflag & PARODD, 0U);
+    raise(SIGHUP);
+    signals.Await(lines);
+    EXPECT_EQ(std::signal(SIGINT, SIG_IGN), SIG_IGN);
 }
 
 TEST_F(RealLines, ThatHangUpEndTheRunByTheProgramsOwnMeans)
