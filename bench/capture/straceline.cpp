@@ -90,7 +90,9 @@ StraceTime TakeTime(std::string_view &text)
     if (!number)
         return {};
     StraceTime time = {.kind = StraceTime::Kind::kNumber, .value = WallTime{*number * kSecond}};
-    if (const auto ofDay = TakeOfDay(*number, rest)) {
+    std::string_view behind = rest;
+    if (const auto ofDay = TakeOfDay(*number, behind)) {
+        rest = behind;
         time.kind = StraceTime::Kind::kOfDay;
         time.value = *ofDay;
     } else if (!EndsWord(rest) && rest.front() != '.') {
