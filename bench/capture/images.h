@@ -1,7 +1,6 @@
 // The files of an update, rebuilt from what was sent. A replay of the capture needs no other file then.
 // - An image has the bytes of its blocks, in the order in which they were sent. The updater always goes on with the
-// next
-//   bytes of its file.
+//   next bytes of its file.
 // - What was not sent is zero, up to the size that the capture tells.
 // - An image that was not sent gets such a first byte, or its version file such a text, that it is not sent again.
 #pragma once
