@@ -185,9 +185,12 @@ TEST_F(RealLines, ThatHangUpEndTheRunByTheProgramsOwnMeans)
     while (carried < 3000 && run.wait_for(std::chrono::milliseconds(1)) != std::future_status::ready)
         ;
     const string path = adapter->path();
+    const Descriptor program(open(port().line->path().c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC));
     adapter.reset();
     const RunResult result = run.get();
     EXPECT_EQ(line.Complaint(), path + " hung up");
+    pollfd hung = {program.get(), 0, 0};
+    EXPECT_EQ(poll(&hung, 1, 5000), 1) << "the program's end did not hang up";
     EXPECT_FALSE(result.killed);
     EXPECT_LT(result.seconds, 10);
     EXPECT_EQ(result.status, 255) << result.output;

@@ -105,6 +105,18 @@ end      exit 255
 )");
 }
 
+TEST(Show, TakesNoAnswerBehindNoise)
+{
+    Story run;
+    run.Send(kRequest);
+    run.Send({1, 2});
+    Bytes version(15, 0x20);
+    version[0] = 0xFF;
+    version[1] = 0x14;
+    run.Answer(version);
+    EXPECT_NE(run.Text().find("status request ! no answer\n"), string::npos);
+}
+
 TEST(Timeline, GivesEachBlockTheFormOfItsVerdict)
 {
     const string picture = FaultyRun().Picture();
