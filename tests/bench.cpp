@@ -1,7 +1,7 @@
 #include "bench/devices/host.h"
 #include "bench/rig/realline.h"
-#include "bench/standin/folders.h"
 #include "bench/sweeps/runner.h"
+#include "tests/shellrun.h"
 
 #include <algorithm>
 #include <csignal>
@@ -163,25 +163,7 @@ TEST_F(Devices, CountBlocksAnewInEachRun)
 
 // ---- Runs
 
-// A bench with sample images in a directory of its own.
-struct BenchRun : testing::Test {
-    BenchRun()
-    {
-        options.directory = std::filesystem::current_path();
-        WriteSamples(options.directory, {});
-    }
-    RunResult Shell(const string &script)
-    {
-        options.executable = "/bin/sh";
-        options.arguments = {"sh", "-c", script};
-        return bench::Run(options);
-    }
-
-    const ConfigFolders folders;
-    Micro micro{0x20};
-    Line microLine{micro};
-    RunOptions options;
-};
+using BenchRun = ShellRun;
 
 // The first four bytes of the status reply as they come over the line, or all that come before a pause.
 Bytes HeardOf(Line &line)

@@ -1,9 +1,5 @@
 // The bench and programs of the desk's shell. The emulated board's shell is a static file: it takes no preload library.
-#include "bench/rig/images.h"
-#include "bench/rig/run.h"
-#include "bench/standin/folders.h"
-
-#include <gtest/gtest.h>
+#include "tests/shellrun.h"
 
 namespace
 {
@@ -11,29 +7,14 @@ namespace
 using namespace bench;
 using std::string;
 
-struct DeskBench : testing::Test {
-    DeskBench()
-    {
-        WriteSamples(".", {});
-        options.executable = "/bin/sh";
-        options.environment = {{"TALVORA_BOARDID", "of mine"}};
-    }
-    RunResult Shell(const string &script)
-    {
-        options.arguments = {"sh", "-c", script};
-        return bench::Run(options);
-    }
-
-    const ConfigFolders folders;
-    Micro micro{0x20};
-    Line line{micro};
-    RunOptions options;
+struct DeskBench : ShellRun {
+    DeskBench() { options.environment = {{"TALVORA_BOARDID", "of mine"}}; }
 };
 
 TEST_F(DeskBench, OpensArePlayedWithTheirError)
 {
     options.preload = HALDENBENCH_PRELOAD;
-    options.ports[kMicroPort] = {.line = &line, .refusedOpens = 1, .openError = ENXIO};
+    options.ports[kMicroPort] = {.line = &microLine, .refusedOpens = 1, .openError = ENXIO};
     const string errors = Shell(": </dev/fpgaserial1").errors;
     EXPECT_NE(errors.find("No such device or address"), string::npos) << errors;
 }
